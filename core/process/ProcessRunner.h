@@ -1,0 +1,68 @@
+#pragma once
+
+#include "ProcessResult.h"
+
+#include <cstddef>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <optional>
+#include <stop_token>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace veltra {
+
+// One tool run. Only `command` is required.
+struct ProcessRequest {
+    // A path ("/..." or "./...") run as it is, or a bare tool name looked up on the child's PATH.
+    std::string command{};
+    std::vector<std::string> arguments{};
+    // The child's working directory; the caller's when absent.
+    std::optional<std::filesystem::path> currentDirectory{};
+    // Variables set over the application's environment (a PATH here replaces the prefixed one).
+    std::map<std::string, std::string> environment{};
+    // Seconds; finite. Absent means no limit.
+    std::optional<double> timeout{};
+    // Fed to the child's standard input (at most 4096 bytes); secrets go here, never in arguments.
+    std::optional<std::string> standardInput{};
+    // Byte cap on each captured stream; the tail is kept. Defaults to 1 MiB when streaming.
+    std::optional<long long> captureLimit{};
+    // Called from reader threads with each chunk of output that is valid UTF-8 on its own.
+    // Chunks are not lines; a chunk that splits a character is captured but not passed here.
+    std::function<void(std::string_view)> onOutput{};
+};
+
+// The one way Veltra starts an external program. Stateless; safe to use from many threads.
+class ProcessRunner {
+public:
+    static constexpr std::string_view pathPrefix =
+        "/opt/homebrew/bin:/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin:";
+    static constexpr std::size_t maxStandardInput = 4096;
+    static constexpr std::size_t defaultStreamingCaptureLimit = 1024 * 1024;
+
+    // Runs the tool to completion. Throws ProcessExecutionError (input too large, timed out),
+    // CancellationError when `stop` is requested (the tool and its process group are killed),
+    // or VeltraError (domain "POSIX") when it cannot be launched. A non-zero exit is returned.
+    ProcessResult run(const ProcessRequest& request, std::stop_token stop = {}) const;
+    ProcessResult run(std::string command, std::vector<std::string> arguments,
+                      std::stop_token stop = {}) const;
+
+    struct Launch {
+        std::string executable;
+        std::vector<std::string> argv; // including argv[0]
+    };
+    // Paths starting with "/" or "./" run directly; anything else runs as /usr/bin/env <name>.
+    static Launch resolveLaunch(const std::string& command,
+                                const std::vector<std::string>& arguments);
+    // The child's environment: `parent` with PATH prefixed, then `overrides` on top.
+    static std::map<std::string, std::string>
+    childEnvironment(std::map<std::string, std::string> parent,
+                     const std::map<std::string, std::string>& overrides);
+    static std::map<std::string, std::string> applicationEnvironment();
+    static std::optional<std::size_t> effectiveCaptureLimit(std::optional<long long> requested,
+                                                            bool streaming);
+};
+
+} // namespace veltra

@@ -1,0 +1,356 @@
+#include "TestSupport.h"
+#include "core/process/ProcessExecutionError.h"
+#include "core/process/ProcessRunner.h"
+#include "core/support/VeltraError.h"
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <fstream>
+#include <mutex>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+namespace veltra {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::TempDir;
+
+// After every run, nothing of ours may be left to reap.
+void expectNoChildren() {
+    int status = 0;
+    errno = 0;
+    EXPECT_EQ(::waitpid(-1, &status, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
+}
+
+class ProcessRunnerTest : public ::testing::Test {
+protected:
+    void TearDown() override { expectNoChildren(); }
+
+    ProcessRunner runner;
+    TempDir dir;
+};
+
+TEST(ProcessRunnerLaunch, ResolvesCommandsAndEnvironment) {
+    struct Row {
+        const char* name;
+        std::string command;
+        std::string executable;
+        std::vector<std::string> argv;
+    };
+    const std::vector<Row> rows{
+        {"bare name goes through env",
+         "xcodebuild",
+         "/usr/bin/env",
+         {"/usr/bin/env", "xcodebuild", "-version"}},
+        {"absolute path runs directly",
+         "/usr/bin/git",
+         "/usr/bin/git",
+         {"/usr/bin/git", "-version"}},
+        {"dot-slash runs directly", "./tool", "./tool", {"./tool", "-version"}},
+        {"relative without dot-slash is a name",
+         "bin/tool",
+         "/usr/bin/env",
+         {"/usr/bin/env", "bin/tool", "-version"}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const auto launch = ProcessRunner::resolveLaunch(row.command, {"-version"});
+        EXPECT_EQ(launch.executable, row.executable);
+        EXPECT_EQ(launch.argv, row.argv);
+    }
+
+    const std::string prefix(ProcessRunner::pathPrefix);
+    EXPECT_EQ(ProcessRunner::childEnvironment({{"HOME", "/h"}}, {}).at("PATH"), prefix);
+    EXPECT_EQ(prefix.back(), ':');
+    EXPECT_EQ(ProcessRunner::childEnvironment({{"PATH", "/x:/y"}}, {}).at("PATH"),
+              prefix + "/x:/y");
+    const auto overridden = ProcessRunner::childEnvironment({{"PATH", "/x"}, {"A", "1"}},
+                                                            {{"PATH", "/only"}, {"A", "2"}});
+    EXPECT_EQ(overridden.at("PATH"), "/only");
+    EXPECT_EQ(overridden.at("A"), "2");
+
+    EXPECT_EQ(ProcessRunner::effectiveCaptureLimit(std::nullopt, false), std::nullopt);
+    EXPECT_EQ(ProcessRunner::effectiveCaptureLimit(std::nullopt, true), 1048576u);
+    EXPECT_EQ(ProcessRunner::effectiveCaptureLimit(-5, true), 0u);
+    EXPECT_EQ(ProcessRunner::effectiveCaptureLimit(10, false), 10u);
+}
+
+TEST_F(ProcessRunnerTest, BareNamesAreFoundOnTheChildsPath) {
+    testing::writeScript(dir / "veltra-probe", "printf 'probe:%s' \"$1\"");
+    ProcessRequest request{.command = "veltra-probe", .arguments = {"x y"}};
+    request.environment["PATH"] = dir.path().string() + ":/usr/bin:/bin";
+    const auto result = runner.run(request);
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(result.output, "probe:x y");
+
+    // Without the caller's PATH the prefixed one is used, so plain tools resolve.
+    const auto missing = runner.run("veltra-no-such-tool", {});
+    EXPECT_EQ(missing.exitCode, 127);
+    EXPECT_NE(missing.errorOutput.find("veltra-no-such-tool"), std::string::npos);
+}
+
+TEST_F(ProcessRunnerTest, ChildSeesPrefixedPathOverridesAndWorkingDirectory) {
+    std::filesystem::create_directories(dir / "work");
+    ProcessRequest request{
+        .command = "/bin/sh",
+        .arguments = {"-c", "printf '%s|%s|%s' \"$PATH\" \"$VELTRA_X\" \"$(pwd -P)\""}};
+    request.environment["VELTRA_X"] = "over ridden";
+    request.currentDirectory = dir / "work";
+    const auto result = runner.run(request);
+    const auto parentPath = ProcessRunner::applicationEnvironment()["PATH"];
+    EXPECT_EQ(result.output, std::string(ProcessRunner::pathPrefix) + parentPath + "|over ridden|" +
+                                 std::filesystem::canonical(dir / "work").string());
+}
+
+TEST_F(ProcessRunnerTest, DotSlashCommandsResolveAgainstTheCallersDirectory) {
+    testing::writeScript(dir / "tool.sh", "printf '%s' \"$(pwd -P)\"");
+    std::filesystem::create_directories(dir / "elsewhere");
+    const auto previous = std::filesystem::current_path();
+    std::filesystem::current_path(dir.path());
+    ProcessRequest request{.command = "./tool.sh"};
+    request.currentDirectory = dir / "elsewhere";
+    const auto result = runner.run(request);
+    std::filesystem::current_path(previous);
+    EXPECT_EQ(result.output, std::filesystem::canonical(dir / "elsewhere").string());
+}
+
+TEST_F(ProcessRunnerTest, LaunchFailuresThrowThePlatformError) {
+    try {
+        runner.run((dir / "missing-tool").string(), {});
+        FAIL() << "no error";
+    } catch (const VeltraError& error) {
+        EXPECT_EQ(error.domain(), "POSIX");
+        EXPECT_EQ(error.code(), ENOENT);
+        EXPECT_NE(std::string(error.what()).find("missing-tool"), std::string::npos);
+    }
+    ProcessRequest badDirectory{.command = "/bin/true"};
+    badDirectory.currentDirectory = dir / "no-such-dir";
+    EXPECT_THROW(runner.run(badDirectory), VeltraError);
+
+    testing::writeFile(dir / "not-executable", "#!/bin/sh\n");
+    EXPECT_THROW(runner.run((dir / "not-executable").string(), {}), VeltraError);
+}
+
+TEST_F(ProcessRunnerTest, StandardInputUpTo4096BytesIsFedAndMoreIsRefusedBeforeLaunch) {
+    const std::string exact(4096, 's');
+    ProcessRequest request{.command = "cat", .standardInput = exact};
+    const auto result = runner.run(request);
+    EXPECT_EQ(result.output, exact);
+
+    const auto marker = dir / "launched";
+    request = ProcessRequest{.command = "/bin/sh",
+                             .arguments = {"-c", "touch '" + marker.string() + "'; cat"},
+                             .standardInput = std::string(4097, 's')};
+    try {
+        runner.run(request);
+        FAIL() << "no error";
+    } catch (const ProcessExecutionError& error) {
+        EXPECT_EQ(error.kind(), ProcessExecutionError::Kind::inputTooLarge);
+        EXPECT_STREQ(error.what(), "Protected command input must be at most 4096 bytes.");
+    }
+    EXPECT_FALSE(std::filesystem::exists(marker));
+
+    // An empty input is still an input: the child sees end of file at once.
+    request = ProcessRequest{.command = "cat", .standardInput = std::string()};
+    EXPECT_EQ(runner.run(request).output, "");
+}
+
+TEST_F(ProcessRunnerTest, OutputOfAToolThatExitsAtOnceIsCapturedWithItsStatus) {
+    const auto quick = runner.run("/bin/sh", {"-c", "printf out; printf err >&2; exit 3"});
+    EXPECT_EQ(quick.exitCode, 3);
+    EXPECT_EQ(quick.output, "out");
+    EXPECT_EQ(quick.errorOutput, "err");
+
+    // More than one drain's worth, written before the first poll can run.
+    const auto big = runner.run("head", {"-c", "3000000", "/dev/zero"});
+    EXPECT_EQ(big.output.size(), 3000000u);
+}
+
+TEST_F(ProcessRunnerTest, SignalDeathsReportTheSignalNumber) {
+    EXPECT_EQ(runner.run("/bin/sh", {"-c", "kill -TERM $$"}).exitCode, SIGTERM);
+    EXPECT_EQ(runner.run("/bin/sh", {"-c", "kill -KILL $$"}).exitCode, SIGKILL);
+}
+
+TEST_F(ProcessRunnerTest, InvalidUtf8IsReplacedInTheResult) {
+    const auto result = runner.run("printf", {"a\\377b\\342\\202c"});
+    EXPECT_EQ(result.output, "a\xEF\xBF\xBD"
+                             "b\xEF\xBF\xBD"
+                             "c");
+}
+
+TEST_F(ProcessRunnerTest, CaptureLimitKeepsTheTailWhileStreamingEverything) {
+    std::mutex lock;
+    std::size_t streamed = 0;
+    ProcessRequest request{.command = "head", .arguments = {"-c", "200000", "/dev/zero"}};
+    request.captureLimit = 0;
+    request.onOutput = [&](std::string_view chunk) {
+        const std::lock_guard guard(lock);
+        streamed += chunk.size();
+    };
+    auto result = runner.run(request);
+    EXPECT_EQ(result.output, "");
+    EXPECT_EQ(result.errorOutput, "");
+    EXPECT_EQ(streamed, 200000u);
+
+    request = ProcessRequest{.command = "/bin/sh",
+                             .arguments = {"-c", "printf 0123456789abcdef; printf 'e1e2e3' >&2"}};
+    request.captureLimit = 10;
+    result = runner.run(request);
+    EXPECT_EQ(result.output, "6789abcdef");
+    EXPECT_EQ(result.errorOutput, "e1e2e3");
+
+    // Streaming without a limit caps each buffer at 1 MiB, keeping the last bytes.
+    testing::writeFile(dir / "big", std::string(3 << 20, 'x') + "THE END");
+    request = ProcessRequest{.command = "cat", .arguments = {(dir / "big").string()}};
+    request.onOutput = [](std::string_view) {};
+    result = runner.run(request);
+    EXPECT_EQ(result.output.size(), 1u << 20);
+    EXPECT_TRUE(result.output.ends_with("xxTHE END"));
+}
+
+TEST_F(ProcessRunnerTest, SplitCharacterIsCapturedButNotStreamed) {
+    // cat writes the file in one go; reads of 16,384 bytes then split the "é".
+    const std::string text = std::string(16383, 'a') + "\xC3\xA9" + "z";
+    testing::writeFile(dir / "split", text);
+    std::mutex lock;
+    std::string streamed;
+    ProcessRequest request{.command = "cat", .arguments = {(dir / "split").string()}};
+    request.onOutput = [&](std::string_view chunk) {
+        const std::lock_guard guard(lock);
+        streamed += chunk;
+    };
+    const auto result = runner.run(request);
+    EXPECT_EQ(result.output, text);
+    EXPECT_EQ(streamed.find("\xC3\xA9"), std::string::npos);
+    EXPECT_LT(streamed.size(), text.size());
+}
+
+TEST_F(ProcessRunnerTest, TimeOutsKillTheToolAndTruncateTheSecondsInTheMessage) {
+    struct Row {
+        double timeout;
+        const char* message;
+    };
+    for (const Row row :
+         {Row{0,
+              "The command did not finish within 0 seconds. Check your connection and try again."},
+          Row{2.9, "The command did not finish within 2 seconds. Check your connection and try "
+                   "again."}}) {
+        SCOPED_TRACE(row.timeout);
+        const auto started = std::chrono::steady_clock::now();
+        try {
+            runner.run(
+                ProcessRequest{.command = "sleep", .arguments = {"30"}, .timeout = row.timeout});
+            FAIL() << "no time-out";
+        } catch (const ProcessExecutionError& error) {
+            EXPECT_EQ(error.kind(), ProcessExecutionError::Kind::timedOut);
+            EXPECT_DOUBLE_EQ(error.timeout(), row.timeout);
+            EXPECT_STREQ(error.what(), row.message);
+        }
+        const auto elapsed = std::chrono::steady_clock::now() - started;
+        EXPECT_GE(elapsed, std::chrono::duration<double>(row.timeout));
+        EXPECT_LT(elapsed, std::chrono::duration<double>(row.timeout) + 10s);
+    }
+    // A tool that finishes in time is a plain result.
+    EXPECT_EQ(runner.run(ProcessRequest{.command = "true", .timeout = 20.0}).exitCode, 0);
+}
+
+TEST_F(ProcessRunnerTest, CancellingKillsTheToolAndItsHelpers) {
+    std::stop_source stop;
+    std::mutex lock;
+    std::string streamed;
+    ProcessRequest request{.command = "/bin/sh", .arguments = {"-c", "sleep 30 & echo $!; wait"}};
+    request.onOutput = [&](std::string_view chunk) {
+        const std::lock_guard guard(lock);
+        streamed += chunk;
+    };
+    std::jthread canceller([&] {
+        for (int i = 0; i < 500; ++i) {
+            {
+                const std::lock_guard guard(lock);
+                if (streamed.find('\n') != std::string::npos) {
+                    break;
+                }
+            }
+            std::this_thread::sleep_for(10ms);
+        }
+        stop.request_stop();
+    });
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_THROW(runner.run(request, stop.get_token()), CancellationError);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 10s);
+    canceller.join();
+
+#if defined(__linux__)
+    // The helper was in the tool's process group; it must not live on as an orphan.
+    const auto helper = std::stoi(streamed);
+    const auto stat = std::filesystem::path("/proc") / std::to_string(helper) / "stat";
+    std::string state = "R";
+    for (int i = 0; i < 200 && std::filesystem::exists(stat); ++i) {
+        std::ifstream in(stat);
+        std::string pid, name;
+        in >> pid >> name >> state;
+        if (state == "Z" || state == "X") {
+            break;
+        }
+        std::this_thread::sleep_for(10ms);
+    }
+    EXPECT_TRUE(!std::filesystem::exists(stat) || state == "Z" || state == "X") << state;
+#endif
+}
+
+TEST_F(ProcessRunnerTest, AlreadyCancelledCallerLaunchesNothing) {
+    std::stop_source stop;
+    stop.request_stop();
+    const auto marker = dir / "launched";
+    EXPECT_THROW(runner.run("/bin/sh", {"-c", "touch '" + marker.string() + "'"}, stop.get_token()),
+                 CancellationError);
+    EXPECT_FALSE(std::filesystem::exists(marker));
+
+    // A stop after the run finished changes nothing.
+    std::stop_source later;
+    const auto result = runner.run("/bin/echo", {"done"}, later.get_token());
+    later.request_stop();
+    EXPECT_EQ(result.output, "done\n");
+}
+
+TEST_F(ProcessRunnerTest, FiftyConcurrentRunsKeepTheirOwnOutput) {
+    constexpr int runs = 50;
+    std::vector<ProcessResult> results(runs);
+    std::atomic<int> failures = 0;
+    {
+        std::vector<std::jthread> threads;
+        for (int i = 0; i < runs; ++i) {
+            threads.emplace_back([&, i] {
+                try {
+                    ProcessRequest request{
+                        .command = "/bin/sh",
+                        .arguments =
+                            {"-c",
+                             "cat; printf ' %s' \"$0\"; printf 'e%s' \"$0\" >&2; exit $(($0 % 7))",
+                             std::to_string(i)},
+                        .standardInput = "in" + std::to_string(i)};
+                    request.onOutput = [](std::string_view) {};
+                    results[static_cast<std::size_t>(i)] = runner.run(request);
+                } catch (...) {
+                    ++failures;
+                }
+            });
+        }
+    }
+    EXPECT_EQ(failures, 0);
+    for (int i = 0; i < runs; ++i) {
+        const auto& result = results[static_cast<std::size_t>(i)];
+        EXPECT_EQ(result.output, "in" + std::to_string(i) + " " + std::to_string(i));
+        EXPECT_EQ(result.errorOutput, "e" + std::to_string(i));
+        EXPECT_EQ(result.exitCode, i % 7);
+    }
+}
+
+} // namespace
+} // namespace veltra
