@@ -1,0 +1,15 @@
+#pragma once
+
+#include <ostream>
+#include <stop_token>
+
+namespace veltra::cli {
+
+// What every command gets: where to write and whether the user asked it to stop (Ctrl-C).
+struct CliContext {
+    std::ostream& out;
+    std::ostream& err;
+    std::stop_token stop;
+};
+
+} // namespace veltra::cli

@@ -1,0 +1,57 @@
+#include "CommandLine.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <iostream>
+#include <pthread.h>
+#include <stop_token>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+// Ctrl-C and termination become a stop request, which kills the running tool; a second Ctrl-C
+// leaves at once. Signals are blocked before any thread starts so only this waiter takes them.
+std::jthread watchSignals(std::stop_source& stop, const sigset_t& signals) {
+    return std::jthread([&stop, signals](const std::stop_token& done) {
+        while (!done.stop_requested()) {
+            int signal = 0;
+            if (sigwait(&signals, &signal) != 0) {
+                continue;
+            }
+            if (signal == SIGUSR1) {
+                continue; // our own wake-up at exit
+            }
+            if (stop.stop_requested()) {
+                _exit(veltra::cli::exitCancelled);
+            }
+            stop.request_stop();
+        }
+    });
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    std::signal(SIGPIPE, SIG_IGN);
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGUSR1}) {
+        sigaddset(&signals, signal);
+    }
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+    std::stop_source stop;
+    std::jthread watcher = watchSignals(stop, signals);
+
+    std::vector<std::string> arguments(argv + 1, argv + argc);
+    veltra::cli::CliContext context{std::cout, std::cerr, stop.get_token()};
+    const int status = veltra::cli::runCommandLine(arguments, context);
+    std::cout.flush();
+
+    watcher.request_stop();
+    pthread_kill(watcher.native_handle(), SIGUSR1);
+    return status;
+}
