@@ -14,6 +14,10 @@ if [[ ${#sources[@]} -gt 0 ]]; then
   clang-format --dry-run --Werror "${sources[@]}"
 fi
 
+echo "== build (release: the tool and the benchmarks)"
+cmake --preset release >/dev/null
+cmake --build --preset release -j "$jobs"
+
 for preset in asan tsan; do
   echo "== build ($preset)"
   cmake --preset "$preset" >/dev/null
