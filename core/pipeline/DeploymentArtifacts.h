@@ -1,0 +1,22 @@
+#pragma once
+
+#include "core/publishing/WebsitePublication.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace veltra {
+
+// What one run gathers for its manifest.
+struct DeploymentArtifacts {
+    std::optional<std::string> sparkleSignature; // absent when update signing was skipped
+    std::int64_t dmgSize = 0;
+    std::optional<WebsitePublication> websitePublication;
+    bool wasNotarized = false;
+    std::optional<bool> githubPublicationSucceeded; // absent when no GitHub release was tried
+
+    bool operator==(const DeploymentArtifacts&) const = default;
+};
+
+} // namespace veltra

@@ -1,0 +1,38 @@
+#pragma once
+
+#include "core/support/SerialQueue.h"
+
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace veltra {
+
+// The full text of one run, appended line by line to a file in the temporary folder, so the
+// whole log survives however much the visible list drops. File work runs on its own queue in
+// the order it was asked for; errors are ignored.
+class PipelineLogArchive {
+public:
+    // temporary folder + "veltra-logs-" + UUID + ".txt"
+    PipelineLogArchive();
+    explicit PipelineLogArchive(std::filesystem::path url);
+
+    const std::filesystem::path& url() const { return url_; }
+    void append(std::vector<std::string> lines);
+    // Empties the file.
+    void reset();
+    // The whole file, after everything asked for before has been written.
+    std::string read();
+
+private:
+    void writePending();
+
+    std::filesystem::path url_;
+    std::mutex lock_;
+    std::vector<std::string> pending_;
+    bool scheduled_ = false;
+    SerialQueue queue_{"com.veltra.log-archive"};
+};
+
+} // namespace veltra

@@ -1,0 +1,31 @@
+#pragma once
+
+#include "PipelineLogArchive.h"
+#include "ReleaseLogEntry.h"
+
+#include <cstddef>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace veltra {
+
+// Where lines from any thread (tool output) wait for the main queue. Holds at most the newest
+// 500; every line still reaches the archive, at the moment it arrives.
+class PipelineLogInbox {
+public:
+    static constexpr std::size_t capacity = 500;
+
+    explicit PipelineLogInbox(PipelineLogArchive& archive) : archive_(archive) {}
+
+    void append(std::string text, bool isError);
+    std::vector<ReleaseLogEntry> drain();
+
+private:
+    PipelineLogArchive& archive_;
+    std::mutex lock_;
+    std::deque<ReleaseLogEntry> pending_;
+};
+
+} // namespace veltra

@@ -1,0 +1,37 @@
+#pragma once
+
+#include "core/publishing/WebsitePublication.h"
+#include "core/support/Date.h"
+#include "core/support/JsonReader.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace veltra {
+
+// What a finished release produced; kept, newest first, in its profile's recentReleases.
+struct ReleaseManifest {
+    std::string appName;
+    std::string version;
+    std::string buildNumber;
+    Date releaseDate;
+    std::optional<std::string> dmgURL;
+    std::int64_t dmgFileSize = 0;
+    std::string sha256Checksum; // lower-case hexadecimal
+    std::optional<std::string> sparkleSignature;
+    std::string releaseNotes; // Markdown
+    std::optional<std::string> notesURL;
+    std::optional<WebsitePublication> websitePublication;
+    std::optional<std::string> monitoringReleaseID;
+    std::optional<bool> wasNotarized; // absent in manifests written before it was recorded
+    std::optional<bool> githubPublicationSucceeded;
+
+    bool operator==(const ReleaseManifest&) const = default;
+
+    Json toJson() const;
+    // Throws JsonDecodingError naming the path of the first missing or wrong key.
+    static ReleaseManifest fromJson(const Json& json, const std::string& path);
+};
+
+} // namespace veltra

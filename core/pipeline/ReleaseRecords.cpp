@@ -1,0 +1,87 @@
+#include "PipelineStep.h"
+#include "ReleaseManifest.h"
+
+#include <array>
+
+namespace veltra {
+namespace {
+
+constexpr std::array stepStatuses{
+    std::pair{StepStatus::pending, std::string_view("Pending")},
+    std::pair{StepStatus::running, std::string_view("Running")},
+    std::pair{StepStatus::succeeded, std::string_view("Succeeded")},
+    std::pair{StepStatus::failed, std::string_view("Failed")},
+    std::pair{StepStatus::skipped, std::string_view("Skipped")},
+};
+
+template <typename T> void putOptional(Json& json, const char* key, const std::optional<T>& value) {
+    if (value) {
+        json[key] = *value;
+    }
+}
+
+} // namespace
+
+std::string_view rawValue(StepStatus status) {
+    for (const auto& [value, raw] : stepStatuses) {
+        if (value == status) {
+            return raw;
+        }
+    }
+    return "Pending";
+}
+
+std::optional<StepStatus> stepStatus(std::string_view raw) {
+    for (const auto& [value, text] : stepStatuses) {
+        if (text == raw) {
+            return value;
+        }
+    }
+    return std::nullopt;
+}
+
+Json ReleaseManifest::toJson() const {
+    Json json = Json::object();
+    json["appName"] = appName;
+    json["version"] = version;
+    json["buildNumber"] = buildNumber;
+    json["releaseDate"] = releaseDate.secondsSinceReferenceDate;
+    putOptional(json, "dmgURL", dmgURL);
+    json["dmgFileSize"] = dmgFileSize;
+    json["sha256Checksum"] = sha256Checksum;
+    putOptional(json, "sparkleSignature", sparkleSignature);
+    json["releaseNotes"] = releaseNotes;
+    putOptional(json, "notesURL", notesURL);
+    if (websitePublication) {
+        json["websitePublication"] = websitePublication->toJson();
+    }
+    putOptional(json, "monitoringReleaseID", monitoringReleaseID);
+    putOptional(json, "wasNotarized", wasNotarized);
+    putOptional(json, "githubPublicationSucceeded", githubPublicationSucceeded);
+    return json;
+}
+
+ReleaseManifest ReleaseManifest::fromJson(const Json& json, const std::string& path) {
+    const JsonReader reader(json, path);
+    ReleaseManifest manifest;
+    manifest.appName = reader.string("appName");
+    manifest.version = reader.string("version");
+    manifest.buildNumber = reader.string("buildNumber");
+    manifest.releaseDate = reader.date("releaseDate");
+    manifest.dmgURL = reader.optionalString("dmgURL");
+    manifest.dmgFileSize = reader.integer("dmgFileSize");
+    manifest.sha256Checksum = reader.string("sha256Checksum");
+    manifest.sparkleSignature = reader.optionalString("sparkleSignature");
+    manifest.releaseNotes = reader.string("releaseNotes");
+    manifest.notesURL = reader.optionalString("notesURL");
+    if (const Json* publication = reader.find("websitePublication")) {
+        manifest.websitePublication =
+            WebsitePublication::fromJson(*publication, reader.pathOf("websitePublication"));
+    }
+    manifest.monitoringReleaseID = reader.optionalString("monitoringReleaseID");
+    manifest.wasNotarized = reader.optionalBoolean("wasNotarized");
+    manifest.githubPublicationSucceeded = reader.optionalBoolean("githubPublicationSucceeded");
+    return manifest;
+}
+
+} // namespace veltra

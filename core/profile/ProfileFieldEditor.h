@@ -1,0 +1,39 @@
+#pragma once
+
+#include "ProjectProfile.h"
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace veltra {
+
+// Reads and changes any settable field of a profile by its key path ("sparkle.appcastPath",
+// "dmgDesign.appIconPosition"), checking the value's type. Failures throw VeltraError
+// (domain "Veltra.Profile") whose message lists the valid keys or values.
+class ProfileFieldEditor {
+public:
+    enum class Kind {
+        string,
+        optionalString,
+        boolean,
+        number,
+        point,
+        enumeration,
+        optionalEnumeration
+    };
+    struct Field {
+        std::string path;
+        Kind kind;
+        std::vector<std::string> values; // for enumerations
+    };
+
+    static const std::vector<Field>& fields();
+    // Sets `path` from its text form: true/false, a number, "x,y", an enumeration's raw value;
+    // an empty value clears an optional field.
+    static void set(ProjectProfile& profile, std::string_view path, std::string_view value);
+    // The text form of a field, "" when an optional one is absent.
+    static std::string get(const ProjectProfile& profile, std::string_view path);
+};
+
+} // namespace veltra

@@ -1,0 +1,194 @@
+#include "ProfileStore.h"
+
+#include "core/pipeline/ReleaseCompletion.h"
+#include "core/support/FileUtilities.h"
+
+#include <algorithm>
+#include <any>
+
+namespace veltra {
+namespace {
+
+void standardizeIn(std::string& path) {
+    path = standardizePath(path);
+}
+void standardizeIn(std::optional<std::string>& path) {
+    if (path) {
+        *path = standardizePath(*path);
+    }
+}
+
+// Paths are kept in one standard form so that comparing them is meaningful.
+ProjectProfile normalized(ProjectProfile profile) {
+    standardizeIn(profile.outputDirectory);
+    standardizeIn(profile.sourceProjectPath);
+    standardizeIn(profile.dmgDesign.backgroundPath);
+    standardizeIn(profile.dmgDesign.retinaBackgroundPath);
+    standardizeIn(profile.sparkle.appcastPath);
+    standardizeIn(profile.sparkle.privateKeyPath);
+    standardizeIn(profile.webDeploy.websiteRepoPath);
+    return profile;
+}
+
+} // namespace
+
+std::filesystem::path ProfileStore::defaultURL() {
+    return homeDirectory() / ".veltra" / "profiles.json";
+}
+
+ProfileStore::ProfileStore(MainQueue& queue, NotificationCenter& notifications,
+                           std::filesystem::path storeURL)
+    : queue_(queue), storeURL_(std::move(storeURL)) {
+    if (storeURL_ != "/dev/null") {
+        std::error_code ignored; // a missing folder shows up as a write error later
+        std::filesystem::create_directories(storeURL_.parent_path(), ignored);
+        persistence_ = std::make_unique<ProfilePersistence>(storeURL_);
+        auto loaded = persistence_->load();
+        loadProblem_ = std::move(loaded.problem);
+        for (auto& profile : loaded.profiles) {
+            profiles_.push_back(normalized(std::move(profile)));
+        }
+    }
+    if (!profiles_.empty()) {
+        selectedProfileID_ = profiles_.front().id;
+    }
+    releaseCompleted_ =
+        notifications.addObserver(releaseCompletedNotification, [this](const Notification& note) {
+            if (const auto* completion = std::any_cast<ReleaseCompletion>(&note.payload)) {
+                recordRelease(completion->manifest, completion->profileID);
+            }
+        });
+}
+
+ProfileStore::~ProfileStore() {
+    flush();
+}
+
+const ProjectProfile* ProfileStore::find(const Uuid& id) const {
+    const auto found = std::ranges::find(profiles_, id, &ProjectProfile::id);
+    return found == profiles_.end() ? nullptr : &*found;
+}
+
+const ProjectProfile* ProfileStore::selectedProfile() const {
+    return selectedProfileID_ ? find(*selectedProfileID_) : nullptr;
+}
+
+void ProfileStore::add(ProjectProfile profile) {
+    profiles_.push_back(std::move(profile));
+    if (!selectedProfileID_) {
+        selectedProfileID_ = profiles_.back().id;
+    }
+    changed();
+}
+
+bool ProfileStore::update(const ProjectProfile& profile) {
+    const auto found = std::ranges::find(profiles_, profile.id, &ProjectProfile::id);
+    if (found == profiles_.end()) {
+        return false;
+    }
+    *found = profile;
+    changed();
+    return true;
+}
+
+bool ProfileStore::remove(const Uuid& id) {
+    const auto removed = std::erase_if(profiles_, [&](const auto& p) { return p.id == id; });
+    if (removed == 0) {
+        return false;
+    }
+    if (selectedProfileID_ == id) {
+        selectedProfileID_ = profiles_.empty() ? std::nullopt : std::optional(profiles_.front().id);
+    }
+    changed();
+    return true;
+}
+
+void ProfileStore::select(std::optional<Uuid> id) {
+    selectedProfileID_ = id;
+    if (observer_) {
+        observer_();
+    }
+}
+
+bool ProfileStore::recordRelease(const ReleaseManifest& manifest,
+                                 const std::optional<Uuid>& profileID) {
+    ProjectProfile* target = nullptr;
+    if (profileID) {
+        target = const_cast<ProjectProfile*>(find(*profileID));
+    }
+    if (target == nullptr) {
+        auto* selected = const_cast<ProjectProfile*>(selectedProfile());
+        if (selected != nullptr && selected->appName == manifest.appName) {
+            target = selected;
+        } else if (const auto found =
+                       std::ranges::find(profiles_, manifest.appName, &ProjectProfile::appName);
+                   found != profiles_.end()) {
+            target = &*found;
+        }
+    }
+    if (target == nullptr) {
+        return false;
+    }
+    if (!target->recentReleases) {
+        target->recentReleases.emplace();
+    }
+    auto& releases = *target->recentReleases;
+    releases.insert(releases.begin(), manifest);
+    target->hasCompletedInitialSetup = true;
+    changed();
+    return true;
+}
+
+void ProfileStore::setWebsiteCheckActive(const std::string& releaseID, bool active) {
+    if (active) {
+        activeChecks_.insert(releaseID);
+    } else {
+        activeChecks_.erase(releaseID);
+    }
+    if (observer_) {
+        observer_();
+    }
+}
+
+void ProfileStore::flush() {
+    if (persistence_) {
+        persistence_->flush();
+    }
+}
+
+void ProfileStore::changed() {
+    if (persistence_) {
+        persistence_->schedule(profiles_);
+    }
+    if (observer_) {
+        observer_();
+    }
+}
+
+ProfileFileStatus ProfileFileInspector::inspect(const ProjectProfile& profile) const {
+    ProfileFileStatus status;
+    std::error_code ignored;
+    status.projectExists =
+        profile.sourceProjectPath && !profile.sourceProjectPath->empty() &&
+        std::filesystem::exists(expandTilde(*profile.sourceProjectPath), ignored);
+    status.websiteExists =
+        !profile.webDeploy.websiteRepoPath.empty() &&
+        std::filesystem::is_directory(expandTilde(profile.webDeploy.websiteRepoPath), ignored);
+    if (!profile.webDeploy.siteURL.empty()) {
+        std::string url = profile.webDeploy.siteURL;
+        while (url.ends_with('/')) {
+            url.pop_back();
+        }
+        std::string downloads = profile.webDeploy.downloadsRelativePath;
+        while (downloads.starts_with('/')) {
+            downloads.erase(0, 1);
+        }
+        while (downloads.ends_with('/')) {
+            downloads.pop_back();
+        }
+        status.updaterURL = url + "/" + (downloads.empty() ? "" : downloads + "/") + "appcast.xml";
+    }
+    return status;
+}
+
+} // namespace veltra

@@ -1,0 +1,88 @@
+#pragma once
+
+#include "ProfilePersistence.h"
+#include "ProjectProfile.h"
+#include "core/support/MainQueue.h"
+#include "core/support/NotificationCenter.h"
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace veltra {
+
+struct ReleaseManifest;
+
+// Owns the profiles and the current selection. Lives on the main queue: every member is called
+// there, and observers are told of each change there. Edits are saved in the background.
+class ProfileStore {
+public:
+    // The path "/dev/null" makes a store that never reads or writes a file.
+    ProfileStore(MainQueue& queue, NotificationCenter& notifications,
+                 std::filesystem::path storeURL = defaultURL());
+    ProfileStore(const ProfileStore&) = delete;
+    ProfileStore& operator=(const ProfileStore&) = delete;
+    // Writes what is still pending.
+    ~ProfileStore();
+
+    // ~/.veltra/profiles.json
+    static std::filesystem::path defaultURL();
+
+    const std::filesystem::path& storeURL() const { return storeURL_; }
+    bool isMemoryOnly() const { return !persistence_; }
+    const std::vector<ProjectProfile>& profiles() const { return profiles_; }
+    std::optional<Uuid> selectedProfileID() const { return selectedProfileID_; }
+    const ProjectProfile* selectedProfile() const;
+    const ProjectProfile* find(const Uuid& id) const;
+    // Set when the file on disk could not be used at start: what was wrong, where the copy is.
+    const std::optional<std::string>& loadProblem() const { return loadProblem_; }
+
+    void add(ProjectProfile profile);
+    // Replaces the profile with the same id; false when there is none.
+    bool update(const ProjectProfile& profile);
+    bool remove(const Uuid& id);
+    void select(std::optional<Uuid> id);
+    // Adds the release, newest first, to its profile (by id, else by app name, the selected
+    // profile first) and saves. False when no profile matches.
+    bool recordRelease(const ReleaseManifest& manifest, const std::optional<Uuid>& profileID);
+
+    // Called after every change of profiles or selection.
+    void setChangeObserver(std::function<void()> observer) { observer_ = std::move(observer); }
+    // Blocks until pending writes are on disk.
+    void flush();
+    ProfilePersistence* persistence() { return persistence_.get(); }
+
+    // Releases whose live-website check is running.
+    const std::set<std::string>& activeCheckingReleaseIDs() const { return activeChecks_; }
+    void setWebsiteCheckActive(const std::string& releaseID, bool active);
+
+private:
+    void changed();
+
+    MainQueue& queue_;
+    std::filesystem::path storeURL_;
+    std::unique_ptr<ProfilePersistence> persistence_;
+    std::vector<ProjectProfile> profiles_;
+    std::optional<Uuid> selectedProfileID_;
+    std::optional<std::string> loadProblem_;
+    std::set<std::string> activeChecks_;
+    std::function<void()> observer_;
+    NotificationCenter::Registration releaseCompleted_;
+};
+
+// Whether a profile's project and website folders exist, and its update feed address.
+struct ProfileFileStatus {
+    bool projectExists = false;
+    bool websiteExists = false;
+    std::optional<std::string> updaterURL;
+};
+
+struct ProfileFileInspector {
+    ProfileFileStatus inspect(const ProjectProfile& profile) const;
+};
+
+} // namespace veltra

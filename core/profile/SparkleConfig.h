@@ -1,0 +1,18 @@
+#pragma once
+
+#include <string>
+
+namespace veltra {
+
+// "{app}" and "{dmg}" in the patterns are filled in when a release's addresses are resolved.
+struct SparkleConfig {
+    std::string appcastPath;
+    std::string privateKeyPath = "~/.sparkle/ed25519_priv";
+    std::string releaseNotesURLPattern = "https://www.example.com/downloads/{app}.md";
+    std::string downloadURLPattern = "https://www.example.com/downloads/{dmg}";
+    std::string minimumSystemVersion = "13.0";
+
+    bool operator==(const SparkleConfig&) const = default;
+};
+
+} // namespace veltra

@@ -1,0 +1,69 @@
+#include "Uuid.h"
+
+#include <random>
+
+namespace veltra {
+
+Uuid Uuid::random() {
+    thread_local std::mt19937_64 generator{std::random_device{}()};
+    Uuid uuid;
+    for (std::size_t i = 0; i < 16; i += 8) {
+        const auto value = generator();
+        for (std::size_t k = 0; k < 8; ++k) {
+            uuid.bytes_[i + k] = static_cast<std::uint8_t>(value >> (8 * k));
+        }
+    }
+    uuid.bytes_[6] = static_cast<std::uint8_t>((uuid.bytes_[6] & 0x0F) | 0x40);
+    uuid.bytes_[8] = static_cast<std::uint8_t>((uuid.bytes_[8] & 0x3F) | 0x80);
+    return uuid;
+}
+
+std::optional<Uuid> Uuid::parse(std::string_view text) {
+    if (text.size() != 36) {
+        return std::nullopt;
+    }
+    Uuid uuid;
+    std::size_t byte = 0;
+    for (std::size_t i = 0; i < text.size();) {
+        if (i == 8 || i == 13 || i == 18 || i == 23) {
+            if (text[i] != '-') {
+                return std::nullopt;
+            }
+            ++i;
+            continue;
+        }
+        int value = 0;
+        for (int half = 0; half < 2; ++half, ++i) {
+            const char c = text[i];
+            int digit = 0;
+            if (c >= '0' && c <= '9') {
+                digit = c - '0';
+            } else if (c >= 'a' && c <= 'f') {
+                digit = c - 'a' + 10;
+            } else if (c >= 'A' && c <= 'F') {
+                digit = c - 'A' + 10;
+            } else {
+                return std::nullopt;
+            }
+            value = value * 16 + digit;
+        }
+        uuid.bytes_[byte++] = static_cast<std::uint8_t>(value);
+    }
+    return uuid;
+}
+
+std::string Uuid::string() const {
+    static constexpr char digits[] = "0123456789ABCDEF";
+    std::string out;
+    out.reserve(36);
+    for (std::size_t i = 0; i < 16; ++i) {
+        if (i == 4 || i == 6 || i == 8 || i == 10) {
+            out += '-';
+        }
+        out += digits[bytes_[i] >> 4];
+        out += digits[bytes_[i] & 0x0F];
+    }
+    return out;
+}
+
+} // namespace veltra
