@@ -2,6 +2,7 @@
 
 #include <ostream>
 #include <stop_token>
+#include <string>
 
 namespace veltra::cli {
 
@@ -10,6 +11,8 @@ struct CliContext {
     std::ostream& out;
     std::ostream& err;
     std::stop_token stop;
+    // The profile file (--profiles, VELTRA_PROFILES); empty means the default.
+    std::string profilesPath;
 };
 
 } // namespace veltra::cli

@@ -21,6 +21,10 @@ int runCommandLine(const std::vector<std::string>& arguments, CliContext& contex
                  "veltra");
     app.set_version_flag("--version", "veltra " VELTRA_VERSION);
     app.require_subcommand(0, 1);
+    app.add_option("--profiles", context.profilesPath,
+                   "Profile file to use (default ~/.veltra/profiles.json)")
+        ->envname("VELTRA_PROFILES");
+    addProfileCommands(app, context);
     addPlannedCommands(app, context);
 
     // CLI11 wants the arguments in reverse order, program name excluded.

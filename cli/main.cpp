@@ -47,7 +47,7 @@ int main(int argc, char** argv) {
     std::jthread watcher = watchSignals(stop, signals);
 
     std::vector<std::string> arguments(argv + 1, argv + argc);
-    veltra::cli::CliContext context{std::cout, std::cerr, stop.get_token()};
+    veltra::cli::CliContext context{std::cout, std::cerr, stop.get_token(), {}};
     const int status = veltra::cli::runCommandLine(arguments, context);
     std::cout.flush();
 

@@ -25,3 +25,17 @@ for preset in asan tsan; do
   echo "== test ($preset)"
   ctest --preset "$preset" -j "$jobs"
 done
+
+# A short run of each fuzzer from its seed corpus: enough to catch a parser that crashes on
+# the first odd input. Longer runs are for developers (see the README).
+echo "== fuzz (smoke)"
+cmake --preset fuzz >/dev/null
+cmake --build --preset fuzz -j "$jobs"
+for fuzzer in build/fuzz/fuzz/fuzz_*; do
+  name=$(basename "$fuzzer")
+  corpus="fuzz/corpus/${name#fuzz_}"
+  corpus="${corpus%_*}"
+  work=$(mktemp -d)
+  "$fuzzer" "$work" "$corpus" -max_total_time="${VELTRA_FUZZ_SECONDS:-15}" -print_final_stats=0 2>&1 | tail -n 2
+  rm -rf "$work"
+done

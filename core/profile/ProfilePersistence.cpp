@@ -129,6 +129,11 @@ void ProfilePersistence::disable() {
     pending_.reset();
 }
 
+bool ProfilePersistence::isDisabled() const {
+    const std::lock_guard guard(lock_);
+    return disabled_;
+}
+
 int ProfilePersistence::writeCount() const {
     const std::lock_guard guard(lock_);
     return writes_;

@@ -35,6 +35,7 @@ public:
     void flush();
     // Saving stops for good (a file that could not be kept aside is protected this way).
     void disable();
+    bool isDisabled() const;
     int writeCount() const;
     // The last write failure, if the last write failed.
     std::optional<std::string> lastError() const;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <any>
+#include <cassert>
 
 namespace veltra {
 namespace {
@@ -104,6 +105,7 @@ bool ProfileStore::remove(const Uuid& id) {
 }
 
 void ProfileStore::select(std::optional<Uuid> id) {
+    assert(queue_.isMainThread() && "the selection changes on the main queue only");
     selectedProfileID_ = id;
     if (observer_) {
         observer_();
@@ -157,6 +159,7 @@ void ProfileStore::flush() {
 }
 
 void ProfileStore::changed() {
+    assert(queue_.isMainThread() && "profiles change on the main queue only");
     if (persistence_) {
         persistence_->schedule(profiles_);
     }

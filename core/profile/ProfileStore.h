@@ -63,7 +63,7 @@ public:
 private:
     void changed();
 
-    MainQueue& queue_;
+    [[maybe_unused]] MainQueue& queue_; // checked in debug builds
     std::filesystem::path storeURL_;
     std::unique_ptr<ProfilePersistence> persistence_;
     std::vector<ProjectProfile> profiles_;

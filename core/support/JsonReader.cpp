@@ -50,7 +50,8 @@ bool JsonReader::asBoolean(const Json& value, const std::string& path) {
 }
 
 double JsonReader::asNumber(const Json& value, const std::string& path) {
-    if (!value.is_number()) {
+    // A value that is not finite could not be written back as JSON.
+    if (!value.is_number() || !std::isfinite(value.get<double>())) {
         throw JsonDecodingError(path, "expected a number");
     }
     return value.get<double>();
@@ -111,11 +112,7 @@ Uuid JsonReader::uuid(std::string_view key) const {
 }
 
 Date JsonReader::date(std::string_view key) const {
-    const double seconds = number(key);
-    if (!std::isfinite(seconds)) {
-        throw JsonDecodingError(pathOf(key), "expected a number");
-    }
-    return Date{seconds};
+    return Date{number(key)};
 }
 
 std::optional<Date> JsonReader::optionalDate(std::string_view key) const {
@@ -125,7 +122,8 @@ std::optional<Date> JsonReader::optionalDate(std::string_view key) const {
 Json parseJson(std::string_view text, const std::string& path) {
     try {
         return Json::parse(text);
-    } catch (const Json::parse_error& error) {
+    } catch (const Json::exception& error) {
+        // Not only syntax: a number too large for a double is an out_of_range error.
         // nlohmann's message starts with "[json.exception.parse_error.101] "; keep what follows.
         std::string message = error.what();
         if (const auto bracket = message.find("] "); bracket != std::string::npos) {

@@ -1,0 +1,128 @@
+#include "TestSupport.h"
+#include "core/process/ProcessRunner.h"
+#include "core/profile/ProjectProfile.h"
+#include "core/support/FileUtilities.h"
+
+#include <gtest/gtest.h>
+
+namespace veltra {
+namespace {
+
+class ProfileCommandTest : public ::testing::Test {
+protected:
+    ProcessResult veltra(std::vector<std::string> arguments) {
+        ProcessRequest request{.command = VELTRA_BINARY, .arguments = std::move(arguments)};
+        request.environment["VELTRA_PROFILES"] = file.string();
+        request.environment["HOME"] = dir.path().string();
+        return ProcessRunner().run(request);
+    }
+
+    testing::TempDir dir;
+    std::filesystem::path file = dir / "profiles.json";
+};
+
+TEST_F(ProfileCommandTest, CreateListShowSetDelete) {
+    auto created = veltra({"profile", "create", "Foo", "--bundle-id", "com.example.foo"});
+    ASSERT_EQ(created.exitCode, 0) << created.errorOutput;
+    EXPECT_TRUE(created.output.starts_with("Created profile Foo (")) << created.output;
+
+    const auto list = veltra({"profile", "list"});
+    EXPECT_TRUE(list.output.starts_with("NAME  ID ")) << list.output;
+    EXPECT_NE(list.output.find("com.example.foo"), std::string::npos);
+
+    const auto set =
+        veltra({"profile", "set", "Foo", "sparkle.appcastPath=~/site/downloads/appcast.xml",
+                "notarization.enabled=true", "webDeploy.provider=vercel",
+                "dmgDesign.appIconPosition=150,260"});
+    ASSERT_EQ(set.exitCode, 0) << set.errorOutput;
+    EXPECT_EQ(set.output,
+              "sparkle.appcastPath = ~/site/downloads/appcast.xml\nnotarization.enabled = true\n"
+              "webDeploy.provider = vercel\ndmgDesign.appIconPosition = 150,260\n");
+
+    // --json prints exactly what the file holds for that profile.
+    const auto shown = veltra({"profile", "show", "Foo", "--json"});
+    const auto stored = parseJson(readFile(file)).at(0);
+    EXPECT_EQ(shown.output, dumpJson(stored) + "\n");
+    const auto profile = ProjectProfile::fromJson(stored, "p");
+    EXPECT_EQ(profile.webDeploy.provider, WebHostingProvider::vercel);
+    EXPECT_EQ(veltra({"profile", "show", profile.id.string()}).exitCode, 0);
+
+    const auto refused =
+        veltra({"profile", "set", "Foo", "webDeploy.provider=heroku", "name=Changed"});
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_EQ(refused.errorOutput,
+              "Error: Invalid value 'heroku' for webDeploy.provider. Valid values: cloudflare, "
+              "vercel, netlify, github_pages, custom.\n");
+    EXPECT_EQ(readFile(file), dumpJson(Json::array({stored}))) << "a refused set changes nothing";
+
+    EXPECT_EQ(veltra({"profile", "delete", "Foo"}).output, "Deleted profile Foo\n");
+    const auto missing = veltra({"profile", "show", "Foo"});
+    EXPECT_EQ(missing.exitCode, 1);
+    EXPECT_EQ(missing.errorOutput,
+              "Error: No profile named 'Foo'. Run 'veltra profile list' to see the profiles.\n");
+    EXPECT_EQ(veltra({"profile", "list", "--json"}).output, "[]\n");
+}
+
+TEST_F(ProfileCommandTest, CheckNamesEveryBrokenProfile) {
+    auto good = ProjectProfile::create("Good", "com.example.good").toJson();
+    auto broken = good;
+    broken["notarization"].erase("signingIdentity");
+    auto wrong = good;
+    wrong["webDeploy"]["provider"] = "heroku";
+    testing::writeFile(dir / "check.json", dumpJson(Json::array({good, broken, wrong})));
+    const auto result = veltra({"profile", "check", (dir / "check.json").string()});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.output, "profiles[1].notarization.signingIdentity: missing\n"
+                             "profiles[2].webDeploy.provider: unknown value \"heroku\"\n");
+    EXPECT_EQ(result.errorOutput, "Error: 2 of 3 profiles cannot be read.\n");
+
+    testing::writeFile(dir / "ok.json", dumpJson(Json::array({good})));
+    EXPECT_EQ(veltra({"profile", "check", (dir / "ok.json").string()}).output, "OK: 1 profile\n");
+}
+
+TEST_F(ProfileCommandTest, ReleasesListNewestFirstWithWebsiteWording) {
+    auto profile = ProjectProfile::create("Foo", "com.example.foo");
+    ReleaseManifest newer;
+    newer.appName = "Foo";
+    newer.version = "1.1.0";
+    newer.buildNumber = "11";
+    newer.releaseDate = Date::fromUnixTime(1794000000);
+    newer.dmgFileSize = 12'500'000;
+    newer.sha256Checksum = "ab";
+    newer.wasNotarized = true;
+    newer.websitePublication =
+        WebsitePublication{WebsitePublicationState::live, "f", "d", "s", 1, Date{}, std::nullopt};
+    auto older = newer;
+    older.version = "1.0.0";
+    older.buildNumber = "10";
+    older.wasNotarized.reset();
+    older.websitePublication.reset();
+    profile.recentReleases = std::vector{newer, older};
+    testing::writeFile(file, dumpJson(profilesToJson({profile})));
+
+    const auto result = veltra({"releases", "Foo"});
+    ASSERT_EQ(result.exitCode, 0) << result.errorOutput;
+    EXPECT_EQ(result.output,
+              "VERSION      BUILD    DATE                      SIZE  NOTARIZED  WEBSITE\n"
+              "1.1.0        11       2026-11-06T21:20:00Z   12.5 MB  yes        Live appcast.xml "
+              "and DMG verified\n"
+              "1.0.0        10       2026-11-06T21:20:00Z   12.5 MB  unknown    Website "
+              "publication was not confirmed\n");
+    EXPECT_EQ(veltra({"releases", "Foo", "--json"}).output,
+              dumpJson(Json::array({newer.toJson(), older.toJson()})) + "\n");
+}
+
+TEST_F(ProfileCommandTest, UnreadableFileIsReportedAndKept) {
+    testing::writeFile(file, "not json");
+    const auto result = veltra({"profile", "create", "Foo", "--bundle-id", "com.example.foo"});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_TRUE(result.errorOutput.starts_with("Warning: The profile file " + file.string() +
+                                               " could not be read (profiles: not valid JSON"))
+        << result.errorOutput;
+    EXPECT_NE(result.errorOutput.find("It was kept as " + file.string() + ".unreadable-"),
+              std::string::npos);
+    EXPECT_EQ(profilesFromJson(parseJson(readFile(file))).at(0).name, "Foo");
+}
+
+} // namespace
+} // namespace veltra

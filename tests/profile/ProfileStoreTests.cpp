@@ -1,0 +1,201 @@
+#include "TestSupport.h"
+#include "core/pipeline/ReleaseCompletion.h"
+#include "core/process/ProcessExecutionError.h"
+#include "core/process/ProcessRunner.h"
+#include "core/profile/ProfileStore.h"
+#include "core/support/FileUtilities.h"
+#include "core/support/ManualClockQueue.h"
+
+#include <random>
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+namespace veltra {
+namespace {
+
+using testing::TempDir;
+
+class ProfileStoreTest : public ::testing::Test {
+protected:
+    std::vector<ProjectProfile> fileProfiles() {
+        return profilesFromJson(parseJson(testing::readFile(file)));
+    }
+
+    TempDir dir;
+    std::filesystem::path file = dir / "profiles.json";
+    ManualClockQueue queue;
+    NotificationCenter notifications{queue};
+};
+
+ReleaseManifest manifest(const std::string& appName, const std::string& version) {
+    ReleaseManifest m;
+    m.appName = appName;
+    m.version = version;
+    m.buildNumber = "1";
+    m.sha256Checksum = "00";
+    return m;
+}
+
+TEST_F(ProfileStoreTest, TenQuickEditsCostAtMostTwoWritesAndKeepTheNewest) {
+    ProfileStore store(queue, notifications, file);
+    auto profile = ProjectProfile::create("Foo", "com.example.foo");
+    store.add(profile);
+    for (int i = 1; i < 10; ++i) {
+        profile.name = "Foo " + std::to_string(i);
+        store.update(profile);
+    }
+    store.flush();
+    EXPECT_LE(store.persistence()->writeCount(), 2);
+    ASSERT_EQ(fileProfiles().size(), 1u);
+    EXPECT_EQ(fileProfiles()[0].name, "Foo 9");
+
+    // A new store reads back what the old one wrote, paths in standard form.
+    profile.sourceProjectPath = "~/src//Foo/./App/../Foo.xcodeproj/";
+    store.update(profile);
+    store.flush();
+    ProfileStore reopened(queue, notifications, file);
+    ASSERT_EQ(reopened.profiles().size(), 1u);
+    EXPECT_EQ(reopened.profiles()[0].sourceProjectPath, "~/src/Foo/Foo.xcodeproj");
+    EXPECT_EQ(reopened.selectedProfileID(), profile.id);
+    EXPECT_FALSE(reopened.loadProblem());
+}
+
+TEST_F(ProfileStoreTest, MemoryOnlyStoreTouchesNoFile) {
+    ProfileStore store(queue, notifications, "/dev/null");
+    EXPECT_TRUE(store.isMemoryOnly());
+    store.add(ProjectProfile::create("Foo", "com.example.foo"));
+    store.flush();
+    EXPECT_EQ(store.profiles().size(), 1u);
+    struct stat info {};
+    ASSERT_EQ(::stat("/dev/null", &info), 0);
+    EXPECT_TRUE(S_ISCHR(info.st_mode));
+}
+
+TEST_F(ProfileStoreTest, UnreadableFileIsKeptAsideNeverLost) {
+    struct Row {
+        const char* name;
+        std::string contents;
+        const char* reason;
+    };
+    const std::vector<Row> rows{
+        {"not JSON", "[{\"id\": broken", "not valid JSON"},
+        {"a profile missing a key", R"([{"id":"5B0E1F2A-9C3D-4E5F-8A7B-6C5D4E3F2A1B"}])",
+         "profiles[0].name: missing"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        std::filesystem::remove_all(dir.path());
+        std::filesystem::create_directories(dir.path());
+        testing::writeFile(file, row.contents);
+        {
+            ProfileStore store(queue, notifications, file);
+            EXPECT_TRUE(store.profiles().empty());
+            ASSERT_TRUE(store.loadProblem());
+            const auto& problem = *store.loadProblem();
+            EXPECT_NE(problem.find(row.reason), std::string::npos) << problem;
+            EXPECT_NE(problem.find(file.string()), std::string::npos) << problem;
+            // The original is still in place until a change replaces it.
+            EXPECT_EQ(testing::readFile(file), row.contents);
+            store.add(ProjectProfile::create("New", "com.example.new"));
+        }
+        std::vector<std::filesystem::path> aside;
+        for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
+            if (entry.path().filename().string().starts_with("profiles.json.unreadable-")) {
+                aside.push_back(entry.path());
+            }
+        }
+        ASSERT_EQ(aside.size(), 1u);
+        EXPECT_EQ(testing::readFile(aside[0]), row.contents);
+        EXPECT_EQ(fileProfiles().at(0).name, "New");
+    }
+}
+
+TEST_F(ProfileStoreTest, FinishedReleasesAreRecordedNewestFirst) {
+    ProfileStore store(queue, notifications, file);
+    auto foo = ProjectProfile::create("Foo", "com.example.foo");
+    auto bar = ProjectProfile::create("Bar", "com.example.bar");
+    store.add(foo);
+    store.add(bar);
+    int changes = 0;
+    store.setChangeObserver([&] { ++changes; });
+
+    notifications.post(releaseCompletedNotification,
+                       ReleaseCompletion{manifest("Bar", "1.0"), std::nullopt});
+    notifications.post(releaseCompletedNotification,
+                       ReleaseCompletion{manifest("Bar", "1.1"), std::nullopt});
+    notifications.post(releaseCompletedNotification,
+                       ReleaseCompletion{manifest("Renamed", "2.0"), foo.id});
+    EXPECT_EQ(changes, 0) << "recorded off the main queue";
+    queue.runPending();
+    EXPECT_EQ(changes, 3);
+
+    const auto* recordedBar = store.find(bar.id);
+    ASSERT_TRUE(recordedBar->recentReleases);
+    ASSERT_EQ(recordedBar->recentReleases->size(), 2u);
+    EXPECT_EQ(recordedBar->recentReleases->at(0).version, "1.1");
+    EXPECT_TRUE(recordedBar->hasCompletedInitialSetup);
+    EXPECT_EQ(store.find(foo.id)->recentReleases->at(0).version, "2.0");
+    EXPECT_FALSE(store.recordRelease(manifest("Nobody", "1"), std::nullopt));
+
+    store.flush();
+    EXPECT_EQ(fileProfiles().at(1).recentReleases->size(), 2u);
+
+    // Deleting the selected profile selects the first one left.
+    store.select(bar.id);
+    store.remove(bar.id);
+    EXPECT_EQ(store.selectedProfileID(), foo.id);
+}
+
+TEST_F(ProfileStoreTest, InspectorReportsFoldersAndFeedAddress) {
+    auto profile = ProjectProfile::create("Foo", "com.example.foo");
+    std::filesystem::create_directories(dir / "site");
+    testing::writeFile(dir / "Foo.xcodeproj", "");
+    profile.sourceProjectPath = (dir / "Foo.xcodeproj").string();
+    profile.webDeploy.websiteRepoPath = (dir / "site").string();
+    profile.webDeploy.siteURL = "https://www.example.com/";
+    auto status = ProfileFileInspector().inspect(profile);
+    EXPECT_TRUE(status.projectExists);
+    EXPECT_TRUE(status.websiteExists);
+    EXPECT_EQ(status.updaterURL, "https://www.example.com/downloads/appcast.xml");
+
+    profile.webDeploy.websiteRepoPath = (dir / "missing").string();
+    profile.webDeploy.siteURL.clear();
+    status = ProfileFileInspector().inspect(profile);
+    EXPECT_FALSE(status.websiteExists);
+    EXPECT_FALSE(status.updaterURL);
+}
+
+// kill -9 in the middle of saving leaves the old file or the new one, never a broken one.
+TEST(ProfilePersistence, KilledWriterNeverLeavesABrokenFile) {
+    TempDir dir;
+    const auto file = dir / "profiles.json";
+    const ProcessRunner runner;
+    std::mt19937 random(20261121);
+    int killedWhileRunning = 0;
+    for (int iteration = 0; iteration < 200; ++iteration) {
+        const double timeout = std::uniform_real_distribution<double>(0.002, 0.040)(random);
+        try {
+            runner.run(ProcessRequest{
+                .command = PROFILE_WRITER, .arguments = {file.string()}, .timeout = timeout});
+            FAIL() << "the writer stopped by itself";
+        } catch (const ProcessExecutionError& error) {
+            ASSERT_EQ(error.kind(), ProcessExecutionError::Kind::timedOut);
+            ++killedWhileRunning;
+        }
+        if (!std::filesystem::exists(file)) {
+            continue; // killed before the first save finished: the old state, no file
+        }
+        SCOPED_TRACE(iteration);
+        const auto profiles = profilesFromJson(parseJson(readFile(file)));
+        ASSERT_EQ(profiles.size(), 40u);
+        for (const auto& profile : profiles) {
+            ASSERT_EQ(profile.name, profiles[0].name) << "a file mixing two saves";
+        }
+    }
+    EXPECT_EQ(killedWhileRunning, 200);
+    EXPECT_TRUE(std::filesystem::exists(file));
+}
+
+} // namespace
+} // namespace veltra
