@@ -61,6 +61,14 @@ TEST_F(ProfileCommandTest, CreateListShowSetDelete) {
     EXPECT_EQ(missing.errorOutput,
               "Error: No profile named 'Foo'. Run 'veltra profile list' to see the profiles.\n");
     EXPECT_EQ(veltra({"profile", "list", "--json"}).output, "[]\n");
+
+    // --profiles names another file and wins over the variable.
+    const auto other = dir / "other" / "profiles.json";
+    EXPECT_EQ(veltra({"--profiles", other.string(), "profile", "create", "Bar", "--bundle-id", "b"})
+                  .exitCode,
+              0);
+    EXPECT_EQ(profilesFromJson(parseJson(readFile(other))).at(0).name, "Bar");
+    EXPECT_EQ(veltra({"profile", "list", "--json"}).output, "[]\n");
 }
 
 TEST_F(ProfileCommandTest, CheckNamesEveryBrokenProfile) {
