@@ -14,12 +14,6 @@ constexpr std::array stepStatuses{
     std::pair{StepStatus::skipped, std::string_view("Skipped")},
 };
 
-template <typename T> void putOptional(Json& json, const char* key, const std::optional<T>& value) {
-    if (value) {
-        json[key] = *value;
-    }
-}
-
 } // namespace
 
 std::string_view rawValue(StepStatus status) {

@@ -6,12 +6,6 @@
 namespace veltra {
 namespace {
 
-template <typename T> void putOptional(Json& json, const char* key, const std::optional<T>& value) {
-    if (value) {
-        json[key] = *value;
-    }
-}
-
 Json pointJson(const Point& point) {
     return Json::array({point.x, point.y});
 }

@@ -59,6 +59,13 @@ private:
     std::string path_;
 };
 
+// Writes `key` only when `value` is present: absent optionals are left out of records.
+template <typename T> void putOptional(Json& json, const char* key, const std::optional<T>& value) {
+    if (value) {
+        json[key] = *value;
+    }
+}
+
 // Parses JSON text; bad syntax is reported as a JsonDecodingError at `path`.
 Json parseJson(std::string_view text, const std::string& path = "file");
 // Compact text; invalid UTF-8 in strings is replaced rather than refused.
