@@ -54,11 +54,6 @@ inline void writeFile(const std::filesystem::path& path, std::string_view conten
     out << contents;
 }
 
-inline std::string readFile(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
 inline void writeScript(const std::filesystem::path& path, std::string_view body) {
     writeFile(path, "#!/bin/sh\n" + std::string(body) + "\n");
     std::filesystem::permissions(path, std::filesystem::perms::owner_all |

@@ -1,37 +1,26 @@
 #include "PipelineStep.h"
 #include "ReleaseManifest.h"
-
-#include <array>
+#include "core/support/EnumNames.h"
 
 namespace veltra {
 namespace {
 
-constexpr std::array stepStatuses{
-    std::pair{StepStatus::pending, std::string_view("Pending")},
-    std::pair{StepStatus::running, std::string_view("Running")},
-    std::pair{StepStatus::succeeded, std::string_view("Succeeded")},
-    std::pair{StepStatus::failed, std::string_view("Failed")},
-    std::pair{StepStatus::skipped, std::string_view("Skipped")},
-};
+constexpr EnumNames<StepStatus, 5> stepStatusNames{{
+    {StepStatus::pending, "Pending"},
+    {StepStatus::running, "Running"},
+    {StepStatus::succeeded, "Succeeded"},
+    {StepStatus::failed, "Failed"},
+    {StepStatus::skipped, "Skipped"},
+}};
 
 } // namespace
 
 std::string_view rawValue(StepStatus status) {
-    for (const auto& [value, raw] : stepStatuses) {
-        if (value == status) {
-            return raw;
-        }
-    }
-    return "Pending";
+    return nameOf(stepStatusNames, status);
 }
 
 std::optional<StepStatus> stepStatus(std::string_view raw) {
-    for (const auto& [value, text] : stepStatuses) {
-        if (text == raw) {
-            return value;
-        }
-    }
-    return std::nullopt;
+    return valueOf(stepStatusNames, raw);
 }
 
 Json ReleaseManifest::toJson() const {

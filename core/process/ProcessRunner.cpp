@@ -548,7 +548,6 @@ ProcessResult ProcessRunner::run(const ProcessRequest& request, std::stop_token 
     }
 
     ProcessExecution execution;
-    int exitCode = -1;
     std::exception_ptr failure;
     {
         const std::stop_callback onCancel(
@@ -568,14 +567,11 @@ ProcessResult ProcessRunner::run(const ProcessRequest& request, std::stop_token 
             failure = std::make_exception_ptr(CancellationError());
         }
     }
+    const int exitCode = execution.reap();
+    pump.finish(); // after the exit, so what the tool wrote last is read
     if (failure) {
-        // Output of a stopped run is discarded; the thread still has to go before we throw.
-        execution.reap();
-        pump.finish();
-        std::rethrow_exception(failure);
+        std::rethrow_exception(failure); // output of a stopped run is discarded
     }
-    exitCode = execution.reap();
-    pump.finish();
     return ProcessResult{exitCode, outputBuffer.string(), errorBuffer.string()};
 }
 

@@ -65,9 +65,13 @@ ProfileStore::~ProfileStore() {
     flush();
 }
 
-const ProjectProfile* ProfileStore::find(const Uuid& id) const {
+ProjectProfile* ProfileStore::profileWithID(const Uuid& id) {
     const auto found = std::ranges::find(profiles_, id, &ProjectProfile::id);
     return found == profiles_.end() ? nullptr : &*found;
+}
+
+const ProjectProfile* ProfileStore::find(const Uuid& id) const {
+    return const_cast<ProfileStore*>(this)->profileWithID(id);
 }
 
 const ProjectProfile* ProfileStore::selectedProfile() const {
@@ -83,11 +87,11 @@ void ProfileStore::add(ProjectProfile profile) {
 }
 
 bool ProfileStore::update(const ProjectProfile& profile) {
-    const auto found = std::ranges::find(profiles_, profile.id, &ProjectProfile::id);
-    if (found == profiles_.end()) {
+    ProjectProfile* existing = profileWithID(profile.id);
+    if (existing == nullptr) {
         return false;
     }
-    *found = profile;
+    *existing = profile;
     changed();
     return true;
 }
@@ -107,25 +111,19 @@ bool ProfileStore::remove(const Uuid& id) {
 void ProfileStore::select(std::optional<Uuid> id) {
     assert(queue_.isMainThread() && "the selection changes on the main queue only");
     selectedProfileID_ = id;
-    if (observer_) {
-        observer_();
-    }
+    notify();
 }
 
 bool ProfileStore::recordRelease(const ReleaseManifest& manifest,
                                  const std::optional<Uuid>& profileID) {
-    ProjectProfile* target = nullptr;
-    if (profileID) {
-        target = const_cast<ProjectProfile*>(find(*profileID));
-    }
+    ProjectProfile* target = profileID ? profileWithID(*profileID) : nullptr;
     if (target == nullptr) {
-        auto* selected = const_cast<ProjectProfile*>(selectedProfile());
-        if (selected != nullptr && selected->appName == manifest.appName) {
-            target = selected;
-        } else if (const auto found =
-                       std::ranges::find(profiles_, manifest.appName, &ProjectProfile::appName);
-                   found != profiles_.end()) {
-            target = &*found;
+        // The profile that ran is normally the selected one; else the first with that app.
+        target = selectedProfileID_ ? profileWithID(*selectedProfileID_) : nullptr;
+        if (target == nullptr || target->appName != manifest.appName) {
+            const auto found =
+                std::ranges::find(profiles_, manifest.appName, &ProjectProfile::appName);
+            target = found == profiles_.end() ? nullptr : &*found;
         }
     }
     if (target == nullptr) {
@@ -147,9 +145,7 @@ void ProfileStore::setWebsiteCheckActive(const std::string& releaseID, bool acti
     } else {
         activeChecks_.erase(releaseID);
     }
-    if (observer_) {
-        observer_();
-    }
+    notify();
 }
 
 void ProfileStore::flush() {
@@ -163,6 +159,10 @@ void ProfileStore::changed() {
     if (persistence_) {
         persistence_->schedule(profiles_);
     }
+    notify();
+}
+
+void ProfileStore::notify() {
     if (observer_) {
         observer_();
     }

@@ -62,6 +62,8 @@ public:
 
 private:
     void changed();
+    void notify();
+    ProjectProfile* profileWithID(const Uuid& id);
 
     [[maybe_unused]] MainQueue& queue_; // checked in debug builds
     std::filesystem::path storeURL_;

@@ -1,5 +1,7 @@
 #include "ProjectProfile.h"
 
+#include "core/support/EnumNames.h"
+
 #include <array>
 #include <utility>
 
@@ -143,6 +145,18 @@ WebDeployConfig webDeployFrom(const JsonReader& reader) {
     return web;
 }
 
+constexpr EnumNames<DMGBackgroundType, 3> backgroundTypeNames{{
+    {DMGBackgroundType::defaultTemplate, "default"},
+    {DMGBackgroundType::custom, "custom"},
+    {DMGBackgroundType::plain, "plain"},
+}};
+
+constexpr EnumNames<DMGLayoutPreset, 3> layoutPresetNames{{
+    {DMGLayoutPreset::modernWide, "Modern Wide (720×440)"},
+    {DMGLayoutPreset::classic, "Classic (660×400)"},
+    {DMGLayoutPreset::compact, "Compact (540×360)"},
+}};
+
 struct ProviderInfo {
     WebHostingProvider provider;
     std::string_view raw;
@@ -198,37 +212,15 @@ std::optional<WebHostingProvider> webHostingProvider(std::string_view raw) {
 }
 
 std::string_view rawValue(DMGBackgroundType type) {
-    switch (type) {
-    case DMGBackgroundType::defaultTemplate:
-        return "default";
-    case DMGBackgroundType::custom:
-        return "custom";
-    case DMGBackgroundType::plain:
-        return "plain";
-    }
-    return "default";
+    return nameOf(backgroundTypeNames, type);
 }
 
 std::optional<DMGBackgroundType> dmgBackgroundType(std::string_view raw) {
-    for (const auto type : {DMGBackgroundType::defaultTemplate, DMGBackgroundType::custom,
-                            DMGBackgroundType::plain}) {
-        if (rawValue(type) == raw) {
-            return type;
-        }
-    }
-    return std::nullopt;
+    return valueOf(backgroundTypeNames, raw);
 }
 
 std::string_view rawValue(DMGLayoutPreset preset) {
-    switch (preset) {
-    case DMGLayoutPreset::modernWide:
-        return "Modern Wide (720×440)";
-    case DMGLayoutPreset::classic:
-        return "Classic (660×400)";
-    case DMGLayoutPreset::compact:
-        return "Compact (540×360)";
-    }
-    return "Classic (660×400)";
+    return nameOf(layoutPresetNames, preset);
 }
 
 ProjectProfile ProjectProfile::create(const std::string& appName,

@@ -1,27 +1,25 @@
 #include "WebsitePublication.h"
 
+#include "core/support/EnumNames.h"
+
 namespace veltra {
 
+namespace {
+
+constexpr EnumNames<WebsitePublicationState, 3> stateNames{{
+    {WebsitePublicationState::pending, "pending"},
+    {WebsitePublicationState::live, "live"},
+    {WebsitePublicationState::needsAttention, "needsAttention"},
+}};
+
+} // namespace
+
 std::string_view rawValue(WebsitePublicationState state) {
-    switch (state) {
-    case WebsitePublicationState::pending:
-        return "pending";
-    case WebsitePublicationState::live:
-        return "live";
-    case WebsitePublicationState::needsAttention:
-        return "needsAttention";
-    }
-    return "pending";
+    return nameOf(stateNames, state);
 }
 
 std::optional<WebsitePublicationState> websitePublicationState(std::string_view raw) {
-    for (const auto state : {WebsitePublicationState::pending, WebsitePublicationState::live,
-                             WebsitePublicationState::needsAttention}) {
-        if (rawValue(state) == raw) {
-            return state;
-        }
-    }
-    return std::nullopt;
+    return valueOf(stateNames, raw);
 }
 
 Json WebsitePublication::toJson() const {

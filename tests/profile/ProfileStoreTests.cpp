@@ -19,7 +19,7 @@ using testing::TempDir;
 class ProfileStoreTest : public ::testing::Test {
 protected:
     std::vector<ProjectProfile> fileProfiles() {
-        return profilesFromJson(parseJson(testing::readFile(file)));
+        return profilesFromJson(parseJson(readFile(file)));
     }
 
     TempDir dir;
@@ -96,7 +96,7 @@ TEST_F(ProfileStoreTest, UnreadableFileIsKeptAsideNeverLost) {
             EXPECT_NE(problem.find(row.reason), std::string::npos) << problem;
             EXPECT_NE(problem.find(file.string()), std::string::npos) << problem;
             // The original is still in place until a change replaces it.
-            EXPECT_EQ(testing::readFile(file), row.contents);
+            EXPECT_EQ(readFile(file), row.contents);
             store.add(ProjectProfile::create("New", "com.example.new"));
         }
         std::vector<std::filesystem::path> aside;
@@ -106,7 +106,7 @@ TEST_F(ProfileStoreTest, UnreadableFileIsKeptAsideNeverLost) {
             }
         }
         ASSERT_EQ(aside.size(), 1u);
-        EXPECT_EQ(testing::readFile(aside[0]), row.contents);
+        EXPECT_EQ(readFile(aside[0]), row.contents);
         EXPECT_EQ(fileProfiles().at(0).name, "New");
     }
 }
