@@ -1,0 +1,250 @@
+#include "PlistValue.h"
+
+#include "BinaryWriter.h"
+
+#include <bit>
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+#include <memory>
+#include <plist/plist.h>
+#include <string_view>
+
+namespace dsstore {
+
+namespace {
+
+// Deeper nesting than any settings blob has is refused rather than recursed into.
+constexpr int maximumDepth = 256;
+
+struct PlistFree {
+    void operator()(void* node) const { plist_free(static_cast<plist_t>(node)); }
+};
+using PlistNode = std::unique_ptr<void, PlistFree>;
+
+struct MallocFree {
+    void operator()(char* text) const { std::free(text); }
+};
+using MallocText = std::unique_ptr<char, MallocFree>;
+
+class DecodeFailure {
+public:
+    std::string reason;
+};
+
+std::string validText(char* raw) {
+    const MallocText owned(raw);
+    std::string text = owned ? std::string(owned.get()) : std::string();
+    if (!utf16FromUTF8(text)) {
+        throw DecodeFailure{"a string is not valid Unicode"};
+    }
+    return text;
+}
+
+PlistValue fromNode(plist_t node, int depth) {
+    if (depth > maximumDepth) {
+        throw DecodeFailure{"nesting is too deep"};
+    }
+    switch (plist_get_node_type(node)) {
+    case PLIST_BOOLEAN: {
+        std::uint8_t value = 0;
+        plist_get_bool_val(node, &value);
+        return PlistValue::boolean(value != 0);
+    }
+    case PLIST_UINT: {
+        // Binary property lists store 8-byte integers signed; the library hands them over raw.
+        std::uint64_t value = 0;
+        plist_get_uint_val(node, &value);
+        return PlistValue::integer(static_cast<std::int64_t>(value));
+    }
+    case PLIST_REAL: {
+        double value = 0;
+        plist_get_real_val(node, &value);
+        return PlistValue::real(value);
+    }
+    case PLIST_STRING: {
+        char* text = nullptr;
+        plist_get_string_val(node, &text);
+        return PlistValue::string(validText(text));
+    }
+    case PLIST_DATA: {
+        char* bytes = nullptr;
+        std::uint64_t length = 0;
+        plist_get_data_val(node, &bytes, &length);
+        const MallocText owned(bytes);
+        const auto* begin = reinterpret_cast<const std::uint8_t*>(owned.get());
+        return PlistValue::data(begin ? std::vector<std::uint8_t>(begin, begin + length)
+                                      : std::vector<std::uint8_t>());
+    }
+    case PLIST_DATE: {
+        std::int32_t seconds = 0;
+        std::int32_t microseconds = 0;
+        plist_get_date_val(node, &seconds, &microseconds);
+        // The library counts from 1 January 2001, like Core Foundation.
+        constexpr std::int64_t referenceDate = 978307200;
+        return PlistValue::date(PlistDate(std::chrono::microseconds(
+            (referenceDate + seconds) * 1'000'000 + static_cast<std::int64_t>(microseconds))));
+    }
+    case PLIST_ARRAY: {
+        PlistArray items;
+        const auto count = plist_array_get_size(node);
+        items.reserve(count);
+        for (std::uint32_t i = 0; i < count; ++i) {
+            items.push_back(fromNode(plist_array_get_item(node, i), depth + 1));
+        }
+        return PlistValue::array(std::move(items));
+    }
+    case PLIST_DICT: {
+        PlistDictionary entries;
+        plist_dict_iter iterator = nullptr;
+        plist_dict_new_iter(node, &iterator);
+        const std::unique_ptr<void, decltype(&std::free)> ownedIterator(iterator, &std::free);
+        for (;;) {
+            char* key = nullptr;
+            plist_t value = nullptr;
+            plist_dict_next_item(node, iterator, &key, &value);
+            if (!value) {
+                std::free(key);
+                break;
+            }
+            std::string name = validText(key);
+            for (const auto& entry : entries) {
+                if (entry.first == name) {
+                    throw DecodeFailure{"a dictionary repeats the key " + name};
+                }
+            }
+            entries.emplace_back(std::move(name), fromNode(value, depth + 1));
+        }
+        return PlistValue::dictionary(std::move(entries));
+    }
+    case PLIST_KEY:
+    case PLIST_UID:
+    case PLIST_NONE:
+        break;
+    }
+    throw DecodeFailure{"a value has a type that Finder settings do not use"};
+}
+
+PlistNode toNode(const PlistValue& value, int depth) {
+    if (depth > maximumDepth) {
+        throw DecodeFailure{"nesting is too deep"};
+    }
+    const auto cString = [](const std::string& text) {
+        // The library keeps strings NUL-terminated, so an embedded NUL would be cut off.
+        if (text.find('\0') != std::string::npos) {
+            throw DecodeFailure{"a string contains a NUL character"};
+        }
+        return text.c_str();
+    };
+    switch (value.kind()) {
+    case PlistValue::Kind::string:
+        return PlistNode(plist_new_string(cString(value.asString())));
+    case PlistValue::Kind::integer:
+        return PlistNode(plist_new_uint(static_cast<std::uint64_t>(value.asInteger())));
+    case PlistValue::Kind::real:
+        return PlistNode(plist_new_real(value.asReal()));
+    case PlistValue::Kind::boolean:
+        return PlistNode(plist_new_bool(value.asBoolean() ? 1 : 0));
+    case PlistValue::Kind::data: {
+        const auto& bytes = value.asData();
+        return PlistNode(plist_new_data(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+    }
+    case PlistValue::Kind::date: {
+        constexpr std::int64_t referenceDate = 978307200;
+        const auto total = value.asDate().time_since_epoch().count() - referenceDate * 1'000'000;
+        const auto seconds = total >= 0 ? total / 1'000'000 : -((-total + 999'999) / 1'000'000);
+        const auto microseconds = total - seconds * 1'000'000;
+        if (seconds < std::numeric_limits<std::int32_t>::min() ||
+            seconds > std::numeric_limits<std::int32_t>::max()) {
+            throw DecodeFailure{"a date is out of range"};
+        }
+        return PlistNode(plist_new_date(static_cast<std::int32_t>(seconds),
+                                        static_cast<std::int32_t>(microseconds)));
+    }
+    case PlistValue::Kind::array: {
+        PlistNode array(plist_new_array());
+        for (const auto& item : value.asArray()) {
+            plist_array_append_item(array.get(), toNode(item, depth + 1).release());
+        }
+        return array;
+    }
+    case PlistValue::Kind::dictionary: {
+        PlistNode dictionary(plist_new_dict());
+        for (const auto& [key, item] : value.asDictionary()) {
+            plist_dict_set_item(dictionary.get(), cString(key), toNode(item, depth + 1).release());
+        }
+        if (plist_dict_get_size(dictionary.get()) != value.asDictionary().size()) {
+            throw DecodeFailure{"a dictionary repeats a key"};
+        }
+        return dictionary;
+    }
+    }
+    throw DecodeFailure{"unknown value"};
+}
+
+} // namespace
+
+const PlistValue* PlistValue::find(std::string_view key) const {
+    if (kind() != Kind::dictionary) {
+        return nullptr;
+    }
+    for (const auto& entry : asDictionary()) {
+        if (entry.first == key) {
+            return &entry.second;
+        }
+    }
+    return nullptr;
+}
+
+bool operator==(const PlistValue& a, const PlistValue& b) {
+    if (a.kind() != b.kind()) {
+        return false;
+    }
+    if (a.kind() == PlistValue::Kind::real) {
+        return std::bit_cast<std::uint64_t>(a.asReal()) == std::bit_cast<std::uint64_t>(b.asReal());
+    }
+    return a.storage_ == b.storage_;
+}
+
+std::expected<PlistValue, std::string>
+PlistValue::decodeBinary(std::span<const std::uint8_t> bytes) {
+    constexpr std::string_view magic = "bplist00";
+    if (bytes.size() < magic.size() ||
+        std::string_view(reinterpret_cast<const char*>(bytes.data()), magic.size()) != magic) {
+        return std::unexpected("not a binary property list");
+    }
+    if (bytes.size() > std::numeric_limits<std::uint32_t>::max()) {
+        return std::unexpected("the property list is too large");
+    }
+    plist_t root = nullptr;
+    plist_from_bin(reinterpret_cast<const char*>(bytes.data()),
+                   static_cast<std::uint32_t>(bytes.size()), &root);
+    const PlistNode owned(root);
+    if (!root) {
+        return std::unexpected("the binary property list is malformed");
+    }
+    try {
+        return fromNode(root, 0);
+    } catch (const DecodeFailure& failure) {
+        return std::unexpected(failure.reason);
+    }
+}
+
+std::expected<std::vector<std::uint8_t>, std::string> PlistValue::encodeBinary() const {
+    try {
+        const auto root = toNode(*this, 0);
+        char* bytes = nullptr;
+        std::uint32_t length = 0;
+        plist_to_bin(root.get(), &bytes, &length);
+        const std::unique_ptr<char, decltype(&plist_to_bin_free)> owned(bytes, &plist_to_bin_free);
+        if (!bytes) {
+            return std::unexpected("the property list could not be encoded");
+        }
+        const auto* begin = reinterpret_cast<const std::uint8_t*>(bytes);
+        return std::vector<std::uint8_t>(begin, begin + length);
+    } catch (const DecodeFailure& failure) {
+        return std::unexpected(failure.reason);
+    }
+}
+
+} // namespace dsstore
