@@ -13,6 +13,9 @@ struct CliContext {
     std::stop_token stop;
     // The profile file (--profiles, VELTRA_PROFILES); empty means the default.
     std::string profilesPath;
+    // A command that reports its own failure (a check that found a fault) sets this instead of
+    // throwing, so that no "Error: " line is added.
+    int exitStatus = 0;
 };
 
 } // namespace veltra::cli

@@ -25,6 +25,7 @@ int runCommandLine(const std::vector<std::string>& arguments, CliContext& contex
                    "Profile file to use (default ~/.veltra/profiles.json)")
         ->envname("VELTRA_PROFILES");
     addProfileCommands(app, context);
+    addDSStoreCommands(app, context);
     addPlannedCommands(app, context);
 
     // CLI11 wants the arguments in reverse order, program name excluded.
@@ -53,7 +54,7 @@ int runCommandLine(const std::vector<std::string>& arguments, CliContext& contex
     if (app.get_subcommands().empty()) {
         context.out << app.help();
     }
-    return exitSuccess;
+    return context.exitStatus;
 }
 
 } // namespace veltra::cli

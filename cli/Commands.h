@@ -9,6 +9,7 @@ namespace veltra::cli {
 // Each command group adds its sub-commands to the app. A callback reports failure by throwing;
 // the command line turns that into "Error: " + message and a non-zero exit status.
 void addPlannedCommands(CLI::App& app, CliContext& context);
+void addDSStoreCommands(CLI::App& app, CliContext& context);
 void addProfileCommands(CLI::App& app, CliContext& context);
 
 } // namespace veltra::cli

@@ -15,7 +15,6 @@ void addPlannedCommands(CLI::App& app, CliContext& /*context*/) {
         const char* description;
     };
     static constexpr std::array planned{
-        Planned{"dsstore", "Read, check and write Finder .DS_Store layout files"},
         Planned{"appcast", "Parse, check and extend Sparkle appcast feeds"},
         Planned{"sign", "Sign a file for Sparkle updates (EdDSA)"},
         Planned{"version", "Show, bump, check and set the project's version and build"},
