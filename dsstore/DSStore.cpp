@@ -503,9 +503,12 @@ std::vector<std::uint8_t> layOut(const EncodedRecords& encoded) {
     for (const auto& node : nodes) {
         const auto size = encodedSize(encoded, *node);
         if (size > DSStore::pageSize) {
-            emitDiagnostic(fmt::format("A record of {} bytes is larger than a page; it gets a node "
-                                       "of its own",
-                                       size - 8));
+            std::size_t largest = 0;
+            for (const auto index : node->records) {
+                largest = std::max(largest, encoded.size(index));
+            }
+            emitDiagnostic(fmt::format(
+                "A record of {} bytes is larger than a page; it gets a node of its own", largest));
         }
         nodeBlocks.push_back(allocator.allocate(node->blockID, size));
         recordCount += node->records.size();
