@@ -94,12 +94,12 @@ std::string readableValue(const Record& record) {
 
 DSStore readStore(const std::string& path) {
     const auto bytes = readFile(expandTilde(path));
-    auto store =
-        DSStore::read(std::span(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()));
-    if (!store) {
-        throw VeltraError("Veltra", 1, "Corrupted file: " + std::string(store.error().what()));
+    try {
+        return DSStore::read(
+            std::span(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()));
+    } catch (const dsstore::DSStoreError& fault) {
+        throw VeltraError("Veltra", 1, "Corrupted file: " + std::string(fault.what()));
     }
-    return std::move(*store);
 }
 
 // Notes about odd but readable contents go to standard error while a command runs.
@@ -149,8 +149,10 @@ void addWrite(CLI::App& group, CliContext& context) {
         } catch (const dsstore::DSStoreError& error) {
             throw VeltraError("Veltra", 1, fmt::format("{}: {}", *input, error.what()));
         }
-        if (const auto written = store.writeFile(expandTilde(*output)); !written) {
-            throw VeltraError("Veltra", 1, written.error().what());
+        try {
+            store.writeFile(expandTilde(*output));
+        } catch (const dsstore::DSStoreError& error) {
+            throw VeltraError("Veltra", 1, error.what());
         }
         context.out << fmt::format("Wrote {} record{} to {}\n", store.records.size(),
                                    store.records.size() == 1 ? "" : "s", *output);
@@ -164,10 +166,11 @@ void addCheck(CLI::App& group, CliContext& context) {
     command->callback([&context, file] {
         const DiagnosticsToStream diagnostics(context.err);
         const auto bytes = readFile(expandTilde(*file));
-        const auto store = DSStore::read(
-            std::span(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()));
-        if (!store) {
-            context.out << "Corrupted file: " << store.error().what() << '\n';
+        try {
+            DSStore::read(
+                std::span(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()));
+        } catch (const dsstore::DSStoreError& fault) {
+            context.out << "Corrupted file: " << fault.what() << '\n';
             context.exitStatus = exitFailure;
             return;
         }

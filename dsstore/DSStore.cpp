@@ -83,11 +83,7 @@ Value readValue(BinaryReader& reader, RecordType type) {
         if (!type.holdsPropertyList()) {
             return Value::data(reader.readBytes(length));
         }
-        auto plist = PlistValue::decodeBinary(reader.readSpan(length));
-        if (!plist) {
-            fail("Property list serialization failed: " + plist.error());
-        }
-        return Value::propertyList(std::move(*plist));
+        return Value::propertyList(PlistValue::decodeBinary(reader.readSpan(length)));
     }
     case FourCC("book").rawValue:
         return Value::bookmark(reader.readBytes(reader.readUInt32()));
@@ -389,11 +385,7 @@ private:
             writeLengthAndBytes(value.asBytes());
             break;
         case Value::Kind::propertyList: {
-            const auto encoded = value.asPropertyList().encodeBinary();
-            if (!encoded) {
-                fail("Property list serialization failed: " + encoded.error());
-            }
-            writeLengthAndBytes(*encoded);
+            writeLengthAndBytes(value.asPropertyList().encodeBinary());
             break;
         }
         }
@@ -577,60 +569,47 @@ std::vector<std::uint8_t> layOut(const EncodedRecords& encoded) {
 
 } // namespace
 
-std::expected<DSStore, DSStoreError> DSStore::read(std::span<const std::uint8_t> bytes) {
-    try {
-        return StoreReader(bytes).read();
-    } catch (const DSStoreError& error) {
-        return std::unexpected(error);
-    }
+DSStore DSStore::read(std::span<const std::uint8_t> bytes) {
+    return StoreReader(bytes).read();
 }
 
-std::expected<DSStore, DSStoreError> DSStore::readFile(const std::filesystem::path& path) {
+DSStore DSStore::readFile(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
     if (!in) {
-        return std::unexpected(DSStoreError(fmt::format("Cannot open {}", path.string())));
+        throw DSStoreError(fmt::format("Cannot open {}", path.string()));
     }
     const std::vector<std::uint8_t> bytes((std::istreambuf_iterator<char>(in)),
                                           std::istreambuf_iterator<char>());
     if (in.bad()) {
-        return std::unexpected(DSStoreError(fmt::format("Cannot read {}", path.string())));
+        throw DSStoreError(fmt::format("Cannot read {}", path.string()));
     }
     return read(bytes);
 }
 
-std::expected<std::vector<std::uint8_t>, DSStoreError> DSStore::serialize() const {
-    try {
-        return layOut(EncodedRecords(records));
-    } catch (const DSStoreError& error) {
-        return std::unexpected(error);
-    }
+std::vector<std::uint8_t> DSStore::serialize() const {
+    return layOut(EncodedRecords(records));
 }
 
-std::expected<void, DSStoreError> DSStore::writeFile(const std::filesystem::path& path) const {
+void DSStore::writeFile(const std::filesystem::path& path) const {
     const auto bytes = serialize();
-    if (!bytes) {
-        return std::unexpected(bytes.error());
-    }
     auto temporary = path;
     temporary += ".veltra-tmp";
+    std::error_code error;
     {
         std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-        out.write(reinterpret_cast<const char*>(bytes->data()),
-                  static_cast<std::streamsize>(bytes->size()));
+        out.write(reinterpret_cast<const char*>(bytes.data()),
+                  static_cast<std::streamsize>(bytes.size()));
         out.close();
         if (!out) {
-            std::error_code ignored;
-            std::filesystem::remove(temporary, ignored);
-            return std::unexpected(DSStoreError(fmt::format("Cannot write {}", path.string())));
+            std::filesystem::remove(temporary, error);
+            throw DSStoreError(fmt::format("Cannot write {}", path.string()));
         }
     }
-    std::error_code error;
     std::filesystem::rename(temporary, path, error);
     if (error) {
         std::filesystem::remove(temporary, error);
-        return std::unexpected(DSStoreError(fmt::format("Cannot write {}", path.string())));
+        throw DSStoreError(fmt::format("Cannot write {}", path.string()));
     }
-    return {};
 }
 
 const Record* DSStore::find(std::string_view filename, RecordType type) const {

@@ -5,7 +5,6 @@
 #include "Record.h"
 
 #include <cstdint>
-#include <expected>
 #include <filesystem>
 #include <span>
 #include <string_view>
@@ -20,15 +19,16 @@ struct DSStore {
     std::vector<Record> records;
     BuddyAllocator allocator = BuddyAllocator::fresh();
 
-    // Validates the whole file and fails at the first structural fault with its message.
-    static std::expected<DSStore, DSStoreError> read(std::span<const std::uint8_t> bytes);
-    static std::expected<DSStore, DSStoreError> readFile(const std::filesystem::path& path);
+    // Validates the whole file; throws DSStoreError with the first structural fault's message.
+    static DSStore read(std::span<const std::uint8_t> bytes);
+    static DSStore readFile(const std::filesystem::path& path);
 
     // The bytes of a file Finder accepts: records sorted, leaves packed into 4096-byte pages,
-    // blocks from a fresh buddy allocator, unused space zero. Null values are left out.
-    std::expected<std::vector<std::uint8_t>, DSStoreError> serialize() const;
+    // blocks from a fresh buddy allocator, unused space zero. Null values are left out. Throws
+    // DSStoreError for a record that cannot be encoded.
+    std::vector<std::uint8_t> serialize() const;
     // Replaces the file at path in one step (temporary file, then rename).
-    std::expected<void, DSStoreError> writeFile(const std::filesystem::path& path) const;
+    void writeFile(const std::filesystem::path& path) const;
 
     const Record* find(std::string_view filename, RecordType type) const;
     // Replaces the record of the same name and code, or inserts it where the sort order puts it.

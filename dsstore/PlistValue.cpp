@@ -1,6 +1,7 @@
 #include "PlistValue.h"
 
 #include "BinaryWriter.h"
+#include "DSStoreError.h"
 
 #include <bit>
 #include <cmath>
@@ -206,31 +207,33 @@ bool operator==(const PlistValue& a, const PlistValue& b) {
     return a.storage_ == b.storage_;
 }
 
-std::expected<PlistValue, std::string>
-PlistValue::decodeBinary(std::span<const std::uint8_t> bytes) {
+PlistValue PlistValue::decodeBinary(std::span<const std::uint8_t> bytes) {
+    const auto failed = [](std::string_view reason) {
+        return DSStoreError("Property list serialization failed: " + std::string(reason));
+    };
     constexpr std::string_view magic = "bplist00";
     if (bytes.size() < magic.size() ||
         std::string_view(reinterpret_cast<const char*>(bytes.data()), magic.size()) != magic) {
-        return std::unexpected("not a binary property list");
+        throw failed("not a binary property list");
     }
     if (bytes.size() > std::numeric_limits<std::uint32_t>::max()) {
-        return std::unexpected("the property list is too large");
+        throw failed("the property list is too large");
     }
     plist_t root = nullptr;
     plist_from_bin(reinterpret_cast<const char*>(bytes.data()),
                    static_cast<std::uint32_t>(bytes.size()), &root);
     const PlistNode owned(root);
     if (!root) {
-        return std::unexpected("the binary property list is malformed");
+        throw failed("the binary property list is malformed");
     }
     try {
         return fromNode(root, 0);
     } catch (const DecodeFailure& failure) {
-        return std::unexpected(failure.reason);
+        throw failed(failure.reason);
     }
 }
 
-std::expected<std::vector<std::uint8_t>, std::string> PlistValue::encodeBinary() const {
+std::vector<std::uint8_t> PlistValue::encodeBinary() const {
     try {
         const auto root = toNode(*this, 0);
         char* bytes = nullptr;
@@ -238,12 +241,12 @@ std::expected<std::vector<std::uint8_t>, std::string> PlistValue::encodeBinary()
         plist_to_bin(root.get(), &bytes, &length);
         const std::unique_ptr<char, decltype(&plist_to_bin_free)> owned(bytes, &plist_to_bin_free);
         if (!bytes) {
-            return std::unexpected("the property list could not be encoded");
+            throw DecodeFailure{"the property list could not be encoded"};
         }
         const auto* begin = reinterpret_cast<const std::uint8_t*>(bytes);
         return std::vector<std::uint8_t>(begin, begin + length);
     } catch (const DecodeFailure& failure) {
-        return std::unexpected(failure.reason);
+        throw DSStoreError("Property list serialization failed: " + failure.reason);
     }
 }
 

@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <expected>
 #include <span>
 #include <string>
 #include <utility>
@@ -54,10 +53,11 @@ public:
     // Reals compare by their bits, so that a value always equals what it round-trips to.
     friend bool operator==(const PlistValue& a, const PlistValue& b);
 
-    // Decodes a binary property list ("bplist00"). On failure the text says why, without the
-    // "Property list serialization failed: " prefix.
-    static std::expected<PlistValue, std::string> decodeBinary(std::span<const std::uint8_t> bytes);
-    std::expected<std::vector<std::uint8_t>, std::string> encodeBinary() const;
+    // Decodes a binary property list ("bplist00"); throws DSStoreError with "Property list
+    // serialization failed: " and the reason.
+    static PlistValue decodeBinary(std::span<const std::uint8_t> bytes);
+    // Throws DSStoreError as decodeBinary does, for values a property list cannot hold.
+    std::vector<std::uint8_t> encodeBinary() const;
 
 private:
     using Storage = std::variant<std::string, std::int64_t, double, bool, std::vector<std::uint8_t>,

@@ -19,10 +19,8 @@ using namespace dsstore;
 using Frame = WindowSettings::WindowFrame;
 
 DSStore fixture(const std::string& name) {
-    auto store = DSStore::readFile(std::filesystem::path(VELTRA_FIXTURES_DIR) / "dsstore" /
-                                   (name + ".DS_Store"));
-    EXPECT_TRUE(store) << store.error().what();
-    return std::move(store.value());
+    return DSStore::readFile(std::filesystem::path(VELTRA_FIXTURES_DIR) / "dsstore" /
+                             (name + ".DS_Store"));
 }
 
 TEST(WindowFrame, ParsesAndFormatsFindersRectangleText) {
@@ -52,7 +50,7 @@ TEST(WindowSettingsView, ReadsFindersRecordAndWritesItBack) {
     mine.targetPath = std::vector<std::string>{"Volumes", "App"};
     DSStore written;
     written.set(mine.record());
-    const auto reread = DSStore::read(written.serialize().value()).value();
+    const auto reread = DSStore::read(written.serialize());
     EXPECT_EQ(WindowSettings::from(reread), mine);
     // Only what was set is written, under Finder's keys.
     const auto& keys = reread.records[0].value.asPropertyList().asDictionary();
@@ -79,9 +77,9 @@ TEST(IconViewSettingsView, KeepsThePictureBackgroundAndSwitchesToAColour) {
     EXPECT_EQ(settings.backgroundImageAlias, std::nullopt);
     DSStore written;
     written.set(settings.record());
-    const auto reread = IconViewSettings::from(DSStore::read(written.serialize().value()).value());
+    const auto reread = IconViewSettings::from(DSStore::read(written.serialize()));
     EXPECT_EQ(reread, settings);
-    EXPECT_EQ(reread->background(), BackgroundType::color(0.25, 0.5, 1));
+    EXPECT_EQ(reread.value().background(), BackgroundType::color(0.25, 0.5, 1));
     EXPECT_EQ(IconViewSettings().background().kind, BackgroundType::Kind::defaultBackground);
 }
 
