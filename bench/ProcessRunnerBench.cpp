@@ -1,5 +1,6 @@
 // Runner throughput and idle cost. Peak memory is the process's resident high-water mark,
 // reset before each measured run where the platform allows it.
+#include "BenchSupport.h"
 #include "core/process/ProcessRunner.h"
 
 #include <atomic>
@@ -12,25 +13,8 @@
 
 namespace {
 
-bool resetPeakMemory() {
-#if defined(__linux__)
-    std::ofstream clear("/proc/self/clear_refs");
-    clear << "5";
-    return bool(clear);
-#else
-    return false;
-#endif
-}
-
-double peakMemoryMiB() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-#if defined(__APPLE__)
-    return static_cast<double>(usage.ru_maxrss) / (1024.0 * 1024.0);
-#else
-    return static_cast<double>(usage.ru_maxrss) / 1024.0;
-#endif
-}
+using veltra::bench::peakMemoryMiB;
+using veltra::bench::resetPeakMemory;
 
 double cpuSeconds() {
     rusage usage{};

@@ -64,16 +64,23 @@ PlistValue fromNode(plist_t node, int depth) {
         return PlistValue::real(value);
     }
     case PLIST_STRING: {
-        char* text = nullptr;
-        plist_get_string_val(node, &text);
-        return PlistValue::string(validText(text));
+        // Read by pointer and length: the library asserts when asked to copy a string that
+        // holds a NUL, which a hostile file can contain.
+        std::uint64_t length = 0;
+        const char* text = plist_get_string_ptr(node, &length);
+        const std::string_view view = text ? std::string_view(text, length) : std::string_view();
+        if (view.find('\0') != std::string_view::npos) {
+            throw DecodeFailure{"a string contains a NUL character"};
+        }
+        if (!utf16FromUTF8(view)) {
+            throw DecodeFailure{"a string is not valid Unicode"};
+        }
+        return PlistValue::string(std::string(view));
     }
     case PLIST_DATA: {
-        char* bytes = nullptr;
         std::uint64_t length = 0;
-        plist_get_data_val(node, &bytes, &length);
-        const MallocText owned(bytes);
-        const auto* begin = reinterpret_cast<const std::uint8_t*>(owned.get());
+        const auto* begin =
+            reinterpret_cast<const std::uint8_t*>(plist_get_data_ptr(node, &length));
         return PlistValue::data(begin ? std::vector<std::uint8_t>(begin, begin + length)
                                       : std::vector<std::uint8_t>());
     }

@@ -5,6 +5,8 @@
 #include "dsstore/BinaryReader.h"
 #include "dsstore/DSStore.h"
 
+#include <cctype>
+#include <filesystem>
 #include <functional>
 
 #include <gtest/gtest.h>
@@ -329,5 +331,40 @@ TEST(BinaryCursors, ReportTheirOwnErrors) {
     dsstore::BinaryWriter writer;
     EXPECT_THROW(writer.writeASCII("Déjà"), dsstore::BinaryWriter::Failure);
 }
+
+} // namespace
+
+namespace {
+
+// Inputs the fuzzer once crashed on, each with what reading it must say now.
+struct Finding {
+    const char* file;
+    const char* message;
+};
+
+const std::vector<Finding> findings{
+    {"plist-string-with-nul.bin",
+     "Property list serialization failed: a string contains a NUL character"},
+};
+
+class FuzzFinding : public ::testing::TestWithParam<Finding> {};
+
+TEST_P(FuzzFinding, FailsCleanly) {
+    const auto path =
+        std::filesystem::path(VELTRA_FIXTURES_DIR) / "dsstore-crashes" / GetParam().file;
+    ASSERT_TRUE(std::filesystem::exists(path));
+    try {
+        DSStore::readFile(path);
+        FAIL() << "read";
+    } catch (const dsstore::DSStoreError& fault) {
+        EXPECT_STREQ(fault.what(), GetParam().message);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Fuzzer, FuzzFinding, ::testing::ValuesIn(findings), [](const auto& param) {
+    std::string name = param.param.file;
+    std::erase_if(name, [](char c) { return !std::isalnum(static_cast<unsigned char>(c)); });
+    return name;
+});
 
 } // namespace
