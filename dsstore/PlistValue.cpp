@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <plist/plist.h>
 #include <string_view>
 
@@ -40,6 +41,74 @@ std::string validText(char* raw) {
         throw DecodeFailure{"a string is not valid Unicode"};
     }
     return text;
+}
+
+// True when any string object of a binary property list holds a NUL character. libplist asserts
+// (and aborts the process) when it hands out such a string or dictionary key, so these lists are
+// refused before it sees them. Anything structurally wrong is left for libplist to reject.
+bool holdsStringWithNul(std::span<const std::uint8_t> bytes) {
+    if (bytes.size() < 8 + 32) {
+        return false;
+    }
+    const auto trailer = bytes.last(32);
+    const auto bigEndian = [&bytes](std::uint64_t at,
+                                    unsigned width) -> std::optional<std::uint64_t> {
+        if (width == 0 || width > 8 || at > bytes.size() || bytes.size() - at < width) {
+            return std::nullopt;
+        }
+        std::uint64_t value = 0;
+        for (unsigned i = 0; i < width; ++i) {
+            value = value << 8 | bytes[at + i];
+        }
+        return value;
+    };
+    const unsigned offsetSize = trailer[6];
+    const auto tail = bytes.size() - 32;
+    const auto objectCount = bigEndian(tail + 8, 8);
+    const auto tableOffset = bigEndian(tail + 24, 8);
+    if (!objectCount || !tableOffset || offsetSize == 0 || offsetSize > 8 ||
+        *objectCount > bytes.size() / offsetSize) {
+        return false;
+    }
+    for (std::uint64_t i = 0; i < *objectCount; ++i) {
+        if (*tableOffset > bytes.size() || i > (bytes.size() - *tableOffset) / offsetSize) {
+            return false;
+        }
+        const auto offset = bigEndian(*tableOffset + i * offsetSize, offsetSize);
+        if (!offset || *offset >= bytes.size()) {
+            continue;
+        }
+        const unsigned marker = bytes[*offset];
+        const unsigned kind = marker >> 4;
+        if (kind != 0x5 && kind != 0x6) {
+            continue;
+        }
+        std::uint64_t length = marker & 0x0F;
+        std::uint64_t start = *offset + 1;
+        if (length == 0x0F) {
+            if (start >= bytes.size() || (bytes[start] >> 4) != 0x1) {
+                continue;
+            }
+            const unsigned width = 1U << (bytes[start] & 0x0F);
+            const auto extended = bigEndian(start + 1, width);
+            if (!extended) {
+                continue;
+            }
+            length = *extended;
+            start += 1 + width;
+        }
+        const std::uint64_t unit = kind == 0x6 ? 2 : 1;
+        if (start > bytes.size() || length > (bytes.size() - start) / unit) {
+            continue;
+        }
+        for (std::uint64_t k = 0; k < length; ++k) {
+            const auto at = start + k * unit;
+            if (bytes[at] == 0 && (unit == 1 || bytes[at + 1] == 0)) {
+                return true;
+            }
+        }
+    }
+    return false;
 }
 
 PlistValue fromNode(plist_t node, int depth) {
@@ -225,6 +294,9 @@ PlistValue PlistValue::decodeBinary(std::span<const std::uint8_t> bytes) {
     }
     if (bytes.size() > std::numeric_limits<std::uint32_t>::max()) {
         throw failed("the property list is too large");
+    }
+    if (holdsStringWithNul(bytes)) {
+        throw failed("a string contains a NUL character");
     }
     plist_t root = nullptr;
     plist_from_bin(reinterpret_cast<const char*>(bytes.data()),

@@ -345,6 +345,8 @@ struct Finding {
 const std::vector<Finding> findings{
     {"plist-string-with-nul.bin",
      "Property list serialization failed: a string contains a NUL character"},
+    {"plist-key-with-nul.bin",
+     "Property list serialization failed: a string contains a NUL character"},
 };
 
 class FuzzFinding : public ::testing::TestWithParam<Finding> {};
