@@ -12,7 +12,7 @@ namespace dsstore {
 nlohmann::ordered_json storeToJson(const DSStore& store);
 
 // Builds a store from exactly that form, records in the given order; throws DSStoreError naming
-// the path of the first bad field ("records[2].value: expected 8 hex digits").
+// the path of the first bad field ("records[2].value: expected a hex string").
 DSStore storeFromJson(const nlohmann::ordered_json& json);
 
 nlohmann::ordered_json plistToJson(const PlistValue& plist);
