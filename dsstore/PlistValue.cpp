@@ -11,6 +11,7 @@
 #include <optional>
 #include <plist/plist.h>
 #include <string_view>
+#include <unordered_set>
 
 namespace dsstore {
 
@@ -43,73 +44,179 @@ std::string validText(char* raw) {
     return text;
 }
 
-// True when any string object of a binary property list holds a NUL character. libplist asserts
-// (and aborts the process) when it hands out such a string or dictionary key, so these lists are
-// refused before it sees them. Anything structurally wrong is left for libplist to reject.
-bool holdsStringWithNul(std::span<const std::uint8_t> bytes) {
-    if (bytes.size() < 8 + 32) {
-        return false;
+// What libplist cannot be trusted with, found by a pass over the raw objects before it parses
+// them: it asserts (aborting the process) when handing out a string or key that holds a NUL, and
+// it copies an object once per reference, so a few kilobytes of nested references can expand to
+// billions of nodes. Anything else structurally wrong is left for libplist to reject.
+class BinaryPlistScan {
+public:
+    // Beyond this many nodes once references are expanded a list is refused; Finder's settings
+    // hold a few hundred.
+    static constexpr std::uint64_t maximumNodes = 1 << 20;
+
+    explicit BinaryPlistScan(std::span<const std::uint8_t> bytes) : bytes_(bytes) {}
+
+    // The reason to refuse the list, or nullopt.
+    std::optional<std::string> problem() {
+        if (bytes_.size() < 8 + 32) {
+            return std::nullopt;
+        }
+        const auto tail = bytes_.size() - 32;
+        offsetSize_ = bytes_[tail + 6];
+        referenceSize_ = bytes_[tail + 7];
+        const auto count = number(tail + 8, 8);
+        const auto top = number(tail + 16, 8);
+        const auto table = number(tail + 24, 8);
+        if (offsetSize_ == 0 || offsetSize_ > 8 || referenceSize_ == 0 || referenceSize_ > 8 ||
+            !count || !top || !table || *top >= *count || *table > tail ||
+            *count > (tail - *table) / offsetSize_) {
+            return std::nullopt;
+        }
+        tableOffset_ = *table;
+        objectCount_ = *count;
+        for (std::uint64_t i = 0; i < objectCount_; ++i) {
+            const auto object = read(i);
+            if (object.kind == 0x5 || object.kind == 0x6) {
+                const std::uint64_t unit = object.kind == 0x6 ? 2 : 1;
+                for (std::uint64_t k = 0; k < object.length; ++k) {
+                    const auto at = object.start + k * unit;
+                    if (bytes_[at] == 0 && (unit == 1 || bytes_[at + 1] == 0)) {
+                        return "a string contains a NUL character";
+                    }
+                }
+            }
+        }
+        const auto nodes = expandedNodes(*top);
+        if (cyclic_) {
+            return "an object contains itself";
+        }
+        if (nodes > maximumNodes) {
+            return "the property list is too large";
+        }
+        return std::nullopt;
     }
-    const auto trailer = bytes.last(32);
-    const auto bigEndian = [&bytes](std::uint64_t at,
-                                    unsigned width) -> std::optional<std::uint64_t> {
-        if (width == 0 || width > 8 || at > bytes.size() || bytes.size() - at < width) {
+
+private:
+    struct Object {
+        unsigned kind = 0xF; // 0xF: not something to look into
+        std::uint64_t start = 0;
+        std::uint64_t length = 0;
+    };
+
+    std::optional<std::uint64_t> number(std::uint64_t at, unsigned width) const {
+        if (width == 0 || width > 8 || at > bytes_.size() || bytes_.size() - at < width) {
             return std::nullopt;
         }
         std::uint64_t value = 0;
         for (unsigned i = 0; i < width; ++i) {
-            value = value << 8 | bytes[at + i];
+            value = value << 8 | bytes_[at + i];
         }
         return value;
-    };
-    const unsigned offsetSize = trailer[6];
-    const auto tail = bytes.size() - 32;
-    const auto objectCount = bigEndian(tail + 8, 8);
-    const auto tableOffset = bigEndian(tail + 24, 8);
-    if (!objectCount || !tableOffset || offsetSize == 0 || offsetSize > 8 ||
-        *objectCount > bytes.size() / offsetSize) {
-        return false;
     }
-    for (std::uint64_t i = 0; i < *objectCount; ++i) {
-        if (*tableOffset > bytes.size() || i > (bytes.size() - *tableOffset) / offsetSize) {
-            return false;
+
+    // Strings and containers with their payload in bounds; anything else reads as kind 0xF.
+    Object read(std::uint64_t index) const {
+        const auto offset = number(tableOffset_ + index * offsetSize_, offsetSize_);
+        if (!offset || *offset >= bytes_.size()) {
+            return {};
         }
-        const auto offset = bigEndian(*tableOffset + i * offsetSize, offsetSize);
-        if (!offset || *offset >= bytes.size()) {
-            continue;
-        }
-        const unsigned marker = bytes[*offset];
+        const unsigned marker = bytes_[*offset];
         const unsigned kind = marker >> 4;
-        if (kind != 0x5 && kind != 0x6) {
-            continue;
+        std::uint64_t unit = 0;
+        switch (kind) {
+        case 0x5:
+            unit = 1;
+            break;
+        case 0x6:
+            unit = 2;
+            break;
+        case 0xA:
+        case 0xC:
+            unit = referenceSize_;
+            break;
+        case 0xD:
+            unit = 2 * std::uint64_t{referenceSize_};
+            break;
+        default:
+            return {};
         }
         std::uint64_t length = marker & 0x0F;
         std::uint64_t start = *offset + 1;
         if (length == 0x0F) {
-            if (start >= bytes.size() || (bytes[start] >> 4) != 0x1) {
-                continue;
+            if (start >= bytes_.size() || (bytes_[start] >> 4) != 0x1) {
+                return {};
             }
-            const unsigned width = 1U << (bytes[start] & 0x0F);
-            const auto extended = bigEndian(start + 1, width);
+            const unsigned width = 1U << (bytes_[start] & 0x0F);
+            const auto extended = number(start + 1, width);
             if (!extended) {
-                continue;
+                return {};
             }
             length = *extended;
             start += 1 + width;
         }
-        const std::uint64_t unit = kind == 0x6 ? 2 : 1;
-        if (start > bytes.size() || length > (bytes.size() - start) / unit) {
-            continue;
+        if (start > bytes_.size() || length > (bytes_.size() - start) / unit) {
+            return {};
         }
-        for (std::uint64_t k = 0; k < length; ++k) {
-            const auto at = start + k * unit;
-            if (bytes[at] == 0 && (unit == 1 || bytes[at + 1] == 0)) {
-                return true;
+        if (kind == 0xD) {
+            length *= 2;
+        }
+        return {kind, start, length};
+    }
+
+    // Nodes under top with every reference expanded, capped just past the maximum. A reference
+    // cycle, on which libplist would recurse, stops the count and is remembered.
+    std::uint64_t expandedNodes(std::uint64_t top) {
+        constexpr std::uint64_t cap = maximumNodes + 1;
+        std::vector<std::uint64_t> size(objectCount_, 0);
+        std::vector<std::uint8_t> state(objectCount_, 0); // 0 new, 1 open, 2 done
+        struct Frame {
+            std::uint64_t index;
+            Object object;
+            std::uint64_t next = 0;
+            std::uint64_t total = 1;
+        };
+        std::vector<Frame> stack{{top, read(top)}};
+        state[top] = 1;
+        while (!stack.empty()) {
+            auto& frame = stack.back();
+            const bool container = frame.object.kind >= 0xA;
+            if (container && frame.next < frame.object.length) {
+                const auto child =
+                    number(frame.object.start + frame.next * referenceSize_, referenceSize_);
+                ++frame.next;
+                if (!child || *child >= objectCount_) {
+                    continue;
+                }
+                if (state[*child] == 1) {
+                    cyclic_ = true;
+                    return cap;
+                }
+                if (state[*child] == 2) {
+                    frame.total = std::min(cap, frame.total + size[*child]);
+                    continue;
+                }
+                state[*child] = 1;
+                stack.push_back({*child, read(*child)});
+                continue;
+            }
+            const auto done = frame;
+            stack.pop_back();
+            size[done.index] = done.total;
+            state[done.index] = 2;
+            if (!stack.empty()) {
+                stack.back().total = std::min(cap, stack.back().total + done.total);
             }
         }
+        return size[top];
     }
-    return false;
-}
+
+    std::span<const std::uint8_t> bytes_;
+    unsigned offsetSize_ = 0;
+    unsigned referenceSize_ = 0;
+    std::uint64_t tableOffset_ = 0;
+    std::uint64_t objectCount_ = 0;
+    bool cyclic_ = false;
+};
 
 PlistValue fromNode(plist_t node, int depth) {
     if (depth > maximumDepth) {
@@ -163,16 +270,24 @@ PlistValue fromNode(plist_t node, int depth) {
             (referenceDate + seconds) * 1'000'000 + static_cast<std::int64_t>(microseconds))));
     }
     case PLIST_ARRAY: {
+        // The iterator, not indexing: the library finds the n-th item by walking the list.
         PlistArray items;
-        const auto count = plist_array_get_size(node);
-        items.reserve(count);
-        for (std::uint32_t i = 0; i < count; ++i) {
-            items.push_back(fromNode(plist_array_get_item(node, i), depth + 1));
+        plist_array_iter iterator = nullptr;
+        plist_array_new_iter(node, &iterator);
+        const std::unique_ptr<void, decltype(&std::free)> ownedIterator(iterator, &std::free);
+        for (;;) {
+            plist_t item = nullptr;
+            plist_array_next_item(node, iterator, &item);
+            if (!item) {
+                break;
+            }
+            items.push_back(fromNode(item, depth + 1));
         }
         return PlistValue::array(std::move(items));
     }
     case PLIST_DICT: {
         PlistDictionary entries;
+        std::unordered_set<std::string> seen;
         plist_dict_iter iterator = nullptr;
         plist_dict_new_iter(node, &iterator);
         const std::unique_ptr<void, decltype(&std::free)> ownedIterator(iterator, &std::free);
@@ -185,10 +300,9 @@ PlistValue fromNode(plist_t node, int depth) {
                 break;
             }
             std::string name = validText(key);
-            for (const auto& entry : entries) {
-                if (entry.first == name) {
-                    throw DecodeFailure{"a dictionary repeats the key " + name};
-                }
+            // A set, not a scan: a hostile list can hold a dictionary of many thousand keys.
+            if (!seen.insert(name).second) {
+                throw DecodeFailure{"a dictionary repeats the key " + name};
             }
             entries.emplace_back(std::move(name), fromNode(value, depth + 1));
         }
@@ -295,8 +409,8 @@ PlistValue PlistValue::decodeBinary(std::span<const std::uint8_t> bytes) {
     if (bytes.size() > std::numeric_limits<std::uint32_t>::max()) {
         throw failed("the property list is too large");
     }
-    if (holdsStringWithNul(bytes)) {
-        throw failed("a string contains a NUL character");
+    if (const auto problem = BinaryPlistScan(bytes).problem()) {
+        throw failed(*problem);
     }
     plist_t root = nullptr;
     plist_from_bin(reinterpret_cast<const char*>(bytes.data()),

@@ -44,6 +44,37 @@ std::vector<std::uint8_t> innerNode(std::uint32_t rightmost, std::uint32_t child
     return node;
 }
 
+// A binary property list of nested arrays: each level refers `fanOut` times to the next, so it
+// stays tiny on disk while expanding to fanOut^levels nodes. `loop` makes the last level refer
+// back to the first.
+std::vector<std::uint8_t> nestedArrays(std::uint8_t levels, std::uint8_t fanOut, bool loop) {
+    std::vector<std::uint8_t> plist{'b', 'p', 'l', 'i', 's', 't', '0', '0'};
+    std::vector<std::uint16_t> offsets;
+    for (std::uint8_t level = 0; level < levels; ++level) {
+        offsets.push_back(static_cast<std::uint16_t>(plist.size()));
+        plist.insert(plist.end(), {0xAF, 0x10, fanOut});
+        const auto next = static_cast<std::uint8_t>(loop && level + 1 == levels ? 0 : level + 1);
+        plist.insert(plist.end(), fanOut, next);
+    }
+    offsets.push_back(static_cast<std::uint16_t>(plist.size()));
+    plist.insert(plist.end(), {0x10, 0x01});
+    const auto table = plist.size();
+    for (const auto offset : offsets) {
+        plist.push_back(static_cast<std::uint8_t>(offset >> 8));
+        plist.push_back(static_cast<std::uint8_t>(offset));
+    }
+    plist.insert(plist.end(), {0, 0, 0, 0, 0, 0, 2, 1});
+    for (const std::uint64_t word :
+         {std::uint64_t{offsets.size()}, std::uint64_t{0}, std::uint64_t{table}}) {
+        for (int shift = 56; shift >= 0; shift -= 8) {
+            plist.push_back(static_cast<std::uint8_t>(word >> shift));
+        }
+    }
+    auto payload = bigEndian(static_cast<std::uint32_t>(plist.size()));
+    payload.insert(payload.end(), plist.begin(), plist.end());
+    return recordBytes(u".", "bwsp", "blob", payload);
+}
+
 const std::vector<Fault> faults{
     {"FirstWordNotOne", [](FileBuilder& f) { f.alignment = 2; }, {}, "Invalid file magic number"},
     {"MagicNotBud1", [](FileBuilder& f) { f.magic = "Bud2"; }, {}, "Invalid file magic number"},
@@ -241,6 +272,14 @@ const std::vector<Fault> faults{
      },
      {},
      "Property list serialization failed: not a binary property list"},
+    {"SettingsBlobExpandsBeyondReason",
+     [](FileBuilder& f) { f.records = {nestedArrays(3, 200, false)}; },
+     {},
+     "Property list serialization failed: the property list is too large"},
+    {"SettingsBlobContainsItself",
+     [](FileBuilder& f) { f.records = {nestedArrays(2, 3, true)}; },
+     {},
+     "Property list serialization failed: an object contains itself"},
     {"SettingsBlobBrokenPropertyList",
      [](FileBuilder& f) {
          auto payload = bigEndian(40);
@@ -272,6 +311,15 @@ TEST_P(ReadFault, StopsWithItsMessage) {
 
 INSTANTIATE_TEST_SUITE_P(Faults, ReadFault, ::testing::ValuesIn(faults),
                          [](const auto& param) { return std::string(param.param.name); });
+
+TEST(ReadFault, NestedReferencesWithinReasonAreRead) {
+    auto builder = validFile();
+    builder.records = {nestedArrays(2, 30, false)};
+    const auto store = DSStore::read(builder.build());
+    const auto& outer = store.records.at(0).value.asPropertyList().asArray();
+    ASSERT_EQ(outer.size(), 30U);
+    EXPECT_EQ(outer[29].asArray().size(), 30U);
+}
 
 TEST(ReadFault, TheUnbrokenFileReads) {
     const auto store = DSStore::read(validFile().build());
