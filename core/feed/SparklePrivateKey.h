@@ -1,0 +1,30 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <filesystem>
+#include <string_view>
+
+namespace veltra {
+
+// An Ed25519 signing key in the expanded form signing needs, read from either file Sparkle's
+// key tool writes: base64 of a 32-byte seed (Sparkle 2.6 and later) or of the older 96-byte
+// secret (clamped scalar, nonce prefix, public key), which has no seed to recover.
+struct SparklePrivateKey {
+    std::array<std::uint8_t, 32> scalar{};
+    std::array<std::uint8_t, 32> prefix{};
+    std::array<std::uint8_t, 32> publicKey{};
+
+    // Trims whitespace at both ends, decodes strict base64 and picks the form by length. Throws
+    // VeltraError naming the file (never its contents) when it cannot be read or decoded, or
+    // decodes to another length.
+    static SparklePrivateKey readFile(const std::filesystem::path& path);
+    static SparklePrivateKey fromSeed(const std::array<std::uint8_t, 32>& seed);
+
+    ~SparklePrivateKey();
+    SparklePrivateKey() = default;
+    SparklePrivateKey(const SparklePrivateKey&) = default;
+    SparklePrivateKey& operator=(const SparklePrivateKey&) = default;
+};
+
+} // namespace veltra
