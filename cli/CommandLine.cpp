@@ -26,6 +26,7 @@ int runCommandLine(const std::vector<std::string>& arguments, CliContext& contex
         ->envname("VELTRA_PROFILES");
     addProfileCommands(app, context);
     addDSStoreCommands(app, context);
+    addSignCommand(app, context);
     addPlannedCommands(app, context);
 
     // CLI11 wants the arguments in reverse order, program name excluded.

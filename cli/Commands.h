@@ -10,6 +10,7 @@ namespace veltra::cli {
 // the command line turns that into "Error: " + message and a non-zero exit status.
 void addPlannedCommands(CLI::App& app, CliContext& context);
 void addDSStoreCommands(CLI::App& app, CliContext& context);
+void addSignCommand(CLI::App& app, CliContext& context);
 void addProfileCommands(CLI::App& app, CliContext& context);
 
 } // namespace veltra::cli

@@ -16,7 +16,6 @@ void addPlannedCommands(CLI::App& app, CliContext& /*context*/) {
     };
     static constexpr std::array planned{
         Planned{"appcast", "Parse, check and extend Sparkle appcast feeds"},
-        Planned{"sign", "Sign a file for Sparkle updates (EdDSA)"},
         Planned{"version", "Show, bump, check and set the project's version and build"},
         Planned{"notes", "Draft release notes from git history"},
         Planned{"release", "Run the whole release pipeline for a profile"},
