@@ -25,13 +25,15 @@ std::string encode(std::span<const std::uint8_t> bytes) {
     text.reserve((bytes.size() + 2) / 3 * 4);
     std::size_t i = 0;
     for (; i + 3 <= bytes.size(); i += 3) {
-        const std::uint32_t group = bytes[i] << 16 | bytes[i + 1] << 8 | bytes[i + 2];
+        const std::uint32_t group = std::uint32_t{bytes[i]} << 16 |
+                                    std::uint32_t{bytes[i + 1]} << 8 | std::uint32_t{bytes[i + 2]};
         for (int shift = 18; shift >= 0; shift -= 6) {
             text += alphabet[group >> shift & 0x3F];
         }
     }
     if (const auto rest = bytes.size() - i; rest > 0) {
-        const std::uint32_t group = bytes[i] << 16 | (rest == 2 ? bytes[i + 1] << 8 : 0);
+        const std::uint32_t group =
+            std::uint32_t{bytes[i]} << 16 | (rest == 2 ? std::uint32_t{bytes[i + 1]} << 8 : 0U);
         text += alphabet[group >> 18 & 0x3F];
         text += alphabet[group >> 12 & 0x3F];
         text += rest == 2 ? alphabet[group >> 6 & 0x3F] : '=';
