@@ -39,19 +39,21 @@ std::uint64_t roundUp(std::uint64_t value, std::uint64_t multiple) {
     return (value + multiple - 1) / multiple * multiple;
 }
 
+// A length in UTF-16 units and the text: names and "ustr" values.
+std::string readText(BinaryReader& reader) {
+    const auto length = reader.readUInt32();
+    try {
+        return reader.readUTF16String(length);
+    } catch (const BinaryReader::Failure& failure) {
+        if (failure.error == BinaryReader::Error::invalidUTF16String) {
+            fail("Invalid UTF-16 string encoding");
+        }
+        throw;
+    }
+}
+
 Value readValue(BinaryReader& reader, RecordType type) {
     const FourCC dataType = reader.readFourCC();
-    const auto readText = [&reader] {
-        const auto length = reader.readUInt32();
-        try {
-            return reader.readUTF16String(length);
-        } catch (const BinaryReader::Failure& failure) {
-            if (failure.error == BinaryReader::Error::invalidUTF16String) {
-                fail("Invalid UTF-16 string encoding");
-            }
-            throw;
-        }
-    };
     switch (dataType.rawValue) {
     case FourCC("bool").rawValue: {
         const auto byte = reader.readUInt8();
@@ -77,7 +79,7 @@ Value readValue(BinaryReader& reader, RecordType type) {
     case FourCC("type").rawValue:
         return Value::fourCC(reader.readFourCC());
     case FourCC("ustr").rawValue:
-        return Value::string(readText());
+        return Value::string(readText(reader));
     case FourCC("blob").rawValue: {
         const auto length = reader.readUInt32();
         if (!type.holdsPropertyList()) {
@@ -94,15 +96,7 @@ Value readValue(BinaryReader& reader, RecordType type) {
 
 Record readRecord(BinaryReader& reader) {
     Record record;
-    const auto nameLength = reader.readUInt32();
-    try {
-        record.filename = reader.readUTF16String(nameLength);
-    } catch (const BinaryReader::Failure& failure) {
-        if (failure.error == BinaryReader::Error::invalidUTF16String) {
-            fail("Invalid UTF-16 string encoding");
-        }
-        throw;
-    }
+    record.filename = readText(reader);
     record.type = RecordType::fromCode(reader.readFourCC());
     record.value = readValue(reader, record.type);
     return record;
