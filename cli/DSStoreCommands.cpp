@@ -92,11 +92,16 @@ std::string readableValue(const Record& record) {
     return {};
 }
 
-DSStore readStore(const std::string& path) {
+// The file's store; throws DSStoreError with the first fault.
+DSStore readStoreOrFault(const std::string& path) {
     const auto bytes = readFile(expandTilde(path));
+    return DSStore::read(
+        std::span(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()));
+}
+
+DSStore readStore(const std::string& path) {
     try {
-        return DSStore::read(
-            std::span(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()));
+        return readStoreOrFault(path);
     } catch (const dsstore::DSStoreError& fault) {
         throw VeltraError("Veltra", 1, "Corrupted file: " + std::string(fault.what()));
     }
@@ -165,10 +170,8 @@ void addCheck(CLI::App& group, CliContext& context) {
     command->add_option("FILE", *file, "A .DS_Store file")->required();
     command->callback([&context, file] {
         const DiagnosticsToStream diagnostics(context.err);
-        const auto bytes = readFile(expandTilde(*file));
         try {
-            DSStore::read(
-                std::span(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()));
+            readStoreOrFault(*file);
         } catch (const dsstore::DSStoreError& fault) {
             context.out << "Corrupted file: " << fault.what() << '\n';
             context.exitStatus = exitFailure;

@@ -92,13 +92,6 @@ void BinaryWriter::writeUTF16(std::u16string_view units) {
     }
 }
 
-void BinaryWriter::patchUInt32(std::size_t offset, std::uint32_t value) {
-    data.at(offset + 3) = static_cast<std::uint8_t>(value);
-    data[offset + 2] = static_cast<std::uint8_t>(value >> 8);
-    data[offset + 1] = static_cast<std::uint8_t>(value >> 16);
-    data[offset] = static_cast<std::uint8_t>(value >> 24);
-}
-
 void BinaryWriter::padTo(std::size_t size) {
     if (data.size() < size) {
         data.resize(size, 0);

@@ -40,8 +40,6 @@ public:
     // Rejects text with any byte outside 7-bit ASCII.
     void writeASCII(std::string_view text);
     void writeUTF16(std::u16string_view units);
-    // Overwrites four bytes already written.
-    void patchUInt32(std::size_t offset, std::uint32_t value);
     // Zero bytes up to the given size.
     void padTo(std::size_t size);
 };

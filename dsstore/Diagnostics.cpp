@@ -4,7 +4,6 @@ namespace dsstore {
 
 namespace {
 thread_local ThreadDiagnosticHandlerBox* currentBox = nullptr;
-thread_local const DiagnosticHandler* currentHandler = nullptr;
 } // namespace
 
 DiagnosticHandlerStorage& DiagnosticHandlerStorage::shared() {
@@ -25,12 +24,10 @@ std::optional<DiagnosticHandler> DiagnosticHandlerStorage::get() const {
 ThreadDiagnosticHandlerBox::ThreadDiagnosticHandlerBox(DiagnosticHandler handler)
     : handler_(std::move(handler)), previous_(currentBox) {
     currentBox = this;
-    currentHandler = &handler_;
 }
 
 ThreadDiagnosticHandlerBox::~ThreadDiagnosticHandlerBox() {
     currentBox = previous_;
-    currentHandler = previous_ ? &previous_->handler_ : nullptr;
 }
 
 void setDiagnosticHandler(std::optional<DiagnosticHandler> handler) {
@@ -38,8 +35,8 @@ void setDiagnosticHandler(std::optional<DiagnosticHandler> handler) {
 }
 
 void emitDiagnostic(std::string_view message) {
-    if (currentHandler && *currentHandler) {
-        (*currentHandler)(message);
+    if (currentBox && currentBox->handler_) {
+        currentBox->handler_(message);
         return;
     }
     // Copied out so that a handler may replace the handler without deadlocking.

@@ -36,6 +36,8 @@ public:
     ThreadDiagnosticHandlerBox& operator=(const ThreadDiagnosticHandlerBox&) = delete;
 
 private:
+    friend void emitDiagnostic(std::string_view message);
+
     DiagnosticHandler handler_;
     ThreadDiagnosticHandlerBox* previous_;
 };
