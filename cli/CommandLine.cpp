@@ -27,6 +27,7 @@ int runCommandLine(const std::vector<std::string>& arguments, CliContext& contex
     addProfileCommands(app, context);
     addDSStoreCommands(app, context);
     addSignCommand(app, context);
+    addAppcastCommands(app, context);
     addPlannedCommands(app, context);
 
     // CLI11 wants the arguments in reverse order, program name excluded.

@@ -11,6 +11,7 @@ namespace veltra::cli {
 void addPlannedCommands(CLI::App& app, CliContext& context);
 void addDSStoreCommands(CLI::App& app, CliContext& context);
 void addSignCommand(CLI::App& app, CliContext& context);
+void addAppcastCommands(CLI::App& app, CliContext& context);
 void addProfileCommands(CLI::App& app, CliContext& context);
 
 } // namespace veltra::cli

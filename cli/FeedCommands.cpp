@@ -1,16 +1,215 @@
+#include "CommandLine.h"
 #include "Commands.h"
+#include "core/feed/BuildNumber.h"
 #include "core/feed/NativeEd25519Signer.h"
+#include "core/feed/ReleaseFeedValidator.h"
+#include "core/feed/SparkleEngine.h"
+#include "core/feed/SparkleFeedParser.h"
 #include "core/support/FileUtilities.h"
+#include "core/support/VeltraError.h"
 
+#include <algorithm>
+#include <array>
 #include <memory>
+#include <optional>
+#include <vector>
 
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 namespace veltra::cli {
 
 namespace {
 
-constexpr const char* defaultKeyPath = "~/.sparkle/ed25519_priv";
+std::int64_t releaseBuild(const std::string& text) {
+    const auto build = BuildNumber::parse(text);
+    if (!build.isValid()) {
+        throw VeltraError("Veltra", 400, "Invalid release build number.");
+    }
+    return build.value;
+}
+
+std::string feedAsJson(const std::optional<std::vector<SparkleFeedItem>>& items) {
+    nlohmann::ordered_json json;
+    json["valid"] = items.has_value();
+    json["items"] = nlohmann::ordered_json::array();
+    for (const auto& item : items.value_or(std::vector<SparkleFeedItem>{})) {
+        json["items"].push_back({
+            {"title", item.title},
+            {"shortVersion", item.shortVersion},
+            {"version", item.version},
+            {"pubDate", item.pubDate},
+            {"minimumSystemVersion", item.minimumSystemVersion},
+            {"releaseNotesURL", item.releaseNotesURL},
+            {"enclosureURL", item.enclosureURL},
+            {"enclosureLength", item.enclosureLength},
+            {"edSignature", item.edSignature},
+            {"rawDescription", item.rawDescription},
+        });
+    }
+    // Feeds are outside input: bytes that are not UTF-8 are shown replaced, never refused.
+    return json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+}
+
+// Columns padded to their widest cell; the download address goes last as it is the longest.
+std::string feedAsTable(const std::vector<SparkleFeedItem>& items) {
+    if (items.empty()) {
+        return "The feed lists no releases.\n";
+    }
+    std::vector<std::array<std::string, 6>> rows{
+        {"BUILD", "VERSION", "PUBLISHED", "MIN MACOS", "BYTES", "SIGNED"}};
+    for (const auto& item : items) {
+        rows.push_back({item.version, item.shortVersion, item.pubDate, item.minimumSystemVersion,
+                        item.enclosureLength, item.edSignature.empty() ? "no" : "yes"});
+    }
+    std::array<std::size_t, 6> widths{};
+    for (const auto& row : rows) {
+        for (std::size_t column = 0; column < row.size(); ++column) {
+            widths[column] = std::max(widths[column], row[column].size());
+        }
+    }
+    std::string out;
+    for (std::size_t index = 0; index < rows.size(); ++index) {
+        for (std::size_t column = 0; column < rows[index].size(); ++column) {
+            out += fmt::format("{:<{}}  ", rows[index][column], widths[column]);
+        }
+        out += index == 0 ? std::string("DOWNLOAD") : items[index - 1].enclosureURL;
+        out += '\n';
+    }
+    return out;
+}
+
+void reportFeed(CliContext& context, const std::optional<std::vector<SparkleFeedItem>>& items,
+                bool json, const std::string& source) {
+    if (json) {
+        context.out << feedAsJson(items) << '\n';
+        if (!items) {
+            context.exitStatus = exitFailure;
+        }
+        return;
+    }
+    if (!items) {
+        throw VeltraError("Veltra", 400,
+                          fmt::format("{} is not a usable update feed: it must be well-formed "
+                                      "XML with an rss element and a channel.",
+                                      source));
+    }
+    context.out << feedAsTable(*items);
+}
+
+SparkleEngine engineFor(CliContext& context) {
+    SparkleEngine engine;
+    engine.log = [&context](const std::string& line) { context.out << line << '\n'; };
+    return engine;
+}
+
+void addParse(CLI::App& group, CliContext& context) {
+    auto* command = group.add_subcommand("parse", "List the releases an appcast feed offers");
+    auto file = std::make_shared<std::string>();
+    auto json = std::make_shared<bool>(false);
+    command->add_option("FILE", *file, "The appcast.xml to read")->required();
+    command->add_flag("--json", *json, "Print {\"valid\":…,\"items\":[…]} instead of a table");
+    command->callback([&context, file, json] {
+        reportFeed(context, SparkleFeedParser::parse(readFile(expandTilde(*file))), *json, *file);
+    });
+}
+
+void addCheckBuild(CLI::App& group, CliContext& context) {
+    auto* command = group.add_subcommand(
+        "check-build", "Check that a build number is above every build the feed lists");
+    auto file = std::make_shared<std::string>();
+    auto build = std::make_shared<std::string>();
+    command->add_option("FILE", *file, "The appcast.xml to read")->required();
+    command->add_option("BUILD", *build, "The build about to be released")->required();
+    command->callback([&context, file, build] {
+        const auto value = releaseBuild(*build);
+        ReleaseFeedValidator::validateNextBuild(readFile(expandTilde(*file)), value);
+        context.out << fmt::format("Build {} is newer than every build in the feed.\n", value);
+    });
+}
+
+struct ItemOptions {
+    std::string version;
+    std::string build;
+    std::string url;
+    std::string signature;
+    std::string length;
+};
+
+void addVerify(CLI::App& group, CliContext& context) {
+    auto* command = group.add_subcommand(
+        "verify", "Check that exactly one item carries the release, with its exact values");
+    auto file = std::make_shared<std::string>();
+    auto options = std::make_shared<ItemOptions>();
+    command->add_option("FILE", *file, "The appcast.xml to read")->required();
+    command->add_option("--version", options->version, "Short version (1.4.2)")->required();
+    command->add_option("--build", options->build, "Build number")->required();
+    command->add_option("--url", options->url, "Download address of the disk image")->required();
+    command->add_option("--signature", options->signature, "Base64 EdDSA signature")->required();
+    command->add_option("--length", options->length, "Size of the disk image in bytes")->required();
+    command->callback([&context, file, options] {
+        ReleaseFeedValidator::verifyWrittenFeed(
+            readFile(expandTilde(*file)),
+            {options->version, options->build, options->url, options->signature, options->length});
+        context.out << fmt::format("The feed lists build {} exactly as released.\n",
+                                   options->build);
+    });
+}
+
+void addStub(CLI::App& group, CliContext& context) {
+    auto* command = group.add_subcommand("stub", "Write a new feed without releases");
+    auto file = std::make_shared<std::string>();
+    auto app = std::make_shared<std::string>();
+    auto site = std::make_shared<std::string>();
+    command->add_option("FILE", *file, "Where to write appcast.xml (must not exist)")->required();
+    command->add_option("--app", *app, "The application's name")->required();
+    command->add_option("--site", *site, "The application's web site");
+    command->callback([&context, file, app, site] {
+        engineFor(context).createStubFeed(expandTilde(*file), *app, *site);
+    });
+}
+
+void addAdd(CLI::App& group, CliContext& context) {
+    auto* command = group.add_subcommand(
+        "add", "Put a release at the top of a feed, signing the disk image when given one");
+    auto file = std::make_shared<std::string>();
+    auto release = std::make_shared<AppcastRelease>();
+    auto dmg = std::make_shared<std::string>();
+    auto keyFile = std::make_shared<std::string>(SparkleEngine::defaultPrivateKeyPath);
+    command->add_option("FILE", *file, "The appcast.xml to extend")->required();
+    command->add_option("--version", release->shortVersion, "Short version (1.4.2)")->required();
+    command->add_option("--build", release->build, "Build number")->required();
+    command->add_option("--url", release->downloadURL, "Download address of the disk image")
+        ->required();
+    command->add_option("--min-system", release->minimumSystemVersion, "Minimum macOS version")
+        ->required();
+    command->add_option("--notes-url", release->releaseNotesURL, "Release notes address")
+        ->required();
+    auto* signature =
+        command->add_option("--signature", release->signature, "Base64 EdDSA signature");
+    auto* length = command->add_option("--length", release->length, "Size in bytes");
+    auto* dmgOption = command->add_option("--dmg", *dmg, "Disk image to sign for the item");
+    auto* key = command
+                    ->add_option("--ed-key-file", *keyFile,
+                                 "Private key for --dmg (32-byte seed or the older 96-byte form)")
+                    ->capture_default_str();
+    signature->needs(length)->excludes(dmgOption);
+    length->needs(signature)->excludes(dmgOption);
+    key->needs(dmgOption);
+    command->callback([&context, file, release, dmg, keyFile, signature] {
+        if (signature->count() == 0 && dmg->empty()) {
+            throw CLI::ValidationError("Give --signature and --length, or --dmg to sign.");
+        }
+        auto engine = engineFor(context);
+        if (!dmg->empty()) {
+            const std::filesystem::path image = expandTilde(*dmg);
+            const auto signed_ = engine.sign(image, image.stem().string(), *keyFile, context.stop);
+            release->signature = signed_.signature;
+            release->length = signed_.length;
+        }
+        engine.updateFeed(expandTilde(*file), *release);
+    });
+}
 
 } // namespace
 
@@ -19,7 +218,7 @@ void addSignCommand(CLI::App& app, CliContext& context) {
         "sign",
         "Sign a file for Sparkle updates (EdDSA), printing what the feed's enclosure needs");
     auto file = std::make_shared<std::string>();
-    auto keyFile = std::make_shared<std::string>(defaultKeyPath);
+    auto keyFile = std::make_shared<std::string>(SparkleEngine::defaultPrivateKeyPath);
     command->add_option("FILE", *file, "The file to sign (usually the disk image)")->required();
     command
         ->add_option("--ed-key-file", *keyFile,
@@ -32,6 +231,16 @@ void addSignCommand(CLI::App& app, CliContext& context) {
         context.out << fmt::format("sparkle:edSignature=\"{}\" length=\"{}\"\n",
                                    result.signatureBase64(), result.length);
     });
+}
+
+void addAppcastCommands(CLI::App& app, CliContext& context) {
+    auto* group = app.add_subcommand("appcast", "Read, check and extend Sparkle appcast feeds");
+    group->require_subcommand(1);
+    addParse(*group, context);
+    addCheckBuild(*group, context);
+    addVerify(*group, context);
+    addStub(*group, context);
+    addAdd(*group, context);
 }
 
 } // namespace veltra::cli

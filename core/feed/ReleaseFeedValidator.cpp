@@ -1,0 +1,59 @@
+#include "ReleaseFeedValidator.h"
+
+#include "BuildNumber.h"
+#include "ReleaseFeedFailure.h"
+#include "SparkleFeedParser.h"
+
+#include <algorithm>
+#include <limits>
+#include <optional>
+
+#include <fmt/format.h>
+
+namespace veltra {
+
+void ReleaseFeedValidator::validateNextBuild(std::string_view feedData, std::int64_t newBuild) {
+    const auto items = SparkleFeedParser::parse(feedData);
+    if (!items) {
+        throw releaseFeedError("The update feed is invalid. Repair it before releasing.");
+    }
+    std::optional<std::int64_t> highest;
+    for (const auto& item : *items) {
+        if (item.version.empty()) {
+            continue;
+        }
+        const auto build = BuildNumber::parse(item.version);
+        if (build.status == BuildNumber::Status::notAnInteger) {
+            throw releaseFeedError("The update feed contains an invalid build number.");
+        }
+        if (build.status == BuildNumber::Status::outOfRange ||
+            build.value == std::numeric_limits<std::int64_t>::max()) {
+            throw releaseFeedError("The feed build number is too large.");
+        }
+        highest = std::max(highest.value_or(build.value), build.value);
+    }
+    if (highest && newBuild <= *highest) {
+        throw releaseFeedError(fmt::format(
+            "Build {} has already been published or is too low. Use build {} or higher.", newBuild,
+            *highest + 1));
+    }
+}
+
+void ReleaseFeedValidator::verifyWrittenFeed(std::string_view feedData,
+                                             const ExpectedFeedItem& expected) {
+    const auto items = SparkleFeedParser::parse(feedData);
+    if (!items) {
+        throw releaseFeedError(std::string(mismatchMessage));
+    }
+    const auto carriesBuild = [&](const SparkleFeedItem& item) {
+        return item.version == expected.build;
+    };
+    const auto item = std::ranges::find_if(*items, carriesBuild);
+    if (std::ranges::count_if(*items, carriesBuild) != 1 ||
+        item->shortVersion != expected.shortVersion || item->enclosureURL != expected.downloadURL ||
+        item->edSignature != expected.signature || item->enclosureLength != expected.length) {
+        throw releaseFeedError(std::string(mismatchMessage));
+    }
+}
+
+} // namespace veltra

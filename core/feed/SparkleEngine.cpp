@@ -1,0 +1,189 @@
+#include "SparkleEngine.h"
+
+#include "BuildNumber.h"
+#include "NativeEd25519Signer.h"
+#include "SparkleFeedParser.h"
+#include "core/support/FileUtilities.h"
+#include "core/support/VeltraError.h"
+
+#include <regex>
+#include <system_error>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+namespace veltra {
+
+namespace {
+
+constexpr const char* domain = "Veltra.Sparkle";
+constexpr int signingCode = 3;
+constexpr int feedCode = 4;
+
+bool isExecutableFile(const std::filesystem::path& path) {
+    std::error_code error;
+    return std::filesystem::is_regular_file(path, error) && ::access(path.c_str(), X_OK) == 0;
+}
+
+std::optional<std::filesystem::path> searchDerivedData(const std::filesystem::path& root,
+                                                       const std::stop_token& stop) {
+    std::error_code error;
+    if (!std::filesystem::is_directory(root, error)) {
+        return std::nullopt;
+    }
+    namespace fs = std::filesystem;
+    fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied, error);
+    for (; !error && it != fs::recursive_directory_iterator(); it.increment(error)) {
+        if (stop.stop_requested()) {
+            throw CancellationError();
+        }
+        const auto name = it->path().filename().string();
+        if (name.starts_with('.')) {
+            it.disable_recursion_pending();
+            continue;
+        }
+        if (name == "sign_update" && isExecutableFile(it->path())) {
+            return it->path();
+        }
+    }
+    return std::nullopt;
+}
+
+std::string trimmed(std::string_view text) {
+    const auto first = text.find_first_not_of(" \t\r\n");
+    if (first == std::string_view::npos) {
+        return {};
+    }
+    return std::string(text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1));
+}
+
+} // namespace
+
+void SparkleEngine::emit(const std::string& line) const {
+    if (log) {
+        log(line);
+    }
+}
+
+std::filesystem::path SparkleEngine::home() const {
+    return homeFolder.empty() ? homeDirectory() : homeFolder;
+}
+
+std::optional<std::filesystem::path> SparkleEngine::locateSignUpdate(std::stop_token stop) const {
+    std::optional<std::filesystem::path> found;
+    for (const auto& path : fixedToolPaths) {
+        if (isExecutableFile(path)) {
+            found = path;
+            break;
+        }
+    }
+    if (!found) {
+        found = searchDerivedData(home() / "Library/Developer/Xcode/DerivedData", stop);
+    }
+    if (!found) {
+        const auto which = runner.run("which", {"sign_update"}, stop);
+        const auto path = trimmed(which.output.substr(0, which.output.find('\n')));
+        if (which.exitCode == 0 && !path.empty() && isExecutableFile(path)) {
+            found = path;
+        }
+    }
+    if (found) {
+        emit("Success: Located Sparkle sign_update tool");
+    }
+    return found;
+}
+
+std::optional<std::string> SparkleEngine::signatureFromToolOutput(std::string_view output) {
+    static const std::regex expression("sparkle:edSignature=\"([^\"]+)\"");
+    std::match_results<std::string_view::const_iterator> match;
+    if (!std::regex_search(output.begin(), output.end(), match, expression)) {
+        return std::nullopt;
+    }
+    return match[1].str();
+}
+
+SparkleSignResult SparkleEngine::sign(const std::filesystem::path& dmg, const std::string& appName,
+                                      const std::string& privateKeyPath,
+                                      std::stop_token stop) const {
+    emit(fmt::format("Signing Sparkle update for {}...", appName));
+    const auto keyPath = expandTilde(privateKeyPath);
+    if (const auto tool = locateSignUpdate(stop)) {
+        const auto result =
+            runner.run(tool->string(), {"--ed-key-file", keyPath.string(), dmg.string()}, stop);
+        const auto signature = signatureFromToolOutput(result.output);
+        if (result.exitCode != 0 || !signature) {
+            // sign_update prints its errors on standard output.
+            throw VeltraError(domain, signingCode,
+                              fmt::format("sign_update could not sign {}: {}", dmg.string(),
+                                          trimmed(result.output + result.errorOutput)));
+        }
+        emit("Success: Generated Ed25519 signature: " + *signature);
+        std::error_code error;
+        const auto size = std::filesystem::file_size(dmg, error);
+        if (error) {
+            throw VeltraError(
+                domain, signingCode,
+                fmt::format("Could not read the size of {}: {}", dmg.string(), error.message()));
+        }
+        return {*signature, std::to_string(size)};
+    }
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(keyPath, error)) {
+        throw VeltraError(domain, signingCode,
+                          fmt::format("Could not generate Sparkle signature: sign_update binary "
+                                      "and private key at '{}' not available.",
+                                      keyPath.string()));
+    }
+    emit("Using native CryptoKit Ed25519 signer with key at: " + keyPath.string());
+    const auto key = SparklePrivateKey::readFile(keyPath);
+    const auto signature = NativeEd25519Signer::signFile(key, dmg, stop);
+    emit("Success: Native CryptoKit signature: " + signature.signatureBase64());
+    return {signature.signatureBase64(), std::to_string(signature.length)};
+}
+
+void SparkleEngine::updateFeed(const std::filesystem::path& appcastPath,
+                               const AppcastRelease& release) const {
+    if (!BuildNumber::parse(release.build).isValid()) {
+        throw VeltraError(domain, feedCode, "Invalid release build number.");
+    }
+    std::error_code error;
+    if (!std::filesystem::exists(appcastPath, error)) {
+        throw VeltraError(domain, feedCode, "appcast.xml not found at " + appcastPath.string());
+    }
+    const auto document = readFile(appcastPath);
+    const auto when = clock ? clock() : std::time(nullptr);
+    const auto updated =
+        appcast::insertItem(document, appcast::itemText(release, appcast::rfc822Date(when)));
+    if (!updated) {
+        throw VeltraError(domain, feedCode, "Could not find insertion anchor in appcast.xml");
+    }
+    // Checked before writing, so a feed that would not read back is never left on disk.
+    const auto items = SparkleFeedParser::parse(*updated);
+    const bool readsBack = items && !items->empty() &&
+                           items->front().shortVersion == release.shortVersion &&
+                           items->front().version == release.build &&
+                           items->front().enclosureURL == release.downloadURL &&
+                           items->front().edSignature == release.signature &&
+                           items->front().enclosureLength == release.length;
+    if (!readsBack) {
+        throw VeltraError(domain, feedCode,
+                          "The update feed does not match the release version, build, download "
+                          "URL, signature, and size. Upload stopped.");
+    }
+    writeFileAtomically(appcastPath, *updated);
+    emit(fmt::format("Success: Successfully updated appcast.xml with v{} (build {})",
+                     release.shortVersion, release.build));
+}
+
+void SparkleEngine::createStubFeed(const std::filesystem::path& appcastPath,
+                                   const std::string& appName, const std::string& siteURL) const {
+    std::error_code error;
+    if (std::filesystem::exists(appcastPath, error)) {
+        throw VeltraError(domain, feedCode,
+                          "appcast.xml already exists at " + appcastPath.string());
+    }
+    writeFileAtomically(appcastPath, appcast::stubFeed(appName, siteURL));
+    emit("Success: Created appcast.xml stub at " + appcastPath.string());
+}
+
+} // namespace veltra

@@ -1,0 +1,241 @@
+#include "SparkleFeedParser.h"
+
+#include <algorithm>
+#include <expat.h>
+
+namespace veltra {
+
+namespace {
+
+constexpr std::string_view itemName = "item";
+constexpr std::string_view enclosureName = "enclosure";
+
+bool isIgnoredContainer(std::string_view name) {
+    return name == "sparkle:deltas" || name == "sparkle:informationalUpdate";
+}
+
+bool isFeedSpace(char32_t c) {
+    return (c >= 0x09 && c <= 0x0D) || c == 0x20 || c == 0x85 || c == 0xA0 || c == 0x1680 ||
+           (c >= 0x2000 && c <= 0x200A) || c == 0x2028 || c == 0x2029 || c == 0x202F ||
+           c == 0x205F || c == 0x3000;
+}
+
+// Length of the space character starting at `at`, or 0. Input is expat's UTF-8.
+std::size_t spaceAt(std::string_view text, std::size_t at) {
+    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    const unsigned char lead = byte(at);
+    if (lead < 0x80) {
+        return isFeedSpace(lead) ? 1 : 0;
+    }
+    std::size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : lead >= 0xC0 ? 2 : 0;
+    if (length == 0 || at + length > text.size()) {
+        return 0;
+    }
+    char32_t c = lead & (0x7F >> length);
+    for (std::size_t i = 1; i < length; ++i) {
+        c = (c << 6) | (byte(at + i) & 0x3Fu);
+    }
+    return isFeedSpace(c) ? length : 0;
+}
+
+// Length of the space character ending just before `end`, or 0.
+std::size_t spaceBefore(std::string_view text, std::size_t end) {
+    std::size_t start = end;
+    while (start > 0 && end - start < 4) {
+        --start;
+        if ((static_cast<unsigned char>(text[start]) & 0xC0) != 0x80) {
+            return spaceAt(text, start) == end - start ? end - start : 0;
+        }
+    }
+    return 0;
+}
+
+std::string textOf(const std::map<std::string, std::string, std::less<>>& map,
+                   std::string_view key) {
+    const auto found = map.find(key);
+    return found == map.end() ? std::string() : found->second;
+}
+
+struct Session {
+    SparkleFeedParser* delegate = nullptr;
+    XML_Parser parser = nullptr;
+};
+
+extern "C" void onStart(void* user, const XML_Char* name, const XML_Char** attributes) {
+    static_cast<Session*>(user)->delegate->startElement(name, attributes);
+}
+
+extern "C" void onEnd(void* user, const XML_Char* name) {
+    static_cast<Session*>(user)->delegate->endElement(name);
+}
+
+extern "C" void onText(void* user, const XML_Char* text, int length) {
+    static_cast<Session*>(user)->delegate->characterData(
+        std::string_view(text, static_cast<std::size_t>(length)));
+}
+
+// Any DTD entity is refused outright: feeds have no use for them, and refusing them closes
+// both the external-file and the expansion-bomb doors whatever expat's own limits are.
+extern "C" void onEntityDeclaration(void* user, const XML_Char*, int, const XML_Char*, int,
+                                    const XML_Char*, const XML_Char*, const XML_Char*,
+                                    const XML_Char*) {
+    XML_StopParser(static_cast<Session*>(user)->parser, XML_FALSE);
+}
+
+struct ParserHandle {
+    XML_Parser parser = XML_ParserCreate(nullptr);
+    ~ParserHandle() {
+        if (parser != nullptr) {
+            XML_ParserFree(parser);
+        }
+    }
+};
+
+} // namespace
+
+std::string trimFeedText(std::string_view text) {
+    std::size_t begin = 0;
+    while (begin < text.size()) {
+        const auto length = spaceAt(text, begin);
+        if (length == 0) {
+            break;
+        }
+        begin += length;
+    }
+    std::size_t end = text.size();
+    while (end > begin) {
+        const auto length = spaceBefore(text, end);
+        if (length == 0) {
+            break;
+        }
+        end -= length;
+    }
+    return std::string(text.substr(begin, end - begin));
+}
+
+void SparkleFeedParser::startElement(const char* name, const char** attributes) {
+    const std::string_view element(name);
+    if (element == "rss") {
+        hasRSS_ = true;
+    } else if (element == "channel") {
+        hasChannel_ = true;
+    }
+    if (insideItem_ && (ignoredDepth_ > 0 || isIgnoredContainer(element))) {
+        ++ignoredDepth_;
+        element_.clear();
+        return;
+    }
+    if (element == itemName) {
+        insideItem_ = true;
+        fields_.clear();
+        enclosure_.clear();
+    }
+    if (!insideItem_) {
+        return;
+    }
+    element_ = element;
+    if (element == enclosureName) {
+        enclosure_.clear();
+        for (auto attribute = attributes; attribute[0] != nullptr; attribute += 2) {
+            enclosure_.insert_or_assign(attribute[0], attribute[1]);
+        }
+    }
+}
+
+void SparkleFeedParser::endElement(const char* name) {
+    if (insideItem_ && ignoredDepth_ > 0) {
+        --ignoredDepth_;
+        element_.clear();
+        return;
+    }
+    if (std::string_view(name) == itemName) {
+        if (insideItem_) {
+            finishItem();
+        }
+        insideItem_ = false;
+        return;
+    }
+    element_.clear();
+}
+
+void SparkleFeedParser::characterData(std::string_view text) {
+    if (insideItem_ && ignoredDepth_ == 0) {
+        fields_[element_].append(text);
+    }
+}
+
+void SparkleFeedParser::finishItem() {
+    const auto field = [&](std::string_view name) { return trimFeedText(textOf(fields_, name)); };
+    const auto firstNonEmpty = [](std::string first, std::string second, std::string third) {
+        return !first.empty() ? first : !second.empty() ? second : third;
+    };
+    SparkleFeedItem item;
+    item.title = field("title");
+    item.shortVersion =
+        firstNonEmpty(field("sparkle:shortVersionString"),
+                      trimFeedText(textOf(enclosure_, "sparkle:shortVersionString")), item.title);
+    item.version =
+        firstNonEmpty(field("sparkle:version"), trimFeedText(textOf(enclosure_, "sparkle:version")),
+                      item.shortVersion);
+    if (item.title.empty()) {
+        item.title = item.shortVersion;
+    }
+    item.pubDate = field("pubDate");
+    item.minimumSystemVersion = field("sparkle:minimumSystemVersion");
+    if (item.minimumSystemVersion.empty()) {
+        item.minimumSystemVersion = defaultMinimumSystemVersion;
+    }
+    item.releaseNotesURL = field("sparkle:releaseNotesLink");
+    item.enclosureURL = textOf(enclosure_, "url");
+    item.enclosureLength = textOf(enclosure_, "length");
+    item.edSignature = textOf(enclosure_, "sparkle:edSignature");
+    item.rawDescription = field("description");
+    items_.push_back(std::move(item));
+}
+
+std::optional<std::vector<SparkleFeedItem>> SparkleFeedParser::parse(std::string_view data) {
+    SparkleFeedParser delegate;
+    ParserHandle handle;
+    if (handle.parser == nullptr) {
+        return std::nullopt;
+    }
+    XML_Parser parser = handle.parser;
+    Session session{&delegate, parser};
+    XML_SetUserData(parser, &session);
+    XML_SetElementHandler(parser, onStart, onEnd);
+    XML_SetCharacterDataHandler(parser, onText);
+    XML_SetEntityDeclHandler(parser, onEntityDeclaration);
+    XML_SetParamEntityParsing(parser, XML_PARAM_ENTITY_PARSING_NEVER);
+
+    // Expat takes int lengths; large documents go in slices.
+    constexpr std::size_t slice = 16u << 20;
+    std::size_t offset = 0;
+    do {
+        const auto length = std::min(slice, data.size() - offset);
+        const bool last = offset + length == data.size();
+        if (XML_Parse(parser, data.data() + offset, static_cast<int>(length),
+                      last ? XML_TRUE : XML_FALSE) != XML_STATUS_OK) {
+            return std::nullopt;
+        }
+        offset += length;
+    } while (offset < data.size());
+
+    if (!delegate.hasRSS_ || !delegate.hasChannel_) {
+        return std::nullopt;
+    }
+    return std::move(delegate.items_);
+}
+
+} // namespace veltra
+
+std::size_t
+std::hash<veltra::SparkleFeedItem>::operator()(const veltra::SparkleFeedItem& item) const noexcept {
+    std::size_t seed = 0;
+    for (const auto* field : {&item.title, &item.shortVersion, &item.version, &item.pubDate,
+                              &item.minimumSystemVersion, &item.releaseNotesURL, &item.enclosureURL,
+                              &item.enclosureLength, &item.edSignature, &item.rawDescription}) {
+        seed ^=
+            std::hash<std::string>{}(*field) + 0x9e3779b97f4a7c15ULL + (seed << 6) + (seed >> 2);
+    }
+    return seed;
+}

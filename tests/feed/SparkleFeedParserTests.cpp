@@ -1,0 +1,158 @@
+#include "core/feed/SparkleFeedParser.h"
+#include "core/support/FileUtilities.h"
+
+#include <chrono>
+#include <fstream>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+namespace veltra {
+namespace {
+
+const std::filesystem::path fixtures = std::filesystem::path(VELTRA_FIXTURES_DIR) / "appcast";
+
+std::vector<SparkleFeedItem> parseValid(std::string_view document) {
+    const auto items = SparkleFeedParser::parse(document);
+    EXPECT_TRUE(items.has_value()) << document;
+    return items.value_or(std::vector<SparkleFeedItem>{});
+}
+
+std::string feedWith(std::string_view channelContent) {
+    return "<?xml version=\"1.0\"?>\n<rss version=\"2.0\" "
+           "xmlns:sparkle=\"http://www.andymatuschak.org/xml-namespaces/sparkle\"><channel>" +
+           std::string(channelContent) + "</channel></rss>";
+}
+
+TEST(SparkleFeedParser, RealFeedsParseToTheirExpectedItems) {
+    int checked = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(fixtures)) {
+        if (entry.path().extension() != ".xml") {
+            continue;
+        }
+        SCOPED_TRACE(entry.path().filename().string());
+        const auto expected = nlohmann::json::parse(
+            readFile(fixtures / "expected" / entry.path().filename().replace_extension(".json")));
+        const auto items = SparkleFeedParser::parse(readFile(entry.path()));
+        ASSERT_EQ(items.has_value(), expected["valid"].get<bool>());
+        ASSERT_EQ(items->size(), expected["items"].size());
+        for (std::size_t index = 0; index < items->size(); ++index) {
+            const auto& want = expected["items"][index];
+            const SparkleFeedItem wanted{
+                want["title"],         want["shortVersion"],         want["version"],
+                want["pubDate"],       want["minimumSystemVersion"], want["releaseNotesURL"],
+                want["enclosureURL"],  want["enclosureLength"],      want["edSignature"],
+                want["rawDescription"]};
+            EXPECT_EQ((*items)[index], wanted) << "item " << index;
+        }
+        ++checked;
+    }
+    EXPECT_EQ(checked, 6);
+}
+
+TEST(SparkleFeedParser, DocumentsThatAreNotFeeds) {
+    const struct {
+        const char* name;
+        std::string document;
+    } cases[] = {
+        {"no rss", "<feed><channel><item><title>1</title></item></channel></feed>"},
+        {"no channel", "<rss><item><title>1</title></item></rss>"},
+        {"not well-formed", feedWith("<item><title>1</title>")},
+        {"empty", ""},
+        {"text", "appcast"},
+        {"declares an entity", "<!DOCTYPE rss [<!ENTITY v \"1\">]><rss><channel><item>"
+                               "<title>&v;</title></item></channel></rss>"},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.name);
+        EXPECT_FALSE(SparkleFeedParser::parse(row.document).has_value());
+    }
+    EXPECT_EQ(parseValid(feedWith("")).size(), 0u);
+}
+
+TEST(SparkleFeedParser, FallbacksForMissingFields) {
+    auto items = parseValid(feedWith("<item><title> 2.0 </title></item>"
+                                     "<item><sparkle:shortVersionString>3.1</sparkle:"
+                                     "shortVersionString></item>"
+                                     "<item><enclosure url=\" a \" sparkle:version=\" 9 \"/>"
+                                     "<sparkle:version>10</sparkle:version></item>"));
+    ASSERT_EQ(items.size(), 3u);
+    EXPECT_EQ(items[0].shortVersion, "2.0");
+    EXPECT_EQ(items[0].version, "2.0");
+    EXPECT_EQ(items[0].minimumSystemVersion, "14.0");
+    EXPECT_EQ(items[1].title, "3.1");
+    EXPECT_EQ(items[1].version, "3.1");
+    // The element wins over the enclosure attribute; attributes are taken as they stand.
+    EXPECT_EQ(items[2].version, "10");
+    EXPECT_EQ(items[2].enclosureURL, " a ");
+}
+
+TEST(SparkleFeedParser, SplitTextAndCDATAAreJoinedBeforeTrimming) {
+    const auto items =
+        parseValid(feedWith("<item><title>\n  1.&#50;<![CDATA[.3]]>\u2028</title>"
+                            "<description><![CDATA[<p>New</p>]]> <![CDATA[things]]>\n</description>"
+                            "<sparkle:version>\u00a0\u3000 7 \u0085</sparkle:version></item>"));
+    ASSERT_EQ(items.size(), 1u);
+    EXPECT_EQ(items[0].title, "1.2.3");
+    EXPECT_EQ(items[0].rawDescription, "<p>New</p> things");
+    EXPECT_EQ(items[0].version, "7");
+}
+
+TEST(SparkleFeedParser, DeltasAndInformationalUpdatesFeedNothingOfTheItem) {
+    const auto items = parseValid(feedWith(
+        "<item><title>5</title><enclosure url=\"full.dmg\" length=\"10\"/>"
+        "<sparkle:informationalUpdate><sparkle:version>4</sparkle:version>"
+        "</sparkle:informationalUpdate>"
+        "<sparkle:deltas><enclosure url=\"delta.patch\" length=\"1\"/><item><title>x</title>"
+        "</item></sparkle:deltas><pubDate>today</pubDate></item>"));
+    ASSERT_EQ(items.size(), 1u);
+    EXPECT_EQ(items[0].version, "5");
+    EXPECT_EQ(items[0].enclosureURL, "full.dmg");
+    EXPECT_EQ(items[0].enclosureLength, "10");
+    EXPECT_EQ(items[0].pubDate, "today");
+}
+
+TEST(SparkleFeedParser, ExternalEntitiesAreNeverRead) {
+    const auto secret = std::filesystem::temp_directory_path() / "veltra-feed-secret.txt";
+    { std::ofstream(secret) << "SECRET"; }
+    const auto document = "<?xml version=\"1.0\"?><!DOCTYPE rss [<!ENTITY x SYSTEM \"file://" +
+                          secret.string() +
+                          "\">]><rss><channel><item><title>&x;</title></item></channel></rss>";
+    EXPECT_FALSE(SparkleFeedParser::parse(document).has_value());
+    // A DTD that lives elsewhere is not fetched either; its entities stay unknown.
+    const auto external =
+        "<?xml version=\"1.0\" standalone=\"no\"?><!DOCTYPE rss SYSTEM \"file://" +
+        secret.string() + "\"><rss><channel><item><title>a&x;</title></item></channel></rss>";
+    const auto items = SparkleFeedParser::parse(external);
+    if (items) {
+        ASSERT_EQ(items->size(), 1u);
+        EXPECT_EQ((*items)[0].title.find("SECRET"), std::string::npos);
+    }
+    std::filesystem::remove(secret);
+}
+
+TEST(SparkleFeedParser, EntityBombsAreRefusedQuickly) {
+    std::string bomb = "<?xml version=\"1.0\"?><!DOCTYPE rss [<!ENTITY a0 \"lol\">";
+    for (int level = 1; level <= 12; ++level) {
+        bomb += "<!ENTITY a" + std::to_string(level) + " \"";
+        for (int copy = 0; copy < 10; ++copy) {
+            bomb += "&a" + std::to_string(level - 1) + ";";
+        }
+        bomb += "\">";
+    }
+    bomb += "]><rss><channel><item><title>&a12;</title></item></channel></rss>";
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(SparkleFeedParser::parse(bomb).has_value());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+}
+
+TEST(SparkleFeedParser, TrimsTheUnicodeSpaceSet) {
+    EXPECT_EQ(trimFeedText(" \t\r\n\v\f\u0085\u00a0\u2003\u2029x y\u202f\u205f\u1680"), "x y");
+    EXPECT_EQ(trimFeedText("\u200bx"), "\u200bx"); // zero-width space is not white space
+    EXPECT_EQ(trimFeedText("\xe2\x80"), "\xe2\x80");
+    EXPECT_EQ(trimFeedText(""), "");
+}
+
+} // namespace
+} // namespace veltra
