@@ -131,6 +131,12 @@ HttpClient::HttpClient() {
 }
 
 bool HttpClient::isWebAddress(const std::string& url) {
+    // libcurl reads "https:///feed.xml" as the host "feed.xml"; an address needs its host.
+    const auto separator = url.find("://");
+    if (separator == std::string::npos || separator + 3 >= url.size() ||
+        url[separator + 3] == '/') {
+        return false;
+    }
     std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> parsed(curl_url(), curl_url_cleanup);
     if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK) {
         return false;

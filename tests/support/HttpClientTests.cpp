@@ -182,6 +182,7 @@ TEST(HttpClient, WebAddresses) {
     EXPECT_FALSE(HttpClient::isWebAddress("ftp://example.com/appcast.xml"));
     EXPECT_FALSE(HttpClient::isWebAddress("file:///tmp/appcast.xml"));
     EXPECT_FALSE(HttpClient::isWebAddress("https://"));
+    EXPECT_FALSE(HttpClient::isWebAddress("https:///appcast.xml"));
     EXPECT_FALSE(HttpClient::isWebAddress("example.com/appcast.xml"));
     EXPECT_FALSE(HttpClient::isWebAddress(""));
 }
