@@ -2,6 +2,7 @@
 #include "Commands.h"
 #include "core/feed/BuildNumber.h"
 #include "core/feed/NativeEd25519Signer.h"
+#include "core/feed/PublishedFeedReader.h"
 #include "core/feed/ReleaseFeedValidator.h"
 #include "core/feed/SparkleEngine.h"
 #include "core/feed/SparkleFeedParser.h"
@@ -211,6 +212,46 @@ void addAdd(CLI::App& group, CliContext& context) {
     });
 }
 
+void addLive(CLI::App& group, CliContext& context) {
+    auto* command =
+        group.add_subcommand("live", "Fetch the feed a web site serves and list its releases");
+    auto url = std::make_shared<std::string>();
+    auto json = std::make_shared<bool>(false);
+    command->add_option("URL", *url, "The feed's public address")->required();
+    command->add_flag("--json", *json, "Print {\"valid\":…,\"items\":[…]} instead of a table");
+    command->callback([&context, url, json] {
+        const auto data = PublishedFeedReader().liveFeed(*url, context.stop);
+        reportFeed(context, SparkleFeedParser::parse(data), *json, *url);
+    });
+}
+
+void addCommitted(CLI::App& group, CliContext& context) {
+    auto* command = group.add_subcommand(
+        "committed", "Read the feed on the website repository's publishing branch at origin");
+    auto repository = std::make_shared<std::string>();
+    auto branch = std::make_shared<std::string>("main");
+    auto downloads = std::make_shared<std::string>();
+    auto live = std::make_shared<std::string>();
+    auto json = std::make_shared<bool>(false);
+    command->add_option("REPO", *repository, "Root folder of the website repository")->required();
+    command->add_option("--branch", *branch, "Publishing branch")->capture_default_str();
+    command->add_option("--downloads", *downloads,
+                        "Folder of the repository that holds appcast.xml (default: its root)");
+    command->add_option("--live", *live,
+                        "The site's feed address, consulted when the branch has no feed");
+    command->add_flag("--json", *json, "Print {\"valid\":…,\"items\":[…]} instead of a table");
+    command->callback([&context, repository, branch, downloads, live, json] {
+        const PublishedFeedReader reader;
+        const auto folder = expandTilde(*repository);
+        const auto data = live->empty()
+                              ? reader.committedFeed(folder, *branch, *downloads, context.stop)
+                              : reader.committedFeedCheckedAgainstLive(folder, *branch, *downloads,
+                                                                       *live, context.stop);
+        reportFeed(context, SparkleFeedParser::parse(data), *json,
+                   fmt::format("The feed on {}", *branch));
+    });
+}
+
 } // namespace
 
 void addSignCommand(CLI::App& app, CliContext& context) {
@@ -241,6 +282,8 @@ void addAppcastCommands(CLI::App& app, CliContext& context) {
     addVerify(*group, context);
     addStub(*group, context);
     addAdd(*group, context);
+    addLive(*group, context);
+    addCommitted(*group, context);
 }
 
 } // namespace veltra::cli
