@@ -1,0 +1,35 @@
+// Feeds come from web sites and other tools: any bytes must parse to items or to "not a feed",
+// and the checks and the writer's anchor search must answer without crashing.
+#include "core/feed/AppcastDocument.h"
+#include "core/feed/ReleaseFeedValidator.h"
+#include "core/feed/SparkleFeedParser.h"
+#include "core/support/VeltraError.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <string_view>
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::string_view text(reinterpret_cast<const char*>(data), size);
+    const auto items = veltra::SparkleFeedParser::parse(text);
+    if (items) {
+        for (const auto& item : *items) {
+            // The fallbacks guarantee these whatever the feed says.
+            if (item.minimumSystemVersion.empty() ||
+                (!item.shortVersion.empty() && item.title.empty())) {
+                std::abort();
+            }
+        }
+    }
+    try {
+        veltra::ReleaseFeedValidator::validateNextBuild(text, 7);
+    } catch (const veltra::VeltraError&) {
+    }
+    const auto updated = veltra::appcast::insertItem(
+        text, veltra::appcast::itemText({"1.0", "7", "u", "s", "1", "13.0", "n"}, "date"));
+    if (updated && updated->size() <= size) {
+        std::abort();
+    }
+    return 0;
+}
