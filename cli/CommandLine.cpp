@@ -28,6 +28,7 @@ int runCommandLine(const std::vector<std::string>& arguments, CliContext& contex
     addDSStoreCommands(app, context);
     addSignCommand(app, context);
     addAppcastCommands(app, context);
+    addVersionCommands(app, context);
     addPlannedCommands(app, context);
 
     // CLI11 wants the arguments in reverse order, program name excluded.

@@ -12,6 +12,7 @@ void addPlannedCommands(CLI::App& app, CliContext& context);
 void addDSStoreCommands(CLI::App& app, CliContext& context);
 void addSignCommand(CLI::App& app, CliContext& context);
 void addAppcastCommands(CLI::App& app, CliContext& context);
+void addVersionCommands(CLI::App& app, CliContext& context);
 void addProfileCommands(CLI::App& app, CliContext& context);
 
 } // namespace veltra::cli
