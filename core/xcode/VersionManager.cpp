@@ -284,7 +284,10 @@ VersionInfo VersionManager::readVersionInfo(const std::filesystem::path& project
         }
         const SparkleFeedItem* newest = nullptr;
         std::int64_t newestBuild = 0;
-        for (const auto& item : items.value_or(std::vector<SparkleFeedItem>{})) {
+        if (!items) {
+            items.emplace();
+        }
+        for (const auto& item : *items) {
             // Items whose build is not a number cannot be ordered; they are passed over.
             const auto build = BuildNumber::parse(item.version);
             if (build.isValid() && (newest == nullptr || build.value > newestBuild)) {
