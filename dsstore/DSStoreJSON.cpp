@@ -183,6 +183,12 @@ Value valueFromJson(std::string_view type, RecordType recordType, const Json& js
         return Value::string(string(json, path));
     }
     if (type == "blob") {
+        // Finder's readers take these records' blobs as property lists; raw bytes would make a
+        // file no reader accepts.
+        if (recordType.holdsPropertyList()) {
+            invalid(path, fmt::format("a {} record holds a property list: give it as \"plist\"",
+                                      recordType.code().text()));
+        }
         return Value::data(bytesFromHex(json, path));
     }
     if (type == "book") {
