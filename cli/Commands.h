@@ -2,9 +2,15 @@
 
 #include "CliContext.h"
 
+#include <cstdint>
+#include <string>
+
 #include <CLI/CLI.hpp>
 
 namespace veltra::cli {
+
+// A build number given on the command line; throws "Invalid release build number." otherwise.
+std::int64_t releaseBuildArgument(const std::string& text);
 
 // Each command group adds its sub-commands to the app. A callback reports failure by throwing;
 // the command line turns that into "Error: " + message and a non-zero exit status.

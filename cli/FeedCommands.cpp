@@ -22,14 +22,6 @@ namespace veltra::cli {
 
 namespace {
 
-std::int64_t releaseBuild(const std::string& text) {
-    const auto build = BuildNumber::parse(text);
-    if (!build.isValid()) {
-        throw VeltraError("Veltra", 400, "Invalid release build number.");
-    }
-    return build.value;
-}
-
 std::string feedAsJson(const std::optional<std::vector<SparkleFeedItem>>& items) {
     nlohmann::ordered_json json;
     json["valid"] = items.has_value();
@@ -123,7 +115,7 @@ void addCheckBuild(CLI::App& group, CliContext& context) {
     command->add_option("FILE", *file, "The appcast.xml to read")->required();
     command->add_option("BUILD", *build, "The build about to be released")->required();
     command->callback([&context, file, build] {
-        const auto value = releaseBuild(*build);
+        const auto value = releaseBuildArgument(*build);
         ReleaseFeedValidator::validateNextBuild(readFile(expandTilde(*file)), value);
         context.out << fmt::format("Build {} is newer than every build in the feed.\n", value);
     });
@@ -253,6 +245,14 @@ void addCommitted(CLI::App& group, CliContext& context) {
 }
 
 } // namespace
+
+std::int64_t releaseBuildArgument(const std::string& text) {
+    const auto build = BuildNumber::parse(text);
+    if (!build.isValid()) {
+        throw VeltraError("Veltra", 400, "Invalid release build number.");
+    }
+    return build.value;
+}
 
 void addSignCommand(CLI::App& app, CliContext& context) {
     auto* command = app.add_subcommand(

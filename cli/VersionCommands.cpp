@@ -1,6 +1,5 @@
 #include "CommandLine.h"
 #include "Commands.h"
-#include "core/feed/BuildNumber.h"
 #include "core/support/VeltraError.h"
 #include "core/xcode/VersionManager.h"
 #include "core/xcode/VersionValidation.h"
@@ -14,14 +13,6 @@
 namespace veltra::cli {
 
 namespace {
-
-std::int64_t buildArgument(const std::string& text) {
-    const auto build = BuildNumber::parse(text);
-    if (!build.isValid()) {
-        throw VeltraError("Veltra", 400, "Invalid release build number.");
-    }
-    return build.value;
-}
 
 template <typename T> nlohmann::ordered_json orNull(const std::optional<T>& value) {
     return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json(nullptr);
@@ -103,7 +94,7 @@ void addSet(CLI::App& group, CliContext& context) {
         const std::optional<std::string> newVersion =
             versionOption->count() > 0 ? std::optional(*version) : std::nullopt;
         const std::optional<std::int64_t> newBuild =
-            buildOption->count() > 0 ? std::optional(buildArgument(*build)) : std::nullopt;
+            buildOption->count() > 0 ? std::optional(releaseBuildArgument(*build)) : std::nullopt;
         if (!VersionManager::projectFile(*project)) {
             throw VeltraError("Veltra", 404,
                               fmt::format("No Xcode project found at {}.", *project));
@@ -149,7 +140,8 @@ void addCheck(CLI::App& group, CliContext& context) {
     command->add_flag("--json", *json, "Print the result as JSON");
     command->callback([&context, project, version, build, appcast, json] {
         const auto info = VersionManager().readVersionInfo(*project, feedOption(*appcast));
-        const auto result = VersionValidation::evaluate(*version, buildArgument(*build), info);
+        const auto result =
+            VersionValidation::evaluate(*version, releaseBuildArgument(*build), info);
         if (*json) {
             const nlohmann::ordered_json out{
                 {"severity", severityName(result.severity)},

@@ -1,8 +1,8 @@
 #include "AppcastDocument.h"
 
-#include <algorithm>
+#include "ExpatDocument.h"
+
 #include <cstdlib>
-#include <expat.h>
 #include <vector>
 
 #include <fmt/format.h>
@@ -35,8 +35,7 @@ std::string escaped(std::string_view text, bool attribute) {
     return out;
 }
 
-struct AnchorSearch {
-    XML_Parser parser = nullptr;
+struct AnchorSearch : ExpatContext {
     std::vector<std::string> open{};
     std::optional<std::size_t> afterTitle{};
     std::optional<std::size_t> afterChannelTag{};
@@ -50,7 +49,7 @@ struct AnchorSearch {
 };
 
 extern "C" void anchorStart(void* user, const XML_Char* name, const XML_Char**) {
-    auto& search = *static_cast<AnchorSearch*>(user);
+    auto& search = expatContext<AnchorSearch>(user);
     if (std::string_view(name) == "channel" && !search.channelSeen) {
         search.channelSeen = true;
         search.afterChannelTag = search.endOfCurrentEvent();
@@ -59,7 +58,7 @@ extern "C" void anchorStart(void* user, const XML_Char* name, const XML_Char**) 
 }
 
 extern "C" void anchorEnd(void* user, const XML_Char* name) {
-    auto& search = *static_cast<AnchorSearch*>(user);
+    auto& search = expatContext<AnchorSearch>(user);
     const std::string_view element(name);
     const bool channelTitle = element == "title" && search.open.size() >= 2 &&
                               search.open[search.open.size() - 2] == "channel";
@@ -77,12 +76,6 @@ extern "C" void anchorEnd(void* user, const XML_Char* name) {
     if (search.afterTitle) {
         XML_StopParser(search.parser, XML_FALSE);
     }
-}
-
-extern "C" void anchorEntityDeclaration(void* user, const XML_Char*, int, const XML_Char*, int,
-                                        const XML_Char*, const XML_Char*, const XML_Char*,
-                                        const XML_Char*) {
-    XML_StopParser(static_cast<AnchorSearch*>(user)->parser, XML_FALSE);
 }
 
 constexpr const char* weekdays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
@@ -126,28 +119,12 @@ std::string itemText(const AppcastRelease& release, std::string_view pubDate) {
 }
 
 std::optional<std::size_t> insertionAnchor(std::string_view document) {
-    XML_Parser parser = XML_ParserCreate(nullptr);
-    if (parser == nullptr) {
-        return std::nullopt;
-    }
     AnchorSearch search;
-    search.parser = parser;
-    XML_SetUserData(parser, &search);
-    XML_SetElementHandler(parser, anchorStart, anchorEnd);
-    XML_SetEntityDeclHandler(parser, anchorEntityDeclaration);
-    // A document that breaks off later still has good anchors before the break.
-    std::size_t offset = 0;
-    constexpr std::size_t slice = 16u << 20;
-    do {
-        const auto length = std::min(slice, document.size() - offset);
-        const bool last = offset + length == document.size();
-        if (XML_Parse(parser, document.data() + offset, static_cast<int>(length),
-                      last ? XML_TRUE : XML_FALSE) != XML_STATUS_OK) {
-            break;
-        }
-        offset += length;
-    } while (offset < document.size());
-    XML_ParserFree(parser);
+    ExpatDocument parser(search);
+    XML_SetElementHandler(parser.parser(), anchorStart, anchorEnd);
+    // A document that breaks off later (or that the search stops early) still has good anchors
+    // before the break, so the outcome of the parse does not matter.
+    parser.parse(document);
     return search.afterTitle ? search.afterTitle : search.afterChannelTag;
 }
 

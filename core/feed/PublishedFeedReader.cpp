@@ -2,6 +2,7 @@
 
 #include "ReleaseFeedFailure.h"
 #include "core/process/ProcessExecutionError.h"
+#include "core/support/Text.h"
 
 #include <system_error>
 
@@ -13,14 +14,6 @@ namespace {
 
 constexpr const char* unreadableFeed =
     "The publishing branch update feed could not be read. Retry before releasing.";
-
-std::string trimmed(std::string_view text) {
-    const auto first = text.find_first_not_of(" \t\r\n");
-    if (first == std::string_view::npos) {
-        return {};
-    }
-    return std::string(text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1));
-}
 
 std::string feedPath(std::string downloadsPath) {
     while (!downloadsPath.empty() && downloadsPath.back() == '/') {
@@ -75,7 +68,7 @@ std::string PublishedFeedReader::committedFeed(const std::filesystem::path& repo
         throw notRoot();
     }
     const auto root = git({"rev-parse", "--show-toplevel"});
-    if (root.exitCode != 0 || !sameFolder(trimmed(root.output), repository)) {
+    if (root.exitCode != 0 || !sameFolder(trimWhitespace(root.output), repository)) {
         throw notRoot();
     }
 
@@ -83,7 +76,8 @@ std::string PublishedFeedReader::committedFeed(const std::filesystem::path& repo
         const auto fetch = git({"fetch", "--no-tags", "--filter=blob:none", "origin", branch});
         if (fetch.exitCode != 0) {
             throw ReleaseFeedFailure::websiteRepository(
-                "Could not check the website publishing branch: " + trimmed(fetch.errorOutput));
+                "Could not check the website publishing branch: " +
+                std::string(trimWhitespace(fetch.errorOutput)));
         }
     } catch (const ProcessExecutionError& failure) {
         throw ReleaseFeedFailure::websiteRepository(
@@ -96,7 +90,7 @@ std::string PublishedFeedReader::committedFeed(const std::filesystem::path& repo
         if (listing.exitCode != 0) {
             throw ReleaseFeedFailure::websiteRepository(unreadableFeed);
         }
-        if (trimmed(listing.output).empty()) {
+        if (trimWhitespace(listing.output).empty()) {
             throw ReleaseFeedFailure::missingCommittedFeed();
         }
         const auto shown = git({"show", "FETCH_HEAD:" + path});

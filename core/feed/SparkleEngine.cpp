@@ -4,6 +4,7 @@
 #include "NativeEd25519Signer.h"
 #include "SparkleFeedParser.h"
 #include "core/support/FileUtilities.h"
+#include "core/support/Text.h"
 #include "core/support/VeltraError.h"
 
 #include <regex>
@@ -49,14 +50,6 @@ std::optional<std::filesystem::path> searchDerivedData(const std::filesystem::pa
     return std::nullopt;
 }
 
-std::string trimmed(std::string_view text) {
-    const auto first = text.find_first_not_of(" \t\r\n");
-    if (first == std::string_view::npos) {
-        return {};
-    }
-    return std::string(text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1));
-}
-
 } // namespace
 
 void SparkleEngine::emit(const std::string& line) const {
@@ -82,7 +75,8 @@ std::optional<std::filesystem::path> SparkleEngine::locateSignUpdate(std::stop_t
     }
     if (!found) {
         const auto which = runner.run("which", {"sign_update"}, stop);
-        const auto path = trimmed(which.output.substr(0, which.output.find('\n')));
+        const std::string path(
+            trimWhitespace(std::string_view(which.output).substr(0, which.output.find('\n'))));
         if (which.exitCode == 0 && !path.empty() && isExecutableFile(path)) {
             found = path;
         }
@@ -115,7 +109,7 @@ SparkleSignResult SparkleEngine::sign(const std::filesystem::path& dmg, const st
             // sign_update prints its errors on standard output.
             throw VeltraError(domain, signingCode,
                               fmt::format("sign_update could not sign {}: {}", dmg.string(),
-                                          trimmed(result.output + result.errorOutput)));
+                                          trimWhitespace(result.output + result.errorOutput)));
         }
         emit("Success: Generated Ed25519 signature: " + *signature);
         std::error_code error;

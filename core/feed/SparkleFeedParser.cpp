@@ -1,7 +1,6 @@
 #include "SparkleFeedParser.h"
 
-#include <algorithm>
-#include <expat.h>
+#include "ExpatDocument.h"
 
 namespace veltra {
 
@@ -56,40 +55,22 @@ std::string textOf(const std::map<std::string, std::string, std::less<>>& map,
     return found == map.end() ? std::string() : found->second;
 }
 
-struct Session {
+struct Session : ExpatContext {
     SparkleFeedParser* delegate = nullptr;
-    XML_Parser parser = nullptr;
 };
 
 extern "C" void onStart(void* user, const XML_Char* name, const XML_Char** attributes) {
-    static_cast<Session*>(user)->delegate->startElement(name, attributes);
+    expatContext<Session>(user).delegate->startElement(name, attributes);
 }
 
 extern "C" void onEnd(void* user, const XML_Char* name) {
-    static_cast<Session*>(user)->delegate->endElement(name);
+    expatContext<Session>(user).delegate->endElement(name);
 }
 
 extern "C" void onText(void* user, const XML_Char* text, int length) {
-    static_cast<Session*>(user)->delegate->characterData(
+    expatContext<Session>(user).delegate->characterData(
         std::string_view(text, static_cast<std::size_t>(length)));
 }
-
-// Any DTD entity is refused outright: feeds have no use for them, and refusing them closes
-// both the external-file and the expansion-bomb doors whatever expat's own limits are.
-extern "C" void onEntityDeclaration(void* user, const XML_Char*, int, const XML_Char*, int,
-                                    const XML_Char*, const XML_Char*, const XML_Char*,
-                                    const XML_Char*) {
-    XML_StopParser(static_cast<Session*>(user)->parser, XML_FALSE);
-}
-
-struct ParserHandle {
-    XML_Parser parser = XML_ParserCreate(nullptr);
-    ~ParserHandle() {
-        if (parser != nullptr) {
-            XML_ParserFree(parser);
-        }
-    }
-};
 
 } // namespace
 
@@ -195,32 +176,12 @@ void SparkleFeedParser::finishItem() {
 
 std::optional<std::vector<SparkleFeedItem>> SparkleFeedParser::parse(std::string_view data) {
     SparkleFeedParser delegate;
-    ParserHandle handle;
-    if (handle.parser == nullptr) {
-        return std::nullopt;
-    }
-    XML_Parser parser = handle.parser;
-    Session session{&delegate, parser};
-    XML_SetUserData(parser, &session);
-    XML_SetElementHandler(parser, onStart, onEnd);
-    XML_SetCharacterDataHandler(parser, onText);
-    XML_SetEntityDeclHandler(parser, onEntityDeclaration);
-    XML_SetParamEntityParsing(parser, XML_PARAM_ENTITY_PARSING_NEVER);
-
-    // Expat takes int lengths; large documents go in slices.
-    constexpr std::size_t slice = 16u << 20;
-    std::size_t offset = 0;
-    do {
-        const auto length = std::min(slice, data.size() - offset);
-        const bool last = offset + length == data.size();
-        if (XML_Parse(parser, data.data() + offset, static_cast<int>(length),
-                      last ? XML_TRUE : XML_FALSE) != XML_STATUS_OK) {
-            return std::nullopt;
-        }
-        offset += length;
-    } while (offset < data.size());
-
-    if (!delegate.hasRSS_ || !delegate.hasChannel_) {
+    Session session;
+    session.delegate = &delegate;
+    ExpatDocument document(session);
+    XML_SetElementHandler(document.parser(), onStart, onEnd);
+    XML_SetCharacterDataHandler(document.parser(), onText);
+    if (!document.parse(data) || !delegate.hasRSS_ || !delegate.hasChannel_) {
         return std::nullopt;
     }
     return std::move(delegate.items_);

@@ -1,5 +1,7 @@
 #include "HttpClient.h"
 
+#include "Text.h"
+
 #include <algorithm>
 #include <cctype>
 #include <charconv>
@@ -20,16 +22,6 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b) {
         return std::tolower(static_cast<unsigned char>(x)) ==
                std::tolower(static_cast<unsigned char>(y));
     });
-}
-
-std::string_view trimmed(std::string_view text) {
-    while (!text.empty() && std::isspace(static_cast<unsigned char>(text.front())) != 0) {
-        text.remove_prefix(1);
-    }
-    while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back())) != 0) {
-        text.remove_suffix(1);
-    }
-    return text;
 }
 
 struct Exchange {
@@ -72,8 +64,8 @@ extern "C" std::size_t onHeaderLine(char* data, std::size_t size, std::size_t co
     if (colon == std::string_view::npos) {
         return line.size();
     }
-    const auto name = trimmed(line.substr(0, colon));
-    const auto value = trimmed(line.substr(colon + 1));
+    const auto name = trimWhitespace(line.substr(0, colon));
+    const auto value = trimWhitespace(line.substr(colon + 1));
     response.headers.emplace_back(std::string(name), std::string(value));
     if (equalsIgnoringCase(name, "Content-Length")) {
         std::uint64_t length = 0;

@@ -1,6 +1,7 @@
 #include "GitFixture.h"
 #include "TestHttpServer.h"
 #include "TestSupport.h"
+#include "VeltraRun.h"
 #include "core/feed/SparkleFeedParser.h"
 #include "core/process/ProcessRunner.h"
 #include "core/support/FileUtilities.h"
@@ -13,15 +14,9 @@
 namespace veltra {
 namespace {
 
-ProcessResult veltra(std::vector<std::string> arguments,
-                     std::map<std::string, std::string> environment = {}) {
-    ProcessRequest request;
-    request.command = VELTRA_BINARY;
-    request.arguments = std::move(arguments);
-    // No sign_update on the way: "which" must not find one on the machine's PATH either.
-    environment.try_emplace("PATH", "/usr/bin:/bin");
-    request.environment = std::move(environment);
-    return ProcessRunner().run(request);
+// No sign_update on the way: "which" must not find one on the machine's PATH either.
+ProcessResult veltra(std::vector<std::string> arguments) {
+    return testing::runVeltra(std::move(arguments), {{"PATH", "/usr/bin:/bin"}});
 }
 
 const std::string fixtures = std::string(VELTRA_FIXTURES_DIR) + "/appcast/";

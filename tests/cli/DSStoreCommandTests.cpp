@@ -1,4 +1,5 @@
 #include "TestSupport.h"
+#include "VeltraRun.h"
 #include "core/process/ProcessRunner.h"
 #include "core/support/FileUtilities.h"
 
@@ -11,12 +12,10 @@ namespace {
 
 const std::string fixtures = std::string(VELTRA_FIXTURES_DIR) + "/dsstore/";
 
-ProcessResult veltra(std::vector<std::string> arguments) {
-    return ProcessRunner().run(VELTRA_BINARY, std::move(arguments));
-}
+using testing::runVeltra;
 
 TEST(DSStoreCommand, DumpPrintsOneReadableLinePerRecord) {
-    const auto dump = veltra({"dsstore", "dump", fixtures + "dmg-legacy-saldomat.DS_Store"});
+    const auto dump = runVeltra({"dsstore", "dump", fixtures + "dmg-legacy-saldomat.DS_Store"});
     EXPECT_EQ(dump.exitCode, 0) << dump.errorOutput;
     EXPECT_EQ(dump.output,
               ".\tBKGD\tCustom\t50637442000002e00000ffbf\n"
@@ -35,7 +34,7 @@ TEST(DSStoreCommand, DumpPrintsOneReadableLinePerRecord) {
               "dmgbg.png\tIloc\tIcon Location\t(409, 56)\n"
               "Saldomat.app\tIloc\tIcon Location\t(121, 161)\n");
 
-    const auto settings = veltra({"dsstore", "dump", fixtures + "dmg-meld.DS_Store"});
+    const auto settings = runVeltra({"dsstore", "dump", fixtures + "dmg-meld.DS_Store"});
     EXPECT_NE(settings.output.find(".\tbwsp\tBrowser Window Settings\t{\"ShowStatusBar\":"),
               std::string::npos)
         << settings.output;
@@ -47,14 +46,15 @@ TEST(DSStoreCommand, JsonDumpWriteDumpIsTheIdentity) {
     for (const auto* name : {"dmg-osxspell", "home-jblanton-manytypes", "big-mineos-3level",
                              "trash-wuyuezong-nonascii", "empty"}) {
         SCOPED_TRACE(name);
-        const auto first = veltra({"dsstore", "dump", "--json", fixtures + name + ".DS_Store"});
+        const auto first = runVeltra({"dsstore", "dump", "--json", fixtures + name + ".DS_Store"});
         ASSERT_EQ(first.exitCode, 0) << first.errorOutput;
         testing::writeFile(dir / "records.json", first.output);
-        const auto write = veltra(
+        const auto write = runVeltra(
             {"dsstore", "write", (dir / "records.json").string(), (dir / "out.DS_Store").string()});
         ASSERT_EQ(write.exitCode, 0) << write.errorOutput;
         EXPECT_TRUE(write.output.starts_with("Wrote ")) << write.output;
-        const auto second = veltra({"dsstore", "dump", "--json", (dir / "out.DS_Store").string()});
+        const auto second =
+            runVeltra({"dsstore", "dump", "--json", (dir / "out.DS_Store").string()});
         EXPECT_EQ(second.output, first.output);
     }
 }
@@ -70,33 +70,33 @@ TEST(DSStoreCommand, JsonUsesTheDocumentedValueForms) {
         {"filename":"App.app","code":"pBBk","type":"book","value":"626f6f6b"},
         {"filename":"App.app","code":"fwvh","type":"shor","value":65535},
         {"filename":"App.app","code":"lg1S","type":"comp","value":18446744073709551615}]})");
-    ASSERT_EQ(
-        veltra({"dsstore", "write", (dir / "in.json").string(), (dir / "out").string()}).exitCode,
-        0);
-    const auto dump = veltra({"dsstore", "dump", "--json", (dir / "out").string()});
+    ASSERT_EQ(runVeltra({"dsstore", "write", (dir / "in.json").string(), (dir / "out").string()})
+                  .exitCode,
+              0);
+    const auto dump = runVeltra({"dsstore", "dump", "--json", (dir / "out").string()});
     EXPECT_NE(dump.output.find(R"("$data": "00ff")"), std::string::npos) << dump.output;
     EXPECT_NE(dump.output.find(R"("$date": "2024-02-29T12:30:00.250000Z")"), std::string::npos);
     EXPECT_NE(dump.output.find(R"("SidebarWidth": 0.0)"), std::string::npos);
     EXPECT_NE(dump.output.find(R"("value": 18446744073709551615)"), std::string::npos);
-    const auto text = veltra({"dsstore", "dump", (dir / "out").string()});
+    const auto text = runVeltra({"dsstore", "dump", (dir / "out").string()});
     EXPECT_NE(text.output.find("App.app\tIloc\tIcon Location\t(160, 200)\n"), std::string::npos);
 }
 
 TEST(DSStoreCommand, CheckSaysOkOrNamesTheFault) {
     testing::TempDir dir;
-    const auto ok = veltra({"dsstore", "check", fixtures + "big-mineos-2level.DS_Store"});
+    const auto ok = runVeltra({"dsstore", "check", fixtures + "big-mineos-2level.DS_Store"});
     EXPECT_EQ(ok.exitCode, 0);
     EXPECT_EQ(ok.output, "OK\n");
 
     auto bytes = readFile(fixtures + "dmg-meld.DS_Store");
     bytes[17] = static_cast<char>(bytes[17] ^ 0x10); // the second root offset
     testing::writeFile(dir / "broken", bytes);
-    const auto broken = veltra({"dsstore", "check", (dir / "broken").string()});
+    const auto broken = runVeltra({"dsstore", "check", (dir / "broken").string()});
     EXPECT_EQ(broken.exitCode, 1);
     EXPECT_EQ(broken.output, "Corrupted file: Root block offset mismatch\n");
     EXPECT_EQ(broken.errorOutput, "");
 
-    const auto dump = veltra({"dsstore", "dump", (dir / "broken").string()});
+    const auto dump = runVeltra({"dsstore", "dump", (dir / "broken").string()});
     EXPECT_EQ(dump.exitCode, 1);
     EXPECT_EQ(dump.errorOutput, "Error: Corrupted file: Root block offset mismatch\n");
 }
@@ -106,7 +106,7 @@ TEST(DSStoreCommand, BadJsonIsRefusedWithThePathOfTheField) {
     testing::writeFile(dir / "in.json",
                        R"({"records":[{"filename":"a","code":"Iloc","type":"long","value":-1}]})");
     const auto write =
-        veltra({"dsstore", "write", (dir / "in.json").string(), (dir / "out").string()});
+        runVeltra({"dsstore", "write", (dir / "in.json").string(), (dir / "out").string()});
     EXPECT_EQ(write.exitCode, 1);
     EXPECT_EQ(write.errorOutput, "Error: " + (dir / "in.json").string() +
                                      ": records[0].value: expected an integer from 0 to "

@@ -1,4 +1,5 @@
 #include "TestSupport.h"
+#include "VeltraRun.h"
 #include "core/process/ProcessRunner.h"
 #include "core/profile/ProjectProfile.h"
 #include "core/support/FileUtilities.h"
@@ -11,10 +12,8 @@ namespace {
 class ProfileCommandTest : public ::testing::Test {
 protected:
     ProcessResult veltra(std::vector<std::string> arguments) {
-        ProcessRequest request{.command = VELTRA_BINARY, .arguments = std::move(arguments)};
-        request.environment["VELTRA_PROFILES"] = file.string();
-        request.environment["HOME"] = dir.path().string();
-        return ProcessRunner().run(request);
+        return testing::runVeltra(std::move(arguments), {{"VELTRA_PROFILES", file.string()},
+                                                         {"HOME", dir.path().string()}});
     }
 
     testing::TempDir dir;

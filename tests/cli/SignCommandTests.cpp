@@ -1,4 +1,5 @@
 #include "TestSupport.h"
+#include "VeltraRun.h"
 #include "core/process/ProcessRunner.h"
 
 #include <string>
@@ -8,14 +9,7 @@
 namespace veltra {
 namespace {
 
-ProcessResult veltra(std::vector<std::string> arguments,
-                     std::map<std::string, std::string> environment = {}) {
-    ProcessRequest request;
-    request.command = VELTRA_BINARY;
-    request.arguments = std::move(arguments);
-    request.environment = std::move(environment);
-    return ProcessRunner().run(request);
-}
+using testing::runVeltra;
 
 std::string repeated(std::string_view text, int times) {
     std::string out;
@@ -30,7 +24,7 @@ TEST(SignCommand, PrintsWhatSparklesToolPrints) {
     testing::TempDir dir;
     testing::writeFile(dir / "App.dmg", repeated("Veltra\n", 1000));
     testing::writeFile(dir / "ed25519_priv", "AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh8=");
-    const auto signedFile = veltra(
+    const auto signedFile = runVeltra(
         {"sign", (dir / "App.dmg").string(), "--ed-key-file", (dir / "ed25519_priv").string()});
     EXPECT_EQ(signedFile.exitCode, 0) << signedFile.errorOutput;
     EXPECT_EQ(
@@ -42,7 +36,7 @@ TEST(SignCommand, PrintsWhatSparklesToolPrints) {
     std::filesystem::create_directories(dir / "home/.sparkle");
     std::filesystem::copy_file(dir / "ed25519_priv", dir / "home/.sparkle/ed25519_priv");
     const auto defaultKey =
-        veltra({"sign", (dir / "App.dmg").string()}, {{"HOME", (dir / "home").string()}});
+        runVeltra({"sign", (dir / "App.dmg").string()}, {{"HOME", (dir / "home").string()}});
     EXPECT_EQ(defaultKey.output, signedFile.output);
 }
 
@@ -50,7 +44,7 @@ TEST(SignCommand, SaysWhyItCannotSign) {
     testing::TempDir dir;
     testing::writeFile(dir / "App.dmg", "x");
     const auto noKey =
-        veltra({"sign", (dir / "App.dmg").string()}, {{"HOME", dir.path().string()}});
+        runVeltra({"sign", (dir / "App.dmg").string()}, {{"HOME", dir.path().string()}});
     EXPECT_EQ(noKey.exitCode, 1);
     EXPECT_EQ(noKey.errorOutput, "Error: Could not read the Sparkle private key at '" +
                                      (dir / ".sparkle/ed25519_priv").string() + "'.\n");

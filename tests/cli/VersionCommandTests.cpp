@@ -1,4 +1,5 @@
 #include "TestSupport.h"
+#include "VeltraRun.h"
 #include "core/process/ProcessRunner.h"
 
 #include <string>
@@ -8,9 +9,7 @@
 namespace veltra {
 namespace {
 
-ProcessResult veltra(std::vector<std::string> arguments) {
-    return ProcessRunner().run(VELTRA_BINARY, std::move(arguments));
-}
+using testing::runVeltra;
 
 TEST(VersionCommand, ShowSetAndCheck) {
     testing::TempDir dir;
@@ -21,14 +20,14 @@ TEST(VersionCommand, ShowSetAndCheck) {
                        "</sparkle:shortVersionString><sparkle:version>9</sparkle:version></item>"
                        "</channel></rss>");
     const auto feed = (dir / "appcast.xml").string();
-    const auto shown = veltra({"version", "show", dir.path().string(), "--appcast", feed});
+    const auto shown = runVeltra({"version", "show", dir.path().string(), "--appcast", feed});
     EXPECT_EQ(shown.output, "Version:              1.1.0b1\n"
                             "Build:                1\n"
                             "Last published:       1.2 (build 9)\n"
                             "Next suggested build: 10\n");
 
     const auto set =
-        veltra({"version", "set", dir.path().string(), "--version", "1.3", "--build", "10"});
+        runVeltra({"version", "set", dir.path().string(), "--version", "1.3", "--build", "10"});
     EXPECT_EQ(set.exitCode, 0) << set.errorOutput;
     EXPECT_EQ(set.output,
               "Info: Version notice: the project declares its version as 1.1.0b1, which is left "
@@ -36,26 +35,26 @@ TEST(VersionCommand, ShowSetAndCheck) {
               "version 1.3\n"
               "Added build to 4 build settings blocks.\n"
               "Version left as it is, build added.\n");
-    EXPECT_NE(veltra({"version", "show", dir.path().string(), "--json"})
+    EXPECT_NE(runVeltra({"version", "show", dir.path().string(), "--json"})
                   .output.find("\"currentBuild\": 10,"),
               std::string::npos);
 
-    const auto blocked = veltra({"version", "check", dir.path().string(), "--version", "1.3",
-                                 "--build", "9", "--appcast", feed});
+    const auto blocked = runVeltra({"version", "check", dir.path().string(), "--version", "1.3",
+                                    "--build", "9", "--appcast", feed});
     EXPECT_EQ(blocked.exitCode, 2);
     EXPECT_EQ(blocked.output, "Blocker: Sparkle Update Will Be Ignored\nBuild 9 is ≤ highest "
                               "known published build (9 (v1.2)). Sparkle clients already on "
                               "build 9 will ignore this release. Set build to at least 10.\n");
-    const auto fine = veltra({"version", "check", dir.path().string(), "--version", "1.3",
-                              "--build", "11", "--appcast", feed, "--json"});
+    const auto fine = runVeltra({"version", "check", dir.path().string(), "--version", "1.3",
+                                 "--build", "11", "--appcast", feed, "--json"});
     EXPECT_EQ(fine.exitCode, 0);
     EXPECT_EQ(fine.output, "{\n  \"severity\": \"none\",\n  \"title\": null,\n  \"message\": "
                            "null,\n  \"recommendedBuild\": null,\n  \"recommendedVersion\": "
                            "null\n}\n");
 
-    EXPECT_EQ(veltra({"version", "bump", "1.2b.3", "--patch"}).output, "1.3.1\n");
-    EXPECT_EQ(veltra({"version", "bump", "1.2.3"}).exitCode, 2);
-    const auto nowhere = veltra({"version", "set", (dir / "none").string(), "--build", "3"});
+    EXPECT_EQ(runVeltra({"version", "bump", "1.2b.3", "--patch"}).output, "1.3.1\n");
+    EXPECT_EQ(runVeltra({"version", "bump", "1.2.3"}).exitCode, 2);
+    const auto nowhere = runVeltra({"version", "set", (dir / "none").string(), "--build", "3"});
     EXPECT_EQ(nowhere.errorOutput,
               "Error: No Xcode project found at " + (dir / "none").string() + ".\n");
 }
