@@ -29,6 +29,8 @@ int runCommandLine(const std::vector<std::string>& arguments, CliContext& contex
     addSignCommand(app, context);
     addAppcastCommands(app, context);
     addVersionCommands(app, context);
+    addXcodeCommands(app, context);
+    addSigningCommands(app, context);
     addPlannedCommands(app, context);
 
     // CLI11 wants the arguments in reverse order, program name excluded.

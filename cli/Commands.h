@@ -20,5 +20,7 @@ void addSignCommand(CLI::App& app, CliContext& context);
 void addAppcastCommands(CLI::App& app, CliContext& context);
 void addVersionCommands(CLI::App& app, CliContext& context);
 void addProfileCommands(CLI::App& app, CliContext& context);
+void addXcodeCommands(CLI::App& app, CliContext& context);
+void addSigningCommands(CLI::App& app, CliContext& context);
 
 } // namespace veltra::cli

@@ -24,3 +24,19 @@ ProcessExecutionError ProcessExecutionError::inputTooLarge() {
 }
 
 } // namespace veltra
+
+#include "ProcessResult.h"
+#include "core/support/Text.h"
+
+namespace veltra {
+
+std::string combinedOutput(const ProcessResult& result) {
+    const auto out = trimWhitespace(result.output);
+    const auto err = trimWhitespace(result.errorOutput);
+    if (out.empty() || err.empty()) {
+        return std::string(out.empty() ? err : out);
+    }
+    return std::string(out) + "\n" + std::string(err);
+}
+
+} // namespace veltra

@@ -15,4 +15,8 @@ struct ProcessResult {
     std::string errorOutput;
 };
 
+// Standard output then standard error, each trimmed, joined by a line break when both have
+// text: what a tool "said", for messages that quote it.
+std::string combinedOutput(const ProcessResult& result);
+
 } // namespace veltra

@@ -1,0 +1,206 @@
+#include "Commands.h"
+#include "LinePrinter.h"
+#include "core/signing/CertificateScanner.h"
+#include "core/signing/NotarizationEngine.h"
+#include "core/support/VeltraError.h"
+
+#include <iostream>
+#include <memory>
+#include <string>
+#include <termios.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+namespace veltra::cli {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+template <typename T> Json orNull(const std::optional<T>& value) {
+    return value ? Json(*value) : Json(nullptr);
+}
+
+std::string kindOf(const SigningCertificate& certificate) {
+    if (certificate.isDeveloperID) {
+        return "Developer ID";
+    }
+    if (certificate.isDevelopment) {
+        return "Development";
+    }
+    return certificate.isAdHoc ? "Ad-hoc" : "Other";
+}
+
+void addIdentities(CLI::App& app, CliContext& context) {
+    auto* command = app.add_subcommand("identities", "List the keychains' code-signing identities");
+    auto json = std::make_shared<bool>(false);
+    auto bestTeam = std::make_shared<bool>(false);
+    command->add_flag("--json", *json, "Print the identities (or the team) as JSON");
+    command->add_flag("--best-team", *bestTeam,
+                      "Print the team to suggest: Developer ID first, then Development");
+    command->callback([&context, json, bestTeam] {
+        const CertificateScanner scanner;
+        if (*bestTeam) {
+            const auto team = scanner.detectBestTeamInfo(context.stop);
+            if (*json) {
+                context.out << (team ? Json{{"teamID", team->teamID},
+                                            {"accountName", orNull(team->accountName)},
+                                            {"source", team->source}}
+                                     : Json(nullptr))
+                                   .dump(2)
+                            << '\n';
+            } else if (team) {
+                context.out << fmt::format("{}{} (from a {} identity)\n", team->teamID,
+                                           team->accountName ? ", " + *team->accountName : "",
+                                           team->source);
+            } else {
+                context.out << "No signing identity names a team.\n";
+            }
+            context.exitStatus = team ? 0 : 1;
+            return;
+        }
+        const auto identities = scanner.scanIdentities(context.stop);
+        if (*json) {
+            Json out = Json::array();
+            for (const auto& certificate : identities) {
+                out.push_back({{"hash", certificate.hash},
+                               {"name", certificate.name},
+                               {"isDeveloperID", certificate.isDeveloperID},
+                               {"isDevelopment", certificate.isDevelopment},
+                               {"isAdHoc", certificate.isAdHoc},
+                               {"teamID", orNull(certificate.teamID)},
+                               {"accountName", orNull(certificate.accountName)}});
+            }
+            context.out << out.dump(2) << '\n';
+            return;
+        }
+        if (identities.empty()) {
+            context.out << "No valid code-signing identities found. Sign ad-hoc, or add a "
+                           "certificate in Xcode ➔ Settings ➔ Accounts.\n";
+            return;
+        }
+        for (const auto& certificate : identities) {
+            context.out << fmt::format("{}  {}  [{}{}]\n", certificate.hash, certificate.name,
+                                       kindOf(certificate),
+                                       certificate.teamID ? ", team " + *certificate.teamID : "");
+        }
+    });
+}
+
+// The app-specific password: typed without echo on a terminal, else one line of standard input.
+std::string readPassword(CliContext& context) {
+    std::string password;
+    if (::isatty(STDIN_FILENO) == 1) {
+        context.err << "App-specific password: " << std::flush;
+        termios saved{};
+        const bool canHide = ::tcgetattr(STDIN_FILENO, &saved) == 0;
+        if (canHide) {
+            termios quiet = saved;
+            quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+            ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
+        }
+        std::getline(std::cin, password);
+        if (canHide) {
+            ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
+        }
+        context.err << '\n';
+    } else {
+        std::getline(std::cin, password);
+    }
+    if (!password.empty() && password.back() == '\r') {
+        password.pop_back();
+    }
+    if (password.empty()) {
+        throw VeltraError("Veltra", 400, "No app-specific password given.");
+    }
+    return password;
+}
+
+std::string advice(NotaryFailure::Kind kind) {
+    switch (kind) {
+    case NotaryFailure::invalidCredentials:
+        return "Apple refused the Apple ID or app-specific password. Store the credentials again "
+               "with a new app-specific password from appleid.apple.com.";
+    case NotaryFailure::missingProfile:
+        return "No notary credentials are stored under this profile. Store them with 'veltra "
+               "notary store-credentials'.";
+    case NotaryFailure::connection:
+        return "Apple's notary service could not be reached. Check the internet connection, then "
+               "retry.";
+    case NotaryFailure::unknown:
+        break;
+    }
+    return "notarytool could not use this profile.";
+}
+
+void addNotary(CLI::App& app, CliContext& context) {
+    auto* group = app.add_subcommand("notary", "Store and check notarization credentials");
+    group->require_subcommand(1);
+
+    auto* store = group->add_subcommand(
+        "store-credentials", "Store an Apple ID and app-specific password in a keychain profile");
+    auto profile = std::make_shared<std::string>();
+    auto appleID = std::make_shared<std::string>();
+    auto teamID = std::make_shared<std::string>();
+    store->add_option("PROFILE", *profile, "Keychain profile name")->required();
+    store->add_option("--apple-id", *appleID, "Apple ID (an email address)")->required();
+    store->add_option("--team-id", *teamID, "Developer team ID")->required();
+    store->callback([&context, profile, appleID, teamID] {
+        const auto password = readPassword(context);
+        LinePrinter print(context.out);
+        NotarizationEngine().storeCredentials(
+            *profile, *appleID, password, *teamID,
+            [&print](const std::string& line) { print(line); }, context.stop);
+    });
+
+    auto* check = group->add_subcommand("check", "Check that a keychain profile works");
+    auto checked = std::make_shared<std::string>();
+    check->add_option("PROFILE", *checked, "Keychain profile name")->required();
+    check->callback([&context, checked] {
+        const NotarizationEngine engine;
+        ProcessResult result;
+        try {
+            result = engine.checkCredentials(*checked, 20.0, context.stop);
+        } catch (const CancellationError&) {
+            throw;
+        } catch (const std::exception& error) {
+            result.exitCode = -1;
+            result.errorOutput = error.what();
+        }
+        if (result.exitCode == 0) {
+            context.out << "Connected to Apple Notary ('" << *checked << "' active in Keychain)\n";
+            return;
+        }
+        auto said = combinedOutput(result);
+        if (said.empty()) {
+            said = "notarytool returned no diagnostic.";
+        }
+        throw VeltraError("Veltra", 401, advice(NotaryFailure::classify(said)) + "\n" + said);
+    });
+}
+
+void addNotarize(CLI::App& app, CliContext& context) {
+    auto* command = app.add_subcommand(
+        "notarize", "Submit a file to Apple's notary service, wait, and staple the ticket");
+    auto file = std::make_shared<std::string>();
+    auto profile = std::make_shared<std::string>();
+    command->add_option("FILE", *file, "The .dmg, .zip or .pkg to notarize")->required();
+    command->add_option("--profile", *profile, "Keychain profile with the credentials")->required();
+    command->callback([&context, file, profile] {
+        LinePrinter print(context.out);
+        NotarizationEngine().notarize(
+            *file, *profile, [&print](const std::string& line) { print(line); }, context.stop);
+    });
+}
+
+} // namespace
+
+void addSigningCommands(CLI::App& app, CliContext& context) {
+    addIdentities(app, context);
+    addNotary(app, context);
+    addNotarize(app, context);
+}
+
+} // namespace veltra::cli

@@ -1,0 +1,190 @@
+#include "CertificateScanner.h"
+
+#include "core/support/VeltraError.h"
+
+#include <algorithm>
+#include <cctype>
+
+namespace veltra {
+
+namespace {
+
+bool isHex(char c) {
+    return std::isxdigit(static_cast<unsigned char>(c)) != 0;
+}
+
+bool isSpace(char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
+}
+
+// Ten upper-case letters or digits between parentheses at `open`.
+std::optional<std::string> teamAt(std::string_view name, std::size_t open) {
+    if (open + 11 >= name.size() || name[open] != '(' || name[open + 11] != ')') {
+        return std::nullopt;
+    }
+    const auto team = name.substr(open + 1, 10);
+    if (!std::all_of(team.begin(), team.end(),
+                     [](char c) { return (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9'); })) {
+        return std::nullopt;
+    }
+    return std::string(team);
+}
+
+std::string trimSpaces(std::string_view text) {
+    const auto start = text.find_first_not_of(" \t\r\n");
+    if (start == std::string_view::npos) {
+        return {};
+    }
+    const auto end = text.find_last_not_of(" \t\r\n");
+    return std::string(text.substr(start, end + 1 - start));
+}
+
+} // namespace
+
+SigningCertificate SigningCertificate::classify(std::string hash, std::string name) {
+    SigningCertificate certificate;
+    certificate.hash = std::move(hash);
+    certificate.name = std::move(name);
+    const std::string_view text = certificate.name;
+    std::string lower(text);
+    std::transform(lower.begin(), lower.end(), lower.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    certificate.isDeveloperID = text.find("Developer ID Application") != std::string_view::npos;
+    certificate.isDevelopment = text.find("Apple Development") != std::string_view::npos ||
+                                text.find("Mac Developer") != std::string_view::npos;
+    certificate.isAdHoc = text == "-" || lower.find("ad-hoc") != std::string::npos;
+
+    // "<kind>: <account> (<TEAM>)": the account runs from a colon to the next "(", which must
+    // open a team ID; otherwise a later colon is tried.
+    for (auto colon = text.find(':'); colon != std::string_view::npos;
+         colon = text.find(':', colon + 1)) {
+        const auto open = text.find('(', colon + 1);
+        if (open == std::string_view::npos || open == colon + 1) {
+            continue;
+        }
+        if (auto team = teamAt(text, open)) {
+            certificate.teamID = std::move(team);
+            certificate.accountName = trimSpaces(text.substr(colon + 1, open - colon - 1));
+            return certificate;
+        }
+    }
+    for (auto open = text.find('('); open != std::string_view::npos;
+         open = text.find('(', open + 1)) {
+        if (auto team = teamAt(text, open)) {
+            certificate.teamID = std::move(team);
+            break;
+        }
+    }
+    return certificate;
+}
+
+std::vector<SigningCertificate> CertificateScanner::parseIdentities(std::string_view output) {
+    std::vector<SigningCertificate> found;
+    std::size_t index = 0;
+    while (index + 40 < output.size()) {
+        // A run of exactly 40 hex digits, blanks, then a quoted name; the leftmost such match,
+        // as a regular-expression search would find it.
+        std::size_t digits = 0;
+        while (digits < 40 && isHex(output[index + digits])) {
+            ++digits;
+        }
+        if (digits < 40) {
+            index += digits + 1;
+            continue;
+        }
+        auto cursor = index + 40;
+        const auto blanks = cursor;
+        while (cursor < output.size() && isSpace(output[cursor])) {
+            ++cursor;
+        }
+        if (cursor == blanks || cursor >= output.size() || output[cursor] != '"') {
+            ++index;
+            continue;
+        }
+        const auto close = output.find('"', cursor + 1);
+        if (close == std::string_view::npos || close == cursor + 1) {
+            ++index;
+            continue;
+        }
+        found.push_back(SigningCertificate::classify(
+            std::string(output.substr(index, 40)),
+            std::string(output.substr(cursor + 1, close - cursor - 1))));
+        index = close + 1;
+    }
+    return found;
+}
+
+std::vector<SigningCertificate> CertificateScanner::scanIdentities(std::stop_token stop) const {
+    try {
+        const auto result =
+            runner.run("security", {"find-identity", "-v", "-p", "codesigning"}, stop);
+        if (result.exitCode != 0) {
+            return {};
+        }
+        return parseIdentities(result.output);
+    } catch (const CancellationError&) {
+        throw;
+    } catch (const std::exception&) {
+        return {};
+    }
+}
+
+std::optional<CertificateScanner::DetectedTeamInfo>
+CertificateScanner::bestTeam(const std::vector<SigningCertificate>& all) {
+    const auto pick = [&](auto&& wanted, const char* source) -> std::optional<DetectedTeamInfo> {
+        for (const auto& certificate : all) {
+            if (certificate.teamID && wanted(certificate)) {
+                return DetectedTeamInfo{*certificate.teamID, certificate.accountName, source};
+            }
+        }
+        return std::nullopt;
+    };
+    if (auto found = pick([](const auto& c) { return c.isDeveloperID; }, "Developer ID")) {
+        return found;
+    }
+    if (auto found = pick([](const auto& c) { return c.isDevelopment; }, "Apple Development")) {
+        return found;
+    }
+    return pick([](const auto&) { return true; }, "Signing Identity");
+}
+
+std::optional<CertificateScanner::DetectedTeamInfo>
+CertificateScanner::detectBestTeamInfo(std::stop_token stop) const {
+    return bestTeam(scanIdentities(stop));
+}
+
+ProcessResult CertificateScanner::importP12(const std::filesystem::path& file,
+                                            const std::string& password,
+                                            std::stop_token stop) const {
+    return runner.run("security",
+                      {"import", file.string(), "-P", password, "-T", "/usr/bin/codesign"}, stop);
+}
+
+void CertificateScanner::openXcodeSettings() {
+#ifdef __APPLE__
+    // Each fallback covers another Xcode release's menu wording; failures are not the user's
+    // problem, the window simply does not come forward.
+    static constexpr const char* script = R"(tell application "System Events"
+    tell process "Xcode"
+        set frontmost to true
+        try
+            click menu item "Settings…" of menu "Xcode" of menu bar 1
+        on error
+            try
+                click menu item "Preferences…" of menu "Xcode" of menu bar 1
+            on error
+                keystroke "," using command down
+            end try
+        end try
+    end tell
+end tell)";
+    try {
+        const ProcessRunner runner;
+        runner.run("open", {"-b", "com.apple.dt.Xcode"});
+        runner.run("osascript", {"-e", script});
+    } catch (const std::exception&) {
+    }
+#endif
+}
+
+} // namespace veltra

@@ -1,0 +1,54 @@
+#pragma once
+
+#include "core/process/ProcessResult.h"
+#include "core/process/ProcessRunner.h"
+
+#include <filesystem>
+#include <optional>
+#include <stop_token>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace veltra {
+
+// A code-signing identity from the user's keychains.
+struct SigningCertificate {
+    std::string hash{};
+    std::string name{};
+    bool isDeveloperID = false;
+    bool isDevelopment = false;
+    bool isAdHoc = false;
+    std::optional<std::string> teamID{};
+    std::optional<std::string> accountName{};
+
+    // The flags, team and account that the name carries.
+    static SigningCertificate classify(std::string hash, std::string name);
+};
+
+class CertificateScanner {
+public:
+    ProcessRunner runner{};
+
+    struct DetectedTeamInfo {
+        std::string teamID{};
+        std::optional<std::string> accountName{};
+        // "Developer ID", "Apple Development" or "Signing Identity".
+        std::string source{};
+    };
+
+    // Valid code-signing identities in the tool's order; empty when the tool fails.
+    std::vector<SigningCertificate> scanIdentities(std::stop_token stop = {}) const;
+    std::optional<DetectedTeamInfo> detectBestTeamInfo(std::stop_token stop = {}) const;
+    // The tool's answer, for the caller to judge (a wrong password is a non-zero exit).
+    ProcessResult importP12(const std::filesystem::path& file, const std::string& password,
+                            std::stop_token stop = {}) const;
+    // Brings Xcode's settings window forward so the user can manage accounts; macOS only.
+    static void openXcodeSettings();
+
+    // The identities listed in `security find-identity` output.
+    static std::vector<SigningCertificate> parseIdentities(std::string_view output);
+    static std::optional<DetectedTeamInfo> bestTeam(const std::vector<SigningCertificate>& all);
+};
+
+} // namespace veltra

@@ -1,0 +1,175 @@
+#include "NotarizationEngine.h"
+
+#include "core/support/Text.h"
+#include "core/support/VeltraError.h"
+
+#include <algorithm>
+#include <cctype>
+
+namespace veltra {
+
+namespace {
+
+bool contains(std::string_view text, std::string_view part) {
+    return text.find(part) != std::string_view::npos;
+}
+
+} // namespace
+
+NotaryFailure::Kind NotaryFailure::classify(std::string_view output) {
+    std::string lower(output);
+    std::transform(lower.begin(), lower.end(), lower.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    const auto any = [&](std::initializer_list<std::string_view> parts) {
+        return std::any_of(parts.begin(), parts.end(),
+                           [&](std::string_view part) { return contains(lower, part); });
+    };
+    if (any({"401", "invalid credentials", "username or password is incorrect"})) {
+        return invalidCredentials;
+    }
+    if (any({"no keychain password item", "credentials not found in keychain"})) {
+        return missingProfile;
+    }
+    if (contains(lower, "profile") && any({"not found", "could not find"})) {
+        return missingProfile;
+    }
+    if (any({"timed out", "did not finish within", "timeout", "network", "connection", "offline",
+             "could not resolve host", "internet"})) {
+        return connection;
+    }
+    return unknown;
+}
+
+std::string_view NotaryFailure::name(Kind kind) {
+    switch (kind) {
+    case invalidCredentials:
+        return "invalidCredentials";
+    case missingProfile:
+        return "missingProfile";
+    case connection:
+        return "connection";
+    case unknown:
+        break;
+    }
+    return "unknown";
+}
+
+void NotaryLogFilter::consume(std::string_view chunk) {
+    const std::lock_guard guard(lock_);
+    const auto log = [&](const std::string& line) {
+        if (onLog_) {
+            onLog_(line);
+        }
+    };
+    std::size_t start = 0;
+    while (start <= chunk.size()) {
+        auto end = chunk.find('\n', start);
+        if (end == std::string_view::npos) {
+            end = chunk.size();
+        }
+        const auto line = trimWhitespace(chunk.substr(start, end - start));
+        start = end + 1;
+        if (line.empty()) {
+            continue;
+        }
+        if (!loggedSubmissionID_ && line.starts_with("id: ")) {
+            const auto id = trimWhitespace(line.substr(4));
+            if (id.size() >= 10) {
+                loggedSubmissionID_ = true;
+                log("   Success: Submission ID: " + std::string(id));
+            }
+        }
+        if (!loggedProcessing_ &&
+            (contains(line, "Waiting for processing") || contains(line, "In Progress"))) {
+            loggedProcessing_ = true;
+            log("   Waiting for Apple Notary processing...");
+        }
+        if (!loggedAccepted_ &&
+            (contains(line, "status: Accepted") || contains(line, "status: accepted"))) {
+            loggedAccepted_ = true;
+            log("   Success: Apple Notarization accepted");
+        }
+        if (contains(line, "status: Invalid")) {
+            log("   Error: Apple Notarization marked as Invalid");
+        }
+    }
+}
+
+void NotarizationEngine::storeCredentials(const std::string& keychainProfile,
+                                          const std::string& appleID,
+                                          const std::string& appPassword, const std::string& teamID,
+                                          const NotaryLog& onLog, std::stop_token stop) const {
+    const auto log = [&](const std::string& line) {
+        if (onLog) {
+            onLog(line);
+        }
+    };
+    log("Storing notarization credentials in macOS Keychain...");
+    const auto result =
+        runner.run("xcrun",
+                   {"notarytool", "store-credentials", keychainProfile, "--apple-id", appleID,
+                    "--team-id", teamID, "--password", appPassword},
+                   stop);
+    if (result.exitCode != 0) {
+        const auto err = trimWhitespace(result.errorOutput);
+        throw VeltraError("Veltra", 401,
+                          std::string(err.empty() ? trimWhitespace(result.output) : err));
+    }
+    log("Success: Credentials stored under profile '" + keychainProfile + "'");
+}
+
+ProcessResult NotarizationEngine::checkCredentials(const std::string& keychainProfile,
+                                                   std::optional<double> timeout,
+                                                   std::stop_token stop) const {
+    ProcessRequest request;
+    request.command = "xcrun";
+    request.arguments = {"notarytool",    "history",         "--keychain-profile",
+                         keychainProfile, "--output-format", "json"};
+    request.timeout = timeout;
+    return runner.run(request, stop);
+}
+
+bool NotarizationEngine::credentialsExist(const std::string& keychainProfile,
+                                          std::optional<double> timeout,
+                                          std::stop_token stop) const {
+    try {
+        return checkCredentials(keychainProfile, timeout, stop).exitCode == 0;
+    } catch (const CancellationError&) {
+        throw;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+void NotarizationEngine::notarize(const std::filesystem::path& file,
+                                  const std::string& keychainProfile, const NotaryLog& onLog,
+                                  std::stop_token stop) const {
+    const auto log = [&](const std::string& line) {
+        if (onLog) {
+            onLog(line);
+        }
+    };
+    const auto name = file.filename().string();
+    log("   Submitting " + name + " to Apple Notary Service (profile: '" + keychainProfile +
+        "')...");
+    NotaryLogFilter filter(onLog);
+    ProcessRequest submit;
+    submit.command = "xcrun";
+    submit.arguments = {"notarytool",         "submit",        file.string(),
+                        "--keychain-profile", keychainProfile, "--wait"};
+    submit.onOutput = [&filter](std::string_view chunk) { filter.consume(chunk); };
+    const auto result = runner.run(submit, stop);
+    const auto output = result.output + "\n" + result.errorOutput;
+    // The tool exits 0 on an Invalid verdict too; only the status line tells.
+    if (result.exitCode != 0 || contains(output, "status: Invalid")) {
+        throw VeltraError("Veltra", 502, "Notarization failed or was marked Invalid:\n" + output);
+    }
+    log("   Stapling Gatekeeper ticket to " + name + "...");
+    const auto staple = runner.run("xcrun", {"stapler", "staple", file.string()}, stop);
+    if (staple.exitCode != 0) {
+        throw VeltraError("Veltra", 503, "Stapling failed: " + combinedOutput(staple));
+    }
+    log("   Success: Gatekeeper ticket successfully stapled to " + name);
+}
+
+} // namespace veltra

@@ -1,0 +1,62 @@
+#pragma once
+
+#include "core/process/ProcessRunner.h"
+
+#include <filesystem>
+#include <functional>
+#include <mutex>
+#include <stop_token>
+#include <string>
+#include <string_view>
+
+namespace veltra {
+
+using NotaryLog = std::function<void(const std::string&)>;
+
+// What a notary tool failure means for the user.
+class NotaryFailure {
+public:
+    enum Kind { invalidCredentials, missingProfile, connection, unknown };
+    // Sorts the tool's words into one of the kinds; an authentication failure wins over a
+    // network one.
+    static Kind classify(std::string_view output);
+    static std::string_view name(Kind kind);
+};
+
+// Turns a submission's output into at most four kinds of progress line. One per submission.
+class NotaryLogFilter {
+public:
+    explicit NotaryLogFilter(NotaryLog onLog) : onLog_(std::move(onLog)) {}
+    void consume(std::string_view chunk);
+
+private:
+    NotaryLog onLog_;
+    bool loggedSubmissionID_ = false;
+    bool loggedProcessing_ = false;
+    bool loggedAccepted_ = false;
+    std::mutex lock_{};
+};
+
+// Sends files to Apple's notary service and staples the ticket, naming only a keychain profile.
+class NotarizationEngine {
+public:
+    ProcessRunner runner{};
+
+    // Throws VeltraError 401 with the tool's words when the credentials cannot be stored.
+    void storeCredentials(const std::string& keychainProfile, const std::string& appleID,
+                          const std::string& appPassword, const std::string& teamID,
+                          const NotaryLog& onLog, std::stop_token stop = {}) const;
+    // Whether the profile works; never throws except CancellationError. `timeout` in seconds.
+    bool credentialsExist(const std::string& keychainProfile, std::optional<double> timeout = {},
+                          std::stop_token stop = {}) const;
+    // The same check with the tool's words, for a screen that explains a failure.
+    ProcessResult checkCredentials(const std::string& keychainProfile,
+                                   std::optional<double> timeout = {},
+                                   std::stop_token stop = {}) const;
+    // Submits, waits for the verdict and staples. Throws VeltraError 502 (failed or Invalid) or
+    // 503 (stapling failed).
+    void notarize(const std::filesystem::path& file, const std::string& keychainProfile,
+                  const NotaryLog& onLog, std::stop_token stop = {}) const;
+};
+
+} // namespace veltra

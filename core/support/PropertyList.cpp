@@ -1,0 +1,137 @@
+#include "PropertyList.h"
+
+#include "Base64.h"
+#include "FileUtilities.h"
+#include "VeltraError.h"
+
+#include <cstdint>
+#include <ctime>
+#include <memory>
+#include <plist/plist.h>
+#include <span>
+
+namespace veltra {
+
+namespace {
+
+struct PlistFree {
+    void operator()(plist_t node) const { plist_free(node); }
+};
+using PlistPointer = std::unique_ptr<std::remove_pointer_t<plist_t>, PlistFree>;
+
+struct CharFree {
+    void operator()(char* text) const { std::free(text); }
+};
+
+// Nesting deeper than this is refused rather than recursed into.
+constexpr int maxDepth = 256;
+
+nlohmann::json toJson(plist_t node, int depth) {
+    if (depth > maxDepth) {
+        throw VeltraError("Veltra", 400, "The property list nests too deeply.");
+    }
+    switch (plist_get_node_type(node)) {
+    case PLIST_BOOLEAN: {
+        std::uint8_t value = 0;
+        plist_get_bool_val(node, &value);
+        return value != 0;
+    }
+    case PLIST_UINT: {
+        std::uint64_t value = 0;
+        plist_get_uint_val(node, &value);
+        return value;
+    }
+    case PLIST_REAL: {
+        double value = 0;
+        plist_get_real_val(node, &value);
+        return value;
+    }
+    case PLIST_STRING:
+    case PLIST_KEY: {
+        char* raw = nullptr;
+        plist_get_string_val(node, &raw);
+        const std::unique_ptr<char, CharFree> text(raw);
+        return text ? std::string(text.get()) : std::string();
+    }
+    case PLIST_DATA: {
+        char* raw = nullptr;
+        std::uint64_t length = 0;
+        plist_get_data_val(node, &raw, &length);
+        const std::unique_ptr<char, CharFree> bytes(raw);
+        return base64::encode(std::span(reinterpret_cast<const std::uint8_t*>(bytes.get()),
+                                        static_cast<std::size_t>(length)));
+    }
+    case PLIST_DATE: {
+        std::int32_t seconds = 0;
+        std::int32_t microseconds = 0;
+        plist_get_date_val(node, &seconds, &microseconds);
+        // Property-list dates count from 2001-01-01.
+        const std::time_t when = static_cast<std::time_t>(seconds) + 978307200;
+        std::tm parts{};
+        gmtime_r(&when, &parts);
+        char text[32];
+        std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
+        return std::string(text);
+    }
+    case PLIST_ARRAY: {
+        auto array = nlohmann::json::array();
+        const auto size = plist_array_get_size(node);
+        for (std::uint32_t index = 0; index < size; ++index) {
+            array.push_back(toJson(plist_array_get_item(node, index), depth + 1));
+        }
+        return array;
+    }
+    case PLIST_DICT: {
+        auto object = nlohmann::json::object();
+        plist_dict_iter iterator = nullptr;
+        plist_dict_new_iter(node, &iterator);
+        for (;;) {
+            char* rawKey = nullptr;
+            plist_t value = nullptr;
+            plist_dict_next_item(node, iterator, &rawKey, &value);
+            if (value == nullptr) {
+                std::free(rawKey);
+                break;
+            }
+            const std::unique_ptr<char, CharFree> key(rawKey);
+            object[key ? key.get() : ""] = toJson(value, depth + 1);
+        }
+        std::free(iterator);
+        return object;
+    }
+    default:
+        return nullptr;
+    }
+}
+
+} // namespace
+
+nlohmann::json parsePropertyList(std::string_view bytes) {
+    if (bytes.size() > UINT32_MAX) {
+        throw VeltraError("Veltra", 400, "The property list is too large.");
+    }
+    plist_t raw = nullptr;
+    const bool binary = bytes.starts_with("bplist00");
+    const bool xml = !binary && bytes.find("<plist") != std::string_view::npos;
+    if (binary) {
+        plist_from_bin(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &raw);
+    } else if (xml) {
+        plist_from_xml(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &raw);
+    }
+    const PlistPointer root(raw);
+    if (!root) {
+        throw VeltraError("Veltra", 400,
+                          "The data couldn't be read because it isn't in the correct format.");
+    }
+    return toJson(root.get(), 0);
+}
+
+nlohmann::json readPropertyListDictionary(const std::filesystem::path& path) {
+    auto value = parsePropertyList(readFile(path));
+    if (!value.is_object()) {
+        throw VeltraError("Veltra", 400, "The plist must contain a dictionary.");
+    }
+    return value;
+}
+
+} // namespace veltra

@@ -1,0 +1,385 @@
+#include "XcodeArchiver.h"
+
+#include "core/support/FileUtilities.h"
+#include "core/support/Text.h"
+#include "core/support/Uuid.h"
+#include "core/support/VeltraError.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <fstream>
+#include <set>
+#include <system_error>
+
+#include <fmt/format.h>
+
+namespace veltra {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// The target name in "... (in target 'T' from project 'P')"; nullopt without one.
+std::optional<std::string> targetName(std::string_view line) {
+    constexpr std::string_view marker = "in target '";
+    const auto start = line.find(marker);
+    if (start == std::string_view::npos) {
+        return std::nullopt;
+    }
+    const auto rest = line.substr(start + marker.size());
+    const auto end = rest.find('\'');
+    const auto name = rest.substr(0, end);
+    if (name.empty()) {
+        return std::nullopt;
+    }
+    return std::string(name);
+}
+
+bool contains(std::string_view text, std::string_view part) {
+    return text.find(part) != std::string_view::npos;
+}
+
+// The first `count` characters (code points) of UTF-8 text.
+std::string_view firstCharacters(std::string_view text, std::size_t count) {
+    std::size_t index = 0;
+    for (std::size_t seen = 0; index < text.size(); ++index) {
+        if ((static_cast<unsigned char>(text[index]) & 0xC0) != 0x80) {
+            if (seen == count) {
+                break;
+            }
+            ++seen;
+        }
+    }
+    return text.substr(0, index);
+}
+
+// Lines split at any line break, each trimmed.
+std::vector<std::string_view> trimmedLines(std::string_view text) {
+    std::vector<std::string_view> lines;
+    std::size_t start = 0;
+    for (std::size_t index = 0; index <= text.size(); ++index) {
+        if (index == text.size() || text[index] == '\n' || text[index] == '\r') {
+            lines.push_back(trimWhitespace(text.substr(start, index - start)));
+            start = index + 1;
+        }
+    }
+    return lines;
+}
+
+} // namespace
+
+std::optional<MilestoneTracker::Milestone> MilestoneTracker::milestone(std::string_view line) {
+    const auto inTarget = [&](std::string_view prefix,
+                              std::string_view suffix) -> std::optional<Milestone> {
+        if (auto target = targetName(line)) {
+            return Milestone{std::string(prefix) + *target + std::string(suffix)};
+        }
+        return std::nullopt;
+    };
+    if (line.starts_with("Resolve Package Graph")) {
+        return Milestone{"   Resolving Swift Package dependencies..."};
+    }
+    if (const auto banner = line.find("=== BUILD TARGET"); banner != std::string_view::npos) {
+        const auto after = line.find("BUILD TARGET ", banner);
+        if (after == std::string_view::npos) {
+            return std::nullopt;
+        }
+        auto rest = line.substr(after + std::string_view("BUILD TARGET ").size());
+        const auto word = rest.substr(0, rest.find(' '));
+        if (word.empty()) {
+            return std::nullopt;
+        }
+        return Milestone{"   Building target '" + std::string(word) + "'..."};
+    }
+    if (contains(line, "CompileSwiftSources") || contains(line, "CompileSwift ")) {
+        return inTarget("   Compiling Swift sources for '", "'...");
+    }
+    if (line.starts_with("Ld ") || contains(line, "Linking ")) {
+        return inTarget("   Linking target '", "'...");
+    }
+    if (line.starts_with("CodeSign ")) {
+        return inTarget("   Signing target '", "'...");
+    }
+    if (contains(line, "error:")) {
+        return Milestone{"   Error: " + std::string(line), true};
+    }
+    return std::nullopt;
+}
+
+void MilestoneTracker::consume(std::string_view chunk) {
+    std::size_t start = 0;
+    while (start <= chunk.size()) {
+        auto end = chunk.find('\n', start);
+        if (end == std::string_view::npos) {
+            end = chunk.size();
+        }
+        const auto line = trimWhitespace(chunk.substr(start, end - start));
+        start = end + 1;
+        if (line.empty()) {
+            continue;
+        }
+        auto found = milestone(line);
+        if (!found) {
+            continue;
+        }
+        if (found->isError) {
+            if (onLog_) {
+                onLog_(found->text);
+            }
+            continue;
+        }
+        const std::lock_guard guard(lock_);
+        if (found->text != last_) {
+            last_ = found->text;
+            if (onLog_) {
+                onLog_(last_);
+            }
+        }
+    }
+}
+
+std::vector<std::string> XcodeArchiver::archiveArguments(
+    const XcodeProjectInfo& project, const std::string& scheme, const fs::path& archivePath,
+    const std::optional<std::string>& marketingVersion, std::optional<std::int64_t> buildNumber) {
+    std::vector<std::string> arguments{project.isWorkspace ? "-workspace" : "-project",
+                                       project.projectURL.string(),
+                                       "-scheme",
+                                       scheme,
+                                       "-configuration",
+                                       "Release",
+                                       "-archivePath",
+                                       archivePath.string(),
+                                       "archive"};
+    if (marketingVersion && !marketingVersion->empty()) {
+        arguments.push_back("MARKETING_VERSION=" + *marketingVersion);
+        arguments.push_back("INFOPLIST_KEY_CFBundleShortVersionString=" + *marketingVersion);
+    }
+    if (buildNumber) {
+        arguments.push_back("CURRENT_PROJECT_VERSION=" + std::to_string(*buildNumber));
+        arguments.push_back("INFOPLIST_KEY_CFBundleVersion=" + std::to_string(*buildNumber));
+    }
+    return arguments;
+}
+
+std::string XcodeArchiver::failureSummary(std::string_view log) {
+    if (contains(log, "requires Xcode") ||
+        contains(log, "CommandLineTools' is a command line tools instance")) {
+        return "Active developer directory is set to Command Line Tools instead of Xcode.app. Run "
+               "in Terminal: sudo xcode-select -s /Applications/Xcode.app/Contents/Developer (or "
+               "select Xcode in Xcode Settings ➔ Locations).";
+    }
+    const auto lines = trimmedLines(log);
+    std::vector<std::string_view> errors;
+    for (const auto line : lines) {
+        if ((contains(line, ": error:") || contains(line, ": fatal error:")) &&
+            std::find(errors.begin(), errors.end(), line) == errors.end()) {
+            errors.push_back(line);
+            if (errors.size() == 3) {
+                break;
+            }
+        }
+    }
+    if (!errors.empty()) {
+        std::string summary = "Xcode archive failed:";
+        for (const auto line : errors) {
+            summary += "\n";
+            summary += firstCharacters(line, 500);
+        }
+        return summary;
+    }
+    for (const auto line : lines) {
+        if (line.starts_with("xcodebuild: error:") || line.starts_with("error:") ||
+            contains(line, "CodeSign failed")) {
+            return "Xcode archive failed. " + std::string(firstCharacters(line, 500));
+        }
+    }
+    return "Xcode archive failed. Open the build log for diagnostic details.";
+}
+
+bool XcodeArchiver::isMachO(const fs::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    std::array<unsigned char, 4> bytes{};
+    if (!in.read(reinterpret_cast<char*>(bytes.data()), 4)) {
+        return false;
+    }
+    const std::uint32_t magic = (std::uint32_t{bytes[0]} << 24) | (std::uint32_t{bytes[1]} << 16) |
+                                (std::uint32_t{bytes[2]} << 8) | std::uint32_t{bytes[3]};
+    switch (magic) {
+    case 0xFEEDFACE:
+    case 0xFEEDFACF:
+    case 0xCEFAEDFE:
+    case 0xCFFAEDFE:
+    case 0xCAFEBABE:
+    case 0xBEBAFECA:
+        return true;
+    default:
+        return false;
+    }
+}
+
+std::vector<fs::path> XcodeArchiver::signingTargets(const fs::path& app) {
+    struct Target {
+        std::string relative;
+        bool isDirectory = false;
+        std::size_t depth = 0;
+    };
+    std::vector<Target> targets;
+    std::set<std::string> seen;
+    std::error_code error;
+    for (fs::recursive_directory_iterator it(app, error), end; !error && it != end;
+         it.increment(error)) {
+        const auto status = it->symlink_status(error);
+        if (error || fs::is_symlink(status)) {
+            error.clear();
+            continue;
+        }
+        const auto extension = it->path().extension();
+        const bool directory = fs::is_directory(status);
+        bool target = false;
+        if (directory) {
+            target = extension == ".app" || extension == ".xpc" || extension == ".framework";
+        } else if (fs::is_regular_file(status)) {
+            target = extension == ".dylib" || extension == ".so" || isMachO(it->path());
+        }
+        if (!target) {
+            continue;
+        }
+        auto relative = it->path().lexically_relative(app).generic_string();
+        if (!seen.insert(relative).second) {
+            continue;
+        }
+        const auto depth =
+            static_cast<std::size_t>(std::count(relative.begin(), relative.end(), '/')) + 1;
+        targets.push_back({std::move(relative), directory, depth});
+    }
+    std::sort(targets.begin(), targets.end(), [](const Target& a, const Target& b) {
+        if (a.depth != b.depth) {
+            return a.depth > b.depth;
+        }
+        if (a.isDirectory != b.isDirectory) {
+            return !a.isDirectory;
+        }
+        return a.relative > b.relative;
+    });
+    std::vector<fs::path> paths;
+    paths.reserve(targets.size() + 1);
+    for (const auto& target : targets) {
+        paths.push_back(app / target.relative);
+    }
+    paths.push_back(app);
+    return paths;
+}
+
+int XcodeArchiver::signInsideOut(const fs::path& app, const std::string& identity,
+                                 const LogHandler& onLog, std::stop_token stop) const {
+    int warnings = 0;
+    for (const auto& target : signingTargets(app)) {
+        const auto result = runner.run(
+            "codesign",
+            {"--force", "--sign", identity, "--options", "runtime", "--timestamp", target.string()},
+            stop);
+        const auto said = combinedOutput(result);
+        std::string lower(said);
+        std::transform(lower.begin(), lower.end(), lower.begin(),
+                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+        if (!said.empty() && contains(lower, "error:")) {
+            ++warnings;
+            if (onLog) {
+                onLog("   Warning: Codesign note: " + said);
+            }
+        }
+    }
+    return warnings;
+}
+
+fs::path XcodeArchiver::archiveAndExport(const XcodeProjectInfo& project, const std::string& scheme,
+                                         const std::optional<std::string>& /*teamID*/,
+                                         const std::optional<std::string>& signingIdentity,
+                                         const std::optional<std::string>& marketingVersion,
+                                         std::optional<std::int64_t> buildNumber,
+                                         const LogHandler& onLog, std::stop_token stop) const {
+    const auto log = [&](const std::string& line) {
+        if (onLog) {
+            onLog(line);
+        }
+    };
+    if (stop.stop_requested()) {
+        throw CancellationError();
+    }
+    log("   Checking Release Info.plist paths...");
+    XcodePlistValidator validator;
+    validator.reader = settingsReader;
+    if (auto problem = validator.validate(project, scheme, stop)) {
+        throw VeltraError("Veltra", 500, *problem);
+    }
+    log("   Success: Release Info.plist paths verified");
+
+    const auto buildFolder =
+        fs::temp_directory_path() / ("veltra_build_" + Uuid::random().string());
+    const auto archivePath = buildFolder / (scheme + ".xcarchive");
+    const auto exportFolder = buildFolder / "ExportedApp";
+    fs::create_directories(buildFolder);
+    log("   Compiling & Archiving " + scheme + " with Xcode...");
+
+    MilestoneTracker tracker(onLog);
+    ProcessRequest request;
+    request.command = "xcodebuild";
+    request.arguments =
+        archiveArguments(project, scheme, archivePath, marketingVersion, buildNumber);
+    request.onOutput = [&tracker](std::string_view chunk) { tracker.consume(chunk); };
+    const auto result = runner.run(request, stop);
+
+    std::error_code missing;
+    if (result.exitCode != 0 || !fs::exists(archivePath, missing)) {
+        const auto fullLog = result.output + "\n" + result.errorOutput;
+        const auto logFile = buildFolder / "xcodebuild-error.log";
+        bool written = true;
+        try {
+            writeFileAtomically(logFile, fullLog);
+        } catch (const std::exception&) {
+            written = false;
+        }
+        auto message = failureSummary(fullLog);
+        if (written) {
+            message += "\nFull build log: " + logFile.string();
+        }
+        throw VeltraError("Veltra", 500, message);
+    }
+
+    log("   Success: Xcode archive created successfully");
+    log("   Extracting application bundle...");
+    const auto applications = archivePath / "Products" / "Applications";
+    std::vector<fs::path> apps;
+    std::error_code error;
+    for (fs::directory_iterator it(applications, error), end; !error && it != end;
+         it.increment(error)) {
+        if (it->path().extension() == ".app") {
+            apps.push_back(it->path());
+        }
+    }
+    std::sort(apps.begin(), apps.end());
+    if (apps.empty()) {
+        throw VeltraError("Veltra", 404,
+                          "Could not find built .app in archive at " + applications.string());
+    }
+    fs::create_directories(exportFolder);
+    const auto app = exportFolder / apps.front().filename();
+    fs::copy(apps.front(), app, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+
+    if (!signingIdentity || signingIdentity->empty()) {
+        log("   Success: Extracted " + app.filename().string() + "...");
+        return app;
+    }
+    log("   Signing application bundle with " + *signingIdentity + "...");
+    const int warnings = signInsideOut(app, *signingIdentity, onLog, stop);
+    if (warnings == 0) {
+        log("   Success: Code signature applied successfully");
+    } else {
+        log(fmt::format("   Warning: Code signature applied with {} warning(s) — check logs above",
+                        warnings));
+    }
+    return app;
+}
+
+} // namespace veltra

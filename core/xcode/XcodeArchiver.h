@@ -1,0 +1,80 @@
+#pragma once
+
+#include "XcodeBuildSettings.h"
+#include "XcodeProjectInfo.h"
+#include "core/process/ProcessRunner.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stop_token>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace veltra {
+
+using LogHandler = std::function<void(const std::string&)>;
+
+// Boils xcodebuild's output down to a few progress lines. One per archive run; chunks may arrive
+// on several threads.
+class MilestoneTracker {
+public:
+    explicit MilestoneTracker(LogHandler onLog) : onLog_(std::move(onLog)) {}
+
+    void consume(std::string_view chunk);
+
+    struct Milestone {
+        std::string text;
+        bool isError = false;
+    };
+    // What one trimmed line says, if anything.
+    static std::optional<Milestone> milestone(std::string_view line);
+
+private:
+    LogHandler onLog_;
+    std::string last_{};
+    std::mutex lock_{};
+};
+
+// Archives the user's project in Release, lifts the .app out of the archive and re-signs it.
+class XcodeArchiver {
+public:
+    ProcessRunner runner{};
+    // Reads the Release settings for the Info.plist check that precedes every build.
+    std::shared_ptr<const XcodeBuildSettingsReading> settingsReader =
+        std::make_shared<XcodeBuildSettingsReader>();
+
+    // Returns the .app in "<temp>/veltra_build_<UUID>/ExportedApp". Throws VeltraError (500 the
+    // archive failed, 404 no app in it, the Info.plist check's message, file-system errors) or
+    // CancellationError. `teamID` is only the caller's bookkeeping: signing is by identity.
+    std::filesystem::path archiveAndExport(
+        const XcodeProjectInfo& project, const std::string& scheme,
+        const std::optional<std::string>& teamID, const std::optional<std::string>& signingIdentity,
+        const std::optional<std::string>& marketingVersion, std::optional<std::int64_t> buildNumber,
+        const LogHandler& onLog, std::stop_token stop = {}) const;
+
+    static std::vector<std::string>
+    archiveArguments(const XcodeProjectInfo& project, const std::string& scheme,
+                     const std::filesystem::path& archivePath,
+                     const std::optional<std::string>& marketingVersion,
+                     std::optional<std::int64_t> buildNumber);
+
+    // The short text that explains a failed archive, from its full output.
+    static std::string failureSummary(std::string_view log);
+
+    // Everything inside `app` that needs its own signature, innermost first, then `app`.
+    static std::vector<std::filesystem::path> signingTargets(const std::filesystem::path& app);
+
+    // Signs the targets of `app` inside-out; returns the number of warnings logged.
+    int signInsideOut(const std::filesystem::path& app, const std::string& identity,
+                      const LogHandler& onLog, std::stop_token stop) const;
+
+    // A Mach-O or universal binary, by its first four bytes.
+    static bool isMachO(const std::filesystem::path& file);
+};
+
+} // namespace veltra

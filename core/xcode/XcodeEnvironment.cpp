@@ -1,0 +1,66 @@
+#include "XcodeEnvironment.h"
+
+#include "core/support/Text.h"
+#include "core/support/VeltraError.h"
+
+namespace veltra {
+
+const std::string XcodeEnvironmentValidator::instruction =
+    "Run this command in Terminal to point to Xcode:\nsudo xcode-select -s "
+    "/Applications/Xcode.app/Contents/Developer\n(or select Xcode in Xcode ➔ Settings ➔ "
+    "Locations ➔ Command Line Tools).";
+
+const std::string XcodeEnvironmentValidator::commandLineToolsMessage =
+    "Xcode is not selected as the active developer directory.\n\n" + instruction;
+
+std::string DefaultXcodeEnvironmentReader::developerDirectory(std::stop_token stop) const {
+    const auto result = runner.run("xcode-select", {"-p"}, stop);
+    if (result.exitCode != 0) {
+        throw VeltraError("Veltra", 404, std::string(trimWhitespace(result.errorOutput)));
+    }
+    return std::string(trimWhitespace(result.output));
+}
+
+ProcessResult DefaultXcodeEnvironmentReader::xcodeVersion(std::stop_token stop) const {
+    return runner.run("xcodebuild", {"-version"}, stop);
+}
+
+void XcodeEnvironmentValidator::validate(std::stop_token stop) const {
+    std::string directory;
+    try {
+        directory = reader->developerDirectory(stop);
+    } catch (const CancellationError&) {
+        throw;
+    } catch (const std::exception&) {
+        throw VeltraError("Veltra", 404,
+                          "Xcode Command Line Tools are missing. Run 'xcode-select --install' in "
+                          "Terminal or install Xcode.");
+    }
+    if (directory.find("CommandLineTools") != std::string::npos) {
+        throw VeltraError("Veltra", 412, commandLineToolsMessage);
+    }
+    ProcessResult version;
+    try {
+        version = reader->xcodeVersion(stop);
+    } catch (const CancellationError&) {
+        throw;
+    } catch (const std::exception& error) {
+        version.exitCode = -1;
+        version.errorOutput = error.what();
+    }
+    const auto output = combinedOutput(version);
+    if (output.find("requires Xcode") != std::string::npos ||
+        output.find("CommandLineTools") != std::string::npos) {
+        throw VeltraError("Veltra", 412, commandLineToolsMessage);
+    }
+    if (version.exitCode != 0) {
+        const auto& said = output;
+        throw VeltraError("Veltra", 500,
+                          "Xcode configuration issue: " +
+                              (said.empty() ? std::string("xcodebuild could not be executed.")
+                                            : std::string(said)) +
+                              "\n\n" + instruction);
+    }
+}
+
+} // namespace veltra

@@ -1,0 +1,34 @@
+# Shared by the Apple tool stand-ins (sourced, not run). Each stand-in prints what the real tool
+# prints, on the same stream and with the same exit status, and is steered by VELTRA_FAKE_*
+# variables; every run is recorded, one argument per line after the tool's name, in
+# $VELTRA_TOOL_LOG when that is set.
+
+record() {
+    if [ -n "$VELTRA_TOOL_LOG" ]; then
+        { echo "$tool"; for argument in "$@"; do echo "$argument"; done; } >>"$VELTRA_TOOL_LOG"
+    fi
+}
+
+# Sleeps for $1 seconds when it is set and not zero.
+pause() {
+    if [ -n "$1" ] && [ "$1" != "0" ]; then
+        sleep "$1"
+    fi
+}
+
+# Real Mach-O files, built once per user and reused: thin arm64 and universal x86_64 + arm64.
+macho_cache() {
+    cache="${TMPDIR:-/tmp}/veltra-fake-macho-$(id -u)"
+    if [ ! -f "$cache/universal" ]; then
+        work=$(mktemp -d) || return 1
+        echo 'int main(void) { return 0; }' >"$work/main.c"
+        clang -target arm64-apple-macos11 -c "$work/main.c" -o "$work/arm64" &&
+            clang -target x86_64-apple-macos11 -c "$work/main.c" -o "$work/x86_64" &&
+            llvm-lipo-14 -create "$work/x86_64" "$work/arm64" -output "$work/universal" &&
+            mkdir -p "$cache" &&
+            mv "$work/arm64" "$cache/arm64.$$" && mv "$cache/arm64.$$" "$cache/arm64" &&
+            mv "$work/universal" "$cache/universal.$$" && mv "$cache/universal.$$" "$cache/universal"
+        rm -rf "$work"
+    fi
+    echo "$cache"
+}
