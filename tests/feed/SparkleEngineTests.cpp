@@ -16,34 +16,11 @@
 namespace veltra {
 namespace {
 
+using testing::ScopedEnvironment;
 using testing::TempDir;
 using testing::writeFile;
 
 const std::filesystem::path standIns = VELTRA_TOOLS_DIR;
-
-// Sets an environment variable for one test and puts the old value back.
-class ScopedEnvironment {
-public:
-    ScopedEnvironment(const char* name, const std::string& value) : name_(name) {
-        if (const char* old = std::getenv(name)) {
-            old_ = old;
-        }
-        ::setenv(name, value.c_str(), 1);
-        ::tzset();
-    }
-    ~ScopedEnvironment() {
-        if (old_) {
-            ::setenv(name_, old_->c_str(), 1);
-        } else {
-            ::unsetenv(name_);
-        }
-        ::tzset();
-    }
-
-private:
-    const char* name_;
-    std::optional<std::string> old_;
-};
 
 AppcastRelease release(std::string version, std::string build) {
     return {version, build,  "https://example.com/Acme-" + version + ".dmg", "c2lnbmF0dXJl" + build,

@@ -1,0 +1,123 @@
+#include "AppleTools.h"
+#include "core/signing/CertificateScanner.h"
+
+#include <gtest/gtest.h>
+
+namespace veltra {
+namespace {
+
+using testing::writeFile;
+
+TEST(CertificateScanner, ParsesFindIdentityOutput) {
+    const auto found = CertificateScanner::parseIdentities(
+        "  1) 0123456789ABCDEF0123456789ABCDEF01234567 \"Developer ID Application: Jane Doe "
+        "(AB12CD34EF)\"\n"
+        "  2) 0123456789ABCDEF0123456789ABCDEF0123456 \"Too Short: Jane Doe (AB12CD34EF)\"\n"
+        "  3) 89abcdef0123456789abcdef0123456789abcdef \"Mac Developer: Jane Doe (ZY98XW76VU)\"\n"
+        "  4) 1123456789ABCDEF0123456789ABCDEF01234567 \"Developer ID Application: Acme "
+        "(ab12cd34ef)\"\n"
+        "  5) 2123456789ABCDEF0123456789ABCDEF01234567 \"-\"\n"
+        "  6) 3123456789ABCDEF0123456789ABCDEF01234567 \"com.apple.idms.appleid.prd.0a1b (Team "
+        "QW12ER34TY) (KL98MN76OP)\"\n"
+        "     5 valid identities found\n");
+    ASSERT_EQ(found.size(), 5u);
+
+    EXPECT_EQ(found[0].hash, "0123456789ABCDEF0123456789ABCDEF01234567");
+    EXPECT_EQ(found[0].name, "Developer ID Application: Jane Doe (AB12CD34EF)");
+    EXPECT_TRUE(found[0].isDeveloperID);
+    EXPECT_FALSE(found[0].isDevelopment);
+    EXPECT_EQ(found[0].teamID, "AB12CD34EF");
+    EXPECT_EQ(found[0].accountName, "Jane Doe");
+
+    EXPECT_TRUE(found[1].isDevelopment);
+    EXPECT_EQ(found[1].hash, "89abcdef0123456789abcdef0123456789abcdef");
+    EXPECT_EQ(found[1].teamID, "ZY98XW76VU");
+
+    EXPECT_TRUE(found[2].isDeveloperID);
+    EXPECT_FALSE(found[2].teamID.has_value()) << "lower case is not a team ID";
+    EXPECT_FALSE(found[2].accountName.has_value());
+
+    EXPECT_TRUE(found[3].isAdHoc);
+    EXPECT_FALSE(found[3].teamID.has_value());
+
+    // No colon before a team: the first parenthesised ten-character value, no account.
+    EXPECT_EQ(found[4].teamID, "KL98MN76OP");
+    EXPECT_FALSE(found[4].accountName.has_value());
+
+    EXPECT_TRUE(CertificateScanner::parseIdentities("     0 valid identities found\n").empty());
+    EXPECT_TRUE(CertificateScanner::parseIdentities("").empty());
+    // A longer hex run matches on its last forty digits, as a search would.
+    const auto longer = CertificateScanner::parseIdentities(
+        "F0123456789ABCDEF0123456789ABCDEF01234567 \"Apple Development: X (AB12CD34EF)\"");
+    ASSERT_EQ(longer.size(), 1u);
+    EXPECT_EQ(longer[0].hash, "0123456789ABCDEF0123456789ABCDEF01234567");
+}
+
+TEST(CertificateScanner, ClassifiesNames) {
+    const auto adHoc = SigningCertificate::classify("h", "Sign to Run Locally (Ad-Hoc)");
+    EXPECT_TRUE(adHoc.isAdHoc);
+    const auto later = SigningCertificate::classify(
+        "h", "3rd Party Mac Developer Application: A (B) : Jane Doe (AB12CD34EF)");
+    EXPECT_TRUE(later.isDevelopment);
+    EXPECT_EQ(later.teamID, "AB12CD34EF");
+    EXPECT_EQ(later.accountName, "Jane Doe");
+    const auto nine = SigningCertificate::classify("h", "Apple Development: Jane (AB12CD34E)");
+    EXPECT_FALSE(nine.teamID.has_value());
+}
+
+SigningCertificate identity(const char* name) {
+    return SigningCertificate::classify(std::string(40, 'A'), name);
+}
+
+TEST(CertificateScanner, BestTeamPrefersDeveloperID) {
+    const auto best =
+        CertificateScanner::bestTeam({identity("Apple Development: Jane Doe (AAAAAAAAAA)"),
+                                      identity("Developer ID Application: Acme Inc (BBBBBBBBBB)")});
+    ASSERT_TRUE(best.has_value());
+    EXPECT_EQ(best->teamID, "BBBBBBBBBB");
+    EXPECT_EQ(best->accountName, "Acme Inc");
+    EXPECT_EQ(best->source, "Developer ID");
+
+    EXPECT_EQ(CertificateScanner::bestTeam({identity("Developer ID Application: X (lower12345)"),
+                                            identity("Mac Developer: Jane (CCCCCCCCCC)")})
+                  ->source,
+              "Apple Development");
+    EXPECT_EQ(
+        CertificateScanner::bestTeam({identity("Apple Distribution: Jane (DDDDDDDDDD)")})->source,
+        "Signing Identity");
+    EXPECT_FALSE(CertificateScanner::bestTeam({identity("-")}).has_value());
+    EXPECT_FALSE(CertificateScanner::bestTeam({}).has_value());
+}
+
+class CertificateScannerRun : public testing::AppleToolsTest {};
+
+TEST_F(CertificateScannerRun, ScansTheKeychains) {
+    const auto all = CertificateScanner().scanIdentities();
+    ASSERT_EQ(all.size(), 2u);
+    EXPECT_EQ(runsOf("security"), (std::vector<std::vector<std::string>>{
+                                      {"find-identity", "-v", "-p", "codesigning"}}));
+    EXPECT_EQ(CertificateScanner().detectBestTeamInfo()->teamID, "AB12CD34EF");
+
+    fake("VELTRA_FAKE_SECURITY", "fail");
+    EXPECT_TRUE(CertificateScanner().scanIdentities().empty());
+    EXPECT_FALSE(CertificateScanner().detectBestTeamInfo().has_value());
+}
+
+TEST_F(CertificateScannerRun, ImportsACertificateBundle) {
+    writeFile(dir / "cert.p12", "p12");
+    const auto imported = CertificateScanner().importP12(dir / "cert.p12", "secret");
+    EXPECT_EQ(imported.exitCode, 0);
+    EXPECT_EQ(imported.output, "1 identity imported.\n");
+    EXPECT_EQ(runsOf("security").back(),
+              (std::vector<std::string>{"import", (dir / "cert.p12").string(), "-P", "secret", "-T",
+                                        "/usr/bin/codesign"}));
+
+    const auto wrong = CertificateScanner().importP12(dir / "cert.p12", "");
+    EXPECT_EQ(wrong.exitCode, 1);
+    EXPECT_EQ(wrong.errorOutput, "security: SecKeychainItemImport: MAC verification failed "
+                                 "during PKCS12 import (wrong password?)\n");
+    EXPECT_EQ(runsOf("security").back().at(3), "") << "an empty password is still passed";
+}
+
+} // namespace
+} // namespace veltra

@@ -1,0 +1,218 @@
+#include "AppleTools.h"
+#include "core/signing/NotarizationEngine.h"
+#include "core/support/VeltraError.h"
+
+#include <chrono>
+#include <mutex>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+namespace veltra {
+namespace {
+
+using testing::writeFile;
+using Lines = std::vector<std::string>;
+
+TEST(NotaryFailure, Classifies) {
+    EXPECT_EQ(NotaryFailure::classify("Error: 401 Unable to authenticate. Network problem?"),
+              NotaryFailure::invalidCredentials);
+    EXPECT_EQ(NotaryFailure::classify("Error: HTTP status code: 401. Invalid credentials. Username "
+                                      "or password is incorrect."),
+              NotaryFailure::invalidCredentials);
+    EXPECT_EQ(NotaryFailure::classify("No Keychain password item found for profile: X"),
+              NotaryFailure::missingProfile);
+    EXPECT_EQ(NotaryFailure::classify("The profile 'x' could not find its keychain item"),
+              NotaryFailure::missingProfile);
+    EXPECT_EQ(NotaryFailure::classify("Profile not found"), NotaryFailure::missingProfile);
+    EXPECT_EQ(NotaryFailure::classify("Code=-1009 \"The Internet connection appears to be "
+                                      "offline.\""),
+              NotaryFailure::connection);
+    EXPECT_EQ(NotaryFailure::classify("The command did not finish within 20 seconds."),
+              NotaryFailure::connection);
+    EXPECT_EQ(NotaryFailure::classify("Something else"), NotaryFailure::unknown);
+    EXPECT_EQ(NotaryFailure::classify(""), NotaryFailure::unknown);
+}
+
+Lines filtered(const std::vector<std::string>& chunks) {
+    Lines lines;
+    NotaryLogFilter filter([&lines](const std::string& line) { lines.push_back(line); });
+    for (const auto& chunk : chunks) {
+        filter.consume(chunk);
+    }
+    return lines;
+}
+
+TEST(NotaryLogFilter, EachProgressLineOnce) {
+    EXPECT_EQ(filtered({"  id: 1234abcd\n", "Current status: In Progress...\n",
+                        "Current status: In Progress...\n",
+                        "  id: 2f3c6a1e-0b7d-4f55-9a5e-3c1d2e4f5a6b\n  id: "
+                        "2f3c6a1e-0b7d-4f55-9a5e-3c1d2e4f5a6b\n",
+                        "  status: Accepted\n  status: accepted\n"}),
+              (Lines{"   Waiting for Apple Notary processing...",
+                     "   Success: Submission ID: 2f3c6a1e-0b7d-4f55-9a5e-3c1d2e4f5a6b",
+                     "   Success: Apple Notarization accepted"}));
+    // One line can fire several tests; Invalid is logged every time.
+    EXPECT_EQ(filtered({"Current status: In Progress...Current status: Invalid...\n",
+                        "  status: Invalid"}),
+              (Lines{"   Waiting for Apple Notary processing...",
+                     "   Error: Apple Notarization marked as Invalid",
+                     "   Error: Apple Notarization marked as Invalid"}));
+}
+
+TEST(NotaryLogFilter, ConcurrentChunksStillLogOnce) {
+    std::mutex lock;
+    Lines lines;
+    NotaryLogFilter filter([&](const std::string& line) {
+        const std::lock_guard guard(lock);
+        lines.push_back(line);
+    });
+    {
+        std::vector<std::jthread> threads;
+        for (int t = 0; t < 4; ++t) {
+            threads.emplace_back([&filter] {
+                for (int i = 0; i < 100; ++i) {
+                    filter.consume("Waiting for processing to complete.\n  status: Accepted\n");
+                }
+            });
+        }
+    }
+    EXPECT_EQ(lines, (Lines{"   Waiting for Apple Notary processing...",
+                            "   Success: Apple Notarization accepted"}));
+}
+
+class NotarizationRun : public testing::AppleToolsTest {
+protected:
+    NotarizationRun() {
+        fake("VELTRA_FAKE_KEYCHAIN", (dir / "keychain").string());
+        writeFile(dir / "Acme-1.2.3.dmg", "disk image");
+    }
+
+    void store() {
+        NotarizationEngine().storeCredentials("acme-notary", "jane@example.com",
+                                              "abcd-efgh-ijkl-mnop", "AB12CD34EF", record());
+    }
+
+    NotaryLog record() {
+        return [this](const std::string& line) {
+            const std::lock_guard guard(lock);
+            log.push_back(line);
+        };
+    }
+
+    VeltraError notarizeFailure() {
+        try {
+            NotarizationEngine().notarize(dir / "Acme-1.2.3.dmg", "acme-notary", record());
+        } catch (const VeltraError& error) {
+            return error;
+        }
+        return {"none", 0, "no error"};
+    }
+
+    std::mutex lock;
+    Lines log;
+};
+
+TEST_F(NotarizationRun, StoresChecksSubmitsAndStaples) {
+    EXPECT_FALSE(NotarizationEngine().credentialsExist("acme-notary"));
+    store();
+    EXPECT_EQ(log, (Lines{"Storing notarization credentials in macOS Keychain...",
+                          "Success: Credentials stored under profile 'acme-notary'"}));
+    EXPECT_EQ(runsOf("xcrun").back(), (Lines{"notarytool", "store-credentials", "acme-notary",
+                                             "--apple-id", "jane@example.com", "--team-id",
+                                             "AB12CD34EF", "--password", "abcd-efgh-ijkl-mnop"}));
+    EXPECT_TRUE(NotarizationEngine().credentialsExist("acme-notary", 20.0));
+    EXPECT_EQ(runsOf("xcrun").back(), (Lines{"notarytool", "history", "--keychain-profile",
+                                             "acme-notary", "--output-format", "json"}));
+
+    log.clear();
+    const auto file = dir / "Acme-1.2.3.dmg";
+    NotarizationEngine().notarize(file, "acme-notary", record());
+    EXPECT_EQ(log, (Lines{"   Submitting Acme-1.2.3.dmg to Apple Notary Service (profile: "
+                          "'acme-notary')...",
+                          "   Success: Submission ID: 3f2b8c1e-7a4d-4e9b-9c21-5d6e7f809a1b",
+                          "   Waiting for Apple Notary processing...",
+                          "   Success: Apple Notarization accepted",
+                          "   Stapling Gatekeeper ticket to Acme-1.2.3.dmg...",
+                          "   Success: Gatekeeper ticket successfully stapled to Acme-1.2.3.dmg"}));
+    const auto runs = runsOf("xcrun");
+    EXPECT_EQ(runs[runs.size() - 2], (Lines{"notarytool", "submit", file.string(),
+                                            "--keychain-profile", "acme-notary", "--wait"}));
+    EXPECT_EQ(runs.back(), (Lines{"stapler", "staple", file.string()}));
+}
+
+TEST_F(NotarizationRun, InvalidVerdictFailsThoughTheToolExitsZero) {
+    store();
+    fake("VELTRA_FAKE_NOTARY", "invalid");
+    const auto error = notarizeFailure();
+    EXPECT_EQ(error.code(), 502);
+    const std::string message = error.message();
+    EXPECT_TRUE(message.starts_with("Notarization failed or was marked Invalid:\nConducting "
+                                    "pre-submission checks for Acme-1.2.3.dmg"));
+    EXPECT_TRUE(message.ends_with("  status: Invalid\n\n"))
+        << "standard output, \\n, standard error";
+    EXPECT_EQ(runsOf("xcrun").back().at(0), "notarytool") << "nothing was stapled";
+}
+
+TEST_F(NotarizationRun, SubmissionAndStaplingFailures) {
+    const auto missing = notarizeFailure();
+    EXPECT_EQ(missing.code(), 502);
+    EXPECT_EQ(std::string(missing.message()),
+              "Notarization failed or was marked Invalid:\n\nError: No Keychain password item "
+              "found for profile: acme-notary\n");
+    EXPECT_EQ(NotaryFailure::classify(missing.message()), NotaryFailure::missingProfile);
+
+    store();
+    fake("VELTRA_FAKE_STAPLER", "fail");
+    const auto staple = notarizeFailure();
+    EXPECT_EQ(staple.code(), 503);
+    EXPECT_EQ(std::string(staple.message()),
+              "Stapling failed: Processing: " + (dir / "Acme-1.2.3.dmg").string() +
+                  "\nCloudKit query for Acme-1.2.3.dmg "
+                  "(2/0123456789abcdef0123456789abcdef01234567) failed due to \"Record not "
+                  "found\".\nCould not find base64 encoded ticket in response for "
+                  "2/0123456789abcdef0123456789abcdef01234567\nThe staple and validate action "
+                  "failed! Error 65.");
+}
+
+TEST_F(NotarizationRun, StoringRefusedCredentials) {
+    fake("VELTRA_FAKE_NOTARY", "invalid-credentials");
+    try {
+        store();
+        FAIL() << "stored";
+    } catch (const VeltraError& error) {
+        EXPECT_EQ(error.code(), 401);
+        EXPECT_EQ(std::string(error.message()),
+                  "Error: HTTP status code: 401. Invalid credentials. Username or password is "
+                  "incorrect. Use the app-specific password generated at appleid.apple.com. "
+                  "Ensure that all authentication arguments are correct.");
+    }
+    EXPECT_EQ(log, Lines{"Storing notarization credentials in macOS Keychain..."});
+    EXPECT_FALSE(NotarizationEngine().credentialsExist("acme-notary"));
+}
+
+TEST_F(NotarizationRun, ProfileCheckTimesOutAsFalse) {
+    store();
+    fake("VELTRA_FAKE_NOTARY", "offline");
+    EXPECT_FALSE(NotarizationEngine().credentialsExist("acme-notary"));
+    const auto offline = NotarizationEngine().checkCredentials("acme-notary");
+    EXPECT_EQ(NotaryFailure::classify(offline.errorOutput), NotaryFailure::connection);
+}
+
+TEST_F(NotarizationRun, CancellingTheWaitKillsNotarytool) {
+    store();
+    fake("VELTRA_FAKE_NOTARY_DELAY", "2");
+    std::stop_source stop;
+    std::jthread canceller([&stop] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        stop.request_stop();
+    });
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_THROW(NotarizationEngine().notarize(dir / "Acme-1.2.3.dmg", "acme-notary", record(),
+                                               stop.get_token()),
+                 CancellationError);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(10));
+}
+
+} // namespace
+} // namespace veltra

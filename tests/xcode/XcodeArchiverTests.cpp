@@ -1,0 +1,367 @@
+#include "AppleTools.h"
+#include "core/support/FileUtilities.h"
+#include "core/support/VeltraError.h"
+#include "core/xcode/XcodeArchiver.h"
+
+#include <chrono>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+namespace veltra {
+namespace {
+
+using testing::writeFile;
+namespace fs = std::filesystem;
+using Lines = std::vector<std::string>;
+
+Lines milestonesOf(const std::vector<std::string>& chunks) {
+    Lines lines;
+    MilestoneTracker tracker([&lines](const std::string& line) { lines.push_back(line); });
+    for (const auto& chunk : chunks) {
+        tracker.consume(chunk);
+    }
+    return lines;
+}
+
+TEST(MilestoneTracker, RealXcodeOutput) {
+    const auto lines = milestonesOf(
+        {"Command line invocation:\n    "
+         "/Applications/Xcode.app/Contents/Developer/usr/bin/xcodebuild "
+         "-project Acme.xcodeproj -scheme Acme archive\n\nResolve Package Graph\n\n",
+         "SwiftCompile normal arm64 Compiling\\ AppDelegate.swift /src/Acme/AppDelegate.swift (in "
+         "target 'Acme' from project 'Acme')\n    cd /src/Acme\n",
+         "Ld /DerivedData/Acme normal arm64 (in target 'Acme' from project 'Acme')\n"
+         "CodeSign /DerivedData/Applications/Acme.app (in target 'Acme' from project 'Acme')\n"
+         "    Signing Identity:     \"Developer ID Application: Jane Doe (AB12CD34EF)\"\n"
+         "/src/Acme/AppDelegate.swift:12:5: error: cannot find 'undefinedHelper' in scope\n"
+         "** ARCHIVE SUCCEEDED **\n"});
+    EXPECT_EQ(lines, (Lines{"   Resolving Swift Package dependencies...",
+                            "   Linking target 'Acme'...", "   Signing target 'Acme'...",
+                            "   Error: /src/Acme/AppDelegate.swift:12:5: error: cannot find "
+                            "'undefinedHelper' in scope"}));
+}
+
+TEST(MilestoneTracker, RepeatsCollapseUntilSomethingElseHappens) {
+    std::vector<std::string> chunks;
+    for (int i = 0; i < 10; ++i) {
+        chunks.push_back("CompileSwift normal arm64 /src/F" + std::to_string(i) +
+                         ".swift (in target 'Core' from project 'X')\n");
+    }
+    chunks.push_back("Ld /build/Core normal (in target 'Core' from project 'X')\n");
+    chunks.push_back("CompileSwift normal arm64 /src/G.swift (in target 'Core' from project 'X')");
+    // Errors are never collapsed.
+    chunks.push_back("ld: error: x\nld: error: x\n");
+    EXPECT_EQ(milestonesOf(chunks),
+              (Lines{"   Compiling Swift sources for 'Core'...", "   Linking target 'Core'...",
+                     "   Compiling Swift sources for 'Core'...", "   Error: ld: error: x",
+                     "   Error: ld: error: x"}));
+}
+
+TEST(MilestoneTracker, LinesWithoutATargetSayNothing) {
+    EXPECT_EQ(milestonesOf({"CodeSign /path/App.app\n", "CompileSwiftSources normal arm64\n",
+                            "Linking in target '' x\n", "=== BUILD TARGET  ===\n",
+                            "=== BUILD TARGET Acme OF PROJECT Acme WITH CONFIGURATION Release ===",
+                            "   \n\n",
+                            "CodeSign /path/App.app (in target 'App' from project "
+                            "'App')"}),
+              (Lines{"   Building target 'Acme'...", "   Signing target 'App'..."}));
+    // A chunk cut mid-line treats each fragment as a line.
+    EXPECT_EQ(milestonesOf({"Ld /x (in tar", "get 'A' from project 'B')\n"}), Lines{});
+}
+
+TEST(MilestoneTracker, ChunksFromSeveralThreadsLogEachMilestoneOnce) {
+    std::mutex lock;
+    Lines lines;
+    MilestoneTracker tracker([&](const std::string& line) {
+        const std::lock_guard guard(lock);
+        lines.push_back(line);
+    });
+    {
+        std::vector<std::jthread> threads;
+        for (int t = 0; t < 4; ++t) {
+            threads.emplace_back([&tracker] {
+                for (int i = 0; i < 200; ++i) {
+                    tracker.consume("Ld /b/Core (in target 'Core' from project 'X')\n");
+                }
+            });
+        }
+    }
+    EXPECT_EQ(lines, Lines{"   Linking target 'Core'..."});
+}
+
+TEST(XcodeArchiverSummary, ErrorsAreCollectedCutAndCounted) {
+    const std::string longLine = "/src/Long.swift:1:1: error: " + std::string(800, 'x');
+    const auto summary = XcodeArchiver::failureSummary(
+        "/src/A.swift:1:1: error: first\n" + longLine +
+        "\r\n/src/A.swift:1:1: error: first\n  /src/B.swift:2:2: fatal error: third\n"
+        "/src/C.swift:3:3: error: fourth\n/src/D.swift:4:4: error: fifth\n");
+    EXPECT_EQ(summary, "Xcode archive failed:\n/src/A.swift:1:1: error: first\n" +
+                           longLine.substr(0, 500) + "\n/src/B.swift:2:2: fatal error: third");
+}
+
+TEST(XcodeArchiverSummary, FallbacksInOrder) {
+    EXPECT_EQ(XcodeArchiver::failureSummary(
+                  "xcode-select: error: tool 'xcodebuild' requires Xcode, but active developer "
+                  "directory '/Library/Developer/CommandLineTools' is a command line tools "
+                  "instance\n/a.swift:1:1: error: x"),
+              "Active developer directory is set to Command Line Tools instead of Xcode.app. Run "
+              "in Terminal: sudo xcode-select -s /Applications/Xcode.app/Contents/Developer (or "
+              "select Xcode in Xcode Settings ➔ Locations).");
+    EXPECT_EQ(XcodeArchiver::failureSummary(
+                  "noise\n  xcodebuild: error: The project named \"Acme\" does not contain a "
+                  "scheme named \"Acmee\".\n"),
+              "Xcode archive failed:\nxcodebuild: error: The project named \"Acme\" does not "
+              "contain a scheme named \"Acmee\".");
+    EXPECT_EQ(XcodeArchiver::failureSummary("error: No signing certificate found"),
+              "Xcode archive failed. error: No signing certificate found");
+    EXPECT_EQ(XcodeArchiver::failureSummary("Signing: CodeSign failed for Acme.app"),
+              "Xcode archive failed. Signing: CodeSign failed for Acme.app");
+    EXPECT_EQ(XcodeArchiver::failureSummary("** ARCHIVE FAILED **\n"),
+              "Xcode archive failed. Open the build log for diagnostic details.");
+    // Cutting counts characters, not bytes.
+    const std::string wide = "error: " + std::string(300, 'x') + std::string(300, 'x');
+    std::string accented = "error: ";
+    for (int i = 0; i < 600; ++i) {
+        accented += "\u00e9";
+    }
+    const auto cut = XcodeArchiver::failureSummary(accented);
+    EXPECT_EQ(cut, "Xcode archive failed. error: " + accented.substr(7, 493 * 2));
+}
+
+TEST(XcodeArchiverArguments, OverridesOnlyWhenGiven) {
+    XcodeProjectInfo project;
+    project.projectURL = "/src/Acme.xcworkspace";
+    project.isWorkspace = true;
+    EXPECT_EQ(XcodeArchiver::archiveArguments(project, "Acme", "/tmp/b/Acme.xcarchive", "", 0),
+              (Lines{"-workspace", "/src/Acme.xcworkspace", "-scheme", "Acme", "-configuration",
+                     "Release", "-archivePath", "/tmp/b/Acme.xcarchive", "archive",
+                     "CURRENT_PROJECT_VERSION=0", "INFOPLIST_KEY_CFBundleVersion=0"}));
+    project.isWorkspace = false;
+    const auto withVersion =
+        XcodeArchiver::archiveArguments(project, "Acme", "/a", "1.2$1", std::nullopt);
+    EXPECT_EQ(withVersion.front(), "-project");
+    EXPECT_EQ(Lines(withVersion.end() - 2, withVersion.end()),
+              (Lines{"MARKETING_VERSION=1.2$1", "INFOPLIST_KEY_CFBundleShortVersionString=1.2$1"}));
+}
+
+TEST(XcodeArchiverSigning, InsideOutOrder) {
+    testing::TempDir dir;
+    const auto app = dir / "Acme.app";
+    const auto frameworkBinary = app / "Contents/Frameworks/A.framework/Versions/A/A";
+    fs::create_directories(frameworkBinary.parent_path());
+    fs::create_directories(app / "Contents/MacOS");
+    fs::create_directories(app / "Contents/XPCServices/Fetch.xpc/Contents/MacOS");
+    fs::create_directories(app / "Contents/Resources");
+    const std::string machO64("\xcf\xfa\xed\xfe\x0c\x00\x00\x01", 8);
+    writeFile(frameworkBinary, machO64);
+    writeFile(app / "Contents/MacOS/Acme", std::string("\xca\xfe\xba\xbe", 4) + "rest");
+    writeFile(app / "Contents/XPCServices/Fetch.xpc/Contents/MacOS/Fetch",
+              std::string("\xfe\xed\xfa\xcf", 4));
+    writeFile(app / "Contents/Frameworks/libz.dylib", "not even a binary");
+    writeFile(app / "Contents/Resources/short", "\xcf\xfa");
+    writeFile(app / "Contents/Resources/readme.txt", "plain");
+    writeFile(app / "Contents/Info.plist", "<plist/>");
+    fs::create_directory_symlink("A", app / "Contents/Frameworks/A.framework/Versions/Current");
+    fs::create_symlink("Versions/Current/A", app / "Contents/Frameworks/A.framework/A");
+
+    const auto targets = XcodeArchiver::signingTargets(app);
+    Lines relative;
+    for (const auto& target : targets) {
+        relative.push_back(target == app ? "." : target.lexically_relative(app).string());
+    }
+    EXPECT_EQ(relative,
+              (Lines{"Contents/XPCServices/Fetch.xpc/Contents/MacOS/Fetch",
+                     "Contents/Frameworks/A.framework/Versions/A/A", "Contents/MacOS/Acme",
+                     "Contents/Frameworks/libz.dylib", "Contents/XPCServices/Fetch.xpc",
+                     "Contents/Frameworks/A.framework", "."}));
+}
+
+class XcodeArchiverRun : public testing::AppleToolsTest {
+protected:
+    XcodeProjectInfo project() {
+        fs::create_directories(dir / "Acme.xcodeproj");
+        XcodeProjectInfo info;
+        info.projectURL = dir / "Acme.xcodeproj";
+        info.name = "Acme";
+        return info;
+    }
+
+    fs::path archive(const std::optional<std::string>& identity,
+                     const std::optional<std::string>& version = std::nullopt,
+                     std::optional<std::int64_t> build = std::nullopt, std::stop_token stop = {}) {
+        return XcodeArchiver().archiveAndExport(
+            project(), "Acme", "AB12CD34EF", identity, version, build,
+            [this](const std::string& line) {
+                const std::lock_guard guard(lock);
+                log.push_back(line);
+            },
+            stop);
+    }
+
+    VeltraError failure(const std::optional<std::string>& identity = std::nullopt) {
+        try {
+            archive(identity);
+        } catch (const VeltraError& error) {
+            return error;
+        }
+        return {"none", 0, "no error"};
+    }
+
+    static void removeBuildFolder(const fs::path& app) {
+        fs::remove_all(app.parent_path().parent_path());
+    }
+
+    std::mutex lock;
+    Lines log;
+};
+
+TEST_F(XcodeArchiverRun, ArchivesExtractsAndSignsInsideOut) {
+    const auto app = archive("Developer ID Application: Jane Doe (AB12CD34EF)", "2.0", 42);
+    const auto buildFolder = app.parent_path().parent_path();
+    EXPECT_EQ(app, buildFolder / "ExportedApp" / "Acme.app");
+    EXPECT_TRUE(buildFolder.filename().string().starts_with("veltra_build_"));
+    EXPECT_EQ(buildFolder.filename().string().size(), std::string("veltra_build_").size() + 36);
+    EXPECT_TRUE(fs::is_regular_file(app / "Contents/MacOS/Acme"));
+    EXPECT_TRUE(fs::is_symlink(app / "Contents/Frameworks/Helper.framework/Versions/Current"));
+
+    const auto archives = runsOf("xcodebuild");
+    ASSERT_EQ(archives.size(), 2u);
+    EXPECT_EQ(
+        archives[1],
+        (Lines{"-project", (dir / "Acme.xcodeproj").string(), "-scheme", "Acme", "-configuration",
+               "Release", "-archivePath", (buildFolder / "Acme.xcarchive").string(), "archive",
+               "MARKETING_VERSION=2.0", "INFOPLIST_KEY_CFBundleShortVersionString=2.0",
+               "CURRENT_PROJECT_VERSION=42", "INFOPLIST_KEY_CFBundleVersion=42"}));
+    Lines signedPaths;
+    for (const auto& run : runsOf("codesign")) {
+        ASSERT_EQ(run.size(), 7u);
+        EXPECT_EQ(Lines(run.begin(), run.end() - 1),
+                  (Lines{"--force", "--sign", "Developer ID Application: Jane Doe (AB12CD34EF)",
+                         "--options", "runtime", "--timestamp"}));
+        signedPaths.push_back(fs::path(run.back()).lexically_relative(app).string());
+    }
+    EXPECT_EQ(signedPaths,
+              (Lines{"Contents/Frameworks/Helper.framework/Versions/A/Helper",
+                     "Contents/MacOS/Acme", "Contents/Frameworks/Helper.framework", "."}));
+    EXPECT_EQ(
+        log, (Lines{"   Checking Release Info.plist paths...",
+                    "   Success: Release Info.plist paths verified",
+                    "   Compiling & Archiving Acme with Xcode...",
+                    "   Resolving Swift Package dependencies...", "   Linking target 'Acme'...",
+                    "   Signing target 'Acme'...", "   Success: Xcode archive created successfully",
+                    "   Extracting application bundle...",
+                    "   Signing application bundle with Developer ID Application: Jane Doe "
+                    "(AB12CD34EF)...",
+                    "   Success: Code signature applied successfully"}));
+    removeBuildFolder(app);
+}
+
+TEST_F(XcodeArchiverRun, WithoutAnIdentityXcodesSignatureStays) {
+    const auto app = archive(std::string());
+    EXPECT_TRUE(runsOf("codesign").empty());
+    EXPECT_EQ(log.back(), "   Success: Extracted Acme.app...");
+    // No overrides were asked for.
+    EXPECT_EQ(runsOf("xcodebuild")[1].back(), "archive");
+    removeBuildFolder(app);
+}
+
+TEST_F(XcodeArchiverRun, CodesignComplaintsAreCountedNotFatal) {
+    fake("VELTRA_FAKE_CODESIGN", "keychain-item");
+    const auto app = archive("Developer ID Application: Jane Doe (AB12CD34EF)");
+    EXPECT_EQ(std::count(log.begin(), log.end(),
+                         "   Warning: Codesign note: error: The specified item could not be found "
+                         "in the keychain."),
+              4);
+    EXPECT_EQ(log.back(),
+              "   Warning: Code signature applied with 4 warning(s) — check logs above");
+    removeBuildFolder(app);
+}
+
+TEST_F(XcodeArchiverRun, CompileErrorWritesTheLogAndSummarises) {
+    fake("VELTRA_FAKE_ARCHIVE", "compile-error");
+    const auto error = failure();
+    EXPECT_EQ(error.code(), 500);
+    const std::string message = error.message();
+    const std::string summary = "Xcode archive failed:\n/Users/jane/src/Acme/Acme/"
+                                "AppDelegate.swift:12:5: error: cannot find 'undefinedHelper' in "
+                                "scope\nFull build log: ";
+    ASSERT_TRUE(message.starts_with(summary)) << message;
+    const fs::path logFile = message.substr(summary.size());
+    EXPECT_EQ(logFile.filename(), "xcodebuild-error.log");
+    const auto full = readFile(logFile);
+    EXPECT_NE(full.find("** ARCHIVE FAILED **"), std::string::npos);
+    EXPECT_TRUE(full.ends_with("(1 failure)\n\n")) << "stdout, a line break, then stderr";
+    EXPECT_NE(std::find(log.begin(), log.end(),
+                        "   Error: /Users/jane/src/Acme/Acme/AppDelegate.swift:12:5: error: cannot "
+                        "find 'undefinedHelper' in scope"),
+              log.end());
+    fs::remove_all(logFile.parent_path());
+}
+
+TEST_F(XcodeArchiverRun, OtherArchiveFailures) {
+    {
+        fake("VELTRA_FAKE_ARCHIVE", "codesign-error");
+        const auto error = failure();
+        EXPECT_TRUE(std::string(error.message())
+                        .starts_with("Xcode archive failed. Command CodeSign failed with a "
+                                     "nonzero exit code\nFull build log: "))
+            << error.message();
+    }
+    {
+        fake("VELTRA_FAKE_ARCHIVE", "no-archive");
+        const auto error = failure();
+        EXPECT_EQ(error.code(), 500);
+    }
+    {
+        fake("VELTRA_FAKE_ARCHIVE", "no-app");
+        const auto error = failure();
+        EXPECT_EQ(error.code(), 404);
+        EXPECT_TRUE(
+            std::string(error.message()).starts_with("Could not find built .app in archive at "));
+        EXPECT_TRUE(
+            std::string(error.message()).ends_with("/Acme.xcarchive/Products/Applications"));
+    }
+    for (const auto& entry : fs::directory_iterator(fs::temp_directory_path())) {
+        if (entry.path().filename().string().starts_with("veltra_build_") &&
+            fs::exists(entry.path() / "xcodebuild-error.log")) {
+            const auto text = readFile(entry.path() / "xcodebuild-error.log");
+            if (text.find(dir.path().string()) != std::string::npos) {
+                fs::remove_all(entry.path());
+            }
+        }
+    }
+}
+
+TEST_F(XcodeArchiverRun, InfoPlistProblemStopsBeforeAnyBuild) {
+    fake("VELTRA_FAKE_INFOPLIST_FILE", "$(SRCROOT)/Acme/Info.plist");
+    const auto error = failure();
+    EXPECT_EQ(error.message(), "Release target 'Acme' has an unresolved INFOPLIST_FILE: "
+                               "'$(SRCROOT)/Acme/Info.plist'. Fix its build-setting variables, "
+                               "then retry.");
+    EXPECT_EQ(runsOf("xcodebuild").size(), 1u) << "only the settings query";
+    EXPECT_EQ(log, Lines{"   Checking Release Info.plist paths..."});
+}
+
+TEST_F(XcodeArchiverRun, CancellingKillsXcodebuild) {
+    fake("VELTRA_FAKE_ARCHIVE_DELAY", "1");
+    std::stop_source stop;
+    std::jthread canceller([&stop] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(700));
+        stop.request_stop();
+    });
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_THROW(archive(std::nullopt, std::nullopt, std::nullopt, stop.get_token()),
+                 CancellationError);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(10));
+
+    std::stop_source already;
+    already.request_stop();
+    log.clear();
+    EXPECT_THROW(archive(std::nullopt, std::nullopt, std::nullopt, already.get_token()),
+                 CancellationError);
+    EXPECT_TRUE(log.empty());
+}
+
+} // namespace
+} // namespace veltra
