@@ -1,5 +1,9 @@
-// Reading and applying versions on a 2.7 MB project file, the size of the largest real ones.
+// The Xcode side on inputs the size of the largest real ones: reading and applying versions on
+// and parsing a 2.7 MB project file, and boiling down a long build log.
+#include "core/xcode/ProjectFileParser.h"
 #include "core/xcode/VersionManager.h"
+#include "core/xcode/XcodeArchiver.h"
+#include "core/xcode/XcodeProjectDiscovery.h"
 
 #include <string>
 
@@ -52,5 +56,37 @@ void ApplyInsertingIntoLargeProject(benchmark::State& state) {
     }
 }
 BENCHMARK(ApplyInsertingIntoLargeProject)->Unit(benchmark::kMillisecond);
+
+void ParseLargeProject(benchmark::State& state) {
+    for (auto _ : state) {
+        const auto project = veltra::parseProjectFile(largeProject());
+        benchmark::DoNotOptimize(
+            veltra::XcodeProjectDiscovery::projectSettings(project, "", "Release"));
+    }
+}
+BENCHMARK(ParseLargeProject)->Unit(benchmark::kMillisecond);
+
+// 200,000 lines of task output for 20 targets, about what a large app's archive prints.
+void MilestonesOfALongBuildLog(benchmark::State& state) {
+    std::string log;
+    for (int line = 0; line < 200'000; ++line) {
+        const auto target = std::to_string(line / 10'000);
+        log += line % 7 == 0 ? "    cd /Users/jane/src/App\n"
+                             : "SwiftCompile normal arm64 Compiling\\ File" + std::to_string(line) +
+                                   ".swift /Users/jane/src/App/File.swift (in target 'T" + target +
+                                   "' from project 'App')\n";
+    }
+    std::size_t emitted = 0;
+    for (auto _ : state) {
+        veltra::MilestoneTracker tracker([&emitted](const std::string&) { ++emitted; });
+        // The runner hands output over in pipe-sized chunks.
+        for (std::size_t offset = 0; offset < log.size(); offset += 65536) {
+            tracker.consume(std::string_view(log).substr(offset, 65536));
+        }
+        benchmark::DoNotOptimize(veltra::XcodeArchiver::failureSummary(log));
+    }
+    state.counters["log_MB"] = static_cast<double>(log.size()) / 1e6;
+}
+BENCHMARK(MilestonesOfALongBuildLog)->Unit(benchmark::kMillisecond);
 
 } // namespace

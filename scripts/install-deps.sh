@@ -10,6 +10,7 @@ packages=(
   libfmt-dev libcli11-dev nlohmann-json3-dev
   libssl-dev libsodium-dev libcurl4-openssl-dev libexpat1-dev
   libplist-dev libutf8proc-dev libcairo2-dev
+  llvm-14
 )
 
 if [[ "$(uname -s)" == "Darwin" ]]; then

@@ -46,10 +46,17 @@ nlohmann::json toJson(plist_t node, int depth) {
         plist_get_real_val(node, &value);
         return value;
     }
-    case PLIST_STRING:
+    case PLIST_STRING: {
+        // By pointer and length: a string may hold a NUL, which the copying getter asserts on.
+        std::uint64_t length = 0;
+        const char* text = plist_get_string_ptr(node, &length);
+        return text != nullptr ? std::string(text, static_cast<std::size_t>(length))
+                               : std::string();
+    }
     case PLIST_KEY: {
+        // A <key> out of place in XML becomes a key node, which has its own getter.
         char* raw = nullptr;
-        plist_get_string_val(node, &raw);
+        plist_get_key_val(node, &raw);
         const std::unique_ptr<char, CharFree> text(raw);
         return text ? std::string(text.get()) : std::string();
     }

@@ -16,6 +16,17 @@ pause() {
     fi
 }
 
+# LLVM's lipo under the name this system gives it.
+lipo_tool() {
+    for candidate in llvm-lipo-14 llvm-lipo /usr/bin/lipo; do
+        if command -v "$candidate" >/dev/null 2>&1; then
+            echo "$candidate"
+            return
+        fi
+    done
+    echo llvm-lipo-14
+}
+
 # Real Mach-O files, built once per user and reused: thin arm64 and universal x86_64 + arm64.
 macho_cache() {
     cache="${TMPDIR:-/tmp}/veltra-fake-macho-$(id -u)"
@@ -24,7 +35,7 @@ macho_cache() {
         echo 'int main(void) { return 0; }' >"$work/main.c"
         clang -target arm64-apple-macos11 -c "$work/main.c" -o "$work/arm64" &&
             clang -target x86_64-apple-macos11 -c "$work/main.c" -o "$work/x86_64" &&
-            llvm-lipo-14 -create "$work/x86_64" "$work/arm64" -output "$work/universal" &&
+            "$(lipo_tool)" -create "$work/x86_64" "$work/arm64" -output "$work/universal" &&
             mkdir -p "$cache" &&
             mv "$work/arm64" "$cache/arm64.$$" && mv "$cache/arm64.$$" "$cache/arm64" &&
             mv "$work/universal" "$cache/universal.$$" && mv "$cache/universal.$$" "$cache/universal"
