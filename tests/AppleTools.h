@@ -1,6 +1,7 @@
 #pragma once
 
 #include "TestSupport.h"
+#include "core/xcode/XcodeProjectInfo.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -54,6 +55,15 @@ protected:
             }
         }
         return runs;
+    }
+
+    // An empty Acme.xcodeproj in the test's folder: the stand-ins only need its path.
+    XcodeProjectInfo scratchProject() {
+        std::filesystem::create_directories(dir / "Acme.xcodeproj");
+        XcodeProjectInfo info;
+        info.projectURL = dir / "Acme.xcodeproj";
+        info.name = "Acme";
+        return info;
     }
 
     TempDir dir;

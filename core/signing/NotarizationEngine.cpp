@@ -61,17 +61,7 @@ void NotaryLogFilter::consume(std::string_view chunk) {
             onLog_(line);
         }
     };
-    std::size_t start = 0;
-    while (start <= chunk.size()) {
-        auto end = chunk.find('\n', start);
-        if (end == std::string_view::npos) {
-            end = chunk.size();
-        }
-        const auto line = trimWhitespace(chunk.substr(start, end - start));
-        start = end + 1;
-        if (line.empty()) {
-            continue;
-        }
+    forEachTrimmedLine(chunk, [&](std::string_view line) {
         if (!loggedSubmissionID_ && line.starts_with("id: ")) {
             const auto id = trimWhitespace(line.substr(4));
             if (id.size() >= 10) {
@@ -92,7 +82,7 @@ void NotaryLogFilter::consume(std::string_view chunk) {
         if (contains(line, "status: Invalid")) {
             log("   Error: Apple Notarization marked as Invalid");
         }
-    }
+    });
 }
 
 void NotarizationEngine::storeCredentials(const std::string& keychainProfile,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string_view>
 
 namespace veltra {
@@ -7,5 +8,22 @@ namespace veltra {
 // Without leading and trailing spaces, tabs and line breaks: how tool output and header values
 // are read.
 std::string_view trimWhitespace(std::string_view text) noexcept;
+
+// Calls `visit` with each line of tool output (split at "\n"), trimmed; empty lines are skipped.
+// A chunk that ends mid-line hands over the fragment as a line of its own.
+template <typename Visit> void forEachTrimmedLine(std::string_view text, Visit&& visit) {
+    std::size_t start = 0;
+    while (start <= text.size()) {
+        auto end = text.find('\n', start);
+        if (end == std::string_view::npos) {
+            end = text.size();
+        }
+        const auto line = trimWhitespace(text.substr(start, end - start));
+        start = end + 1;
+        if (!line.empty()) {
+            visit(line);
+        }
+    }
+}
 
 } // namespace veltra

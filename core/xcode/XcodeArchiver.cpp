@@ -108,26 +108,16 @@ std::optional<MilestoneTracker::Milestone> MilestoneTracker::milestone(std::stri
 }
 
 void MilestoneTracker::consume(std::string_view chunk) {
-    std::size_t start = 0;
-    while (start <= chunk.size()) {
-        auto end = chunk.find('\n', start);
-        if (end == std::string_view::npos) {
-            end = chunk.size();
-        }
-        const auto line = trimWhitespace(chunk.substr(start, end - start));
-        start = end + 1;
-        if (line.empty()) {
-            continue;
-        }
+    forEachTrimmedLine(chunk, [this](std::string_view line) {
         auto found = milestone(line);
         if (!found) {
-            continue;
+            return;
         }
         if (found->isError) {
             if (onLog_) {
                 onLog_(found->text);
             }
-            continue;
+            return;
         }
         const std::lock_guard guard(lock_);
         if (found->text != last_) {
@@ -136,7 +126,7 @@ void MilestoneTracker::consume(std::string_view chunk) {
                 onLog_(last_);
             }
         }
-    }
+    });
 }
 
 std::vector<std::string> XcodeArchiver::archiveArguments(

@@ -16,10 +16,7 @@ class AppInspectorTest : public testing::AppleToolsTest {
 protected:
     // A real archived app from the xcodebuild stand-in.
     fs::path builtApp() {
-        fs::create_directories(dir / "Acme.xcodeproj");
-        XcodeProjectInfo project;
-        project.projectURL = dir / "Acme.xcodeproj";
-        const auto app = XcodeArchiver().archiveAndExport(project, "Acme", std::nullopt,
+        const auto app = XcodeArchiver().archiveAndExport(scratchProject(), "Acme", std::nullopt,
                                                           std::nullopt, "1.4.2", 42, {});
         const auto copy = dir / "Acme.app";
         fs::copy(app, copy, fs::copy_options::recursive | fs::copy_options::copy_symlinks);

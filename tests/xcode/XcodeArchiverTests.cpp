@@ -179,13 +179,7 @@ TEST(XcodeArchiverSigning, InsideOutOrder) {
 
 class XcodeArchiverRun : public testing::AppleToolsTest {
 protected:
-    XcodeProjectInfo project() {
-        fs::create_directories(dir / "Acme.xcodeproj");
-        XcodeProjectInfo info;
-        info.projectURL = dir / "Acme.xcodeproj";
-        info.name = "Acme";
-        return info;
-    }
+    XcodeProjectInfo project() { return scratchProject(); }
 
     fs::path archive(const std::optional<std::string>& identity,
                      const std::optional<std::string>& version = std::nullopt,

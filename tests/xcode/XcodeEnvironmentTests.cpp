@@ -152,13 +152,7 @@ TEST(XcodePlistValidator, EveryMessage) {
 
 class XcodePlistValidatorRun : public testing::AppleToolsTest {
 protected:
-    XcodeProjectInfo project() {
-        fs::create_directories(dir / "Acme.xcodeproj");
-        XcodeProjectInfo info;
-        info.projectURL = dir / "Acme.xcodeproj";
-        info.name = "Acme";
-        return info;
-    }
+    XcodeProjectInfo project() { return scratchProject(); }
 };
 
 TEST_F(XcodePlistValidatorRun, ReadsSettingsThroughXcodebuild) {
