@@ -56,6 +56,12 @@ TEST(NotaryCommand, StoresChecksAndNotarizes) {
     EXPECT_EQ(runVeltra({"notary", "check", "acme"}, env).output,
               "Connected to Apple Notary ('acme' active in Keychain)\n");
 
+    auto silentEnv = env;
+    silentEnv["VELTRA_FAKE_NOTARY"] = "silent";
+    EXPECT_EQ(runVeltra({"notary", "check", "acme"}, silentEnv).errorOutput,
+              "Error: notarytool could not use this profile.\nnotarytool returned no "
+              "diagnostic.\n");
+
     testing::writeFile(dir / "Acme.dmg", "image");
     const auto accepted =
         runVeltra({"notarize", (dir / "Acme.dmg").string(), "--profile", "acme"}, env);

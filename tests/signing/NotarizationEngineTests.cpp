@@ -191,12 +191,19 @@ TEST_F(NotarizationRun, StoringRefusedCredentials) {
     EXPECT_FALSE(NotarizationEngine().credentialsExist("acme-notary"));
 }
 
-TEST_F(NotarizationRun, ProfileCheckTimesOutAsFalse) {
+TEST_F(NotarizationRun, ProfileCheckFailuresAreFalse) {
     store();
-    fake("VELTRA_FAKE_NOTARY", "offline");
-    EXPECT_FALSE(NotarizationEngine().credentialsExist("acme-notary"));
-    const auto offline = NotarizationEngine().checkCredentials("acme-notary");
-    EXPECT_EQ(NotaryFailure::classify(offline.errorOutput), NotaryFailure::connection);
+    {
+        fake("VELTRA_FAKE_NOTARY", "offline");
+        EXPECT_FALSE(NotarizationEngine().credentialsExist("acme-notary"));
+        const auto offline = NotarizationEngine().checkCredentials("acme-notary");
+        EXPECT_EQ(NotaryFailure::classify(offline.errorOutput), NotaryFailure::connection);
+    }
+    fake("VELTRA_FAKE_NOTARY", "");
+    fake("VELTRA_FAKE_NOTARY_DELAY", "3");
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_FALSE(NotarizationEngine().credentialsExist("acme-notary", 0.3));
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(3));
 }
 
 TEST_F(NotarizationRun, CancellingTheWaitKillsNotarytool) {
