@@ -1,5 +1,6 @@
 #include "CommandLine.h"
 #include "Commands.h"
+#include "JsonOutput.h"
 #include "core/feed/BuildNumber.h"
 #include "core/feed/NativeEd25519Signer.h"
 #include "core/feed/PublishedFeedReader.h"
@@ -40,8 +41,7 @@ std::string feedAsJson(const std::optional<std::vector<SparkleFeedItem>>& items)
             {"rawDescription", item.rawDescription},
         });
     }
-    // Feeds are outside input: bytes that are not UTF-8 are shown replaced, never refused.
-    return json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+    return jsonText(json);
 }
 
 // Columns padded to their widest cell; the download address goes last as it is the longest.

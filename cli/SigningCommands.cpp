@@ -1,4 +1,5 @@
 #include "Commands.h"
+#include "JsonOutput.h"
 #include "LinePrinter.h"
 #include "core/signing/CertificateScanner.h"
 #include "core/signing/NotarizationEngine.h"
@@ -11,17 +12,10 @@
 #include <unistd.h>
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 namespace veltra::cli {
 
 namespace {
-
-using Json = nlohmann::ordered_json;
-
-template <typename T> Json orNull(const std::optional<T>& value) {
-    return value ? Json(*value) : Json(nullptr);
-}
 
 std::string kindOf(const SigningCertificate& certificate) {
     if (certificate.isDeveloperID) {

@@ -1,5 +1,6 @@
 #include "CommandLine.h"
 #include "Commands.h"
+#include "JsonOutput.h"
 #include "core/support/VeltraError.h"
 #include "core/xcode/VersionManager.h"
 #include "core/xcode/VersionValidation.h"
@@ -13,10 +14,6 @@
 namespace veltra::cli {
 
 namespace {
-
-template <typename T> nlohmann::ordered_json orNull(const std::optional<T>& value) {
-    return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json(nullptr);
-}
 
 std::optional<std::string> feedOption(const std::string& path) {
     return path.empty() ? std::nullopt : std::optional<std::string>(path);

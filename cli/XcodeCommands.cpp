@@ -1,4 +1,5 @@
 #include "Commands.h"
+#include "JsonOutput.h"
 #include "LinePrinter.h"
 #include "core/support/VeltraError.h"
 #include "core/xcode/AppInspector.h"
@@ -12,26 +13,10 @@
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
-#include <nlohmann/json.hpp>
 
 namespace veltra::cli {
 
 namespace {
-
-using Json = nlohmann::ordered_json;
-
-template <typename T> Json orNull(const std::optional<T>& value) {
-    return value ? Json(*value) : Json(nullptr);
-}
-
-Json pathOrNull(const std::optional<std::filesystem::path>& path) {
-    return path ? Json(path->string()) : Json(nullptr);
-}
-
-// Project files may hold bytes that are not UTF-8; JSON output replaces them.
-std::string dumpJson(const Json& json) {
-    return json.dump(2, ' ', false, Json::error_handler_t::replace);
-}
 
 std::string schemeOrDefault(const XcodeProjectInfo& info, const std::string& given) {
     if (!given.empty()) {
@@ -83,7 +68,7 @@ void addInfo(CLI::App& group, CliContext& context) {
                            {"projects", projects},
                            {"missingProjects", missing},
                            {"schemeDetails", schemes}};
-            context.out << dumpJson(out) << '\n';
+            context.out << jsonText(out) << '\n';
             return;
         }
         context.out << fmt::format("{}:{}{}\n", info.isWorkspace ? "Workspace" : "Project",
@@ -181,10 +166,10 @@ void addInspect(CLI::App& app, CliContext& context) {
                            {"isCodesigned", info.isCodesigned},
                            {"signingTeam", orNull(info.signingTeam)},
                            {"architectures", info.architectures},
-                           {"executableURL", pathOrNull(info.executableURL)},
-                           {"iconURL", pathOrNull(info.iconURL)},
+                           {"executableURL", orNull(info.executableURL)},
+                           {"iconURL", orNull(info.iconURL)},
                            {"sparkleFeedURL", orNull(info.sparkleFeedURL)}};
-            context.out << dumpJson(out) << '\n';
+            context.out << jsonText(out) << '\n';
             return;
         }
         const auto orDash = [](const std::string& text) { return text.empty() ? "-" : text; };

@@ -1,5 +1,6 @@
 #include "CertificateScanner.h"
 
+#include "core/support/Text.h"
 #include "core/support/VeltraError.h"
 
 #include <algorithm>
@@ -30,15 +31,6 @@ std::optional<std::string> teamAt(std::string_view name, std::size_t open) {
     return std::string(team);
 }
 
-std::string trimSpaces(std::string_view text) {
-    const auto start = text.find_first_not_of(" \t\r\n");
-    if (start == std::string_view::npos) {
-        return {};
-    }
-    const auto end = text.find_last_not_of(" \t\r\n");
-    return std::string(text.substr(start, end + 1 - start));
-}
-
 } // namespace
 
 SigningCertificate SigningCertificate::classify(std::string hash, std::string name) {
@@ -46,9 +38,7 @@ SigningCertificate SigningCertificate::classify(std::string hash, std::string na
     certificate.hash = std::move(hash);
     certificate.name = std::move(name);
     const std::string_view text = certificate.name;
-    std::string lower(text);
-    std::transform(lower.begin(), lower.end(), lower.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    const auto lower = asciiLowercase(text);
     certificate.isDeveloperID = text.find("Developer ID Application") != std::string_view::npos;
     certificate.isDevelopment = text.find("Apple Development") != std::string_view::npos ||
                                 text.find("Mac Developer") != std::string_view::npos;
@@ -64,7 +54,8 @@ SigningCertificate SigningCertificate::classify(std::string hash, std::string na
         }
         if (auto team = teamAt(text, open)) {
             certificate.teamID = std::move(team);
-            certificate.accountName = trimSpaces(text.substr(colon + 1, open - colon - 1));
+            certificate.accountName =
+                std::string(trimWhitespace(text.substr(colon + 1, open - colon - 1)));
             return certificate;
         }
     }

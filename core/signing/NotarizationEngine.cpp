@@ -4,22 +4,11 @@
 #include "core/support/VeltraError.h"
 
 #include <algorithm>
-#include <cctype>
 
 namespace veltra {
 
-namespace {
-
-bool contains(std::string_view text, std::string_view part) {
-    return text.find(part) != std::string_view::npos;
-}
-
-} // namespace
-
 NotaryFailure::Kind NotaryFailure::classify(std::string_view output) {
-    std::string lower(output);
-    std::transform(lower.begin(), lower.end(), lower.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    const auto lower = asciiLowercase(output);
     const auto any = [&](std::initializer_list<std::string_view> parts) {
         return std::any_of(parts.begin(), parts.end(),
                            [&](std::string_view part) { return contains(lower, part); });

@@ -11,4 +11,14 @@ std::string_view trimWhitespace(std::string_view text) noexcept {
     return text.substr(first, text.find_last_not_of(whitespace) - first + 1);
 }
 
+std::string asciiLowercase(std::string_view text) {
+    std::string lower(text);
+    for (auto& c : lower) {
+        if (c >= 'A' && c <= 'Z') {
+            c = static_cast<char>(c - 'A' + 'a');
+        }
+    }
+    return lower;
+}
+
 } // namespace veltra

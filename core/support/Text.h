@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 namespace veltra {
@@ -8,6 +9,13 @@ namespace veltra {
 // Without leading and trailing spaces, tabs and line breaks: how tool output and header values
 // are read.
 std::string_view trimWhitespace(std::string_view text) noexcept;
+
+inline bool contains(std::string_view text, std::string_view part) noexcept {
+    return text.find(part) != std::string_view::npos;
+}
+
+// ASCII letters lowered, other bytes kept: how tool output is matched without regard to case.
+std::string asciiLowercase(std::string_view text);
 
 // Calls `visit` with each line of tool output (split at "\n"), trimmed; empty lines are skipped.
 // A chunk that ends mid-line hands over the fragment as a line of its own.

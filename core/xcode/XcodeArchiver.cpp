@@ -36,10 +36,6 @@ std::optional<std::string> targetName(std::string_view line) {
     return std::string(name);
 }
 
-bool contains(std::string_view text, std::string_view part) {
-    return text.find(part) != std::string_view::npos;
-}
-
 // The first `count` characters (code points) of UTF-8 text.
 std::string_view firstCharacters(std::string_view text, std::size_t count) {
     std::size_t index = 0;

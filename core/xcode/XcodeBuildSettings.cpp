@@ -5,7 +5,6 @@
 #include "core/support/Text.h"
 
 #include <algorithm>
-#include <cctype>
 #include <filesystem>
 #include <system_error>
 
@@ -160,10 +159,7 @@ std::optional<std::string> XcodePlistValidator::check(const std::vector<TargetSe
         const auto& name = target.target;
         const std::string file(trimWhitespace(setting(target, "INFOPLIST_FILE")));
         if (file.empty()) {
-            auto generate = setting(target, "GENERATE_INFOPLIST_FILE");
-            std::transform(generate.begin(), generate.end(), generate.begin(),
-                           [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-            if (generate == "YES") {
+            if (asciiLowercase(setting(target, "GENERATE_INFOPLIST_FILE")) == "yes") {
                 continue;
             }
             return "Release target '" + name +

@@ -434,8 +434,10 @@ XcodeProjectInfo XcodeProjectDiscovery::discover(const fs::path& path) {
         }
     }
     if (preferred == nullptr && !info.schemeDetails.empty()) {
-        preferred = info.scheme(info.name) != nullptr ? info.scheme(info.name)
-                                                      : &info.schemeDetails.front();
+        preferred = info.scheme(info.name);
+        if (preferred == nullptr) {
+            preferred = &info.schemeDetails.front();
+        }
     }
 
     // The project holding the preselected app: the scheme's container, else the first member
