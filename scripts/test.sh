@@ -14,9 +14,27 @@ if [[ ${#sources[@]} -gt 0 ]]; then
   clang-format --dry-run --Werror "${sources[@]}"
 fi
 
-echo "== build (release: the tool and the benchmarks)"
+echo "== build (release: the tool and the benchmarks, g++ -O3)"
 cmake --preset release >/dev/null
 cmake --build --preset release -j "$jobs"
+
+# A user's or a packager's build: no preset, no -Werror, installed to a prefix and run from
+# there. The release preset above is the g++ one; this one is clang's.
+check_install() {
+  local build=$1 prefix
+  prefix=$(mktemp -d)
+  cmake --install "$build" --prefix "$prefix" >/dev/null
+  "$prefix/bin/veltra" --version
+  test -x "$prefix/share/veltra/tools/xcodebuild"
+  rm -rf "$prefix"
+}
+echo "== install (release)"
+check_install build/release
+echo "== standard build (clang, Release) and install"
+cmake -S . -B build/standard-clang -G Ninja -DCMAKE_BUILD_TYPE=Release \
+  -DCMAKE_CXX_COMPILER=clang++ -DVELTRA_TESTS=OFF -DVELTRA_BENCH=OFF >/dev/null
+cmake --build build/standard-clang -j "$jobs"
+check_install build/standard-clang
 
 for preset in asan tsan; do
   echo "== build ($preset)"

@@ -110,7 +110,7 @@ TEST(LiveFeed, AnswersAndFailures) {
             return TestHttpServer::Response{503, {}, "busy"};
         }
         if (request.target == "/slow/appcast.xml") {
-            return TestHttpServer::Response{200, {}, feed, std::chrono::milliseconds(3000)};
+            return TestHttpServer::Response{200, {}, feed, std::chrono::milliseconds(60000)};
         }
         return TestHttpServer::Response{404, {}, "missing"};
     });

@@ -270,7 +270,8 @@ TEST_F(ProcessRunnerTest, CancellingKillsTheToolAndItsHelpers) {
         streamed += chunk;
     };
     std::jthread canceller([&] {
-        for (int i = 0; i < 500; ++i) {
+        const auto deadline = std::chrono::steady_clock::now() + 60s;
+        while (std::chrono::steady_clock::now() < deadline) {
             {
                 const std::lock_guard guard(lock);
                 if (streamed.find('\n') != std::string::npos) {
@@ -283,15 +284,16 @@ TEST_F(ProcessRunnerTest, CancellingKillsTheToolAndItsHelpers) {
     });
     const auto started = std::chrono::steady_clock::now();
     EXPECT_THROW(runner.run(request, stop.get_token()), CancellationError);
-    EXPECT_LT(std::chrono::steady_clock::now() - started, 10s);
     canceller.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 60s);
 
 #if defined(__linux__)
     // The helper was in the tool's process group; it must not live on as an orphan.
     const auto helper = std::stoi(streamed);
     const auto stat = std::filesystem::path("/proc") / std::to_string(helper) / "stat";
     std::string state = "R";
-    for (int i = 0; i < 200 && std::filesystem::exists(stat); ++i) {
+    const auto deadline = std::chrono::steady_clock::now() + 30s;
+    while (std::chrono::steady_clock::now() < deadline && std::filesystem::exists(stat)) {
         std::ifstream in(stat);
         std::string pid, name;
         in >> pid >> name >> state;

@@ -20,7 +20,7 @@ TEST(EventLoop, RunsWorkFromOtherThreadsOnItsOwnThreadInDueOrder) {
     std::atomic<bool> allOnMain = true;
     std::jthread poster([&] {
         EXPECT_FALSE(loop.isMainThread());
-        loop.postAfter(30ms, [&] {
+        loop.postAfter(500ms, [&] {
             allOnMain = allOnMain && loop.isMainThread();
             order.push_back("late");
             loop.quit();
@@ -38,7 +38,7 @@ TEST(EventLoop, RunsWorkFromOtherThreadsOnItsOwnThreadInDueOrder) {
 
     bool done = false;
     loop.postAfter(1ms, [&] { done = true; });
-    EXPECT_TRUE(loop.runUntil([&] { return done; }, 5s));
+    EXPECT_TRUE(loop.runUntil([&] { return done; }, 60s));
     EXPECT_FALSE(loop.runUntil([] { return false; }, 20ms));
 }
 

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <filesystem>
+#include <optional>
+
+namespace veltra {
+
+// Files Veltra ships beside its tool (the Apple-tool stand-ins for the demo, later the demo
+// project and the website template). An installed `<prefix>/bin/veltra` finds them in
+// `<prefix>/share/veltra`; a tool run from its build folder finds them in the source tree.
+class ResourceLocator {
+public:
+    enum class Resource { toolStandIns };
+
+    // The running program's own file, resolved through links; empty when it cannot be told.
+    static std::filesystem::path executablePath();
+
+    // The folder of `resource` for a program at `executable`, or nothing when neither the
+    // installed layout nor the source tree has it.
+    static std::optional<std::filesystem::path>
+    locate(Resource resource, const std::filesystem::path& executable = executablePath());
+};
+
+} // namespace veltra
