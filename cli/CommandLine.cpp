@@ -31,6 +31,7 @@ int runCommandLine(const std::vector<std::string>& arguments, CliContext& contex
     addVersionCommands(app, context);
     addXcodeCommands(app, context);
     addSigningCommands(app, context);
+    addDMGCommands(app, context);
     addPlannedCommands(app, context);
 
     // CLI11 wants the arguments in reverse order, program name excluded.

@@ -22,5 +22,6 @@ void addVersionCommands(CLI::App& app, CliContext& context);
 void addProfileCommands(CLI::App& app, CliContext& context);
 void addXcodeCommands(CLI::App& app, CliContext& context);
 void addSigningCommands(CLI::App& app, CliContext& context);
+void addDMGCommands(CLI::App& app, CliContext& context);
 
 } // namespace veltra::cli

@@ -1,4 +1,5 @@
 #include "Commands.h"
+#include "OpenStore.h"
 #include "core/pipeline/ReleaseManifest.h"
 #include "core/profile/ProfileFieldEditor.h"
 #include "core/profile/ProfileStore.h"
@@ -14,74 +15,6 @@
 
 namespace veltra::cli {
 namespace {
-
-VeltraError failure(const std::string& message) {
-    return VeltraError("Veltra", 1, message);
-}
-
-// The store for one command, on the command's own main queue.
-class OpenStore {
-public:
-    explicit OpenStore(CliContext& context)
-        : notifications_(loop_),
-          store_(loop_, notifications_,
-                 context.profilesPath.empty()
-                     ? ProfileStore::defaultURL()
-                     : std::filesystem::path(expandTilde(context.profilesPath))) {
-        if (store_.loadProblem()) {
-            context.err << "Warning: " << *store_.loadProblem() << '\n';
-        }
-    }
-
-    ProfileStore& store() { return store_; }
-
-    const ProjectProfile& find(const std::string& nameOrID) {
-        if (const auto id = Uuid::parse(nameOrID)) {
-            if (const auto* profile = store_.find(*id)) {
-                return *profile;
-            }
-        }
-        const ProjectProfile* match = nullptr;
-        for (const auto& profile : store_.profiles()) {
-            if (profile.name == nameOrID) {
-                if (match != nullptr) {
-                    throw failure(fmt::format("More than one profile is named '{}'; use its ID "
-                                              "(see 'veltra profile list').",
-                                              nameOrID));
-                }
-                match = &profile;
-            }
-        }
-        if (match == nullptr) {
-            throw failure(fmt::format(
-                "No profile named '{}'. Run 'veltra profile list' to see the profiles.", nameOrID));
-        }
-        return *match;
-    }
-
-    // Makes sure an edit can be kept before it is made.
-    void requireWritable() {
-        const auto* persistence = store_.persistence();
-        if (persistence != nullptr && persistence->isDisabled()) {
-            throw failure(store_.loadProblem().value_or("The profile file cannot be written."));
-        }
-    }
-
-    // Waits for the write and reports it if it failed.
-    void save() {
-        store_.flush();
-        if (const auto* persistence = store_.persistence()) {
-            if (const auto error = persistence->lastError()) {
-                throw failure(*error);
-            }
-        }
-    }
-
-private:
-    EventLoop loop_;
-    NotificationCenter notifications_;
-    ProfileStore store_;
-};
 
 std::string formatSize(std::int64_t bytes) {
     if (bytes < 1000 * 1000) {

@@ -294,6 +294,9 @@ PlistValue fromNode(plist_t node, int depth) {
         for (;;) {
             char* key = nullptr;
             plist_t value = nullptr;
+            // libplist 2.2 hands out keys only as copies (no pointer-and-length getter, as
+            // strings have) and asserts on a key holding a NUL; BinaryPlistScan has refused
+            // those before parsing, keys being string objects like any other.
             plist_dict_next_item(node, iterator, &key, &value);
             if (!value) {
                 std::free(key);

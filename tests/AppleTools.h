@@ -38,8 +38,9 @@ protected:
 
     // Each run of `tool` as its argument list, in order.
     std::vector<std::vector<std::string>> runsOf(const std::string& tool) const {
-        static const std::vector<std::string> tools{
-            "xcodebuild", "xcode-select", "xcrun", "codesign", "security", "lipo", "sign_update"};
+        static const std::vector<std::string> tools{"xcodebuild",  "xcode-select", "xcrun",
+                                                    "codesign",    "security",     "lipo",
+                                                    "sign_update", "hdiutil",      "sips"};
         std::vector<std::vector<std::string>> runs;
         std::ifstream in(dir / "tools.log");
         std::string line;

@@ -3,6 +3,7 @@
 #include "XcodeBuildSettings.h"
 #include "XcodeProjectInfo.h"
 #include "core/process/ProcessRunner.h"
+#include "core/support/LogHandler.h"
 
 #include <cstdint>
 #include <filesystem>
@@ -16,8 +17,6 @@
 #include <vector>
 
 namespace veltra {
-
-using LogHandler = std::function<void(const std::string&)>;
 
 // Boils xcodebuild's output down to a few progress lines. One per archive run; chunks may arrive
 // on several threads.

@@ -1,0 +1,22 @@
+#pragma once
+
+#include "core/profile/DMGDesignConfig.h"
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+namespace veltra {
+
+// What one disk image is built from and where it goes.
+struct DMGBuildOptions {
+    // The exported .app bundle to pack.
+    std::filesystem::path appURL;
+    // Where the finished compressed image is written (an existing file is replaced).
+    std::filesystem::path outputDMGURL;
+    DMGDesignConfig config;
+    // A code-signing identity; absent or empty leaves the image unsigned.
+    std::optional<std::string> signingIdentity;
+};
+
+} // namespace veltra

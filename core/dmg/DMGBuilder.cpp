@@ -1,0 +1,226 @@
+#include "DMGBuilder.h"
+
+#include "DMGBackgroundRenderer.h"
+#include "DMGInstallerLayout.h"
+#include "core/process/ProcessExecutionError.h"
+#include "core/support/FileCopy.h"
+#include "core/support/Text.h"
+#include "core/support/Uuid.h"
+#include "core/support/VeltraError.h"
+
+#include <optional>
+
+#include <fmt/format.h>
+
+namespace veltra {
+namespace {
+
+constexpr const char* stagedBackground = ".background/background.png";
+
+// File-system steps fail with the file manager's own description.
+template <typename Operation> void fileStep(Operation&& operation) {
+    try {
+        operation();
+    } catch (const std::filesystem::filesystem_error& error) {
+        throw VeltraError("POSIX", error.code().value(), error.what());
+    }
+}
+
+std::string errorText(const ProcessResult& result) {
+    return std::string(trimWhitespace(result.errorOutput));
+}
+
+// Removes the build's work files however the build ends.
+struct WorkFiles {
+    std::filesystem::path staging;
+    std::filesystem::path intermediate;
+    std::filesystem::path mountPoint;
+    std::optional<std::filesystem::path> defaultBackground;
+
+    WorkFiles() = default;
+    WorkFiles(const WorkFiles&) = delete;
+    WorkFiles& operator=(const WorkFiles&) = delete;
+    ~WorkFiles() {
+        std::error_code ignored;
+        std::filesystem::remove_all(staging, ignored);
+        std::filesystem::remove(intermediate, ignored);
+        if (defaultBackground) {
+            std::filesystem::remove(*defaultBackground, ignored);
+        }
+        // Only an empty mount point goes: a folder that still holds a volume stays untouched.
+        std::filesystem::remove(mountPoint, ignored);
+    }
+};
+
+} // namespace
+
+void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
+                       std::stop_token stop) const {
+    const auto say = [&log](const std::string& line) {
+        if (log) {
+            log(line);
+        }
+    };
+    const auto run = [&](std::vector<std::string> arguments, std::optional<double> timeout,
+                         const std::string& tool) {
+        return runner.run(
+            ProcessRequest{.command = tool, .arguments = std::move(arguments), .timeout = timeout},
+            stop);
+    };
+    const auto& config = options.config;
+    const auto appName = options.appURL.filename().string();
+    const auto displayName = options.appURL.stem().string();
+    const auto volumeName = config.volumeName.empty() ? displayName : config.volumeName;
+    const auto temporary =
+        temporaryDirectory.empty() ? std::filesystem::temp_directory_path() : temporaryDirectory;
+    WorkFiles work;
+    work.staging = temporary / ("veltra_dmg_" + Uuid::random().string());
+    work.intermediate = temporary / ("temp_" + Uuid::random().string() + ".dmg");
+    work.mountPoint = temporary / ("veltra_volume_" + Uuid::random().string());
+
+    fileStep([&] {
+        if (std::filesystem::exists(std::filesystem::symlink_status(options.outputDMGURL))) {
+            std::filesystem::remove(options.outputDMGURL);
+        }
+        std::filesystem::create_directories(work.staging);
+    });
+    copyItem(options.appURL, work.staging / appName);
+    if (config.hideExtension) {
+        try {
+            setExtensionHidden(work.staging / appName, true);
+        } catch (const VeltraError& error) {
+            say("   Warning: " + error.message());
+        }
+    }
+    const auto link =
+        run({"-s", "/Applications", (work.staging / "Applications").string()}, std::nullopt, "ln");
+    if (link.exitCode != 0) {
+        throw VeltraError("Veltra", 500, "Failed to link Applications: " + errorText(link));
+    }
+
+    // The background: none, the user's picture, or the default artwork.
+    const auto type = effectiveBackgroundType(config);
+    const auto staged = work.staging / stagedBackground;
+    const auto stage = [&](const std::filesystem::path& picture) {
+        fileStep([&] {
+            std::filesystem::create_directories(staged.parent_path());
+            std::filesystem::copy_file(picture, staged,
+                                       std::filesystem::copy_options::overwrite_existing);
+        });
+        const auto resize =
+            run({"-z", std::to_string(static_cast<long long>(config.windowHeight * 2)),
+                 std::to_string(static_cast<long long>(config.windowWidth * 2)), "-s", "dpiWidth",
+                 "144.0", "-s", "dpiHeight", "144.0", staged.string(), "--out", staged.string()},
+                std::nullopt, "sips");
+        if (resize.exitCode != 0) {
+            say("   Warning: Could not resize the installer artwork: " + errorText(resize));
+        }
+    };
+    if (type == DMGBackgroundType::plain) {
+        say("Building plain unstyled Finder DMG...");
+    } else if (config.backgroundPath && !config.backgroundPath->empty() &&
+               std::filesystem::is_regular_file(*config.backgroundPath)) {
+        say("Applying custom DMG artwork...");
+        stage(*config.backgroundPath);
+    } else {
+        say("Applying default Veltra installer artwork...");
+        work.defaultBackground =
+            temporary / ("veltra_default_bg_" + Uuid::random().string() + ".png");
+        const auto layout = DMGInstallerLayout::from(config);
+        try {
+            DMGBackgroundRenderer::saveDefaultBackground(*work.defaultBackground, displayName,
+                                                         config.windowWidth, config.windowHeight,
+                                                         layout.appPosition.y, layout);
+            stage(*work.defaultBackground);
+        } catch (const VeltraError& error) {
+            say("Warning: Failed to generate default artwork: " + error.message());
+        }
+    }
+
+    say("Creating image volume '" + volumeName + "'...");
+    const auto created = run({"create", "-srcfolder", work.staging.string(), "-volname", volumeName,
+                              "-fs", "HFS+", "-fsargs", "-c c=64,a=16,e=16", "-format", "UDRW",
+                              work.intermediate.string(), "-quiet"},
+                             std::nullopt, "hdiutil");
+    if (created.exitCode != 0) {
+        throw VeltraError("Veltra", 500,
+                          "Failed to create disk image volume: " + errorText(created));
+    }
+
+    if (type != DMGBackgroundType::plain) {
+        if (!std::filesystem::is_regular_file(staged)) {
+            throw VeltraError(
+                "Veltra.DMG", 500,
+                "The installer artwork could not be prepared. Check the artwork and rebuild.");
+        }
+        fileStep([&] { std::filesystem::create_directories(work.mountPoint); });
+        bool attached = false;
+        try {
+            const auto attach =
+                run({"attach", work.intermediate.string(), "-mountpoint", work.mountPoint.string(),
+                     "-nobrowse", "-noautoopen", "-readwrite"},
+                    attachTimeout, "hdiutil");
+            if (attach.exitCode != 0) {
+                throw VeltraError("Veltra.DMG", 500,
+                                  "Could not mount the installer to apply artwork: " +
+                                      errorText(attach));
+            }
+            attached = true;
+            say("Applying Finder layout on the mounted installer volume...");
+            DMGDesignConfig mounted = config;
+            mounted.volumeName = volumeName;
+            dsStoreWriter.write(work.mountPoint, mounted, appName, stagedBackground);
+            const auto detach = run({"detach", work.mountPoint.string()}, detachTimeout, "hdiutil");
+            if (detach.exitCode != 0) {
+                throw VeltraError("Veltra.DMG", 500,
+                                  "Could not detach the installer after applying artwork: " +
+                                      errorText(detach));
+            }
+            attached = false;
+        } catch (const ProcessExecutionError&) {
+            // A timed-out attach may still have mounted the image.
+            attached = true;
+            forceDetach(work.mountPoint);
+            throw;
+        } catch (...) {
+            if (attached || stop.stop_requested()) {
+                forceDetach(work.mountPoint);
+            }
+            throw;
+        }
+    }
+
+    say("Compressing disk image with " + config.compressionFormat + "...");
+    const auto converted =
+        run({"convert", work.intermediate.string(), "-format", config.compressionFormat, "-o",
+             options.outputDMGURL.string(), "-quiet"},
+            std::nullopt, "hdiutil");
+    if (converted.exitCode != 0) {
+        throw VeltraError("Veltra", 500, "Failed to compress disk image: " + errorText(converted));
+    }
+
+    if (options.signingIdentity && !options.signingIdentity->empty()) {
+        say("Signing DMG with " + *options.signingIdentity + "...");
+        const auto signedImage = run({"--force", "--sign", *options.signingIdentity, "--timestamp",
+                                      options.outputDMGURL.string()},
+                                     std::nullopt, "codesign");
+        if (signedImage.exitCode == 0) {
+            say("Success: Code signature applied to DMG");
+        } else {
+            say("Warning: Could not sign the DMG: " + errorText(signedImage));
+        }
+    }
+    say("Success: Successfully built DMG: " + options.outputDMGURL.string());
+}
+
+void DMGBuilder::forceDetach(const std::filesystem::path& mountPoint) const {
+    // Clean-up runs even when the build was cancelled; its own result does not matter.
+    try {
+        runner.run(ProcessRequest{.command = "hdiutil",
+                                  .arguments = {"detach", mountPoint.string(), "-force"},
+                                  .timeout = detachTimeout});
+    } catch (...) {
+    }
+}
+
+} // namespace veltra

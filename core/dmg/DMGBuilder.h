@@ -1,0 +1,36 @@
+#pragma once
+
+#include "DMGBuildOptions.h"
+#include "DSStoreWriter.h"
+#include "core/process/ProcessRunner.h"
+#include "core/support/LogHandler.h"
+
+#include <filesystem>
+#include <stop_token>
+
+namespace veltra {
+
+// Packs an exported app into the distributable disk image: a staging folder with the app, a
+// link to /Applications and the background picture becomes a writable HFS+ image, which is
+// mounted for the Finder layout, detached, compressed and optionally signed.
+class DMGBuilder {
+public:
+    ProcessRunner runner;
+    DSStoreWriter dsStoreWriter;
+    // Where work files go; the system's temporary folder when empty.
+    std::filesystem::path temporaryDirectory;
+
+    // On success the image exists at options.outputDMGURL. Throws VeltraError (code 500, the
+    // domain and text of the failing step), the file system's VeltraError ("POSIX"), or
+    // CancellationError; an attached image is always detached and work files removed first.
+    void build(const DMGBuildOptions& options, const LogHandler& log = {},
+               std::stop_token stop = {}) const;
+
+    static constexpr double attachTimeout = 30;
+    static constexpr double detachTimeout = 30;
+
+private:
+    void forceDetach(const std::filesystem::path& mountPoint) const;
+};
+
+} // namespace veltra

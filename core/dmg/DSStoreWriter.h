@@ -1,0 +1,40 @@
+#pragma once
+
+#include "core/profile/DMGDesignConfig.h"
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+namespace dsstore {
+struct DSStore;
+}
+
+namespace veltra {
+
+// Writes the Finder layout of a mounted installer volume into its ".DS_Store": the window
+// centred on the screen without toolbar or sidebar, the icon view with the layout's icon size,
+// the background picture, and where the app and Applications sit.
+class DSStoreWriter {
+public:
+    // The store for a volume. `backgroundVolumePath` is the staged picture below the volume's
+    // root (".background/background.png"); absent for a window without a picture.
+    dsstore::DSStore layout(const std::filesystem::path& volume, const DMGDesignConfig& config,
+                            const std::string& appBundleName,
+                            const std::optional<std::string>& backgroundVolumePath) const;
+
+    // Writes that store to `volume`/.DS_Store. Throws VeltraError (domain "Veltra.DMG", 500)
+    // when it cannot be written.
+    void write(const std::filesystem::path& volume, const DMGDesignConfig& config,
+               const std::string& appBundleName,
+               const std::optional<std::string>& backgroundVolumePath) const;
+};
+
+// Finder shows `bundle` without its extension: the hidden-extension bit of its Finder info, in
+// the "com.apple.FinderInfo" extended attribute ("user.com.apple.FinderInfo" off macOS).
+// Throws VeltraError (domain "POSIX") when the attribute cannot be written.
+void setExtensionHidden(const std::filesystem::path& bundle, bool hidden);
+// Whether that bit is set.
+bool isExtensionHidden(const std::filesystem::path& bundle);
+
+} // namespace veltra
