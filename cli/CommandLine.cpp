@@ -32,6 +32,7 @@ int runCommandLine(const std::vector<std::string>& arguments, CliContext& contex
     addXcodeCommands(app, context);
     addSigningCommands(app, context);
     addDMGCommands(app, context);
+    addPublishingCommands(app, context);
     addPlannedCommands(app, context);
 
     // CLI11 wants the arguments in reverse order, program name excluded.

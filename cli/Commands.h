@@ -23,5 +23,6 @@ void addProfileCommands(CLI::App& app, CliContext& context);
 void addXcodeCommands(CLI::App& app, CliContext& context);
 void addSigningCommands(CLI::App& app, CliContext& context);
 void addDMGCommands(CLI::App& app, CliContext& context);
+void addPublishingCommands(CLI::App& app, CliContext& context);
 
 } // namespace veltra::cli

@@ -15,7 +15,6 @@ void addPlannedCommands(CLI::App& app, CliContext& /*context*/) {
         const char* description;
     };
     static constexpr std::array planned{
-        Planned{"notes", "Draft release notes from git history"},
         Planned{"release", "Run the whole release pipeline for a profile"},
         Planned{"website", "Check that the website serves a release"},
     };

@@ -234,7 +234,8 @@ AliasRecord AliasRecord::file(const FileOnVolume& target) {
     std::string carbon = macRoman(target.volumeName, 27);
     for (std::size_t at = 1; at < folderPath.size();) {
         const auto next = std::min(folderPath.find('/', at), folderPath.size());
-        carbon += ":" + macRoman(folderPath.substr(at, next - at), 255);
+        carbon += ':';
+        carbon += macRoman(folderPath.substr(at, next - at), 255);
         at = next + 1;
     }
     carbon += ":";

@@ -23,6 +23,7 @@ protected:
     AppleToolsTest()
         : path_("PATH", std::string(VELTRA_TOOLS_DIR) + ":" +
                             (std::getenv("PATH") != nullptr ? std::getenv("PATH") : "")),
+          toolPath_("VELTRA_TOOL_PATH", VELTRA_TOOLS_DIR),
           log_("VELTRA_TOOL_LOG", (dir / "tools.log").string()) {}
 
     ~AppleToolsTest() override {
@@ -38,9 +39,9 @@ protected:
 
     // Each run of `tool` as its argument list, in order.
     std::vector<std::vector<std::string>> runsOf(const std::string& tool) const {
-        static const std::vector<std::string> tools{"xcodebuild",  "xcode-select", "xcrun",
-                                                    "codesign",    "security",     "lipo",
-                                                    "sign_update", "hdiutil",      "sips"};
+        static const std::vector<std::string> tools{
+            "xcodebuild", "xcode-select", "xcrun",   "codesign", "security",
+            "lipo",       "sign_update",  "hdiutil", "sips",     "gh"};
         std::vector<std::vector<std::string>> runs;
         std::ifstream in(dir / "tools.log");
         std::string line;
@@ -71,6 +72,7 @@ protected:
 
 private:
     ScopedEnvironment path_;
+    ScopedEnvironment toolPath_;
     ScopedEnvironment log_;
     std::vector<std::unique_ptr<ScopedEnvironment>> steering_;
 };

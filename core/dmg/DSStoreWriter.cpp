@@ -150,10 +150,9 @@ DSStoreWriter::layout(const std::filesystem::path& volume, const DMGDesignConfig
     icons.viewOptionsVersion = 1;
     icons.setBackground(dsstore::BackgroundType{});
     if (backgroundVolumePath) {
-        std::string path = *backgroundVolumePath;
-        if (!path.starts_with('/')) {
-            path.insert(0, "/");
-        }
+        const std::string path = backgroundVolumePath->starts_with('/')
+                                     ? *backgroundVolumePath
+                                     : std::string(1, '/') + *backgroundVolumePath;
         const auto picture = volume / path.substr(1);
         const auto pictureTimes = timesOf(picture);
         const auto created = volumeCreated(volume);

@@ -435,7 +435,14 @@ ProcessRunner::Launch ProcessRunner::resolveLaunch(const std::string& command,
 std::map<std::string, std::string>
 ProcessRunner::childEnvironment(std::map<std::string, std::string> parent,
                                 const std::map<std::string, std::string>& overrides) {
-    std::string path(pathPrefix);
+    std::string path;
+    // Folders searched before the fixed ones: how the demo and the tests put the Apple-tool
+    // stand-ins ahead of any real tool of the same name.
+    if (const auto first = parent.find("VELTRA_TOOL_PATH");
+        first != parent.end() && !first->second.empty()) {
+        path = first->second + ":";
+    }
+    path += pathPrefix;
     if (const auto found = parent.find("PATH"); found != parent.end()) {
         path += found->second;
     }

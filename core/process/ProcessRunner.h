@@ -56,7 +56,8 @@ public:
     // Paths starting with "/" or "./" run directly; anything else runs as /usr/bin/env <name>.
     static Launch resolveLaunch(const std::string& command,
                                 const std::vector<std::string>& arguments);
-    // The child's environment: `parent` with PATH prefixed, then `overrides` on top.
+    // The child's environment: `parent` with PATH prefixed (by $VELTRA_TOOL_PATH, then the fixed
+    // folders), then `overrides` on top.
     static std::map<std::string, std::string>
     childEnvironment(std::map<std::string, std::string> parent,
                      const std::map<std::string, std::string>& overrides);

@@ -16,8 +16,8 @@ TEST(VeltraCommand, VersionAndHelp) {
 
     const auto help = runVeltra({"--help"});
     EXPECT_EQ(help.exitCode, 0);
-    for (const char* group :
-         {"profile", "dsstore", "appcast", "sign", "version", "notes", "release", "website"}) {
+    for (const char* group : {"profile", "dsstore", "appcast", "sign", "version", "notes",
+                              "release", "website", "dmg", "github"}) {
         EXPECT_NE(help.output.find(group), std::string::npos) << group;
     }
     EXPECT_EQ(runVeltra({}).output, help.output);

@@ -70,6 +70,14 @@ TEST(ProcessRunnerLaunch, ResolvesCommandsAndEnvironment) {
     EXPECT_EQ(prefix.back(), ':');
     EXPECT_EQ(ProcessRunner::childEnvironment({{"PATH", "/x:/y"}}, {}).at("PATH"),
               prefix + "/x:/y");
+    // Stand-ins come before the fixed folders, so a real tool of the same name cannot win.
+    EXPECT_EQ(
+        ProcessRunner::childEnvironment({{"PATH", "/x"}, {"VELTRA_TOOL_PATH", "/stand-ins"}}, {})
+            .at("PATH"),
+        "/stand-ins:" + prefix + "/x");
+    EXPECT_EQ(
+        ProcessRunner::childEnvironment({{"PATH", "/x"}, {"VELTRA_TOOL_PATH", ""}}, {}).at("PATH"),
+        prefix + "/x");
     const auto overridden = ProcessRunner::childEnvironment({{"PATH", "/x"}, {"A", "1"}},
                                                             {{"PATH", "/only"}, {"A", "2"}});
     EXPECT_EQ(overridden.at("PATH"), "/only");

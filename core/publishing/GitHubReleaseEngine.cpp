@@ -1,0 +1,73 @@
+#include "GitHubReleaseEngine.h"
+
+#include "core/support/VeltraError.h"
+
+#include <mutex>
+
+namespace veltra {
+
+std::vector<std::string> GitHubReleaseEngine::arguments(const GitHubReleaseConfig& config,
+                                                        const std::filesystem::path& dmgURL,
+                                                        const std::string& appName,
+                                                        const std::string& version,
+                                                        const std::string& notes) {
+    std::vector<std::string> list{"release",       "create",  "v" + version,
+                                  dmgURL.string(), "--title", appName + " v" + version,
+                                  "--notes",       notes};
+    // Not trimmed: a repository of blanks is passed on for gh to refuse.
+    if (!config.repoOwnerAndName.empty()) {
+        list.insert(list.end(), {"--repo", config.repoOwnerAndName});
+    }
+    if (config.createDraft) {
+        list.emplace_back("--draft");
+    }
+    return list;
+}
+
+void GitHubReleaseEngine::publish(const GitHubReleaseConfig& config,
+                                  const std::filesystem::path& dmgURL, const std::string& appName,
+                                  const std::string& version, const std::string& notes,
+                                  const LogHandler& log, std::stop_token stop) const {
+    if (!config.enabled) {
+        return;
+    }
+    const auto say = [&log](const std::string& line) {
+        if (log) {
+            log(line);
+        }
+    };
+    say("Publishing release v" + version + " to GitHub Releases...");
+    if (runner.run(ProcessRequest{.command = "which", .arguments = {"gh"}}, stop).exitCode != 0) {
+        throw VeltraError("Veltra", 404,
+                          "GitHub CLI ('gh') is not installed. Install via 'brew install gh' or "
+                          "disable GitHub Releases in profile.");
+    }
+    // Whole lines to the log as they come, from the runner's reader thread.
+    std::mutex lock;
+    std::string pending;
+    ProcessRequest request{.command = "gh",
+                           .arguments = arguments(config, dmgURL, appName, version, notes)};
+    if (log) {
+        request.onOutput = [&](std::string_view chunk) {
+            const std::lock_guard guard(lock);
+            pending += chunk;
+            for (auto end = pending.find('\n'); end != std::string::npos;
+                 end = pending.find('\n')) {
+                if (end > 0) {
+                    log(pending.substr(0, end));
+                }
+                pending.erase(0, end + 1);
+            }
+        };
+    }
+    const auto result = runner.run(request, stop);
+    if (log && !pending.empty()) {
+        log(pending);
+    }
+    if (result.exitCode != 0) {
+        throw VeltraError("Veltra", 500, "GitHub release failed: " + result.errorOutput);
+    }
+    say("Success: Successfully published to GitHub Releases: v" + version);
+}
+
+} // namespace veltra
