@@ -1,0 +1,45 @@
+#include "GitCommand.h"
+
+#include "core/support/Text.h"
+
+namespace veltra {
+
+ProcessResult GitCommand::run(const ProcessRunner& runner, const std::filesystem::path& repository,
+                              std::vector<std::string> arguments, std::stop_token stop,
+                              std::optional<double> timeout,
+                              std::function<void(std::string_view)> onOutput) {
+    return runner.run(ProcessRequest{.command = "git",
+                                     .arguments = std::move(arguments),
+                                     .currentDirectory = repository,
+                                     .environment = {{"GIT_TERMINAL_PROMPT", "0"}},
+                                     .timeout = timeout,
+                                     .onOutput = std::move(onOutput)},
+                      stop);
+}
+
+bool GitCommand::isCredentialsProblem(std::string_view output) {
+    const auto lower = asciiLowercase(output);
+    for (const std::string_view sign :
+         {"invalid username or token", "password authentication is not supported",
+          "authentication failed", "terminal prompts disabled", "could not read username"}) {
+        if (contains(lower, sign)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+VeltraError GitCommand::failure(const std::string& base, const ProcessResult& result) {
+    const std::string output(trimWhitespace(combinedOutput(result)));
+    if (isCredentialsProblem(output)) {
+        return VeltraError("Veltra", result.exitCode,
+                           base +
+                               ": GitHub Authentication Failed: Password authentication is not "
+                               "supported by GitHub. Run 'gh auth setup-git' or 'gh auth "
+                               "login' in Terminal to authorize Git pushes.\nDiagnostic: " +
+                               output);
+    }
+    return VeltraError("Veltra", result.exitCode, base + ": " + output);
+}
+
+} // namespace veltra

@@ -1,0 +1,32 @@
+#pragma once
+
+#include "core/process/ProcessRunner.h"
+#include "core/support/VeltraError.h"
+
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <stop_token>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace veltra {
+
+// git in the website repository: never waiting for a credential prompt, with a time limit.
+class GitCommand {
+public:
+    static constexpr double defaultTimeout = 300;
+
+    static ProcessResult run(const ProcessRunner& runner, const std::filesystem::path& repository,
+                             std::vector<std::string> arguments, std::stop_token stop = {},
+                             std::optional<double> timeout = defaultTimeout,
+                             std::function<void(std::string_view)> onOutput = {});
+
+    // A failed git command as an error: code = git's exit status, message = base + ": " + its
+    // output, with the way out when the output shows a credentials problem.
+    static VeltraError failure(const std::string& base, const ProcessResult& result);
+    static bool isCredentialsProblem(std::string_view output);
+};
+
+} // namespace veltra

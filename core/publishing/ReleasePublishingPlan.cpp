@@ -1,0 +1,143 @@
+#include "ReleasePublishingPlan.h"
+
+#include "core/support/FileUtilities.h"
+#include "core/support/Text.h"
+
+namespace veltra {
+namespace {
+
+void say(const LogHandler& log, const std::string& line) {
+    if (log) {
+        log(line);
+    }
+}
+
+bool isWebsiteFolder(const std::filesystem::path& folder) {
+    std::error_code error;
+    return std::filesystem::is_directory(folder, error) &&
+           (std::filesystem::exists(folder / ".git", error) ||
+            std::filesystem::is_regular_file(folder / "index.html", error));
+}
+
+// "website", then "<app>-website", beside the profile's release output folder.
+std::optional<std::filesystem::path> candidate(const ProjectProfile& profile) {
+    const auto releases = expandTilde(standardizePath(profile.outputDirectory)).parent_path();
+    const auto appName = profile.appName.empty() ? profile.name : profile.appName;
+    for (const auto& name : {std::string("website"), appName + "-website"}) {
+        if (isWebsiteFolder(releases / name)) {
+            return releases / name;
+        }
+    }
+    return std::nullopt;
+}
+
+bool configured(std::string_view address) {
+    return !address.empty() && !contains(address, ReleasePublishingPlan::exampleHost);
+}
+
+} // namespace
+
+std::string ResolvedDeliveryConfig::downloadURL(std::string_view dmgFileName) const {
+    return ReleasePublishingPlan::expand(downloadURLPattern, dmgFileName, "");
+}
+
+std::string ResolvedDeliveryConfig::releaseNotesURL(std::string_view releaseBaseName) const {
+    return ReleasePublishingPlan::expand(releaseNotesURLPattern, "", releaseBaseName);
+}
+
+std::string ReleasePublishingPlan::join(std::string_view base, std::string_view part) {
+    while (base.ends_with('/')) {
+        base.remove_suffix(1);
+    }
+    while (part.starts_with('/')) {
+        part.remove_prefix(1);
+    }
+    return std::string(base) + "/" + std::string(part);
+}
+
+std::string ReleasePublishingPlan::downloadsFolder(const WebDeployConfig& config) {
+    std::string_view folder = trimWhitespace(config.downloadsRelativePath);
+    while (folder.starts_with('/')) {
+        folder.remove_prefix(1);
+    }
+    while (folder.ends_with('/')) {
+        folder.remove_suffix(1);
+    }
+    return folder.empty() ? "downloads" : std::string(folder);
+}
+
+std::string ReleasePublishingPlan::expand(std::string_view pattern, std::string_view dmgFileName,
+                                          std::string_view appBaseName) {
+    std::string text(pattern);
+    for (const auto& [placeholder, value] : {std::pair{std::string_view("{dmg}"), dmgFileName},
+                                             std::pair{std::string_view("{app}"), appBaseName}}) {
+        for (auto at = text.find(placeholder); at != std::string::npos;
+             at = text.find(placeholder, at + value.size())) {
+            text.replace(at, placeholder.size(), value);
+        }
+    }
+    return text;
+}
+
+ResolvedDeliveryConfig ReleasePublishingPlan::publicAddresses(const ProjectProfile& profile) {
+    ResolvedDeliveryConfig delivery;
+    const std::string site(trimWhitespace(profile.webDeploy.siteURL));
+    if (configured(site)) {
+        delivery.downloadBaseURL = join(site, downloadsFolder(profile.webDeploy)) + "/";
+        delivery.publicAppcastURL = delivery.downloadBaseURL + "appcast.xml";
+    }
+    const auto& sparkle = profile.sparkle;
+    delivery.downloadURLPattern =
+        configured(sparkle.downloadURLPattern)
+            ? sparkle.downloadURLPattern
+            : (delivery.downloadBaseURL.empty() ? std::string()
+                                                : delivery.downloadBaseURL + "{dmg}");
+    delivery.releaseNotesURLPattern =
+        configured(sparkle.releaseNotesURLPattern)
+            ? sparkle.releaseNotesURLPattern
+            : (delivery.downloadBaseURL.empty() ? std::string()
+                                                : delivery.downloadBaseURL + "{app}.md");
+    return delivery;
+}
+
+std::optional<std::filesystem::path>
+ReleasePublishingPlan::resolveRepository(const ProjectProfile& profile, const LogHandler& log) {
+    const std::string configuredPath(trimWhitespace(profile.webDeploy.websiteRepoPath));
+    if (!configuredPath.empty()) {
+        const auto path = expandTilde(configuredPath);
+        std::error_code error;
+        if (std::filesystem::exists(path, error)) {
+            say(log, "Success: Using configured website repo: " + path.string());
+            return path;
+        }
+        if (const auto healed = candidate(profile)) {
+            say(log, "Success: Auto-healed website repo location inside Veltra directory: " +
+                         healed->string());
+            return healed;
+        }
+        say(log, "Warning: Configured website repo path does not exist: " + path.string() +
+                     ". Skipping Sparkle & web deploy steps.");
+        return std::nullopt;
+    }
+    if (const auto found = candidate(profile)) {
+        say(log, "Success: Detected website repo in Veltra directory: " + found->string());
+        return found;
+    }
+    say(log, "Info: No website repository configured. Skipping Sparkle signing & web deploy "
+             "steps.");
+    return std::nullopt;
+}
+
+std::optional<ResolvedDeliveryConfig> ReleasePublishingPlan::resolve(const ProjectProfile& profile,
+                                                                     const LogHandler& log) {
+    const auto repository = resolveRepository(profile, log);
+    if (!repository) {
+        return std::nullopt;
+    }
+    auto delivery = publicAddresses(profile);
+    delivery.websiteRepoURL = *repository;
+    delivery.appcastURL = *repository / downloadsFolder(profile.webDeploy) / "appcast.xml";
+    return delivery;
+}
+
+} // namespace veltra

@@ -1,0 +1,290 @@
+#include "WebDeployer.h"
+
+#include "DownloadPageTemplate.h"
+#include "GitCommand.h"
+#include "core/feed/SparkleFeedParser.h"
+#include "core/support/FileUtilities.h"
+#include "core/support/Text.h"
+#include "core/support/VeltraError.h"
+
+#include <mutex>
+
+namespace veltra {
+namespace {
+
+template <typename Operation> void fileStep(Operation&& operation) {
+    try {
+        operation();
+    } catch (const std::filesystem::filesystem_error& error) {
+        throw VeltraError("POSIX", error.code().value(), error.what());
+    }
+}
+
+} // namespace
+
+std::string WebDeployer::branch(const WebDeployConfig& config) {
+    const std::string name(trimWhitespace(config.gitBranch));
+    return name.empty() ? "main" : name;
+}
+
+void WebDeployer::checkFileName(const std::string& appName) {
+    if (appName.empty() || appName.find('/') != std::string::npos ||
+        appName.find('\0') != std::string::npos || appName.starts_with('.') ||
+        appName.find("..") != std::string::npos) {
+        throw VeltraError("Veltra", 400,
+                          "The app name '" + std::string(appName.c_str()) +
+                              "' cannot name files in the website's downloads folder. Use a name "
+                              "without '/', '..', a leading '.' or a NUL character.");
+    }
+}
+
+WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
+                                       const ResolvedDeliveryConfig& delivery,
+                                       const WebDeployRelease& release, const LogHandler& log,
+                                       std::stop_token stop) const {
+    const auto say = [&log](const std::string& line) {
+        if (log) {
+            log(line);
+        }
+    };
+    checkFileName(release.appName);
+    const auto repository = delivery.websiteRepoURL.empty() ? expandTilde(config.websiteRepoPath)
+                                                            : delivery.websiteRepoURL;
+    const auto publishingBranch = branch(config);
+    const auto git = [&](std::vector<std::string> arguments,
+                         std::function<void(std::string_view)> onOutput = {}) {
+        return GitCommand::run(runner, repository, std::move(arguments), stop,
+                               GitCommand::defaultTimeout, std::move(onOutput));
+    };
+
+    // 1. The repository, cloned when it is missing and a remote is known.
+    std::error_code error;
+    if (!std::filesystem::exists(repository, error)) {
+        const auto remote = config.websiteRepoRemoteURL.value_or("");
+        if (remote.empty()) {
+            throw VeltraError("Veltra", 404,
+                              "Website repo not found at " + repository.string() +
+                                  " and no remote URL provided.");
+        }
+        say("Website repo not found \xE2\x80\x93 attempting to clone from " + remote + "...");
+        const auto cloned =
+            runner.run(ProcessRequest{.command = "git",
+                                      .arguments = {"clone", remote, repository.string()},
+                                      .currentDirectory = homeDirectory(),
+                                      .environment = {{"GIT_TERMINAL_PROMPT", "0"}},
+                                      .timeout = GitCommand::defaultTimeout},
+                       stop);
+        if (cloned.exitCode != 0) {
+            throw VeltraError("Veltra", 404,
+                              "Website repo not found at " + repository.string() +
+                                  " and cloning failed.");
+        }
+        say("Success: Cloned website repo successfully.");
+    }
+
+    // 2. The release files.
+    say("Deploying " + release.appName + " release to website repo: " + repository.string());
+    const auto downloadsPath = ReleasePublishingPlan::downloadsFolder(config);
+    const auto downloads = repository / downloadsPath;
+    const auto dmgName = release.appName + ".dmg";
+    const auto notesName = release.appName + ".md";
+    fileStep([&] {
+        std::filesystem::create_directories(downloads);
+        if (std::filesystem::exists(std::filesystem::symlink_status(downloads / dmgName))) {
+            std::filesystem::remove(downloads / dmgName);
+        }
+        std::filesystem::copy_file(release.dmgURL, downloads / dmgName);
+    });
+    say("Success: Copied " + release.dmgURL.filename().string() + " to " + downloadsPath + "/" +
+        dmgName);
+    writeFileAtomically(downloads / notesName, release.notes);
+    say("Success: Wrote release notes to " + downloadsPath + "/" + notesName);
+    if (release.iconPNG) {
+        writeFileAtomically(downloads / "icon.png", *release.iconPNG);
+        say("Success: Exported app icon to " + downloadsPath + "/icon.png");
+    }
+    const auto pagePath = repository / config.indexHtmlRelativePath;
+    const bool hasPage =
+        !config.indexHtmlRelativePath.empty() && std::filesystem::is_regular_file(pagePath, error);
+    if (hasPage) {
+        auto page = readFile(pagePath);
+        if (DownloadPageTemplate::needsUpgrade(page)) {
+            page = DownloadPageTemplate::render(release.appName, downloadsPath, release.build);
+            writeFileAtomically(pagePath, page);
+            say("Success: Upgraded the generated download page with app and Veltra icons");
+        }
+        const auto rewritten =
+            DownloadPageTemplate::withCacheBuster(page, release.appName, release.build);
+        if (rewritten != page) {
+            writeFileAtomically(pagePath, rewritten);
+            say("Success: Updated download cache-buster links in " + config.indexHtmlRelativePath);
+        }
+    }
+
+    WebsitePublication publication;
+    publication.state = WebsitePublicationState::pending;
+    publication.feedURL = delivery.publicAppcastURL;
+    publication.downloadURL = delivery.downloadURL(dmgName);
+    publication.expectedSignature = release.signature;
+    publication.expectedSize = release.size;
+
+    if (config.gitCommitAndPush) {
+        // 3. Commit exactly the release files.
+        const auto status = repositoryInspector.inspect(repository, publishingBranch, stop);
+        if (status.blocker) {
+            throw VeltraError("Veltra", 409, *status.blocker);
+        }
+        std::vector<std::string> paths{downloadsPath + "/" + dmgName,
+                                       downloadsPath + "/" + notesName,
+                                       downloadsPath + "/appcast.xml"};
+        if (release.iconPNG) {
+            paths.push_back(downloadsPath + "/icon.png");
+        }
+        if (hasPage) {
+            paths.push_back(config.indexHtmlRelativePath);
+        }
+        std::vector<std::string> add{"add", "--"};
+        add.insert(add.end(), paths.begin(), paths.end());
+        if (const auto added = git(add); added.exitCode != 0) {
+            throw GitCommand::failure("Could not stage release files", added);
+        }
+        std::vector<std::string> commit{"commit", "--only", "-m",
+                                        "Release " + release.appName + " v" + release.version +
+                                            " (build " + release.build + ") DMG & update feed",
+                                        "--"};
+        commit.insert(commit.end(), paths.begin(), paths.end());
+        // With untracked files about, git words an empty commit "nothing added to commit".
+        if (const auto committed = git(commit);
+            committed.exitCode != 0 && !contains(combinedOutput(committed), "nothing to commit") &&
+            !contains(combinedOutput(committed), "nothing added to commit")) {
+            throw GitCommand::failure("Could not commit release files", committed);
+        }
+
+        // 4. Push on top of what origin has.
+        bool hasOrigin = false;
+        forEachTrimmedLine(git({"remote"}).output, [&hasOrigin](std::string_view line) {
+            hasOrigin = hasOrigin || line == "origin";
+        });
+        if (!hasOrigin) {
+            throw VeltraError("Veltra", 404,
+                              "Release files were committed locally, but the website repository "
+                              "has no origin remote. Configure a remote to publish the appcast "
+                              "and DMG.");
+        }
+        say("Deploying to remote repository (origin/" + publishingBranch + ")...");
+        if (git({"fetch", "origin", publishingBranch}).exitCode == 0 &&
+            git({"rebase", "origin/" + publishingBranch}).exitCode != 0) {
+            // Leave the repository as it was; the push below reports the conflict.
+            git({"rebase", "--abort"});
+        }
+        std::mutex lock;
+        std::string pending;
+        const auto pushed = git({"push", "origin", publishingBranch}, [&](std::string_view chunk) {
+            const std::lock_guard guard(lock);
+            pending += chunk;
+            for (auto end = pending.find('\n'); end != std::string::npos;
+                 end = pending.find('\n')) {
+                if (const auto line = trimWhitespace(std::string_view(pending).substr(0, end));
+                    !line.empty()) {
+                    say("   " + std::string(line));
+                }
+                pending.erase(0, end + 1);
+            }
+        });
+        if (pushed.exitCode != 0) {
+            throw GitCommand::failure("Could not publish release to origin/" + publishingBranch,
+                                      pushed);
+        }
+        say("Success: Release pushed to origin/" + publishingBranch +
+            "; waiting for the live appcast...");
+        publication.pushedAt = Date::now();
+
+        // 5. The hosting service's deploy hook, when one is set.
+        const auto hook = std::string(trimWhitespace(config.deployHookURL.value_or("")));
+        if (!hook.empty() && HttpClient::isWebAddress(hook)) {
+            say("Triggering deploy webhook...");
+            try {
+                HttpRequest request;
+                request.method = HttpRequest::Method::post;
+                request.url = hook;
+                request.timeout = 10;
+                const auto answer = session.send(request, stop);
+                if (answer.status >= 200 && answer.status <= 299) {
+                    say("Success: Deploy webhook acknowledged (HTTP " +
+                        std::to_string(answer.status) + ").");
+                } else {
+                    say("Info: Deploy webhook dispatched.");
+                }
+            } catch (const HttpError&) {
+                say("Info: Deploy webhook dispatched.");
+            }
+        }
+    } else {
+        publication.pushedAt = Date::now();
+    }
+    say("Release uploaded; publication unconfirmed until the live feed and download match.");
+    return publication;
+}
+
+bool WebDeployer::verifyLiveSite(const WebsitePublication& publication, const std::string& version,
+                                 const std::string& build, std::stop_token stop) const {
+    const auto ok = [](long status) { return status >= 200 && status <= 299; };
+    try {
+        HttpRequest feed;
+        feed.url = publication.feedURL;
+        feed.timeout = 10;
+        feed.headers = {"Cache-Control: no-cache", "Pragma: no-cache"};
+        const auto answer = session.send(feed, stop);
+        if (!ok(answer.status)) {
+            return false;
+        }
+        const auto items = SparkleFeedParser::parse(answer.body);
+        if (!items) {
+            return false;
+        }
+        bool matched = false;
+        for (const auto& item : *items) {
+            matched = matched || (item.shortVersion == version && item.version == build &&
+                                  item.enclosureURL == publication.downloadURL &&
+                                  item.edSignature == publication.expectedSignature &&
+                                  item.enclosureLength == std::to_string(publication.expectedSize));
+        }
+        if (!matched) {
+            return false;
+        }
+
+        HttpRequest head;
+        head.method = HttpRequest::Method::head;
+        head.url = publication.downloadURL;
+        head.timeout = 10;
+        head.headers = {"Cache-Control: no-cache", "Pragma: no-cache"};
+        const auto headAnswer = session.send(head, stop);
+        if (!ok(headAnswer.status)) {
+            return false;
+        }
+        if (headAnswer.contentLength) {
+            return *headAnswer.contentLength ==
+                   static_cast<std::uint64_t>(publication.expectedSize);
+        }
+        // No usable length: stream the whole file and count it, in constant memory.
+        std::uint64_t counted = 0;
+        HttpRequest get;
+        get.url = publication.downloadURL;
+        get.timeout = 600;
+        get.headers = {"Cache-Control: no-cache", "Pragma: no-cache"};
+        get.range = std::pair{std::uint64_t{0}, std::optional<std::uint64_t>{}};
+        get.onBody = [&counted](std::string_view chunk) { counted += chunk.size(); };
+        const auto body = session.send(get, stop);
+        if (!ok(body.status)) {
+            return false;
+        }
+        const auto length = body.contentLength.value_or(counted);
+        return length == static_cast<std::uint64_t>(publication.expectedSize);
+    } catch (const CancellationError&) {
+        throw;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+} // namespace veltra

@@ -1,0 +1,61 @@
+#pragma once
+
+#include "ReleasePublishingPlan.h"
+#include "WebsitePublication.h"
+#include "WebsiteRepositoryInspector.h"
+#include "core/process/ProcessRunner.h"
+#include "core/profile/WebDeployConfig.h"
+#include "core/support/HttpClient.h"
+#include "core/support/LogHandler.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <stop_token>
+#include <string>
+
+namespace veltra {
+
+// One release as the website receives it.
+struct WebDeployRelease {
+    std::filesystem::path dmgURL;
+    std::string appName;
+    std::string version;
+    std::string build;
+    std::string notes; // Markdown
+    std::optional<std::string> iconPNG;
+    // What the feed says of the image, for the live check.
+    std::string signature;
+    std::int64_t size = 0;
+};
+
+// Puts a finished release on the developer's download website, a git repository on disk:
+// copies the image, notes and icon into its downloads folder (beside the feed already written
+// there), refreshes the download page, commits exactly those files, pushes to origin, pings the
+// deploy hook, and hands back the publication to watch.
+class WebDeployer {
+public:
+    ProcessRunner runner;
+    WebsiteRepositoryInspector repositoryInspector;
+    HttpClient session;
+
+    // Throws VeltraError: 404 for a missing repository, the inspector's blocker, git's exit
+    // status with the shared git failure text, the file system's errors. The hook never fails.
+    WebsitePublication deploy(const WebDeployConfig& config, const ResolvedDeliveryConfig& delivery,
+                              const WebDeployRelease& release, const LogHandler& log = {},
+                              std::stop_token stop = {}) const;
+
+    // Whether the live site serves the release: a feed item with this version, build, download
+    // address, signature and size, and a download of exactly that size. Never throws for
+    // network trouble (false); only cancellation.
+    bool verifyLiveSite(const WebsitePublication& publication, const std::string& version,
+                        const std::string& build, std::stop_token stop = {}) const;
+
+    // Refuses an app name that cannot name a file in the downloads folder ("/", "..", a leading
+    // ".", a NUL): VeltraError ("Veltra", 400).
+    static void checkFileName(const std::string& appName);
+    // The publishing branch: the configured one, or "main".
+    static std::string branch(const WebDeployConfig& config);
+};
+
+} // namespace veltra

@@ -1,0 +1,108 @@
+#include "TestSupport.h"
+#include "core/publishing/ReleasePublishingPlan.h"
+
+#include <gtest/gtest.h>
+
+namespace veltra {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+class DeliveryPlan : public ::testing::Test {
+protected:
+    DeliveryPlan() {
+        profile.outputDirectory = (dir / "Veltra" / "Acme").string();
+        std::filesystem::create_directories(profile.outputDirectory);
+    }
+
+    std::optional<std::filesystem::path> resolve() {
+        log.clear();
+        return ReleasePublishingPlan::resolveRepository(
+            profile, [this](const std::string& line) { log.push_back(line); });
+    }
+
+    testing::TempDir dir;
+    ProjectProfile profile = ProjectProfile::create("Acme", "com.example.acme");
+    Lines log;
+};
+
+TEST_F(DeliveryPlan, RepositoryIsConfiguredHealedDetectedOrNone) {
+    const auto releases = dir / "Veltra";
+    profile.webDeploy.websiteRepoPath = (dir / "site").string();
+    std::filesystem::create_directories(dir / "site");
+    EXPECT_EQ(resolve(), dir / "site");
+    EXPECT_EQ(log, Lines{"Success: Using configured website repo: " + (dir / "site").string()});
+
+    // Gone, with nothing to heal to; a "website" folder that is neither a repository nor a page
+    // does not count.
+    std::filesystem::remove_all(dir / "site");
+    std::filesystem::create_directories(releases / "website");
+    EXPECT_EQ(resolve(), std::nullopt);
+    EXPECT_EQ(log, Lines{"Warning: Configured website repo path does not exist: " +
+                         (dir / "site").string() + ". Skipping Sparkle & web deploy steps."});
+
+    testing::writeFile(releases / "website" / "index.html", "<html>");
+    EXPECT_EQ(resolve(), releases / "website");
+    EXPECT_EQ(log, Lines{"Success: Auto-healed website repo location inside Veltra directory: " +
+                         (releases / "website").string()});
+
+    profile.webDeploy.websiteRepoPath = "  ";
+    std::filesystem::remove_all(releases / "website");
+    std::filesystem::create_directories(releases / "Acme-website" / ".git");
+    EXPECT_EQ(resolve(), releases / "Acme-website");
+    EXPECT_EQ(log, Lines{"Success: Detected website repo in Veltra directory: " +
+                         (releases / "Acme-website").string()});
+
+    std::filesystem::remove_all(releases / "Acme-website");
+    EXPECT_EQ(resolve(), std::nullopt);
+    EXPECT_EQ(log, Lines{"Info: No website repository configured. Skipping Sparkle signing & web "
+                         "deploy steps."});
+}
+
+TEST_F(DeliveryPlan, PublicAddressesJoinWithOneSlash) {
+    struct Row {
+        const char* site;
+        const char* downloads;
+        std::string base;
+    };
+    for (const auto& row : {
+             Row{"https://acme.test", "downloads", "https://acme.test/downloads/"},
+             Row{" https://acme.test/\n", "/files/", "https://acme.test/files/"},
+             Row{"https://acme.test/app/", "", "https://acme.test/app/downloads/"},
+             Row{"https://www.example.com", "downloads", ""},
+             Row{"", "downloads", ""},
+         }) {
+        SCOPED_TRACE(row.site);
+        profile.webDeploy.siteURL = row.site;
+        profile.webDeploy.downloadsRelativePath = row.downloads;
+        const auto plan = ReleasePublishingPlan::publicAddresses(profile);
+        EXPECT_EQ(plan.downloadBaseURL, row.base);
+        EXPECT_EQ(plan.publicAppcastURL, row.base.empty() ? "" : row.base + "appcast.xml");
+        // The default patterns name the example host: derived from the site instead.
+        EXPECT_EQ(plan.downloadURLPattern, row.base.empty() ? "" : row.base + "{dmg}");
+        EXPECT_EQ(plan.releaseNotesURLPattern, row.base.empty() ? "" : row.base + "{app}.md");
+    }
+
+    profile.webDeploy.siteURL = "https://acme.test";
+    profile.sparkle.downloadURLPattern = "https://cdn.acme.test/{dmg}?from={dmg}";
+    const auto plan = ReleasePublishingPlan::publicAddresses(profile);
+    EXPECT_EQ(plan.downloadURL("Acme.dmg"), "https://cdn.acme.test/Acme.dmg?from=Acme.dmg");
+    EXPECT_EQ(plan.releaseNotesURL("Acme-1.2"), "https://acme.test/downloads/Acme-1.2.md");
+    EXPECT_EQ(ReleasePublishingPlan::expand("{app}/{app}{dmg}", "x.dmg", "{dmg}"),
+              "{dmg}/{dmg}x.dmg");
+}
+
+TEST_F(DeliveryPlan, FeedLivesInTheDownloadsFolderOfTheRepository) {
+    profile.webDeploy.websiteRepoPath = (dir / "site").string();
+    profile.webDeploy.siteURL = "https://acme.test";
+    profile.webDeploy.downloadsRelativePath = "files/";
+    std::filesystem::create_directories(dir / "site");
+    const auto plan = ReleasePublishingPlan::resolve(profile);
+    ASSERT_TRUE(plan);
+    EXPECT_EQ(plan->websiteRepoURL, dir / "site");
+    EXPECT_EQ(plan->appcastURL, dir / "site" / "files" / "appcast.xml");
+    EXPECT_EQ(plan->publicAppcastURL, "https://acme.test/files/appcast.xml");
+}
+
+} // namespace
+} // namespace veltra

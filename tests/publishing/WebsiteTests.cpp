@@ -1,0 +1,494 @@
+// The website repository, the deploy and the live check, on real git (a bare origin, clones
+// that push in between, hooks that refuse) and a real HTTP server on 127.0.0.1 that serves what
+// was pushed, as a hosting service would.
+
+#include "GitFixture.h"
+#include "TestHttpServer.h"
+#include "core/feed/AppcastDocument.h"
+#include "core/publishing/DownloadPageTemplate.h"
+#include "core/publishing/WebDeployer.h"
+#include "core/support/FileUtilities.h"
+#include "core/support/VeltraError.h"
+
+#include <fstream>
+#include <mutex>
+
+#include <gtest/gtest.h>
+
+namespace veltra {
+namespace {
+
+namespace fs = std::filesystem;
+using Lines = std::vector<std::string>;
+using testing::git;
+using testing::TestHttpServer;
+
+// Serves a folder over HTTP: GET and HEAD with Content-Length, 404 for anything missing.
+TestHttpServer::Response serveFile(const fs::path& root, const TestHttpServer::Request& request) {
+    auto target = request.target.substr(0, request.target.find('?'));
+    std::string decoded;
+    for (std::size_t i = 0; i < target.size(); ++i) {
+        if (target[i] == '%' && i + 2 < target.size()) {
+            decoded += static_cast<char>(std::stoi(target.substr(i + 1, 2), nullptr, 16));
+            i += 2;
+        } else {
+            decoded += target[i];
+        }
+    }
+    const auto file = root / decoded.substr(1);
+    if (decoded.find("..") != std::string::npos || !fs::is_regular_file(file)) {
+        return {404, {}, "not found"};
+    }
+    return {200, {}, readFile(file)};
+}
+
+class Website : public ::testing::Test {
+protected:
+    Website() {
+        config.websiteRepoPath = repo.site.string();
+        config.gitCommitAndPush = true;
+        config.siteURL = server.url("/");
+        testing::writeFile(dmg, std::string(5000, 'd'));
+        // origin publishes what is pushed to main, as a hosting service does.
+        fs::create_directories(served);
+        testing::writeScript(repo.origin / "hooks" / "post-receive",
+                             "while read old new ref; do\n"
+                             "  [ \"$ref\" = refs/heads/main ] && git --work-tree='" +
+                                 served.string() +
+                                 "' checkout -f main -- . >/dev/null 2>&1\n"
+                                 "done\nexit 0");
+        profile.webDeploy = config;
+    }
+
+    ResolvedDeliveryConfig delivery() {
+        profile.webDeploy = config;
+        auto plan = ReleasePublishingPlan::publicAddresses(profile);
+        plan.websiteRepoURL = expandTilde(config.websiteRepoPath);
+        plan.appcastURL = plan.websiteRepoURL / "downloads" / "appcast.xml";
+        return plan;
+    }
+
+    // The feed the Sparkle step writes before the deploy.
+    void writeFeed(const std::string& signature, const std::string& version = "1.2.3",
+                   const std::string& build = "42") {
+        const auto plan = delivery();
+        fs::create_directories(plan.appcastURL.parent_path());
+        auto text = appcast::stubFeed("Acme", config.siteURL);
+        AppcastRelease item{version, build,  plan.downloadURL("Acme.dmg"), signature,
+                            "5000",  "13.0", plan.releaseNotesURL("Acme")};
+        text = *appcast::insertItem(text, appcast::itemText(item, appcast::rfc822Date(0)));
+        writeFileAtomically(plan.appcastURL, text);
+    }
+
+    WebDeployRelease release() const {
+        return {dmg,     "Acme", "1.2.3", "42", "# What's New\n", std::string("\x89PNG icon"),
+                "SIG==", 5000};
+    }
+
+    WebsitePublication deploy() {
+        log.clear();
+        return WebDeployer().deploy(config, delivery(), release(), [this](const std::string& line) {
+            const std::lock_guard guard(lock);
+            log.push_back(line);
+        });
+    }
+
+    VeltraError deployFailure() {
+        try {
+            deploy();
+        } catch (const VeltraError& error) {
+            return error;
+        }
+        ADD_FAILURE() << "deployed";
+        return VeltraError("", 0, "");
+    }
+
+    std::string originLog() { return git(repo.origin, {"log", "--format=%s", "main"}); }
+
+    testing::WebsiteRepository repo;
+    fs::path served = repo.dir / "served";
+    TestHttpServer server{
+        [this](const TestHttpServer::Request& r) { return serveFile(served, r); }};
+    fs::path dmg = repo.dir / "Acme-1.2.3.dmg";
+    WebDeployConfig config;
+    ProjectProfile profile = ProjectProfile::create("Acme", "com.example.acme");
+    std::mutex lock;
+    Lines log;
+};
+
+TEST_F(Website, InspectorNamesWhatBlocksACommit) {
+    const WebsiteRepositoryInspector inspector;
+    auto status = inspector.inspect(repo.site, "main");
+    EXPECT_EQ(status.blocker, std::nullopt);
+    EXPECT_EQ(status.branch, "main");
+    EXPECT_EQ(status.originURL, repo.origin.string());
+
+    const auto where = repo.site.string();
+    EXPECT_EQ(inspector.inspect(repo.dir / "nowhere", "main").blocker,
+              "The website repository folder " + (repo.dir / "nowhere").string() +
+                  " does not exist. Clone your website's repository there, or choose its folder "
+                  "in the profile.");
+    fs::create_directories(repo.dir / "plain");
+    EXPECT_EQ(inspector.inspect(repo.dir / "plain", "main").blocker,
+              "The website folder " + (repo.dir / "plain").string() +
+                  " is not a git repository. Choose the folder of your website's repository, or "
+                  "run 'git init' there and add an origin remote.");
+    fs::create_directories(repo.site / "downloads");
+    EXPECT_EQ(inspector.inspect(repo.site / "downloads", "main").blocker,
+              "The website folder " + (repo.site / "downloads").string() +
+                  " is inside the git repository at " + where +
+                  ", not its root. Choose the repository's root folder in the profile.");
+    EXPECT_EQ(inspector.inspect(repo.site, "gh-pages").blocker,
+              "The website repository at " + where +
+                  " is on branch 'main', not the publishing branch 'gh-pages'. Switch with 'git "
+                  "switch gh-pages', or set the publishing branch in the profile.");
+
+    git(repo.site, {"checkout", "--quiet", "--detach"});
+    EXPECT_EQ(inspector.inspect(repo.site, "main").blocker,
+              "The website repository at " + where +
+                  " has no branch checked out (detached HEAD). Switch to the publishing branch "
+                  "with 'git switch main', then release again.");
+    git(repo.site, {"checkout", "--quiet", "main"});
+
+    // A merge that stopped on a conflict.
+    git(repo.site, {"checkout", "--quiet", "-b", "other"});
+    repo.commit("index.html", "<html>other</html>");
+    git(repo.site, {"checkout", "--quiet", "main"});
+    repo.commit("index.html", "<html>main</html>");
+    ProcessRunner().run(ProcessRequest{.command = "git",
+                                       .arguments = {"merge", "other"},
+                                       .currentDirectory = repo.site,
+                                       .environment = {{"GIT_AUTHOR_NAME", "J"},
+                                                       {"GIT_AUTHOR_EMAIL", "j@x"},
+                                                       {"GIT_COMMITTER_NAME", "J"},
+                                                       {"GIT_COMMITTER_EMAIL", "j@x"}}});
+    EXPECT_EQ(inspector.inspect(repo.site, "main").blocker,
+              "The website repository at " + where +
+                  " has a merge in progress. Finish it with 'git merge --continue' or undo it "
+                  "with 'git merge --abort', then release again.");
+    git(repo.site, {"merge", "--abort"});
+
+    // The same conflict as a rebase.
+    ProcessRunner().run(ProcessRequest{
+        .command = "git",
+        .arguments = {"rebase", "other"},
+        .currentDirectory = repo.site,
+        .environment = {{"GIT_COMMITTER_NAME", "J"}, {"GIT_COMMITTER_EMAIL", "j@x"}}});
+    EXPECT_EQ(inspector.inspect(repo.site, "main").blocker,
+              "The website repository at " + where +
+                  " has a rebase in progress. Finish it with 'git rebase --continue' or undo it "
+                  "with 'git rebase --abort', then release again.");
+    git(repo.site, {"rebase", "--abort"});
+
+    git(repo.site, {"remote", "remove", "origin"});
+    EXPECT_EQ(inspector.inspect(repo.site, "main").blocker,
+              "The website repository at " + where +
+                  " has no origin remote. Add the address your hosting service publishes from "
+                  "with 'git remote add origin <URL>'.");
+}
+
+TEST_F(Website, DeployCommitsExactlyTheReleaseFilesPushesAndGoesLive) {
+    testing::writeFile(repo.site / "index.html",
+                       DownloadPageTemplate::render("Acme", "downloads", "41"));
+    git(repo.site, {"add", "index.html"});
+    git(repo.site, {"commit", "--quiet", "-m", "Page"});
+    // Something of the developer's own, staged but not part of the release.
+    testing::writeFile(repo.site / "draft.html", "draft");
+    git(repo.site, {"add", "draft.html"});
+    writeFeed("SIG==");
+
+    const auto publication = deploy();
+    const auto downloads = repo.site / "downloads";
+    EXPECT_EQ(log, (Lines{
+                       "Deploying Acme release to website repo: " + repo.site.string(),
+                       "Success: Copied Acme-1.2.3.dmg to downloads/Acme.dmg",
+                       "Success: Wrote release notes to downloads/Acme.md",
+                       "Success: Exported app icon to downloads/icon.png",
+                       "Success: Updated download cache-buster links in index.html",
+                       "Deploying to remote repository (origin/main)...",
+                       "   To " + repo.origin.string(),
+                       "   " + log[7].substr(3), // the ref update line
+                       "Success: Release pushed to origin/main; waiting for the live appcast...",
+                       "Release uploaded; publication unconfirmed until the live feed and "
+                       "download match.",
+                   }));
+    EXPECT_TRUE(log[7].ends_with("main -> main")) << log[7];
+    EXPECT_EQ(readFile(downloads / "Acme.dmg"), std::string(5000, 'd'));
+    EXPECT_EQ(readFile(downloads / "Acme.md"), "# What's New\n");
+    EXPECT_NE(readFile(repo.site / "index.html").find("downloads/Acme.dmg?v=42\""),
+              std::string::npos);
+
+    EXPECT_EQ(originLog(), "Release Acme v1.2.3 (build 42) DMG & update feed\nPage\nUpdate "
+                           "index.html\n");
+    EXPECT_EQ(git(repo.site, {"show", "--name-only", "--format=", "HEAD"}),
+              "downloads/Acme.dmg\ndownloads/Acme.md\ndownloads/appcast.xml\ndownloads/"
+              "icon.png\nindex.html\n");
+    EXPECT_EQ(git(repo.site, {"diff", "--cached", "--name-only"}), "draft.html\n");
+
+    EXPECT_EQ(publication.state, WebsitePublicationState::pending);
+    EXPECT_EQ(publication.feedURL, server.url("/downloads/appcast.xml"));
+    EXPECT_EQ(publication.downloadURL, server.url("/downloads/Acme.dmg"));
+    EXPECT_EQ(publication.expectedSignature, "SIG==");
+    EXPECT_EQ(publication.expectedSize, 5000);
+    EXPECT_FALSE(publication.lastCheckedAt);
+    EXPECT_TRUE(WebDeployer().verifyLiveSite(publication, "1.2.3", "42"));
+    EXPECT_FALSE(WebDeployer().verifyLiveSite(publication, "1.2.3", "43"));
+
+    // The same release again: nothing to commit, still pushed, still a success.
+    deploy();
+    EXPECT_EQ(originLog().substr(0, originLog().find('\n')),
+              "Release Acme v1.2.3 (build 42) DMG & update feed");
+    EXPECT_NE(std::find(log.begin(), log.end(),
+                        "Success: Release pushed to origin/main; waiting for the live appcast..."),
+              log.end());
+}
+
+TEST_F(Website, PushLandsOnTopOfWorkPushedInBetween) {
+    writeFeed("SIG==");
+    // Someone else pushes to origin after our clone last fetched.
+    const auto other = repo.dir / "other";
+    git(repo.dir.path(), {"clone", "--quiet", repo.origin.string(), other.string()});
+    testing::writeFile(other / "about.html", "about");
+    git(other, {"add", "about.html"});
+    git(other, {"commit", "--quiet", "-m", "About page"});
+    git(other, {"push", "--quiet", "origin", "main"});
+
+    config.gitBranch = "";
+    deploy();
+    EXPECT_EQ(originLog(), "Release Acme v1.2.3 (build 42) DMG & update feed\nAbout page\nUpdate "
+                           "index.html\n");
+    EXPECT_EQ(log[log.size() - 2],
+              "Success: Release pushed to origin/main; waiting for the live appcast...");
+}
+
+TEST_F(Website, GitFailuresKeepGitsWordsAndRecogniseCredentials) {
+    writeFeed("SIG==");
+    testing::writeScript(repo.origin / "hooks" / "pre-receive",
+                         "echo 'Pushes are frozen for the launch.' >&2\nexit 1");
+    auto error = deployFailure();
+    EXPECT_EQ(error.code(), 1);
+    EXPECT_TRUE(error.message().starts_with(
+        "Could not publish release to origin/main: remote: Pushes are frozen for the launch."))
+        << error.message();
+    EXPECT_NE(error.message().find("[remote rejected] main -> main (pre-receive hook declined)"),
+              std::string::npos);
+    fs::remove(repo.origin / "hooks" / "pre-receive");
+
+    // An HTTPS origin that wants a password nobody can type.
+    TestHttpServer locked([](const TestHttpServer::Request&) {
+        return TestHttpServer::Response{401, {{"WWW-Authenticate", "Basic realm=\"git\""}}, ""};
+    });
+    git(repo.site, {"remote", "set-url", "origin", locked.url("/acme.git")});
+    error = deployFailure();
+    EXPECT_EQ(error.code(), 128);
+    EXPECT_TRUE(error.message().starts_with(
+        "Could not publish release to origin/main: GitHub Authentication Failed: Password "
+        "authentication is not supported by GitHub. Run 'gh auth setup-git' or 'gh auth login' "
+        "in Terminal to authorize Git pushes.\nDiagnostic: fatal: could not read Username for "))
+        << error.message();
+    EXPECT_TRUE(error.message().ends_with("terminal prompts disabled")) << error.message();
+}
+
+TEST_F(Website, RepositoryMissingClonedOrRefused) {
+    config.websiteRepoPath = (repo.dir / "fresh").string();
+    try {
+        deploy();
+        FAIL();
+    } catch (const VeltraError& error) {
+        EXPECT_EQ(error.code(), 404);
+        EXPECT_EQ(error.message(), "Website repo not found at " + (repo.dir / "fresh").string() +
+                                       " and no remote URL provided.");
+    }
+    config.websiteRepoRemoteURL = (repo.dir / "no-such-origin.git").string();
+    EXPECT_EQ(deployFailure().message(), "Website repo not found at " +
+                                             (repo.dir / "fresh").string() +
+                                             " and cloning failed.");
+    config.websiteRepoRemoteURL = repo.origin.string();
+    config.gitCommitAndPush = false;
+    deploy();
+    EXPECT_EQ(Lines(log.begin(), log.begin() + 2),
+              (Lines{"Website repo not found \xE2\x80\x93 attempting to clone from " +
+                         repo.origin.string() + "...",
+                     "Success: Cloned website repo successfully."}));
+    EXPECT_TRUE(fs::exists(repo.dir / "fresh" / "downloads" / "Acme.dmg"));
+}
+
+TEST_F(Website, WithoutCommitAndPushNothingLeavesTheMachine) {
+    writeFeed("SIG==");
+    config.gitCommitAndPush = false;
+    config.deployHookURL = server.url("/hook");
+    const auto before = originLog();
+    deploy();
+    EXPECT_EQ(originLog(), before);
+    EXPECT_EQ(git(repo.site, {"status", "--porcelain"}), "?? downloads/\n");
+    for (const auto& request : server.requests()) {
+        EXPECT_NE(request.target, "/hook");
+    }
+    EXPECT_EQ(log.back(),
+              "Release uploaded; publication unconfirmed until the live feed and download match.");
+}
+
+TEST_F(Website, UnsafeAppNamesAreRefusedBeforeAnythingIsWritten) {
+    for (const std::string& name :
+         std::vector<std::string>{"../Acme", "a/b", ".hidden", std::string("A\0B", 3), ""}) {
+        SCOPED_TRACE(name);
+        auto bad = release();
+        bad.appName = name;
+        try {
+            WebDeployer().deploy(config, delivery(), bad);
+            FAIL();
+        } catch (const VeltraError& error) {
+            EXPECT_EQ(error.code(), 400);
+            EXPECT_NE(error.message().find("cannot name files in the website's downloads folder"),
+                      std::string::npos);
+        }
+    }
+    EXPECT_FALSE(fs::exists(repo.site / "downloads"));
+}
+
+TEST_F(Website, WebhookNeverFailsTheDeploy) {
+    writeFeed("SIG==");
+    std::atomic<int> status = 200;
+    std::atomic<int> delay = 0;
+    TestHttpServer hook([&](const TestHttpServer::Request& request) {
+        EXPECT_EQ(request.method, "POST");
+        return TestHttpServer::Response{
+            status.load(), {}, "", std::chrono::milliseconds(delay.load())};
+    });
+    config.deployHookURL = hook.url("/build");
+    deploy();
+    EXPECT_EQ(log[log.size() - 3], "Triggering deploy webhook...");
+    EXPECT_EQ(log[log.size() - 2], "Success: Deploy webhook acknowledged (HTTP 200).");
+
+    status = 404;
+    deploy();
+    EXPECT_EQ(log[log.size() - 2], "Info: Deploy webhook dispatched.");
+
+    // A hook that never answers is given up on after ten seconds.
+    status = 200;
+    delay = 60000;
+    const auto started = std::chrono::steady_clock::now();
+    deploy();
+    EXPECT_EQ(log[log.size() - 2], "Info: Deploy webhook dispatched.");
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(50));
+    delay = 0;
+
+    std::string closed;
+    {
+        TestHttpServer gone(
+            [](const TestHttpServer::Request&) { return TestHttpServer::Response{}; });
+        closed = gone.url("/build");
+    }
+    config.deployHookURL = closed;
+    deploy();
+    EXPECT_EQ(log[log.size() - 2], "Info: Deploy webhook dispatched.");
+
+    config.deployHookURL = "";
+    deploy();
+    EXPECT_EQ(std::count(log.begin(), log.end(), "Triggering deploy webhook..."), 0);
+}
+
+TEST_F(Website, LiveCheckWantsTheWholeReleaseOnTheSite) {
+    const auto delivered = delivery();
+    WebsitePublication publication;
+    publication.feedURL = delivered.publicAppcastURL;
+    publication.downloadURL = delivered.downloadURL("Acme.dmg");
+    publication.expectedSignature = "SIG==";
+    publication.expectedSize = 5000;
+    const auto publish = [&](const std::string& signature, std::size_t size) {
+        fs::create_directories(served / "downloads");
+        writeFeed(signature);
+        fs::copy_file(delivered.appcastURL, served / "downloads" / "appcast.xml",
+                      fs::copy_options::overwrite_existing);
+        testing::writeFile(served / "downloads" / "Acme.dmg", std::string(size, 'd'));
+    };
+    const WebDeployer deployer;
+    publish("SIG==", 5000);
+    EXPECT_TRUE(deployer.verifyLiveSite(publication, "1.2.3", "42"));
+    publish("OLD==", 5000);
+    EXPECT_FALSE(deployer.verifyLiveSite(publication, "1.2.3", "42")) << "an old signature";
+    publish("SIG==", 4999);
+    EXPECT_FALSE(deployer.verifyLiveSite(publication, "1.2.3", "42")) << "a byte short";
+
+    // A server that gives no length to HEAD: the ranged GET decides, by counting.
+    std::atomic<int> answer = 200;
+    TestHttpServer quirky([&](const TestHttpServer::Request& request) {
+        auto response = serveFile(served, request);
+        if (request.target.ends_with(".dmg")) {
+            response.status = answer.load();
+            response.omitContentLength = true;
+            EXPECT_EQ(request.method == "GET" ? request.headers.at("range") : "bytes=0-",
+                      "bytes=0-");
+        }
+        return response;
+    });
+    publish("SIG==", 5000);
+    publication.downloadURL = quirky.url("/downloads/Acme.dmg");
+    writeFeed("SIG==");
+    auto text = readFile(delivered.appcastURL);
+    text.replace(text.find(delivered.downloadURL("Acme.dmg")),
+                 delivered.downloadURL("Acme.dmg").size(), publication.downloadURL);
+    testing::writeFile(served / "downloads" / "appcast.xml", text);
+    EXPECT_TRUE(deployer.verifyLiveSite(publication, "1.2.3", "42"));
+    for (const int status : {304, 302, 500}) {
+        SCOPED_TRACE(status);
+        answer = status;
+        EXPECT_FALSE(deployer.verifyLiveSite(publication, "1.2.3", "42"));
+    }
+    publication.feedURL = server.url("/missing/appcast.xml");
+    answer = 200;
+    EXPECT_FALSE(deployer.verifyLiveSite(publication, "1.2.3", "42"));
+}
+
+} // namespace
+} // namespace veltra
+
+namespace veltra {
+namespace {
+
+TEST(DownloadPage, UpgradedWhenGeneratedWithoutIconAndLinksStamped) {
+    const auto page = DownloadPageTemplate::render("Acme Pro", "downloads", "7");
+    EXPECT_FALSE(DownloadPageTemplate::needsUpgrade(page));
+    EXPECT_NE(page.find("href=\"downloads/Acme%20Pro.dmg?v=7\""), std::string::npos);
+    EXPECT_NE(page.find("src=\"downloads/icon.png\""), std::string::npos);
+
+    auto old = page;
+    old.erase(old.find(DownloadPageTemplate::iconMarker), DownloadPageTemplate::iconMarker.size());
+    EXPECT_TRUE(DownloadPageTemplate::needsUpgrade(old));
+    EXPECT_FALSE(DownloadPageTemplate::needsUpgrade("<html>my own page</html>"));
+
+    EXPECT_EQ(DownloadPageTemplate::withCacheBuster(page, "Acme Pro", "8"),
+              DownloadPageTemplate::render("Acme Pro", "downloads", "8"));
+    // Only that app's links, either spelling, and no regular-expression surprises in names.
+    EXPECT_EQ(
+        DownloadPageTemplate::withCacheBuster(
+            "a C++ Tool.dmg?v=1 b C%2B%2B%20Tool.dmg?v=22 c CxxTool.dmg?v=3", "C++ Tool", "$1"),
+        "a C++ Tool.dmg?v=$1 b C%2B%2B%20Tool.dmg?v=$1 c CxxTool.dmg?v=3");
+    EXPECT_EQ(DownloadPageTemplate::withCacheBuster("<a href=x.dmg>", "Acme", "9"),
+              "<a href=x.dmg>");
+    EXPECT_EQ(DownloadPageTemplate::escapeHTML("<a \"b\" & 'c'>"),
+              "&lt;a &quot;b&quot; &amp; &#39;c&#39;&gt;");
+}
+
+TEST_F(Website, GeneratedPageIsUpgradedOwnPageWithoutLinksIsLeftAlone) {
+    writeFeed("SIG==");
+    auto old = DownloadPageTemplate::render("Acme", "downloads", "41");
+    old.erase(old.find(DownloadPageTemplate::iconMarker), DownloadPageTemplate::iconMarker.size());
+    testing::writeFile(repo.site / "index.html", old);
+    config.gitCommitAndPush = false;
+    deploy();
+    EXPECT_EQ(log[4], "Success: Upgraded the generated download page with app and Veltra icons");
+    EXPECT_EQ(readFile(repo.site / "index.html"),
+              DownloadPageTemplate::render("Acme", "downloads", "42"));
+
+    testing::writeFile(repo.site / "index.html", "<html>my own page</html>");
+    deploy();
+    EXPECT_EQ(readFile(repo.site / "index.html"), "<html>my own page</html>");
+    for (const auto& line : log) {
+        EXPECT_FALSE(line.starts_with("Success: Updated download cache-buster")) << line;
+        EXPECT_FALSE(line.starts_with("Success: Upgraded")) << line;
+    }
+}
+
+} // namespace
+} // namespace veltra
