@@ -492,3 +492,171 @@ TEST_F(Website, GeneratedPageIsUpgradedOwnPageWithoutLinksIsLeftAlone) {
 
 } // namespace
 } // namespace veltra
+
+#include "core/profile/ProfileStore.h"
+#include "core/publishing/WebsitePublicationWatcher.h"
+#include "core/support/EventLoop.h"
+
+#include <any>
+#include <condition_variable>
+#include <thread>
+
+namespace veltra {
+namespace {
+
+TEST(ReleaseNotificationEvent, IdentifierNamesProfileReleaseAndOutcome) {
+    const auto id = *Uuid::parse("6F9619FF-8B86-D011-B42D-00CF4FC964FF");
+    ReleaseNotificationEvent event{id, "r-1", "Acme", "",
+                                   ReleaseNotificationEvent::Outcome::needsAttention};
+    EXPECT_EQ(event.identifier(), "6F9619FF-8B86-D011-B42D-00CF4FC964FF-r-1-needsAttention");
+    EXPECT_EQ(rawValue(ReleaseNotificationEvent::Outcome::failed), "failed");
+    EXPECT_EQ(releaseNotificationOutcome("live"), ReleaseNotificationEvent::Outcome::live);
+    EXPECT_EQ(releaseNotificationOutcome("Live"), std::nullopt);
+}
+
+TEST(WebsitePublicationProbe, AFourthCheckWaitsForASlot) {
+    std::mutex lock;
+    std::condition_variable changed;
+    int running = 0;
+    bool open = false;
+    WebsitePublicationProbe probe([&](const WebsitePublicationCheck&, std::stop_token) {
+        std::unique_lock guard(lock);
+        ++running;
+        changed.notify_all();
+        changed.wait(guard, [&] { return open; });
+        return true;
+    });
+    std::vector<std::jthread> checks;
+    std::atomic<int> done = 0;
+    for (int i = 0; i < 4; ++i) {
+        checks.emplace_back([&] {
+            EXPECT_TRUE(probe.check({}, std::chrono::milliseconds(5)));
+            ++done;
+        });
+    }
+    {
+        std::unique_lock guard(lock);
+        ASSERT_TRUE(
+            changed.wait_for(guard, std::chrono::seconds(60), [&] { return running == 3; }));
+    }
+    // The fourth keeps waiting while the three hold their slots.
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(probe.active(), 3);
+    {
+        const std::lock_guard guard(lock);
+        EXPECT_EQ(running, 3);
+        open = true;
+    }
+    changed.notify_all();
+    checks.clear();
+    EXPECT_EQ(done, 4);
+    EXPECT_EQ(probe.active(), 0);
+
+    // A caller that gives up while waiting gets no success and takes no slot.
+    open = false;
+    running = 0;
+    std::vector<std::jthread> holders;
+    for (int i = 0; i < 3; ++i) {
+        holders.emplace_back([&] { probe.check({}, std::chrono::milliseconds(5)); });
+    }
+    {
+        std::unique_lock guard(lock);
+        ASSERT_TRUE(
+            changed.wait_for(guard, std::chrono::seconds(60), [&] { return running == 3; }));
+    }
+    std::stop_source stop;
+    std::jthread waiter(
+        [&] { EXPECT_FALSE(probe.check({}, std::chrono::milliseconds(5), stop.get_token())); });
+    stop.request_stop();
+    waiter.join();
+    {
+        const std::lock_guard guard(lock);
+        open = true;
+    }
+    changed.notify_all();
+}
+
+class WebsiteWatch : public Website {
+protected:
+    WebsiteWatch() {
+        auto p = profile;
+        p.appName = "Acme";
+        p.webDeploy = config;
+        store.add(p);
+        profileID = p.id;
+    }
+
+    // Deploys and records the release with its pending publication, as the pipeline does.
+    void release() {
+        writeFeed("SIG==");
+        ReleaseManifest manifest;
+        manifest.appName = "Acme";
+        manifest.version = "1.2.3";
+        manifest.buildNumber = "42";
+        manifest.monitoringReleaseID = "release-42";
+        manifest.websitePublication = deploy();
+        ASSERT_TRUE(store.recordRelease(manifest, profileID));
+    }
+
+    WebsitePublicationState state() {
+        return store.find(profileID)->recentReleases->front().websitePublication->state;
+    }
+
+    EventLoop loop;
+    NotificationCenter notifications{loop};
+    ProfileStore store{loop, notifications, "/dev/null"};
+    Uuid profileID;
+    std::vector<ReleaseNotificationEvent> events;
+    NotificationCenter::Registration observer = notifications.addObserver(
+        std::string(ReleaseNotificationEvent::notificationName), [this](const Notification& n) {
+            events.push_back(std::any_cast<ReleaseNotificationEvent>(n.payload));
+        });
+};
+
+TEST_F(WebsiteWatch, PendingReleaseGoesLiveOnceTheSiteServesIt) {
+    // The hosting service publishes a little after the push.
+    testing::writeScript(repo.origin / "hooks" / "post-receive",
+                         "( sleep 1; git --work-tree='" + served.string() +
+                             "' checkout -f main -- . ) >/dev/null 2>&1 &\nexit 0");
+    release();
+    WebsitePublicationWatcher watcher(
+        loop, store, notifications, WebsitePublicationProbe::shared(),
+        {std::chrono::milliseconds(100), std::chrono::minutes(5), std::chrono::milliseconds(10)});
+    std::vector<WebsitePublicationState> checks;
+    watcher.onCheck = [&](const std::string&, WebsitePublicationState s) { checks.push_back(s); };
+    ASSERT_TRUE(watcher.watch(profileID, "release-42"));
+    EXPECT_TRUE(store.activeCheckingReleaseIDs().contains("release-42"));
+    ASSERT_TRUE(loop.runUntil([&] { return watcher.running() == 0; }, std::chrono::seconds(120)));
+    EXPECT_EQ(state(), WebsitePublicationState::live);
+    EXPECT_EQ(checks.back(), WebsitePublicationState::live);
+    EXPECT_TRUE(store.find(profileID)->recentReleases->front().websitePublication->lastCheckedAt);
+    EXPECT_FALSE(store.activeCheckingReleaseIDs().contains("release-42"));
+    loop.runUntil([&] { return !events.empty(); }, std::chrono::seconds(60));
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].outcome, ReleaseNotificationEvent::Outcome::live);
+    EXPECT_EQ(events[0].releaseID, "release-42");
+    EXPECT_EQ(events[0].version, "1.2.3");
+    EXPECT_FALSE(watcher.watch(profileID, "no-such-release"));
+}
+
+TEST_F(WebsiteWatch, ASiteThatKeepsServingTheOldFeedNeedsAttention) {
+    fs::remove(repo.origin / "hooks" / "post-receive");
+    // What the site serves: the previous release.
+    fs::create_directories(served / "downloads");
+    writeFeed("OLD==", "1.2.2", "41");
+    fs::copy_file(delivery().appcastURL, served / "downloads" / "appcast.xml");
+    release();
+    WebsitePublicationWatcher watcher(loop, store, notifications, WebsitePublicationProbe::shared(),
+                                      {std::chrono::milliseconds(50),
+                                       std::chrono::milliseconds(300),
+                                       std::chrono::milliseconds(10)});
+    ASSERT_TRUE(watcher.watch(profileID, "release-42"));
+    ASSERT_TRUE(loop.runUntil([&] { return watcher.running() == 0; }, std::chrono::seconds(120)));
+    EXPECT_EQ(state(), WebsitePublicationState::needsAttention);
+    loop.runUntil([&] { return !events.empty(); }, std::chrono::seconds(60));
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].outcome, ReleaseNotificationEvent::Outcome::needsAttention);
+}
+
+} // namespace
+} // namespace veltra
