@@ -225,11 +225,11 @@ AliasRecord AliasRecord::file(const FileOnVolume& target) {
 
     AliasRecord record;
     record.volumeName = target.volumeName;
-    record.volumeCreated = hfsTime(target.volumeCreated, target.utcOffset);
+    record.volumeCreated = hfsTime(target.volumeCreated, target.volumeUTCOffset);
     record.parentID = target.parentID;
     record.fileName = name;
     record.fileID = target.fileID;
-    record.fileCreated = hfsTime(target.fileCreated, target.utcOffset);
+    record.fileCreated = hfsTime(target.fileCreated, target.fileUTCOffset);
 
     std::string carbon = macRoman(target.volumeName, 27);
     for (std::size_t at = 1; at < folderPath.size();) {

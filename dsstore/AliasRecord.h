@@ -65,7 +65,10 @@ struct AliasRecord {
         std::int64_t volumeCreated = 0;
         std::string path;
         std::int64_t fileCreated = 0;
-        std::int32_t utcOffset = 0;          // seconds east of UTC, for the HFS-style local times
+        // Seconds east of UTC at each time, for the HFS-style local times (they differ across a
+        // daylight-saving change).
+        std::int32_t volumeUTCOffset = 0;
+        std::int32_t fileUTCOffset = 0;
         std::uint32_t parentID = 0xFFFFFFFF; // unknown IDs make Finder resolve by path
         std::uint32_t fileID = 0xFFFFFFFF;
     };

@@ -161,7 +161,8 @@ DSStoreWriter::layout(const std::filesystem::path& volume, const DMGDesignConfig
         target.volumeCreated = created;
         target.path = path;
         target.fileCreated = pictureTimes.created;
-        target.utcOffset = utcOffsetAt(created);
+        target.volumeUTCOffset = utcOffsetAt(created);
+        target.fileUTCOffset = utcOffsetAt(pictureTimes.created);
         target.parentID = catalogID(timesOf(picture.parent_path()).id);
         target.fileID = catalogID(pictureTimes.id);
         icons.setBackground(

@@ -82,8 +82,10 @@ TEST(AliasRecord, BuiltAliasMatchesFindersFieldByField) {
         target.volumeName = *finder.text(Tag::unicodeVolumeName);
         target.volumeCreated = fixedSeconds(*volumeUTC);
         target.fileCreated = fixedSeconds(*fileUTC);
-        target.utcOffset = static_cast<std::int32_t>(
+        target.volumeUTCOffset = static_cast<std::int32_t>(
             static_cast<std::int64_t>(finder.volumeCreated) - hfsEpoch - target.volumeCreated);
+        target.fileUTCOffset = static_cast<std::int32_t>(
+            static_cast<std::int64_t>(finder.fileCreated) - hfsEpoch - target.fileCreated);
         target.path = *finder.text(Tag::posixPath);
         target.parentID = finder.parentID;
         target.fileID = finder.fileID;
