@@ -33,6 +33,7 @@ int runCommandLine(const std::vector<std::string>& arguments, CliContext& contex
     addSigningCommands(app, context);
     addDMGCommands(app, context);
     addPublishingCommands(app, context);
+    addWebsiteCommands(app, context);
     addPlannedCommands(app, context);
 
     // CLI11 wants the arguments in reverse order, program name excluded.

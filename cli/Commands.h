@@ -24,5 +24,6 @@ void addXcodeCommands(CLI::App& app, CliContext& context);
 void addSigningCommands(CLI::App& app, CliContext& context);
 void addDMGCommands(CLI::App& app, CliContext& context);
 void addPublishingCommands(CLI::App& app, CliContext& context);
+void addWebsiteCommands(CLI::App& app, CliContext& context);
 
 } // namespace veltra::cli

@@ -34,6 +34,8 @@ public:
     }
 
     ProfileStore& store() { return store_; }
+    EventLoop& loop() { return loop_; }
+    NotificationCenter& notifications() { return notifications_; }
 
     // The profile with this ID or this name; throws a message naming what to do otherwise.
     const ProjectProfile& find(const std::string& nameOrID) {

@@ -16,7 +16,6 @@ void addPlannedCommands(CLI::App& app, CliContext& /*context*/) {
     };
     static constexpr std::array planned{
         Planned{"release", "Run the whole release pipeline for a profile"},
-        Planned{"website", "Check that the website serves a release"},
     };
     for (const auto& group : planned) {
         auto* command = app.add_subcommand(group.name, group.description);

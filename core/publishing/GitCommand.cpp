@@ -17,6 +17,16 @@ ProcessResult GitCommand::run(const ProcessRunner& runner, const std::filesystem
                       stop);
 }
 
+std::vector<std::string> GitCommand::identityFallback(const ProcessRunner& runner,
+                                                      const std::filesystem::path& repository,
+                                                      std::stop_token stop) {
+    const auto email = run(runner, repository, {"config", "user.email"}, stop, 30);
+    if (!trimWhitespace(email.output).empty()) {
+        return {};
+    }
+    return {"-c", "user.name=Veltra", "-c", "user.email=veltra@localhost"};
+}
+
 bool GitCommand::isCredentialsProblem(std::string_view output) {
     const auto lower = asciiLowercase(output);
     for (const std::string_view sign :

@@ -27,6 +27,12 @@ public:
     // output, with the way out when the output shows a credentials problem.
     static VeltraError failure(const std::string& base, const ProcessResult& result);
     static bool isCredentialsProblem(std::string_view output);
+
+    // Arguments that go before a commit's own when the repository has no author identity
+    // (a fresh machine): git would refuse the commit otherwise. Empty when one is set.
+    static std::vector<std::string> identityFallback(const ProcessRunner& runner,
+                                                     const std::filesystem::path& repository,
+                                                     std::stop_token stop = {});
 };
 
 } // namespace veltra

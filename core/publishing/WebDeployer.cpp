@@ -135,8 +135,10 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
             throw VeltraError("Veltra", 409, *status.blocker);
         }
         std::vector<std::string> paths{downloadsPath + "/" + dmgName,
-                                       downloadsPath + "/" + notesName,
-                                       downloadsPath + "/appcast.xml"};
+                                       downloadsPath + "/" + notesName};
+        if (std::filesystem::exists(downloads / "appcast.xml", error)) {
+            paths.push_back(downloadsPath + "/appcast.xml");
+        }
         if (release.iconPNG) {
             paths.push_back(downloadsPath + "/icon.png");
         }
@@ -153,6 +155,8 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
                                             " (build " + release.build + ") DMG & update feed",
                                         "--"};
         commit.insert(commit.end(), paths.begin(), paths.end());
+        const auto identity = GitCommand::identityFallback(runner, repository, stop);
+        commit.insert(commit.begin(), identity.begin(), identity.end());
         // With untracked files about, git words an empty commit "nothing added to commit".
         if (const auto committed = git(commit);
             committed.exitCode != 0 && !contains(combinedOutput(committed), "nothing to commit") &&

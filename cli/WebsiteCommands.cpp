@@ -1,0 +1,260 @@
+#include "Commands.h"
+#include "JsonOutput.h"
+#include "LinePrinter.h"
+#include "OpenStore.h"
+#include "core/feed/SparkleFeedParser.h"
+#include "core/publishing/ReleasePublishingPlan.h"
+#include "core/publishing/WebDeployer.h"
+#include "core/publishing/WebsiteCreator.h"
+#include "core/publishing/WebsitePublicationWatcher.h"
+
+#include <memory>
+
+namespace veltra::cli {
+namespace {
+
+void addDelivery(CLI::App& app, CliContext& context) {
+    auto* command = app.add_subcommand(
+        "delivery", "Show where a profile's next release goes: repository, feed and download");
+    auto profile = std::make_shared<std::string>();
+    auto json = std::make_shared<bool>(false);
+    command->add_option("PROFILE", *profile, "The profile's name or ID")->required();
+    command->add_flag("--json", *json, "Print the plan as JSON");
+    command->callback([&context, profile, json] {
+        OpenStore store(context);
+        const auto& chosen = store.find(*profile);
+        std::vector<std::string> lines;
+        const auto plan = ReleasePublishingPlan::resolve(
+            chosen, [&lines](const std::string& line) { lines.push_back(line); });
+        const auto appName = chosen.appName.empty() ? chosen.name : chosen.appName;
+        if (*json) {
+            Json out{{"log", lines}, {"delivers", plan.has_value()}};
+            if (plan) {
+                out["websiteRepoURL"] = plan->websiteRepoURL.string();
+                out["appcastURL"] = plan->appcastURL.string();
+                out["publicAppcastURL"] = plan->publicAppcastURL;
+                out["downloadBaseURL"] = plan->downloadBaseURL;
+                out["downloadURLPattern"] = plan->downloadURLPattern;
+                out["releaseNotesURLPattern"] = plan->releaseNotesURLPattern;
+                out["downloadURL"] = plan->downloadURL(appName + ".dmg");
+            }
+            context.out << jsonText(out) << '\n';
+            return;
+        }
+        for (const auto& line : lines) {
+            context.out << line << '\n';
+        }
+        if (!plan) {
+            return;
+        }
+        const auto orUnset = [](const std::string& text) {
+            return text.empty() ? std::string("(no site address set)") : text;
+        };
+        context.out << "Repository:    " << plan->websiteRepoURL.string() << '\n'
+                    << "Feed file:     " << plan->appcastURL.string() << '\n'
+                    << "Feed address:  " << orUnset(plan->publicAppcastURL) << '\n'
+                    << "Download:      " << orUnset(plan->downloadURL(appName + ".dmg")) << '\n'
+                    << "Notes:         " << orUnset(plan->releaseNotesURL(appName)) << '\n';
+    });
+}
+
+void addInit(CLI::App& group, CliContext& context) {
+    auto* command = group.add_subcommand(
+        "init", "Create a website repository with Veltra's download page and an empty feed");
+    auto folder = std::make_shared<std::string>();
+    auto profile = std::make_shared<std::string>();
+    auto remote = std::make_shared<std::string>();
+    command->add_option("DIR", *folder, "The new repository's folder")->required();
+    command->add_option("--profile", *profile, "The profile's name or ID")->required();
+    command->add_option("--remote", *remote, "origin's address");
+    command->callback([&context, folder, profile, remote] {
+        OpenStore store(context);
+        store.requireWritable();
+        auto chosen = store.find(*profile);
+        const auto path = std::filesystem::absolute(expandTilde(standardizePath(*folder)));
+        LinePrinter print(context.out);
+        WebsiteCreator().create(path, chosen,
+                                remote->empty() ? std::nullopt : std::optional(*remote),
+                                std::ref(print), context.stop);
+        chosen.webDeploy.websiteRepoPath = path.string();
+        if (!remote->empty()) {
+            chosen.webDeploy.websiteRepoRemoteURL = *remote;
+        }
+        store.store().update(chosen);
+        store.save();
+        print("Success: Profile " + chosen.name + " now publishes to " + path.string());
+    });
+}
+
+// The release a command is about: the newest, or the newest of that version.
+template <typename Profile> auto* findRelease(Profile& profile, const std::string& which) {
+    decltype(&profile.recentReleases->front()) found = nullptr;
+    if (profile.recentReleases) {
+        for (auto& manifest : *profile.recentReleases) {
+            if (which.empty() || which == "latest" || manifest.version == which) {
+                return &manifest;
+            }
+        }
+    }
+    return found;
+}
+
+void addDeploy(CLI::App& group, CliContext& context) {
+    auto* command =
+        group.add_subcommand("deploy", "Put a disk image on the website and push it to origin");
+    auto profile = std::make_shared<std::string>();
+    auto dmg = std::make_shared<std::string>();
+    auto version = std::make_shared<std::string>();
+    auto build = std::make_shared<std::string>();
+    auto notesFile = std::make_shared<std::string>();
+    auto signature = std::make_shared<std::string>();
+    command->add_option("PROFILE", *profile, "The profile's name or ID")->required();
+    command->add_option("--dmg", *dmg, "The signed disk image")->required();
+    command->add_option("--version", *version, "The marketing version")->required();
+    command->add_option("--build", *build, "The build number")->required();
+    command->add_option("--notes", *notesFile, "A Markdown file with the release notes");
+    command->add_option("--signature", *signature,
+                        "The image's EdDSA signature (default: the feed's, for this build)");
+    command->callback([&context, profile, dmg, version, build, notesFile, signature] {
+        OpenStore store(context);
+        auto chosen = store.find(*profile);
+        LinePrinter print(context.out);
+        const auto plan = ReleasePublishingPlan::resolve(chosen, std::ref(print));
+        if (!plan) {
+            throw failure("No website repository to deploy to. Set webDeploy.websiteRepoPath "
+                          "or create one with 'veltra website init'.");
+        }
+        WebDeployRelease release;
+        release.dmgURL = expandTilde(*dmg);
+        release.appName = chosen.appName.empty() ? chosen.name : chosen.appName;
+        release.version = *version;
+        release.build = *build;
+        release.notes = notesFile->empty() ? std::string() : readFile(expandTilde(*notesFile));
+        release.size = static_cast<std::int64_t>(std::filesystem::file_size(release.dmgURL));
+        release.signature = *signature;
+        if (release.signature.empty() && std::filesystem::exists(plan->appcastURL)) {
+            if (const auto items = SparkleFeedParser::parse(readFile(plan->appcastURL))) {
+                for (const auto& item : *items) {
+                    if (item.version == *build) {
+                        release.signature = item.edSignature;
+                    }
+                }
+            }
+        }
+        const auto publication =
+            WebDeployer().deploy(chosen.webDeploy, *plan, release, std::ref(print), context.stop);
+        if (chosen.recentReleases) {
+            for (auto& manifest : *chosen.recentReleases) {
+                if (manifest.version == *version && manifest.buildNumber == *build) {
+                    manifest.websitePublication = publication;
+                    if (!manifest.monitoringReleaseID) {
+                        manifest.monitoringReleaseID = Uuid::random().string();
+                    }
+                    store.store().update(chosen);
+                    store.save();
+                    print("Info: Recorded the pending publication on release " + *version + " (" +
+                          *build + ")");
+                    break;
+                }
+            }
+        }
+    });
+}
+
+void addCheck(CLI::App& group, CliContext& context) {
+    auto* command = group.add_subcommand(
+        "check", "Check that the live site serves a release's feed and download");
+    auto profile = std::make_shared<std::string>();
+    auto which = std::make_shared<std::string>("latest");
+    auto watch = std::make_shared<bool>(false);
+    auto interval = std::make_shared<double>(20);
+    auto timeout = std::make_shared<double>(900);
+    command->add_option("PROFILE", *profile, "The profile's name or ID")->required();
+    command->add_option("--release", *which, "VERSION or latest (default)");
+    command->add_flag("--watch", *watch, "Keep checking until live or the time limit");
+    command->add_option("--interval", *interval, "Seconds between checks (default 20)")
+        ->check(CLI::PositiveNumber);
+    command->add_option("--timeout", *timeout, "Seconds before giving up (default 900)")
+        ->check(CLI::NonNegativeNumber);
+    command->callback([&context, profile, which, watch, interval, timeout] {
+        OpenStore store(context);
+        const auto& chosen = store.find(*profile);
+        const auto* manifest = findRelease(chosen, *which);
+        if (manifest == nullptr) {
+            throw failure("No release " + (*which == "latest" ? std::string() : *which + " ") +
+                          "recorded for " + chosen.name + ".");
+        }
+        if (!manifest->websitePublication) {
+            context.out << websiteStatusText(std::nullopt) << '\n';
+            context.exitStatus = 1;
+            return;
+        }
+        auto edited = chosen;
+        auto& release = *findRelease(edited, *which);
+        if (!release.monitoringReleaseID) {
+            release.monitoringReleaseID = Uuid::random().string();
+            store.store().update(edited);
+        }
+        const auto releaseID = *release.monitoringReleaseID;
+        const auto toMilliseconds = [](double seconds) {
+            return std::chrono::milliseconds(static_cast<long long>(seconds * 1000));
+        };
+        EventLoop& loop = store.loop();
+        // Without --watch: one check, then give up.
+        WebsitePublicationWatcher watcher(
+            loop, store.store(), store.notifications(), WebsitePublicationProbe::shared(),
+            {toMilliseconds(*interval),
+             *watch ? toMilliseconds(*timeout) : std::chrono::milliseconds(0),
+             std::chrono::milliseconds(500)});
+        std::optional<WebsitePublicationState> finished;
+        watcher.onCheck = [&](const std::string&, WebsitePublicationState state) {
+            if (*watch && state == WebsitePublicationState::pending) {
+                context.out << "Info: Not live yet; checking again in " << *interval << " s\n"
+                            << std::flush;
+            }
+        };
+        watcher.onFinish = [&](const std::string&, WebsitePublicationState state) {
+            finished = state;
+            loop.quit();
+        };
+        if (!*watch) {
+            // One look: a miss leaves the release as it was (pending stays pending).
+            const auto live = WebsitePublicationProbe::shared().check(
+                {*release.websitePublication, release.version, release.buildNumber},
+                std::chrono::milliseconds(500), context.stop);
+            auto& publication = *release.websitePublication;
+            publication.lastCheckedAt = Date::now();
+            if (live) {
+                publication.state = WebsitePublicationState::live;
+            }
+            store.store().update(edited);
+            store.save();
+            context.out << websiteStatusText(publication) << '\n';
+            context.exitStatus = live ? 0 : 1;
+            return;
+        }
+        watcher.watch(chosen.id, releaseID);
+        std::stop_callback cancelled(context.stop, [&loop] { loop.quit(); });
+        loop.run();
+        store.save();
+        if (context.stop.stop_requested()) {
+            throw CancellationError();
+        }
+        const auto* after = findRelease(*store.store().find(chosen.id), *which);
+        context.out << websiteStatusText(after->websitePublication) << '\n';
+        context.exitStatus = finished == WebsitePublicationState::live ? 0 : 1;
+    });
+}
+
+} // namespace
+
+void addWebsiteCommands(CLI::App& app, CliContext& context) {
+    addDelivery(app, context);
+    auto* group = app.add_subcommand("website", "Create, deploy and check the download website");
+    group->require_subcommand(1);
+    addInit(*group, context);
+    addDeploy(*group, context);
+    addCheck(*group, context);
+}
+
+} // namespace veltra::cli

@@ -1,0 +1,28 @@
+#pragma once
+
+#include "core/process/ProcessRunner.h"
+#include "core/profile/ProjectProfile.h"
+#include "core/support/LogHandler.h"
+
+#include <filesystem>
+#include <optional>
+#include <stop_token>
+#include <string>
+
+namespace veltra {
+
+// Creates a website repository a static hosting service can publish: Veltra's download page,
+// a feed without releases in the downloads folder, one commit on the publishing branch, and
+// origin when an address is given.
+class WebsiteCreator {
+public:
+    ProcessRunner runner;
+
+    // `folder` must not exist or be empty. Throws VeltraError ("Veltra", 409) otherwise, and
+    // git's failures with the shared git failure text.
+    void create(const std::filesystem::path& folder, const ProjectProfile& profile,
+                const std::optional<std::string>& remote, const LogHandler& log = {},
+                std::stop_token stop = {}) const;
+};
+
+} // namespace veltra

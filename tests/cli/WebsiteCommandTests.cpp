@@ -1,0 +1,131 @@
+// The website commands end to end: a repository made by `website init`, a deploy to a bare
+// origin whose hook publishes into a folder a local server serves, and `website check --watch`.
+
+#include "GitFixture.h"
+#include "TestHttpServer.h"
+#include "TestSupport.h"
+#include "VeltraRun.h"
+#include "core/profile/ProjectProfile.h"
+#include "core/support/FileUtilities.h"
+#include "core/support/JsonReader.h"
+
+#include <gtest/gtest.h>
+
+namespace veltra {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::TestHttpServer;
+
+class WebsiteCommands : public ::testing::Test {
+protected:
+    WebsiteCommands() {
+        testing::git(dir.path(),
+                     {"init", "--quiet", "--bare", "--initial-branch=main", origin.string()});
+        fs::create_directories(served);
+        publishOnPush(true);
+        auto profile =
+            ProjectProfile::create("Acme", "com.example.acme", (dir / "Veltra" / "Acme").string());
+        profile.webDeploy.siteURL = server.url("/");
+        profile.webDeploy.gitCommitAndPush = true;
+        ReleaseManifest manifest;
+        manifest.appName = "Acme";
+        manifest.version = "1.2.3";
+        manifest.buildNumber = "42";
+        profile.recentReleases = std::vector{manifest};
+        testing::writeFile(dir / "profiles.json", dumpJson(profilesToJson({profile})));
+        testing::writeFile(dmg, std::string(3000, 'x'));
+    }
+
+    // origin publishes what is pushed, as a hosting service does; or keeps the old site.
+    void publishOnPush(bool publish) {
+        testing::writeScript(origin / "hooks" / "post-receive",
+                             publish ? "git --work-tree='" + served.string() +
+                                           "' checkout -f main -- . >/dev/null 2>&1\nexit 0"
+                                     : std::string("exit 0"));
+    }
+
+    ProcessResult veltra(std::vector<std::string> arguments) {
+        return testing::runVeltra(std::move(arguments),
+                                  {{"VELTRA_PROFILES", (dir / "profiles.json").string()},
+                                   {"HOME", dir.path().string()},
+                                   {"GIT_CONFIG_NOSYSTEM", "1"},
+                                   {"GIT_CONFIG_GLOBAL", "/dev/null"}});
+    }
+
+    // Creates the site, adds the release to its feed, deploys it.
+    void deployRelease() {
+        auto made = veltra(
+            {"website", "init", site.string(), "--profile", "Acme", "--remote", origin.string()});
+        ASSERT_EQ(made.exitCode, 0) << made.errorOutput;
+        const auto added =
+            veltra({"appcast", "add", (site / "downloads" / "appcast.xml").string(), "--version",
+                    "1.2.3", "--build", "42", "--url", server.url("/downloads/Acme.dmg"),
+                    "--min-system", "13.0", "--notes-url", server.url("/downloads/Acme.md"),
+                    "--signature", "SIG==", "--length", "3000"});
+        ASSERT_EQ(added.exitCode, 0) << added.errorOutput;
+        const auto deployed = veltra({"website", "deploy", "Acme", "--dmg", dmg.string(),
+                                      "--version", "1.2.3", "--build", "42"});
+        ASSERT_EQ(deployed.exitCode, 0) << deployed.errorOutput;
+        EXPECT_NE(deployed.output.find("Success: Release pushed to origin/main"), std::string::npos)
+            << deployed.output;
+        EXPECT_TRUE(deployed.output.ends_with(
+            "Info: Recorded the pending publication on release 1.2.3 (42)\n"))
+            << deployed.output;
+    }
+
+    testing::TempDir dir;
+    fs::path origin = dir / "origin.git";
+    fs::path site = dir / "Veltra" / "website";
+    fs::path served = dir / "served";
+    fs::path dmg = dir / "Acme-1.2.3.dmg";
+    TestHttpServer server{[this](const TestHttpServer::Request& request) {
+        const auto file = served / request.target.substr(1);
+        if (!fs::is_regular_file(file)) {
+            return TestHttpServer::Response{404, {}, "missing"};
+        }
+        return TestHttpServer::Response{200, {}, readFile(file)};
+    }};
+};
+
+TEST_F(WebsiteCommands, InitDeliveryDeployAndWatchUntilLive) {
+    deployRelease();
+    const auto page = readFile(site / "index.html");
+    EXPECT_NE(page.find("href=\"downloads/Acme.dmg?v=42\""), std::string::npos);
+    EXPECT_EQ(testing::git(origin, {"log", "--format=%s", "main"}),
+              "Release Acme v1.2.3 (build 42) DMG & update feed\nCreate the download website for "
+              "Acme\n");
+
+    const auto plan = veltra({"delivery", "Acme"});
+    EXPECT_EQ(plan.output, "Success: Using configured website repo: " + site.string() + "\n" +
+                               "Repository:    " + site.string() + "\n" +
+                               "Feed file:     " + (site / "downloads" / "appcast.xml").string() +
+                               "\n" + "Feed address:  " + server.url("/downloads/appcast.xml") +
+                               "\n" + "Download:      " + server.url("/downloads/Acme.dmg") + "\n" +
+                               "Notes:         " + server.url("/downloads/Acme.md") + "\n");
+
+    const auto watched =
+        veltra({"website", "check", "Acme", "--watch", "--interval", "0.1", "--timeout", "120"});
+    EXPECT_EQ(watched.exitCode, 0) << watched.errorOutput;
+    EXPECT_TRUE(watched.output.ends_with("Live appcast.xml and DMG verified\n")) << watched.output;
+    const auto releases = veltra({"releases", "Acme"});
+    EXPECT_NE(releases.output.find("Live appcast.xml and DMG verified"), std::string::npos);
+}
+
+TEST_F(WebsiteCommands, SiteThatNeverUpdatesNeedsAttention) {
+    publishOnPush(false);
+    deployRelease();
+    const auto once = veltra({"website", "check", "Acme"});
+    EXPECT_EQ(once.exitCode, 1);
+    EXPECT_EQ(once.output, "Publishing; live files not confirmed\n");
+    const auto watched =
+        veltra({"website", "check", "Acme", "--watch", "--interval", "0.1", "--timeout", "0.5"});
+    EXPECT_EQ(watched.exitCode, 1);
+    EXPECT_TRUE(watched.output.ends_with("Uploaded; live website needs checking\n"))
+        << watched.output;
+    EXPECT_NE(veltra({"releases", "Acme"}).output.find("Uploaded; live website needs checking"),
+              std::string::npos);
+}
+
+} // namespace
+} // namespace veltra
