@@ -72,8 +72,8 @@ std::string feedAsTable(const std::vector<SparkleFeedItem>& items) {
     return out;
 }
 
-void reportFeed(CliContext& context, const std::optional<std::vector<SparkleFeedItem>>& items,
-                bool json, const std::string& source) {
+void reportFeed(CliContext& context, std::string_view data, bool json, const std::string& source) {
+    const auto items = SparkleFeedParser::parse(data);
     if (json) {
         context.out << feedAsJson(items) << '\n';
         if (!items) {
@@ -82,6 +82,12 @@ void reportFeed(CliContext& context, const std::optional<std::vector<SparkleFeed
         return;
     }
     if (!items) {
+        if (const auto encoding = SparkleFeedParser::unreadableEncoding(data)) {
+            throw VeltraError("Veltra", 400,
+                              fmt::format("{} is not a usable update feed: it declares the "
+                                          "encoding '{}', which cannot be read. Save it as UTF-8.",
+                                          source, *encoding));
+        }
         throw VeltraError("Veltra", 400,
                           fmt::format("{} is not a usable update feed: it must be well-formed "
                                       "XML with an rss element and a channel.",
@@ -103,7 +109,7 @@ void addParse(CLI::App& group, CliContext& context) {
     command->add_option("FILE", *file, "The appcast.xml to read")->required();
     command->add_flag("--json", *json, "Print {\"valid\":…,\"items\":[…]} instead of a table");
     command->callback([&context, file, json] {
-        reportFeed(context, SparkleFeedParser::parse(readFile(expandTilde(*file))), *json, *file);
+        reportFeed(context, readFile(expandTilde(*file)), *json, *file);
     });
 }
 
@@ -213,7 +219,7 @@ void addLive(CLI::App& group, CliContext& context) {
     command->add_flag("--json", *json, "Print {\"valid\":…,\"items\":[…]} instead of a table");
     command->callback([&context, url, json] {
         const auto data = PublishedFeedReader().liveFeed(*url, context.stop);
-        reportFeed(context, SparkleFeedParser::parse(data), *json, *url);
+        reportFeed(context, data, *json, *url);
     });
 }
 
@@ -239,8 +245,7 @@ void addCommitted(CLI::App& group, CliContext& context) {
                               ? reader.committedFeed(folder, *branch, *downloads, context.stop)
                               : reader.committedFeedCheckedAgainstLive(folder, *branch, *downloads,
                                                                        *live, context.stop);
-        reportFeed(context, SparkleFeedParser::parse(data), *json,
-                   fmt::format("The feed on {}", *branch));
+        reportFeed(context, data, *json, fmt::format("The feed on {}", *branch));
     });
 }
 

@@ -1,5 +1,7 @@
 #include "ExpatDocument.h"
 
+#include "XMLEncoding.h"
+
 #include <algorithm>
 #include <cstddef>
 
@@ -13,6 +15,21 @@ extern "C" void refuseEntityDeclaration(void* user, const XML_Char*, int, const 
     XML_StopParser(static_cast<ExpatContext*>(user)->parser, XML_FALSE);
 }
 
+// Single-byte encodings expat does not know by name, mapped byte by byte.
+extern "C" int readSingleByteEncoding(void*, const XML_Char* name, XML_Encoding* info) {
+    const auto map = XMLEncoding::byteMap(name);
+    if (!map) {
+        return XML_STATUS_ERROR;
+    }
+    for (std::size_t byte = 0; byte < map->size(); ++byte) {
+        info->map[byte] = (*map)[byte];
+    }
+    info->data = nullptr;
+    info->convert = nullptr;
+    info->release = nullptr;
+    return XML_STATUS_OK;
+}
+
 } // namespace
 
 ExpatDocument::ExpatDocument(ExpatContext& context) : parser_(XML_ParserCreate(nullptr)) {
@@ -23,6 +40,7 @@ ExpatDocument::ExpatDocument(ExpatContext& context) : parser_(XML_ParserCreate(n
     XML_SetUserData(parser_, &context);
     XML_SetEntityDeclHandler(parser_, refuseEntityDeclaration);
     XML_SetParamEntityParsing(parser_, XML_PARAM_ENTITY_PARSING_NEVER);
+    XML_SetUnknownEncodingHandler(parser_, readSingleByteEncoding, nullptr);
 }
 
 ExpatDocument::~ExpatDocument() {

@@ -15,6 +15,10 @@ namespace veltra {
 void ReleaseFeedValidator::validateNextBuild(std::string_view feedData, std::int64_t newBuild) {
     const auto items = SparkleFeedParser::parse(feedData);
     if (!items) {
+        if (const auto encoding = SparkleFeedParser::unreadableEncoding(feedData)) {
+            throw releaseFeedError("The update feed declares the encoding '" + *encoding +
+                                   "', which cannot be read. Save it as UTF-8 before releasing.");
+        }
         throw releaseFeedError("The update feed is invalid. Repair it before releasing.");
     }
     std::optional<std::int64_t> highest;

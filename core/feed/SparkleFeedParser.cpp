@@ -1,6 +1,7 @@
 #include "SparkleFeedParser.h"
 
 #include "ExpatDocument.h"
+#include "XMLEncoding.h"
 
 namespace veltra {
 
@@ -172,6 +173,14 @@ void SparkleFeedParser::finishItem() {
     item.edSignature = textOf(enclosure_, "sparkle:edSignature");
     item.rawDescription = field("description");
     items_.push_back(std::move(item));
+}
+
+std::optional<std::string> SparkleFeedParser::unreadableEncoding(std::string_view data) {
+    const auto name = XMLEncoding::declared(data);
+    if (name && !XMLEncoding::isReadable(*name)) {
+        return name;
+    }
+    return std::nullopt;
 }
 
 std::optional<std::vector<SparkleFeedItem>> SparkleFeedParser::parse(std::string_view data) {

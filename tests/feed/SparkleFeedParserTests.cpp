@@ -156,3 +156,93 @@ TEST(SparkleFeedParser, TrimsTheUnicodeSpaceSet) {
 
 } // namespace
 } // namespace veltra
+
+#include "core/feed/ReleaseFeedValidator.h"
+#include "core/feed/XMLEncoding.h"
+#include "core/support/VeltraError.h"
+
+#include <iconv.h>
+
+namespace veltra {
+namespace {
+
+// The feed text re-encoded from UTF-8 into `encoding` with iconv.
+std::string encoded(const std::string& utf8, const char* encoding) {
+    const iconv_t converter = iconv_open(encoding, "UTF-8");
+    EXPECT_NE(converter, reinterpret_cast<iconv_t>(-1)) << encoding;
+    std::string input = utf8;
+    std::string output(utf8.size() * 2, '\0');
+    char* in = input.data();
+    char* out = output.data();
+    std::size_t inLeft = input.size();
+    std::size_t outLeft = output.size();
+    EXPECT_NE(iconv(converter, &in, &inLeft, &out, &outLeft), static_cast<std::size_t>(-1));
+    iconv_close(converter);
+    output.resize(output.size() - outLeft);
+    return output;
+}
+
+std::string feedDeclaring(const std::string& encoding, const std::string& title) {
+    return "<?xml version=\"1.0\" encoding='" + encoding +
+           "'?>\n<rss version=\"2.0\" xmlns:sparkle=\"http://www.andymatuschak.org/"
+           "xml-namespaces/sparkle\"><channel><title>Acme</title><item><title>" +
+           title +
+           "</title><sparkle:version>42</sparkle:version><sparkle:shortVersionString>1.2"
+           "</sparkle:shortVersionString></item></channel></rss>\n";
+}
+
+TEST(SparkleFeedParser, ReadsTheSingleByteEncodingsSparkleReads) {
+    struct Row {
+        const char* declared;
+        const char* iconvName;
+        std::string title; // UTF-8
+    };
+    for (const auto& row : {
+             Row{"ASCII", "ASCII", "Acme 1.2 &#233;"},
+             Row{"us-ascii", "ASCII", "Acme 1.2"},
+             Row{"windows-1252", "CP1252", "Café “1.2” – €"},
+             Row{"cp1252", "CP1252", "Café"},
+             Row{"ISO-8859-15", "ISO-8859-15", "Café 1.2 €"},
+             Row{"iso-8859-2", "ISO-8859-2", "Zażółć"},
+             Row{"ISO-8859-1", "ISO-8859-1", "Café ÿ"},
+             Row{"MacRoman", "MACINTOSH", "Café ™"},
+             Row{"macintosh", "MACINTOSH", "Ünïcödé"},
+         }) {
+        SCOPED_TRACE(row.declared);
+        const auto bytes = encoded(feedDeclaring(row.declared, row.title), row.iconvName);
+        const auto items = SparkleFeedParser::parse(bytes);
+        ASSERT_TRUE(items);
+        ASSERT_EQ(items->size(), 1u);
+        const auto expected =
+            std::string(row.title) == "Acme 1.2 &#233;" ? std::string("Acme 1.2 é") : row.title;
+        EXPECT_EQ(items->front().title, expected);
+        EXPECT_EQ(items->front().version, "42");
+        EXPECT_EQ(SparkleFeedParser::unreadableEncoding(bytes), std::nullopt);
+        EXPECT_NO_THROW(ReleaseFeedValidator::validateNextBuild(bytes, 43));
+    }
+    // A byte ASCII does not have is not silently read.
+    EXPECT_FALSE(SparkleFeedParser::parse(feedDeclaring("ASCII", "Caf\xE9")));
+}
+
+TEST(SparkleFeedParser, UnreadableEncodingsAreRefusedByName) {
+    for (const std::string name : {"Shift_JIS", "EBCDIC-US", "x-unknown", "iso-8859-12"}) {
+        SCOPED_TRACE(name);
+        const auto feed = feedDeclaring(name, "Acme");
+        EXPECT_FALSE(SparkleFeedParser::parse(feed));
+        EXPECT_EQ(SparkleFeedParser::unreadableEncoding(feed), name);
+        try {
+            ReleaseFeedValidator::validateNextBuild(feed, 43);
+            FAIL() << "accepted";
+        } catch (const VeltraError& error) {
+            EXPECT_EQ(error.message(), "The update feed declares the encoding '" + name +
+                                           "', which cannot be read. Save it as UTF-8 before "
+                                           "releasing.");
+        }
+    }
+    EXPECT_EQ(XMLEncoding::declared("\xEF\xBB\xBF<?xml version='1.0' encoding=\"UTF-8\"?><a/>"),
+              "UTF-8");
+    EXPECT_EQ(XMLEncoding::declared("<rss/>"), std::nullopt);
+}
+
+} // namespace
+} // namespace veltra
