@@ -65,6 +65,18 @@ std::optional<std::string> stringValue(const nlohmann::json& plist, const char* 
 
 } // namespace
 
+std::optional<std::string> AppInspector::signatureProblem(const fs::path& app,
+                                                          std::stop_token stop) const {
+    const auto result = processRunner.run(
+        ProcessRequest{.command = "codesign",
+                       .arguments = {"--verify", "--deep", "--strict", app.string()}},
+        stop);
+    if (result.exitCode == 0) {
+        return std::nullopt;
+    }
+    return std::string(trimWhitespace(combinedOutput(result)));
+}
+
 AppInfo AppInspector::inspect(const fs::path& app, std::stop_token stop) const {
     std::error_code error;
     if (!fs::exists(app, error)) {

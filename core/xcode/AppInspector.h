@@ -35,6 +35,11 @@ public:
     // Throws VeltraError 404 (no bundle) or 400 (no readable Info.plist dictionary).
     AppInfo inspect(const std::filesystem::path& app, std::stop_token stop = {}) const;
 
+    // `codesign --verify --deep --strict`: nothing when the signature holds, else what
+    // codesign said (its error output, trimmed).
+    std::optional<std::string> signatureProblem(const std::filesystem::path& app,
+                                                std::stop_token stop = {}) const;
+
     // The team in a `codesign -dvvv` report; "not set" (ad-hoc) counts as none.
     static std::optional<std::string> teamIdentifier(std::string_view report);
     // The names `lipo -archs` printed.

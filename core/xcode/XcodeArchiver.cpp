@@ -88,7 +88,9 @@ std::optional<MilestoneTracker::Milestone> MilestoneTracker::milestone(std::stri
         }
         return Milestone{"   Building target '" + std::string(word) + "'..."};
     }
-    if (contains(line, "CompileSwiftSources") || contains(line, "CompileSwift ")) {
+    // Xcode 14 and later name a Swift compile task "SwiftCompile".
+    if (contains(line, "CompileSwiftSources") || contains(line, "CompileSwift ") ||
+        line.starts_with("SwiftCompile ")) {
         return inTarget("   Compiling Swift sources for '", "'...");
     }
     if (line.starts_with("Ld ") || contains(line, "Linking ")) {
@@ -269,7 +271,9 @@ int XcodeArchiver::signInsideOut(const fs::path& app, const std::string& identit
         std::string lower(said);
         std::transform(lower.begin(), lower.end(), lower.begin(),
                        [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-        if (!said.empty() && contains(lower, "error:")) {
+        // errSecInternalComponent and "no identity found" say no "error:", but the exit
+        // status tells.
+        if ((!said.empty() && contains(lower, "error:")) || result.exitCode != 0) {
             ++warnings;
             if (onLog) {
                 onLog("   Warning: Codesign note: " + said);

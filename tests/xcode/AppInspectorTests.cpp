@@ -56,6 +56,20 @@ TEST_F(AppInspectorTest, ReadsABuiltApp) {
                                   {"-archs", (app / "Contents/MacOS/Acme").string()}}));
 }
 
+TEST_F(AppInspectorTest, SignatureVerification) {
+    const auto app = builtApp();
+    EXPECT_EQ(AppInspector().signatureProblem(app), std::nullopt);
+    EXPECT_EQ(runsOf("codesign").back(),
+              (std::vector<std::string>{"--verify", "--deep", "--strict", app.string()}));
+    fake("VELTRA_FAKE_CODESIGN_VERIFY", "broken");
+    EXPECT_EQ(AppInspector().signatureProblem(app),
+              app.string() + ": a sealed resource is missing or invalid\nfile modified: " +
+                  app.string() + "/Contents/Resources/Base.lproj/Main.storyboardc");
+    fs::remove_all(app / "Contents/_CodeSignature");
+    EXPECT_EQ(AppInspector().signatureProblem(app),
+              app.string() + ": code object is not signed at all");
+}
+
 TEST_F(AppInspectorTest, UnsignedAdHocAndThin) {
     const auto app = builtApp();
     fs::remove_all(app / "Contents/_CodeSignature");

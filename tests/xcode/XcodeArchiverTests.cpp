@@ -37,6 +37,7 @@ TEST(MilestoneTracker, RealXcodeOutput) {
          "/src/Acme/AppDelegate.swift:12:5: error: cannot find 'undefinedHelper' in scope\n"
          "** ARCHIVE SUCCEEDED **\n"});
     EXPECT_EQ(lines, (Lines{"   Resolving Swift Package dependencies...",
+                            "   Compiling Swift sources for 'Acme'...",
                             "   Linking target 'Acme'...", "   Signing target 'Acme'...",
                             "   Error: /src/Acme/AppDelegate.swift:12:5: error: cannot find "
                             "'undefinedHelper' in scope"}));
@@ -242,7 +243,8 @@ TEST_F(XcodeArchiverRun, ArchivesExtractsAndSignsInsideOut) {
         log, (Lines{"   Checking Release Info.plist paths...",
                     "   Success: Release Info.plist paths verified",
                     "   Compiling & Archiving Acme with Xcode...",
-                    "   Resolving Swift Package dependencies...", "   Linking target 'Acme'...",
+                    "   Resolving Swift Package dependencies...",
+                    "   Compiling Swift sources for 'Acme'...", "   Linking target 'Acme'...",
                     "   Signing target 'Acme'...", "   Success: Xcode archive created successfully",
                     "   Extracting application bundle...",
                     "   Signing application bundle with Developer ID Application: Jane Doe "
@@ -270,6 +272,14 @@ TEST_F(XcodeArchiverRun, CodesignComplaintsAreCountedNotFatal) {
     EXPECT_EQ(log.back(),
               "   Warning: Code signature applied with 4 warning(s) — check logs above");
     removeBuildFolder(app);
+
+    // A failure whose words have no "error:" still counts: the exit status says it failed.
+    log.clear();
+    fake("VELTRA_FAKE_CODESIGN", "internal");
+    const auto again = archive("Developer ID Application: Jane Doe (AB12CD34EF)");
+    EXPECT_EQ(log.back(),
+              "   Warning: Code signature applied with 4 warning(s) — check logs above");
+    removeBuildFolder(again);
 }
 
 TEST_F(XcodeArchiverRun, CompileErrorWritesTheLogAndSummarises) {
