@@ -1,0 +1,128 @@
+#pragma once
+
+#include "DeploymentArtifacts.h"
+#include "PipelineLogStream.h"
+#include "PipelineStep.h"
+#include "ReleaseLogEntry.h"
+#include "ReleaseManifest.h"
+#include "core/dmg/DMGBuilder.h"
+#include "core/profile/ProjectProfile.h"
+#include "core/support/MainQueue.h"
+#include "core/support/NotificationCenter.h"
+#include "core/xcode/AppInspector.h"
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <stop_token>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace veltra {
+
+class PipelineManager;
+
+// Told of the pipeline's published state as it changes, on the main queue.
+class PipelineObserver {
+public:
+    virtual ~PipelineObserver() = default;
+    virtual void stepsChanged(const PipelineManager&) {}
+    virtual void logsPublished(const std::vector<ReleaseLogEntry>& /*batch*/) {}
+    virtual void runFinished(const PipelineManager&) {}
+};
+
+// The named system sounds a finished run rings, where there is an application to ring them.
+class SystemSounds {
+public:
+    virtual ~SystemSounds() = default;
+    virtual bool applicationIsActive() const = 0;
+    virtual void play(std::string_view name) = 0; // "Glass", "Basso"
+};
+
+// What one run releases.
+struct ReleaseRequest {
+    ProjectProfile profile;
+    // Ship this already built app instead of building the profile's project.
+    std::optional<std::filesystem::path> appURL;
+    // Release notes in Markdown; the default text when absent.
+    std::optional<std::string> notes;
+};
+
+// Runs one release of one profile, step by step, on a worker thread; its state lives on the
+// main queue. Engines do the work; this owns the order, the step list, the log, cancellation,
+// failures and the finished manifest.
+class PipelineManager {
+public:
+    PipelineManager(MainQueue& queue, NotificationCenter& notifications,
+                    SystemSounds* sounds = nullptr);
+    PipelineManager(const PipelineManager&) = delete;
+    PipelineManager& operator=(const PipelineManager&) = delete;
+    // Cancels a run still going and waits for it.
+    ~PipelineManager();
+
+    // Starts the run and returns at once (main queue). Ignored while a run is going.
+    void run(ReleaseRequest request);
+    // Stops the running release once: the running tool is killed.
+    void cancel();
+
+    bool isRunning() const { return isRunning_; }
+    bool isCancelling() const { return isCancelling_; }
+    bool isCancelled() const { return isCancelled_; }
+    std::size_t currentStepIndex() const { return currentStepIndex_; }
+    const std::vector<PipelineStep>& steps() const { return steps_; }
+    const std::vector<ReleaseLogEntry>& logs() const { return logStream_.logs(); }
+    const std::optional<AppInfo>& appInfo() const { return appInfo_; }
+    const std::optional<ReleaseManifest>& completedManifest() const { return completedManifest_; }
+    const std::optional<std::string>& activeReleaseAppName() const { return activeAppName_; }
+    const std::optional<std::string>& errorMessage() const { return errorMessage_; }
+    std::optional<std::string> failedStepID() const { return failedStepID_; }
+    PipelineLogStream& logStream() { return logStream_; }
+
+    void setObserver(PipelineObserver* observer) { observer_ = observer; }
+
+    // The steps of a run that builds from the project (true) or ships a built app (false).
+    static std::vector<PipelineStep> stepList(bool buildsFromProject);
+    // A source path ending in .xcodeproj or .xcworkspace.
+    static bool buildsFromProject(const ProjectProfile& profile);
+    static std::string defaultNotes(const std::string& version);
+
+    // The engines, one each for the manager's life.
+    DMGBuilder dmgBuilder;
+    AppInspector inspector;
+    // Where work folders go (the system's temporary folder when empty).
+    std::filesystem::path temporaryDirectory;
+
+private:
+    struct RunState;
+    void execute(const ReleaseRequest& request, std::stop_token stop);
+    void finishOnMain(std::optional<ReleaseManifest> manifest, std::optional<std::string> error,
+                      bool cancelled, std::optional<Uuid> profileID);
+    void updateStep(const std::string& id, StepStatus status, const std::string& message);
+    void log(std::string text, bool isError = false);
+    void post(std::function<void()> work);
+
+    MainQueue& queue_;
+    NotificationCenter& notifications_;
+    SystemSounds* sounds_;
+    PipelineObserver* observer_ = nullptr;
+    PipelineLogStream logStream_;
+
+    bool isRunning_ = false;
+    bool isCancelling_ = false;
+    bool isCancelled_ = false;
+    std::size_t currentStepIndex_ = 0;
+    std::vector<PipelineStep> steps_;
+    std::vector<std::chrono::steady_clock::time_point> stepStarts_;
+    std::optional<AppInfo> appInfo_;
+    std::optional<ReleaseManifest> completedManifest_;
+    std::optional<std::string> activeAppName_;
+    std::optional<std::string> errorMessage_;
+    std::optional<std::string> failedStepID_;
+    std::optional<std::string> runningStepID_; // main queue's view
+    std::shared_ptr<int> lifetime_ = std::make_shared<int>(0);
+    std::jthread activeTask_;
+};
+
+} // namespace veltra
