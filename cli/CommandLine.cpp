@@ -34,7 +34,7 @@ int runCommandLine(const std::vector<std::string>& arguments, CliContext& contex
     addDMGCommands(app, context);
     addPublishingCommands(app, context);
     addWebsiteCommands(app, context);
-    addPlannedCommands(app, context);
+    addReleaseCommand(app, context);
 
     // CLI11 wants the arguments in reverse order, program name excluded.
     std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());

@@ -14,7 +14,6 @@ std::int64_t releaseBuildArgument(const std::string& text);
 
 // Each command group adds its sub-commands to the app. A callback reports failure by throwing;
 // the command line turns that into "Error: " + message and a non-zero exit status.
-void addPlannedCommands(CLI::App& app, CliContext& context);
 void addDSStoreCommands(CLI::App& app, CliContext& context);
 void addSignCommand(CLI::App& app, CliContext& context);
 void addAppcastCommands(CLI::App& app, CliContext& context);
@@ -25,5 +24,6 @@ void addSigningCommands(CLI::App& app, CliContext& context);
 void addDMGCommands(CLI::App& app, CliContext& context);
 void addPublishingCommands(CLI::App& app, CliContext& context);
 void addWebsiteCommands(CLI::App& app, CliContext& context);
+void addReleaseCommand(CLI::App& app, CliContext& context);
 
 } // namespace veltra::cli

@@ -1,3 +1,4 @@
+#include "TestSupport.h"
 #include "VeltraRun.h"
 
 #include <string>
@@ -24,10 +25,13 @@ TEST(VeltraCommand, VersionAndHelp) {
 }
 
 TEST(VeltraCommand, FailuresPrintErrorAndExitNonZero) {
-    const auto unbuilt = runVeltra({"release", "MyApp"});
-    EXPECT_EQ(unbuilt.exitCode, 1);
-    EXPECT_EQ(unbuilt.output, "");
-    EXPECT_EQ(unbuilt.errorOutput, "Error: 'veltra release' is not available in this build yet.\n");
+    testing::TempDir dir;
+    const auto unknown =
+        runVeltra({"release", "MyApp"}, {{"VELTRA_PROFILES", (dir / "profiles.json").string()}});
+    EXPECT_EQ(unknown.exitCode, 1);
+    EXPECT_EQ(unknown.output, "");
+    EXPECT_EQ(unknown.errorOutput,
+              "Error: No profile named 'MyApp'. Run 'veltra profile list' to see the profiles.\n");
 
     const auto usage = runVeltra({"--no-such-option"});
     EXPECT_EQ(usage.exitCode, 2);

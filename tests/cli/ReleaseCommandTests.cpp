@@ -1,0 +1,93 @@
+#include "TestSupport.h"
+#include "VeltraRun.h"
+#include "core/support/FileUtilities.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+namespace veltra {
+namespace {
+
+namespace fs = std::filesystem;
+
+class ReleaseCommandTest : public ::testing::Test {
+protected:
+    ReleaseCommandTest() {
+        fs::create_directories(dir / "tmp");
+        fs::create_directories(app / "Contents" / "MacOS");
+        testing::writeFile(
+            app / "Contents" / "Info.plist",
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
+            "<key>CFBundleIdentifier</key><string>com.example.acme</string>"
+            "<key>CFBundleShortVersionString</key><string>2.0.1</string>"
+            "<key>CFBundleVersion</key><string>57</string>"
+            "</dict></plist>\n");
+        testing::writeFile(app / "Contents" / "MacOS" / "Acme", "binary");
+        EXPECT_EQ(veltra({"profile", "create", "Acme", "--bundle-id", "com.example.acme",
+                          "--output", (dir / "out").string()})
+                      .exitCode,
+                  0);
+    }
+
+    ProcessResult veltra(std::vector<std::string> arguments) {
+        return testing::runVeltra(
+            std::move(arguments),
+            {{"VELTRA_PROFILES", (dir / "profiles.json").string()},
+             {"HOME", dir.path().string()},
+             {"TMPDIR", (dir / "tmp").string()},
+             {"VELTRA_TOOL_PATH", VELTRA_TOOLS_DIR},
+             {"PATH", std::string(VELTRA_TOOLS_DIR) + ":" + std::getenv("PATH")}});
+    }
+
+    testing::TempDir dir;
+    fs::path app = dir / "Acme.app";
+};
+
+TEST_F(ReleaseCommandTest, ShipsABuiltAppAndRecordsTheRelease) {
+    testing::writeFile(dir / "notes.md", "- Faster sync.");
+    const auto run =
+        veltra({"release", "Acme", "--app", app.string(), "--notes", (dir / "notes.md").string()});
+    ASSERT_EQ(run.exitCode, 0) << run.output << run.errorOutput;
+    // Piped output: one line per step change, then the log as it comes.
+    EXPECT_NE(run.output.find("\xE2\x9C\x93 Build Styled Retina DMG: "), std::string::npos)
+        << run.output;
+    EXPECT_NE(run.output.find("Releasing Acme (Build 57)\n"), std::string::npos);
+    const auto image = dir / "out" / "Acme-2.0.1.dmg";
+    EXPECT_NE(run.output.find("DMG:   " + image.string() + "\n"), std::string::npos);
+    EXPECT_TRUE(fs::is_regular_file(image));
+    EXPECT_EQ(readFile(dir / "out" / "Acme-2.0.1.md"), "- Faster sync.");
+
+    // The profile store heard of the release before the command ended.
+    const auto shown = veltra({"profile", "show", "Acme", "--json"});
+    ASSERT_EQ(shown.exitCode, 0) << shown.errorOutput;
+    const auto profile = nlohmann::json::parse(shown.output);
+    ASSERT_EQ(profile["recentReleases"].size(), 1u) << shown.output;
+    EXPECT_EQ(profile["recentReleases"][0]["version"], "2.0.1");
+}
+
+TEST_F(ReleaseCommandTest, JsonLinesEndWithTheManifestOrTheError) {
+    const auto run = veltra({"release", "Acme", "--app", app.string(), "--json"});
+    ASSERT_EQ(run.exitCode, 0) << run.errorOutput;
+    std::vector<nlohmann::json> lines;
+    std::istringstream stream(run.output);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(nlohmann::json::parse(line));
+    }
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back()["type"], "manifest");
+    EXPECT_EQ(lines.back()["manifest"]["buildNumber"], "57");
+    EXPECT_EQ(lines.back()["manifest"]["sha256Checksum"].get<std::string>().size(), 64u);
+    EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const auto& line) {
+        return line["type"] == "step" && line["id"] == "dmg" && line["status"] == "Succeeded";
+    }));
+
+    const auto broken = veltra({"release", "Acme", "--app", (dir / "Gone.app").string(), "--json"});
+    EXPECT_EQ(broken.exitCode, 1);
+    const auto last = broken.output.substr(broken.output.rfind('\n', broken.output.size() - 2) + 1);
+    const auto error = nlohmann::json::parse(last);
+    EXPECT_EQ(error["type"], "error");
+    EXPECT_FALSE(error["message"].get<std::string>().empty());
+}
+
+} // namespace
+} // namespace veltra
