@@ -9,14 +9,14 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libfmt-dev libcli11-dev nlohmann-json3-dev
   libssl-dev libsodium-dev libcurl4-openssl-dev libexpat1-dev
-  libplist-dev libutf8proc-dev libcairo2-dev libpango1.0-dev
+  libplist-dev libutf8proc-dev libcairo2-dev libpango1.0-dev libcpp-httplib-dev
   fonts-dejavu-core fonts-wqy-microhei
   llvm-14
 )
 
 if [[ "$(uname -s)" == "Darwin" ]]; then
   echo "On macOS, install the dependencies with Homebrew:"
-  echo "  brew install cmake ninja googletest google-benchmark fmt cli11 nlohmann-json openssl@3 libsodium curl expat libplist utf8proc cairo pango llvm"
+  echo "  brew install cmake ninja googletest google-benchmark fmt cli11 nlohmann-json openssl@3 libsodium curl expat libplist utf8proc cairo pango cpp-httplib llvm"
   exit 0
 fi
 

@@ -53,6 +53,9 @@ private:
 };
 
 inline void writeFile(const std::filesystem::path& path, std::string_view contents) {
+    if (path.has_parent_path()) {
+        std::filesystem::create_directories(path.parent_path());
+    }
     std::ofstream out(path, std::ios::binary);
     out << contents;
 }

@@ -27,6 +27,26 @@ SparklePrivateKey::~SparklePrivateKey() {
     OPENSSL_cleanse(prefix.data(), prefix.size());
 }
 
+std::string SparklePrivateKey::createFile(const std::filesystem::path& path) {
+    if (std::filesystem::exists(path)) {
+        throw keyError("A Sparkle key already exists at " + path.string() + ".");
+    }
+    std::array<std::uint8_t, 32> seed{};
+    if (sodium_init() < 0) {
+        throw keyError("The Ed25519 library could not start.");
+    }
+    randombytes_buf(seed.data(), seed.size());
+    const auto key = fromSeed(seed);
+    auto text = base64::encode(seed);
+    OPENSSL_cleanse(seed.data(), seed.size());
+    std::filesystem::create_directories(path.parent_path());
+    writeFileAtomically(path, text + "\n");
+    std::filesystem::permissions(path, std::filesystem::perms::owner_read |
+                                           std::filesystem::perms::owner_write);
+    OPENSSL_cleanse(text.data(), text.size());
+    return base64::encode(key.publicKey);
+}
+
 SparklePrivateKey SparklePrivateKey::fromSeed(const std::array<std::uint8_t, 32>& seed) {
     std::array<std::uint8_t, 64> hash{};
     SHA512(seed.data(), seed.size(), hash.data());

@@ -20,6 +20,10 @@ struct SparklePrivateKey {
     // decodes to another length.
     static SparklePrivateKey readFile(const std::filesystem::path& path);
     static SparklePrivateKey fromSeed(const std::array<std::uint8_t, 32>& seed);
+    // A new random key written as Sparkle 2.6's key tool writes it (base64 of the seed), readable
+    // by its owner only; returns the public key in base64, as an app's SUPublicEDKey carries it.
+    // Refuses to replace an existing file (VeltraError).
+    static std::string createFile(const std::filesystem::path& path);
 
     ~SparklePrivateKey();
     SparklePrivateKey() = default;

@@ -4,6 +4,7 @@
 #include "ReleaseLogEntry.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <mutex>
 #include <string>
@@ -21,11 +22,16 @@ public:
 
     void append(std::string text, bool isError);
     std::vector<ReleaseLogEntry> drain();
+    // How many lines were ever appended; with drain(upTo), takes only the lines appended before
+    // that count was read.
+    std::uint64_t appended();
+    std::vector<ReleaseLogEntry> drain(std::uint64_t upTo);
 
 private:
     PipelineLogArchive& archive_;
     std::mutex lock_;
     std::deque<ReleaseLogEntry> pending_;
+    std::uint64_t appended_ = 0;
 };
 
 } // namespace veltra

@@ -1,5 +1,7 @@
 #include "PipelineLogStream.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <iterator>
 
 namespace veltra {
@@ -8,16 +10,32 @@ void PipelineLogInbox::append(std::string text, bool isError) {
     archive_.append({text});
     const std::lock_guard guard(lock_);
     pending_.push_back(ReleaseLogEntry::make(std::move(text), isError));
+    ++appended_;
     while (pending_.size() > capacity) {
         pending_.pop_front();
     }
 }
 
 std::vector<ReleaseLogEntry> PipelineLogInbox::drain() {
+    return drain(UINT64_MAX);
+}
+
+std::uint64_t PipelineLogInbox::appended() {
     const std::lock_guard guard(lock_);
+    return appended_;
+}
+
+std::vector<ReleaseLogEntry> PipelineLogInbox::drain(std::uint64_t upTo) {
+    const std::lock_guard guard(lock_);
+    const auto first = appended_ - pending_.size();
+    const auto count =
+        upTo <= first
+            ? std::size_t{0}
+            : static_cast<std::size_t>(std::min<std::uint64_t>(upTo - first, pending_.size()));
+    const auto end = pending_.begin() + static_cast<std::ptrdiff_t>(count);
     std::vector<ReleaseLogEntry> entries(std::make_move_iterator(pending_.begin()),
-                                         std::make_move_iterator(pending_.end()));
-    pending_.clear();
+                                         std::make_move_iterator(end));
+    pending_.erase(pending_.begin(), end);
     return entries;
 }
 
@@ -71,6 +89,13 @@ void PipelineLogStream::drainInbox() {
     for (auto& entry : inbox_.drain()) {
         enqueue(std::move(entry)); // archived already, when it arrived
     }
+}
+
+void PipelineLogStream::catchUp(std::uint64_t upTo) {
+    for (auto& entry : inbox_.drain(upTo)) {
+        enqueue(std::move(entry));
+    }
+    flush();
 }
 
 void PipelineLogStream::startStreaming() {

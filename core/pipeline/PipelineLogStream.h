@@ -38,6 +38,9 @@ public:
     // Stops polling, takes what is left in the inbox and publishes everything pending.
     void stopStreaming();
     void flush();
+    // Publishes what was logged before the inbox had `upTo` lines (PipelineLogInbox::appended),
+    // so that a step change shows after the lines that led to it and before the ones after it.
+    void catchUp(std::uint64_t upTo);
     // A new run: empties the visible log and the archive.
     void clear();
 

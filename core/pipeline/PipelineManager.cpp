@@ -1,13 +1,16 @@
 #include "PipelineManager.h"
 
 #include "ReleaseCompletion.h"
+#include "core/feed/ReleaseFeedValidator.h"
 #include "core/process/ProcessRunner.h"
 #include "core/publishing/ReleaseNotificationEvent.h"
+#include "core/publishing/ReleasePublishingPlan.h"
 #include "core/support/FileDigest.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/PropertyList.h"
 #include "core/support/Text.h"
 #include "core/support/VeltraError.h"
+#include "core/xcode/XcodeProjectDiscovery.h"
 
 #include <fmt/format.h>
 
@@ -112,7 +115,7 @@ void PipelineManager::log(std::string text, bool isError) {
 
 void PipelineManager::updateStep(const std::string& id, StepStatus status,
                                  const std::string& message) {
-    post([this, id, status, message] {
+    post([this, id, status, message, logged = logStream_.inbox().appended()] {
         for (std::size_t index = 0; index < steps_.size(); ++index) {
             auto& step = steps_[index];
             if (step.id != id) {
@@ -133,6 +136,7 @@ void PipelineManager::updateStep(const std::string& id, StepStatus status,
                     runningStepID_.reset();
                 }
             }
+            logStream_.catchUp(logged);
             if (observer_ != nullptr) {
                 observer_->stepsChanged(*this);
             }
@@ -181,143 +185,560 @@ void PipelineManager::cancel() {
     activeTask_.request_stop();
 }
 
+// One run's facts, shared by its stages on the worker thread.
+struct PipelineManager::RunState {
+    RunState(const ReleaseRequest& r, std::stop_token s) : request(r), stop(std::move(s)) {}
+    const ReleaseRequest& request;
+    std::stop_token stop;
+    std::string appName;
+    std::string runID = Uuid::random().string();
+    Clock::time_point started = Clock::now();
+    bool fromProject = false;
+    std::filesystem::path outputDirectory;
+    // Building from the project.
+    std::optional<std::filesystem::path> project;
+    std::string version;
+    std::optional<std::int64_t> build;
+    std::optional<std::string> identity;
+    bool developmentIdentity = false;
+    SparkleAppSettings embedded;
+    bool updatesConfigured = false;
+    std::optional<ResolvedDeliveryConfig> delivery;
+    // Produced along the way.
+    std::filesystem::path app;
+    std::optional<std::filesystem::path> buildFolder;
+    AppInfo info;
+    std::filesystem::path notesPath;
+    std::string notes;
+    std::filesystem::path dmg;
+    DeploymentArtifacts artifacts;
+    std::optional<std::string> iconPNG;
+    std::optional<double> uploadSeconds;
+};
+
 void PipelineManager::execute(const ReleaseRequest& request, std::stop_token stop) {
     const auto& profile = request.profile;
-    const auto appName = profile.appName.empty() ? profile.name : profile.appName;
-    const auto started = Clock::now();
-    const auto runID = Uuid::random().string();
+    RunState run(request, stop);
+    run.appName = profile.appName.empty() ? profile.name : profile.appName;
+    run.fromProject = !request.appURL && buildsFromProject(profile);
+    std::optional<BranchWorktree> worktree;
+    // Posted only once the worktree and build folder are gone, so a finished run leaves nothing.
+    std::function<void()> finish;
     try {
-        if (!request.appURL) {
-            throw VeltraError("Veltra", 501,
-                              "Building from the Xcode project is not available in this build "
-                              "yet. Give the built app to ship.");
-        }
-        const auto app = *request.appURL;
-        log("Releasing " + appName + " (Build " + plistString(app, "CFBundleVersion") + ")");
-        log("App source: " + app.string());
-        if (!std::filesystem::is_directory(app)) {
-            throw VeltraError("Veltra", 404, "No app at " + app.string() + ".");
-        }
-        const auto output = expandTilde(standardizePath(profile.outputDirectory));
-        std::filesystem::create_directories(output);
-
-        // Inspect.
-        log("\n[2/6] Codesigning & Verifying Application Bundle");
-        updateStep("inspect", StepStatus::running, "Inspecting metadata & signatures...");
-        const auto info = inspector.inspect(app, stop);
-        post([this, info] { appInfo_ = info; });
-        log("   Success: Name: " + info.displayName);
-        log("   Success: Bundle ID: " + info.bundleIdentifier);
-        log("   Success: Version: v" + info.version + " (" + info.build + ")");
-        std::string architectures;
-        for (const auto& architecture : info.architectures) {
-            architectures += (architectures.empty() ? "" : ", ") + architecture;
-        }
-        log("   Success: Architectures: " + architectures);
-        log(std::string("   Success: Codesigned: ") +
-            (!info.isCodesigned ? "No"
-                                : (info.signingTeam ? "Yes (Developer ID)" : "Yes (Ad-hoc)")));
-        updateStep("inspect", StepStatus::succeeded, "v" + info.version + " (" + info.build + ")");
-
-        // Notes.
-        updateStep("notes", StepStatus::running, "Exporting release notes...");
-        const auto base = appName + "-" + info.version;
-        const auto notesPath = output / (base + ".md");
-        const auto notes = request.notes.value_or(defaultNotes(info.version));
-        writeFileAtomically(notesPath, notes);
-        log("   Success: Release notes saved to " + notesPath.string());
-        updateStep("notes", StepStatus::succeeded, "Saved " + notesPath.filename().string());
-
-        // Disk image.
-        log("\n[3/6] Packaging Disk Image (DMG)");
-        updateStep("dmg", StepStatus::running, "Packaging disk image...");
-        DMGBuildOptions options;
-        options.appURL = app;
-        options.outputDMGURL = output / (base + ".dmg");
-        options.config = profile.dmgDesign;
-        if (options.config.volumeName.empty()) {
-            options.config.volumeName = appName + " " + info.version;
-        }
-        auto builder = dmgBuilder;
-        if (builder.temporaryDirectory.empty()) {
-            builder.temporaryDirectory = temporaryDirectory;
-        }
-        builder.build(
-            options, [this](const std::string& line) { log("   " + line); }, stop);
-        DeploymentArtifacts artifacts;
-        artifacts.dmgSize =
-            static_cast<std::int64_t>(std::filesystem::file_size(options.outputDMGURL));
-        updateStep("dmg", StepStatus::succeeded, megabytes(artifacts.dmgSize));
-
-        ReleaseManifest manifest;
-        manifest.appName = appName;
-        manifest.version = info.version;
-        manifest.buildNumber = info.build;
-        manifest.releaseDate = Date::now();
-        manifest.dmgURL = options.outputDMGURL.string();
-        manifest.dmgFileSize = artifacts.dmgSize;
-        manifest.sha256Checksum = sha256Hex(options.outputDMGURL);
-        manifest.sparkleSignature = artifacts.sparkleSignature;
-        manifest.releaseNotes = notes;
-        manifest.websitePublication = artifacts.websitePublication;
-        manifest.monitoringReleaseID = runID;
-        manifest.wasNotarized = artifacts.wasNotarized;
-        manifest.githubPublicationSucceeded = artifacts.githubPublicationSucceeded;
-
-        const double elapsed = std::chrono::duration<double>(Clock::now() - started).count();
-        log(separator);
-        log(fmt::format("Successfully packaged {} in {:.1f}s!", appName, elapsed));
-        log("DMG:   " + options.outputDMGURL.string());
-        log("Notes: " + notesPath.string());
-        log(separator);
-
-        // The user's own script, with the release's facts; it never fails the release.
-        if (profile.customPostScript && !trimWhitespace(*profile.customPostScript).empty()) {
-            log("Running post-release script...");
-            try {
-                const auto result = ProcessRunner().run(
-                    ProcessRequest{
-                        .command = "/bin/sh",
-                        .arguments = {"-c", *profile.customPostScript},
-                        .currentDirectory = output,
-                        .environment = {{"VELTRA_APP_NAME", appName},
-                                        {"VELTRA_VERSION", info.version},
-                                        {"VELTRA_BUILD", info.build},
-                                        {"VELTRA_DMG_PATH", *manifest.dmgURL},
-                                        {"VELTRA_DMG_SHA256", manifest.sha256Checksum},
-                                        {"VELTRA_DMG_SIZE", std::to_string(manifest.dmgFileSize)},
-                                        {"VELTRA_NOTES_PATH", notesPath.string()}},
-                        .onOutput = {}},
-                    stop);
-                const std::string said(trimWhitespace(combinedOutput(result)));
-                if (result.exitCode == 0) {
-                    log("   Success: Post-release script finished" +
-                        (said.empty() ? std::string() : ": " + said));
-                } else {
-                    log("   Warning: Post-release script failed (exit status " +
-                            std::to_string(result.exitCode) + ")" +
-                            (said.empty() ? std::string() : ": " + said),
-                        true);
-                }
-            } catch (const CancellationError&) {
-                throw;
-            } catch (const std::exception& error) {
-                log(std::string("   Warning: Post-release script could not run: ") + error.what(),
-                    true);
+        run.outputDirectory = expandTilde(standardizePath(profile.outputDirectory));
+        if (run.fromProject) {
+            run.project = expandTilde(standardizePath(*profile.sourceProjectPath));
+            const auto suggested = versionManager.readVersionInfo(
+                *run.project, profile.sparkle.appcastPath.empty()
+                                  ? std::nullopt
+                                  : std::optional<std::string>(profile.sparkle.appcastPath));
+            run.version = request.version.value_or(suggested.currentVersion);
+            run.build = request.build ? request.build : suggested.nextSuggestedBuild;
+            log("Releasing " + run.appName + " (Build " + std::to_string(*run.build) + ")");
+            log("Source: " + run.project->string());
+        } else if (request.appURL) {
+            run.app = *request.appURL;
+            log("Releasing " + run.appName + " (Build " + plistString(run.app, "CFBundleVersion") +
+                ")");
+            log("App source: " + run.app.string());
+            if (!std::filesystem::is_directory(run.app)) {
+                throw VeltraError("Veltra", 404, "No app at " + run.app.string() + ".");
             }
+        } else {
+            throw VeltraError("Veltra", 400,
+                              "This profile has no Xcode project or app to release. Choose the "
+                              "project in the profile, or give the built app.");
         }
-        post(
-            [this, manifest, id = profile.id] { finishOnMain(manifest, std::nullopt, false, id); });
+        std::filesystem::create_directories(run.outputDirectory);
+
+        if (run.fromProject) {
+            preflight(run);
+            versionStage(run);
+            archiveStage(run, worktree);
+        }
+        inspectStage(run);
+        notesStage(run);
+        dmgStage(run);
+        if (run.fromProject) {
+            notarizeStage(run);
+            sparkleStage(run);
+            deployStage(run);
+        }
+        ReleaseManifest manifest;
+        manifest.appName = run.appName;
+        manifest.version = run.info.version;
+        manifest.buildNumber = run.info.build;
+        manifest.releaseDate = Date::now();
+        manifest.dmgURL = run.dmg.string();
+        manifest.dmgFileSize = run.artifacts.dmgSize;
+        manifest.sha256Checksum = sha256Hex(run.dmg);
+        manifest.sparkleSignature = run.artifacts.sparkleSignature;
+        manifest.releaseNotes = run.notes;
+        if (run.delivery && !run.delivery->releaseNotesURLPattern.empty()) {
+            manifest.notesURL = run.delivery->releaseNotesURL(run.dmg.stem().string());
+        }
+        manifest.websitePublication = run.artifacts.websitePublication;
+        manifest.monitoringReleaseID = run.runID;
+        manifest.wasNotarized = run.artifacts.wasNotarized;
+        manifest.githubPublicationSucceeded = run.artifacts.githubPublicationSucceeded;
+
+        const double elapsed = std::chrono::duration<double>(Clock::now() - run.started).count();
+        log(separator);
+        log(run.uploadSeconds
+                ? fmt::format("Successfully packaged {} in {:.1f}s, uploaded in {:.1f}s. The "
+                              "website should update in a few minutes.",
+                              run.appName, elapsed - *run.uploadSeconds, *run.uploadSeconds)
+                : fmt::format("Successfully packaged {} in {:.1f}s!", run.appName, elapsed));
+        log("DMG:   " + run.dmg.string());
+        log("Notes: " + run.notesPath.string());
+        log(separator);
+        runPostScript(run, manifest);
+        finish = [this, manifest, id = profile.id,
+                  watch = manifest.websitePublication.has_value()] {
+            finishOnMain(manifest, std::nullopt, false, id);
+            if (watch && watcher != nullptr) {
+                // After the store has recorded the release (the notification went first).
+                queue_.post([this, alive = std::weak_ptr<int>(lifetime_), id,
+                             releaseID = *manifest.monitoringReleaseID] {
+                    if (!alive.expired() && watcher != nullptr) {
+                        watcher->watch(id, releaseID);
+                    }
+                });
+            }
+        };
     } catch (const CancellationError&) {
-        post([this, id = profile.id] { finishOnMain(std::nullopt, std::nullopt, true, id); });
+        finish = [this, id = profile.id] { finishOnMain(std::nullopt, std::nullopt, true, id); };
     } catch (const std::exception& error) {
-        post([this, message = std::string(error.what()), id = profile.id, runID, appName] {
+        finish = [this, message = std::string(error.what()), id = profile.id, runID = run.runID,
+                  appName = run.appName,
+                  version = run.info.version.empty() ? run.version : run.info.version] {
             finishOnMain(std::nullopt, message, false, id);
             notifications_.post(
                 std::string(ReleaseNotificationEvent::notificationName),
-                ReleaseNotificationEvent{id, runID, appName, appInfo_ ? appInfo_->version : "",
+                ReleaseNotificationEvent{id, runID, appName, version,
                                          ReleaseNotificationEvent::Outcome::failed});
-        });
+        };
+    }
+    worktree.reset();
+    if (run.buildFolder) {
+        std::error_code ignored;
+        std::filesystem::remove_all(*run.buildFolder, ignored);
+    }
+    post(std::move(finish));
+}
+
+void PipelineManager::preflight(RunState& run) {
+    const auto& profile = run.request.profile;
+    log("Checking the publishing branch and live feed before building...");
+    run.embedded = SparkleAutoResolver::fromProject(*run.project);
+    // An app that carries a feed address expects its updates there.
+    run.updatesConfigured = run.embedded.feedURL.has_value();
+    const auto repository = ReleasePublishingPlan::resolveRepository(profile);
+    if (run.updatesConfigured) {
+        if (!profile.webDeploy.gitCommitAndPush) {
+            throw VeltraError("Veltra", 400,
+                              "Sparkle updates are configured, but automatic website publishing "
+                              "is off. Enable Git commit and push so Veltra can publish and "
+                              "verify the appcast, or distribute the release manually.");
+        }
+        if (!repository) {
+            throw VeltraError("Veltra", 400,
+                              "Sparkle updates are configured, but Veltra could not find the "
+                              "website repository to publish the appcast and DMG.");
+        }
+        if (!run.build) {
+            throw VeltraError("Veltra", 400,
+                              "Choose a build number before releasing Sparkle updates.");
+        }
+        const auto expected = ReleasePublishingPlan::publicAddresses(profile).publicAppcastURL;
+        if (*run.embedded.feedURL != expected) {
+            throw VeltraError(
+                "Veltra", 400,
+                "The Sparkle feed URL embedded in this app (" + *run.embedded.feedURL +
+                    ") does not match the appcast Veltra will deploy (" +
+                    (expected.empty() ? std::string("no website URL set") : expected) +
+                    "). Sync the website URL with the Sparkle URL pattern before releasing.");
+        }
+    }
+    if (repository && profile.webDeploy.gitCommitAndPush) {
+        const auto branch = WebDeployer::branch(profile.webDeploy);
+        const auto status = webDeployer.repositoryInspector.inspect(*repository, branch, run.stop);
+        if (status.blocker) {
+            throw VeltraError("Veltra", 409, *status.blocker);
+        }
+        const auto addresses = ReleasePublishingPlan::publicAddresses(profile);
+        const auto feed = feedReader.committedFeedCheckedAgainstLive(
+            *repository, branch, ReleasePublishingPlan::downloadsFolder(profile.webDeploy),
+            addresses.publicAppcastURL, run.stop);
+        if (run.build) {
+            ReleaseFeedValidator::validateNextBuild(feed, *run.build);
+        }
+        log("   Success: Publishing branch '" + branch + "' is ready for build " +
+            std::to_string(run.build.value_or(0)));
+    }
+}
+
+void PipelineManager::versionStage(RunState& run) {
+    updateStep("version", StepStatus::running, "Syncing version...");
+    const auto applied = versionManager.apply(run.version, run.build, *run.project);
+    for (const auto& notice : applied.notices) {
+        log("Info: Version notice: " + notice);
+    }
+    log("Success: Info.plist synchronized (v" + run.version + ", build " +
+        std::to_string(run.build.value_or(0)) + ")");
+    updateStep("version", StepStatus::succeeded,
+               "v" + run.version + " (" + std::to_string(run.build.value_or(0)) + ")");
+}
+
+void PipelineManager::chooseIdentity(RunState& run) {
+    const auto& notarization = run.request.profile.notarization;
+    std::optional<std::vector<SigningCertificate>> scanned;
+    const auto certificates = [&]() -> const std::vector<SigningCertificate>& {
+        if (!scanned) {
+            scanned = certificateScanner.scanIdentities(run.stop);
+        }
+        return *scanned;
+    };
+    if (!notarization.signingIdentity.empty()) {
+        run.identity = notarization.signingIdentity;
+    } else if (notarization.enabled) {
+        const SigningCertificate* chosen = nullptr;
+        for (const auto& certificate : certificates()) {
+            if (certificate.isDeveloperID) {
+                chosen = &certificate;
+                break;
+            }
+        }
+        if (chosen != nullptr) {
+            log("Success: Auto-detected Developer ID: " + chosen->name);
+        } else {
+            for (const auto& certificate : certificates()) {
+                if (certificate.isDevelopment) {
+                    chosen = &certificate;
+                    break;
+                }
+            }
+            if (chosen != nullptr) {
+                log("Success: Auto-detected development signing identity: " + chosen->name);
+            } else {
+                log("Warning: Notarization enabled but no signing certificate found. Build will "
+                    "likely fail at Apple.",
+                    true);
+            }
+        }
+        if (chosen != nullptr) {
+            run.identity = chosen->name;
+        }
+    }
+    if (!run.identity) {
+        return;
+    }
+    run.developmentIdentity = SigningCertificate::classify("", *run.identity).isDevelopment;
+    // codesign refuses a name that several certificates share; their SHA-1 is unique.
+    std::vector<const SigningCertificate*> named;
+    for (const auto& certificate : certificates()) {
+        if (certificate.name == *run.identity) {
+            named.push_back(&certificate);
+        }
+    }
+    if (named.size() > 1) {
+        log("   Warning: Ambiguous certificate '" + *run.identity +
+            "' \xE2\x80\x94 pinning to SHA-1: " + named.front()->hash);
+        run.identity = named.front()->hash;
+    }
+}
+
+void PipelineManager::archiveStage(RunState& run, std::optional<BranchWorktree>& worktree) {
+    const auto& profile = run.request.profile;
+    log("\n[1/6] Building Xcode Archive");
+    updateStep("archive", StepStatus::running, "Archiving with Xcode...");
+    auto project = *run.project;
+    if (run.request.branch) {
+        worktree.emplace(xcodeArchiver.runner, project, *run.request.branch, temporaryDirectory,
+                         run.stop);
+        project = worktree->project();
+        log("   Building committed app branch '" + *run.request.branch +
+            "' from a temporary worktree; local app edits excluded");
+    } else {
+        log("   Building current app working copy, including local project edits");
+    }
+    auto info = XcodeProjectDiscovery::discover(project);
+    std::string scheme = profile.selectedScheme.value_or(
+        info.defaultScheme.value_or(info.schemes.empty() ? run.appName : info.schemes.front()));
+    if (!info.schemes.empty() &&
+        std::find(info.schemes.begin(), info.schemes.end(), scheme) == info.schemes.end()) {
+        if (run.request.branch) {
+            throw VeltraError("Veltra", 404,
+                              "The selected app branch does not contain the '" + scheme +
+                                  "' Xcode scheme. Choose another branch or scheme before "
+                                  "shipping.");
+        }
+        const auto other = info.defaultScheme.value_or(info.schemes.front());
+        log("Info: Target scheme '" + scheme + "' is not in the project; falling back to '" +
+            other + "'");
+        scheme = other;
+    }
+    if (run.updatesConfigured) {
+        log("   Ensuring Sparkle framework is integrated into Xcode project...");
+    }
+    chooseIdentity(run);
+    log("   Compiling Release Build...");
+    run.app = xcodeArchiver.archiveAndExport(
+        info, scheme,
+        profile.notarization.developerTeamID.empty()
+            ? std::nullopt
+            : std::optional<std::string>(profile.notarization.developerTeamID),
+        run.identity, run.version, run.build, [this](const std::string& line) { log(line); },
+        run.stop);
+    // <temp>/veltra_build_<UUID>/ExportedApp/<name>.app
+    run.buildFolder = run.app.parent_path().parent_path();
+    updateStep("archive", StepStatus::succeeded, "Built " + run.app.filename().string());
+}
+
+void PipelineManager::inspectStage(RunState& run) {
+    log("\n[2/6] Codesigning & Verifying Application Bundle");
+    updateStep("inspect", StepStatus::running, "Inspecting metadata & signatures...");
+    run.info = inspector.inspect(run.app, run.stop);
+    post([this, info = run.info] { appInfo_ = info; });
+    const auto& info = run.info;
+    log("   Success: Name: " + info.displayName);
+    log("   Success: Bundle ID: " + info.bundleIdentifier);
+    log("   Success: Version: v" + info.version + " (" + info.build + ")");
+    std::string architectures;
+    for (const auto& architecture : info.architectures) {
+        architectures += (architectures.empty() ? "" : ", ") + architecture;
+    }
+    log("   Success: Architectures: " + architectures);
+    std::string signing = "No";
+    if (info.isCodesigned) {
+        if (run.identity && !run.developmentIdentity &&
+            SigningCertificate::classify("", *run.identity).isDeveloperID) {
+            signing = "Yes (Developer ID)";
+        } else if (run.developmentIdentity) {
+            signing = "Yes (Apple Development)";
+        } else {
+            signing = info.signingTeam ? "Yes (Developer ID)" : "Yes (Ad-hoc)";
+        }
+    }
+    log("   Success: Codesigned: " + signing);
+    if (run.identity) {
+        if (const auto problem = inspector.signatureProblem(run.app, run.stop)) {
+            throw VeltraError("Veltra", 500,
+                              "The re-signed app does not pass code signature verification: " +
+                                  *problem);
+        }
+    }
+    if (run.updatesConfigured) {
+        const auto expected =
+            ReleasePublishingPlan::publicAddresses(run.request.profile).publicAppcastURL;
+        const auto found = SparkleAutoResolver::fromApp(run.app).feedURL;
+        if (found != expected) {
+            throw VeltraError("Veltra", 400,
+                              "The built app's Sparkle feed URL does not match this app's "
+                              "release profile. Expected " +
+                                  expected + ", found " + found.value_or("none") +
+                                  ". Update the Sparkle download URL pattern and try again.");
+        }
+    }
+    run.iconPNG = appIconResolver.pngData(info.iconURL, run.stop);
+    updateStep("inspect", StepStatus::succeeded, "v" + info.version + " (" + info.build + ")");
+}
+
+void PipelineManager::notesStage(RunState& run) {
+    updateStep("notes", StepStatus::running, "Exporting release notes...");
+    run.notesPath = run.outputDirectory / (run.appName + "-" + run.info.version + ".md");
+    run.notes = run.request.notes.value_or(defaultNotes(run.info.version));
+    writeFileAtomically(run.notesPath, run.notes);
+    log("   Success: Release notes saved to " + run.notesPath.string());
+    updateStep("notes", StepStatus::succeeded, "Saved " + run.notesPath.filename().string());
+}
+
+void PipelineManager::dmgStage(RunState& run) {
+    const auto& profile = run.request.profile;
+    log("\n[3/6] Packaging Disk Image (DMG)");
+    updateStep("dmg", StepStatus::running, "Packaging disk image...");
+    DMGBuildOptions options;
+    options.appURL = run.app;
+    options.outputDMGURL = run.outputDirectory / (run.appName + "-" + run.info.version + ".dmg");
+    options.config = profile.dmgDesign;
+    if (options.config.volumeName.empty()) {
+        options.config.volumeName = run.appName + " " + run.info.version;
+    }
+    if (run.identity) {
+        options.signingIdentity = run.identity;
+    }
+    auto builder = dmgBuilder;
+    if (builder.temporaryDirectory.empty()) {
+        builder.temporaryDirectory = temporaryDirectory;
+    }
+    builder.build(
+        options, [this](const std::string& line) { log("   " + line); }, run.stop);
+    run.dmg = options.outputDMGURL;
+    run.artifacts.dmgSize = static_cast<std::int64_t>(std::filesystem::file_size(run.dmg));
+    updateStep("dmg", StepStatus::succeeded, megabytes(run.artifacts.dmgSize));
+}
+
+void PipelineManager::notarizeStage(RunState& run) {
+    const auto& notarization = run.request.profile.notarization;
+    log("\n[4/6] Apple Gatekeeper Notarization");
+    if (!notarization.enabled) {
+        updateStep("notarize", StepStatus::skipped, "Notarization skipped (Local testing mode)");
+        return;
+    }
+    if (run.developmentIdentity) {
+        updateStep("notarize", StepStatus::skipped, "Notarization skipped (Development identity)");
+        return;
+    }
+    updateStep("notarize", StepStatus::running, "Submitting to Apple...");
+    notarizer.notarize(
+        run.dmg, notarization.keychainProfileName, [this](const std::string& line) { log(line); },
+        run.stop);
+    run.artifacts.wasNotarized = true;
+    // Stapling changed the image.
+    run.artifacts.dmgSize = static_cast<std::int64_t>(std::filesystem::file_size(run.dmg));
+    updateStep("notarize", StepStatus::succeeded, "Notarized");
+}
+
+void PipelineManager::sparkleStage(RunState& run) {
+    const auto& profile = run.request.profile;
+    log("\n[5/6] Sparkle Distribution Feed");
+    updateStep("sparkle", StepStatus::running, "Resolving website & feed...");
+    run.delivery =
+        ReleasePublishingPlan::resolve(profile, [this](const std::string& line) { log(line); });
+    if (!run.delivery) {
+        log("   \xE2\x86\xB7 Sparkle feed skipped (No website repository configured)");
+        updateStep("sparkle", StepStatus::skipped, "No website repo found");
+        return;
+    }
+    WebDeployer::checkFileName(run.appName);
+    auto engine = sparkleEngine;
+    engine.log = [this](const std::string& line) { log("   " + line); };
+    const auto signed_ =
+        engine.sign(run.dmg, run.appName, profile.sparkle.privateKeyPath, run.stop);
+    if (run.stop.stop_requested()) {
+        throw CancellationError();
+    }
+    AppcastRelease release;
+    release.shortVersion = run.info.version;
+    release.build = run.info.build;
+    // The website keeps one stable file name, which its download button links.
+    release.downloadURL = run.delivery->downloadURL(run.appName + ".dmg");
+    release.signature = signed_.signature;
+    release.length = signed_.length;
+    release.minimumSystemVersion = profile.sparkle.minimumSystemVersion;
+    release.releaseNotesURL = run.delivery->releaseNotesURL(run.dmg.stem().string());
+    // Written to a temporary file and renamed: a cancelled run never leaves half a feed.
+    engine.updateFeed(run.delivery->appcastURL, release);
+    run.artifacts.sparkleSignature = signed_.signature;
+    log("Success: Sparkle appcast.xml updated for v" + run.info.version);
+    updateStep("sparkle", StepStatus::succeeded,
+               "Signed (v" + run.info.version + " (Build " + run.info.build + "))");
+}
+
+void PipelineManager::deployStage(RunState& run) {
+    const auto& profile = run.request.profile;
+    log("\n[6/6] Deploying Release");
+    updateStep("deploy", StepStatus::running, "Syncing website & appcast...");
+    if (!run.delivery) {
+        log("   \xE2\x86\xB7 Website deployment skipped");
+        updateStep("deploy", StepStatus::skipped, "No website repo found");
+        publishToGitHub(run);
+        return;
+    }
+    if (!profile.webDeploy.gitCommitAndPush) {
+        updateStep("deploy", StepStatus::skipped, "Website not pushed");
+        publishToGitHub(run);
+        return;
+    }
+    const auto uploadStarted = Clock::now();
+    if (!run.artifacts.sparkleSignature || run.artifacts.sparkleSignature->empty()) {
+        throw VeltraError("Veltra", 400, "Missing Sparkle signature; upload stopped.");
+    }
+    ReleaseFeedValidator::verifyWrittenFeed(
+        readFile(run.delivery->appcastURL),
+        ExpectedFeedItem{run.info.version, run.info.build,
+                         run.delivery->downloadURL(run.appName + ".dmg"),
+                         *run.artifacts.sparkleSignature, std::to_string(run.artifacts.dmgSize)});
+    WebDeployRelease release;
+    release.dmgURL = run.dmg;
+    release.appName = run.appName;
+    release.version = run.info.version;
+    release.build = run.info.build;
+    release.notes = run.notes;
+    release.iconPNG = run.iconPNG;
+    release.signature = *run.artifacts.sparkleSignature;
+    release.size = run.artifacts.dmgSize;
+    run.artifacts.websitePublication = webDeployer.deploy(
+        profile.webDeploy, *run.delivery, release, [this](const std::string& line) { log(line); },
+        run.stop);
+    run.uploadSeconds = std::chrono::duration<double>(Clock::now() - uploadStarted).count();
+    updateStep("deploy", StepStatus::succeeded, "Uploaded; website publishing");
+    publishToGitHub(run);
+}
+
+void PipelineManager::publishToGitHub(RunState& run) {
+    const auto& config = run.request.profile.githubRelease;
+    if (!config.enabled) {
+        return;
+    }
+    log("   Publishing to GitHub Releases...");
+    try {
+        githubEngine.publish(
+            config, run.dmg, run.appName, run.info.version, run.notes,
+            [this](const std::string& line) { log(line); }, run.stop);
+        run.artifacts.githubPublicationSucceeded = true;
+    } catch (const CancellationError&) {
+        throw;
+    } catch (const std::exception& error) {
+        log(std::string("GitHub publication failed: ") + error.what(), true);
+        run.artifacts.githubPublicationSucceeded = false;
+    }
+}
+
+void PipelineManager::runPostScript(RunState& run, const ReleaseManifest& manifest) {
+    const auto& profile = run.request.profile;
+    // The user's own script, with the release's facts; it never fails the release.
+    if (!profile.customPostScript || trimWhitespace(*profile.customPostScript).empty()) {
+        return;
+    }
+    log("Running post-release script...");
+    std::map<std::string, std::string> environment{
+        {"VELTRA_APP_NAME", run.appName},
+        {"VELTRA_VERSION", run.info.version},
+        {"VELTRA_BUILD", run.info.build},
+        {"VELTRA_DMG_PATH", run.dmg.string()},
+        {"VELTRA_DMG_SHA256", manifest.sha256Checksum},
+        {"VELTRA_DMG_SIZE", std::to_string(manifest.dmgFileSize)},
+        {"VELTRA_NOTES_PATH", run.notesPath.string()}};
+    if (manifest.sparkleSignature) {
+        environment["VELTRA_SPARKLE_SIGNATURE"] = *manifest.sparkleSignature;
+    }
+    if (manifest.websitePublication) {
+        environment["VELTRA_DOWNLOAD_URL"] = manifest.websitePublication->downloadURL;
+        environment["VELTRA_FEED_URL"] = manifest.websitePublication->feedURL;
+    }
+    try {
+        const auto result =
+            ProcessRunner().run(ProcessRequest{.command = "/bin/sh",
+                                               .arguments = {"-c", *profile.customPostScript},
+                                               .currentDirectory = run.outputDirectory,
+                                               .environment = std::move(environment),
+                                               .onOutput = {}},
+                                run.stop);
+        const std::string said(trimWhitespace(combinedOutput(result)));
+        if (result.exitCode == 0) {
+            log("   Success: Post-release script finished" +
+                (said.empty() ? std::string() : ": " + said));
+        } else {
+            log("   Warning: Post-release script failed (exit status " +
+                    std::to_string(result.exitCode) + ")" +
+                    (said.empty() ? std::string() : ": " + said),
+                true);
+        }
+    } catch (const CancellationError&) {
+        throw;
+    } catch (const std::exception& error) {
+        log(std::string("   Warning: Post-release script could not run: ") + error.what(), true);
     }
 }
 

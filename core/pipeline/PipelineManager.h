@@ -1,15 +1,27 @@
 #pragma once
 
+#include "AppIconResolver.h"
+#include "BranchWorktree.h"
 #include "DeploymentArtifacts.h"
 #include "PipelineLogStream.h"
 #include "PipelineStep.h"
 #include "ReleaseLogEntry.h"
 #include "ReleaseManifest.h"
+#include "SparkleAutoResolver.h"
 #include "core/dmg/DMGBuilder.h"
+#include "core/feed/PublishedFeedReader.h"
+#include "core/feed/SparkleEngine.h"
 #include "core/profile/ProjectProfile.h"
+#include "core/publishing/GitHubReleaseEngine.h"
+#include "core/publishing/WebDeployer.h"
+#include "core/publishing/WebsitePublicationWatcher.h"
+#include "core/signing/CertificateScanner.h"
+#include "core/signing/NotarizationEngine.h"
 #include "core/support/MainQueue.h"
 #include "core/support/NotificationCenter.h"
 #include "core/xcode/AppInspector.h"
+#include "core/xcode/VersionManager.h"
+#include "core/xcode/XcodeArchiver.h"
 
 #include <chrono>
 #include <filesystem>
@@ -43,11 +55,17 @@ public:
 
 // What one run releases.
 struct ReleaseRequest {
-    ProjectProfile profile;
+    ProjectProfile profile{};
     // Ship this already built app instead of building the profile's project.
-    std::optional<std::filesystem::path> appURL;
+    std::optional<std::filesystem::path> appURL{};
     // Release notes in Markdown; the default text when absent.
-    std::optional<std::string> notes;
+    std::optional<std::string> notes{};
+    // The project's version and build for this release; the project's next suggestion when
+    // absent.
+    std::optional<std::string> version{};
+    std::optional<std::int64_t> build{};
+    // Build this committed branch from a temporary worktree instead of the working copy.
+    std::optional<std::string> branch{};
 };
 
 // Runs one release of one profile, step by step, on a worker thread; its state lives on the
@@ -89,14 +107,37 @@ public:
     static std::string defaultNotes(const std::string& version);
 
     // The engines, one each for the manager's life.
-    DMGBuilder dmgBuilder;
+    VersionManager versionManager;
+    XcodeArchiver xcodeArchiver;
+    CertificateScanner certificateScanner;
     AppInspector inspector;
+    AppIconResolver appIconResolver;
+    DMGBuilder dmgBuilder;
+    NotarizationEngine notarizer;
+    SparkleEngine sparkleEngine;
+    PublishedFeedReader feedReader;
+    WebDeployer webDeployer;
+    GitHubReleaseEngine githubEngine;
+    // Told to follow a pushed release until the live site serves it; none: nobody follows.
+    WebsitePublicationWatcher* watcher = nullptr;
     // Where work folders go (the system's temporary folder when empty).
     std::filesystem::path temporaryDirectory;
 
 private:
     struct RunState;
     void execute(const ReleaseRequest& request, std::stop_token stop);
+    void preflight(RunState& run);
+    void versionStage(RunState& run);
+    void chooseIdentity(RunState& run);
+    void archiveStage(RunState& run, std::optional<BranchWorktree>& worktree);
+    void inspectStage(RunState& run);
+    void notesStage(RunState& run);
+    void dmgStage(RunState& run);
+    void notarizeStage(RunState& run);
+    void sparkleStage(RunState& run);
+    void deployStage(RunState& run);
+    void publishToGitHub(RunState& run);
+    void runPostScript(RunState& run, const ReleaseManifest& manifest);
     void finishOnMain(std::optional<ReleaseManifest> manifest, std::optional<std::string> error,
                       bool cancelled, std::optional<Uuid> profileID);
     void updateStep(const std::string& id, StepStatus status, const std::string& message);

@@ -1,0 +1,117 @@
+#include "DemoSandbox.h"
+
+#include "core/feed/SparklePrivateKey.h"
+#include "core/publishing/GitCommand.h"
+#include "core/publishing/WebsiteCreator.h"
+#include "core/support/FileCopy.h"
+#include "core/support/FileUtilities.h"
+#include "core/support/VeltraError.h"
+
+namespace veltra {
+namespace {
+
+namespace fs = std::filesystem;
+
+void replaceOnce(std::string& text, std::string_view from, std::string_view to) {
+    const auto at = text.find(from);
+    if (at == std::string::npos) {
+        throw VeltraError("Veltra", 500,
+                          "The sample project's Info.plist has no '" + std::string(from) + "'.");
+    }
+    text.replace(at, from.size(), to);
+}
+
+void git(const ProcessRunner& runner, const fs::path& directory, std::vector<std::string> arguments,
+         const std::string& what) {
+    const auto result = GitCommand::run(runner, directory, std::move(arguments), {}, 120);
+    if (result.exitCode != 0) {
+        throw GitCommand::failure(what, result);
+    }
+}
+
+} // namespace
+
+DemoSandbox::DemoSandbox(const fs::path& root, const fs::path& sample, ProcessRunner runner,
+                         const LogHandler& log)
+    : root_(fs::absolute(root)) {
+    const auto say = [&](const std::string& line) {
+        if (log) {
+            log(line);
+        }
+    };
+    if (fs::exists(root_) && !fs::is_empty(root_)) {
+        throw VeltraError("Veltra", 409,
+                          "The demo folder " + root_.string() +
+                              " is not empty. Choose a new or empty folder.");
+    }
+    if (!fs::is_directory(sample / "Sample.xcodeproj")) {
+        throw VeltraError("Veltra", 404, "No sample project at " + sample.string() + ".");
+    }
+    fs::create_directories(served());
+    fs::create_directories(releases());
+    server_ = std::make_unique<StaticSiteServer>(served());
+    say("Serving " + served().string() + " at " + siteURL());
+
+    // The app: the sample in a repository of its own, carrying this sandbox's feed and key.
+    copyItem(sample, root_ / "Sample");
+    publicKey_ = SparklePrivateKey::createFile(privateKey());
+    say("Made a Sparkle key for the demo: " + privateKey().string());
+    const auto plistPath = root_ / "Sample" / "Sample" / "Info.plist";
+    auto plist = readFile(plistPath);
+    const auto feedURL = siteURL() + "downloads/appcast.xml";
+    replaceOnce(plist, "<string>https://www.example.com/downloads/appcast.xml</string>",
+                "<string>" + feedURL + "</string>");
+    replaceOnce(plist, "<key>SUPublicEDKey</key>\n\t<string></string>",
+                "<key>SUPublicEDKey</key>\n\t<string>" + publicKey_ + "</string>");
+    writeFileAtomically(plistPath, plist);
+    const auto appRepository = root_ / "Sample";
+    git(runner, appRepository, {"init", "--quiet", "--initial-branch=main"},
+        "Could not create the sample's repository");
+    git(runner, appRepository, {"add", "--all"}, "Could not add the sample's files");
+    auto commit = GitCommand::identityFallback(runner, appRepository);
+    commit.insert(commit.end(), {"commit", "--quiet", "-m", "Sample app"});
+    git(runner, appRepository, commit, "Could not commit the sample");
+
+    // The hosting service: a bare origin that publishes main into the served folder.
+    git(runner, root_, {"init", "--quiet", "--bare", "--initial-branch=main", origin().string()},
+        "Could not create the website's origin");
+    const auto hook = origin() / "hooks" / "post-receive";
+    writeFileAtomically(hook, "#!/bin/sh\n"
+                              "# Publishes what is pushed to main, as a hosting service does.\n"
+                              "while read old new ref; do\n"
+                              "  if [ \"$ref\" = refs/heads/main ]; then\n"
+                              "    git --work-tree=\"" +
+                                  served().string() +
+                                  "\" checkout -f main -- . >/dev/null 2>&1\n"
+                                  "  fi\n"
+                                  "done\n"
+                                  "exit 0\n");
+    fs::permissions(hook, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                              fs::perms::others_read | fs::perms::others_exec);
+
+    profile_ = ProjectProfile::create("Sample", "dev.veltra.sample");
+    profile_.appName = "Sample";
+    profile_.outputDirectory = releases().string();
+    profile_.sourceProjectPath = project().string();
+    profile_.selectedScheme = "Sample";
+    profile_.notarization.enabled = false;
+    profile_.sparkle.privateKeyPath = privateKey().string();
+    profile_.sparkle.appcastPath = (website() / "downloads" / "appcast.xml").string();
+    profile_.sparkle.downloadURLPattern = siteURL() + "downloads/{dmg}";
+    profile_.sparkle.releaseNotesURLPattern = siteURL() + "downloads/{app}.md";
+    profile_.webDeploy.websiteRepoPath = website().string();
+    profile_.webDeploy.gitCommitAndPush = true;
+    profile_.webDeploy.gitBranch = "main";
+    profile_.webDeploy.siteURL = siteURL();
+    profile_.webDeploy.websiteRepoRemoteURL = origin().string();
+    profile_.hasCompletedInitialSetup = true;
+
+    WebsiteCreator creator;
+    creator.runner = runner;
+    creator.create(website(), profile_, origin().string(), log);
+    git(runner, website(), {"push", "--quiet", "-u", "origin", "main"},
+        "Could not publish the new website");
+    say("Website repository " + website().string() + " pushed to " + origin().string());
+}
+
+} // namespace veltra

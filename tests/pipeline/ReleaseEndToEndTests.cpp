@@ -1,0 +1,333 @@
+// Whole releases of the sample project through the stand-ins, real git (a bare origin whose
+// hook publishes into a served folder) and a real local web server.
+
+#include "AppleTools.h"
+#include "GitFixture.h"
+#include "core/pipeline/DemoSandbox.h"
+#include "core/pipeline/PipelineManager.h"
+#include "core/profile/ProfileStore.h"
+#include "core/support/EventLoop.h"
+#include "core/support/FileUtilities.h"
+
+#include <gtest/gtest.h>
+
+namespace veltra {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+class ReleaseRun : public testing::AppleToolsTest {
+protected:
+    ReleaseRun() : sandbox(dir / "sandbox", fs::path(VELTRA_SOURCE_DIR) / "share/demo/Sample") {
+        profile = sandbox.profile();
+        fs::create_directories(dir / "tmp");
+        pipeline.temporaryDirectory = dir / "tmp";
+    }
+
+    void release(std::optional<std::int64_t> build = {}, std::optional<std::string> branch = {}) {
+        ReleaseRequest request;
+        request.profile = profile;
+        request.build = build;
+        request.branch = std::move(branch);
+        pipeline.run(request);
+        ASSERT_TRUE(loop.runUntil([&] { return !pipeline.isRunning(); }, 300s));
+    }
+
+    bool logged(const std::string& line) const {
+        for (const auto& entry : pipeline.logs()) {
+            if (entry.text == line) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    const PipelineStep& step(const std::string& id) const {
+        for (const auto& candidate : pipeline.steps()) {
+            if (candidate.id == id) {
+                return candidate;
+            }
+        }
+        throw std::runtime_error("no step " + id);
+    }
+
+    std::string failure() const { return pipeline.errorMessage().value_or(""); }
+
+    DemoSandbox sandbox;
+    ProjectProfile profile;
+    EventLoop loop;
+    NotificationCenter notifications{loop};
+    PipelineManager pipeline{loop, notifications};
+};
+
+TEST_F(ReleaseRun, EveryStepFromProjectToALiveRelease) {
+    ProfileStore store(loop, notifications, dir / "profiles.json");
+    store.add(profile);
+    WebsitePublicationWatcher watcher(loop, store, notifications, WebsitePublicationProbe::shared(),
+                                      WebsiteWatchTiming{100ms, 120s, 50ms});
+    std::optional<WebsitePublicationState> finished;
+    watcher.onFinish = [&](const std::string&, WebsitePublicationState state) { finished = state; };
+    pipeline.watcher = &watcher;
+
+    release(7);
+    ASSERT_EQ(failure(), "");
+    std::vector<std::string> statuses;
+    for (const auto& s : pipeline.steps()) {
+        statuses.push_back(s.id + ":" + std::string(rawValue(s.status)) + ":" + s.message);
+    }
+    EXPECT_EQ(statuses, (std::vector<std::string>{
+                            "version:Succeeded:v1.0 (7)", "archive:Succeeded:Built Sample.app",
+                            "inspect:Succeeded:v1.0 (7)", "notes:Succeeded:Saved Sample-1.0.md",
+                            std::string("dmg:Succeeded:") + step("dmg").message,
+                            "notarize:Skipped:Notarization skipped (Local testing mode)",
+                            "sparkle:Succeeded:Signed (v1.0 (Build 7))",
+                            "deploy:Succeeded:Uploaded; website publishing"}));
+    EXPECT_TRUE(logged("Releasing Sample (Build 7)"));
+    EXPECT_TRUE(logged("Checking the publishing branch and live feed before building..."));
+    EXPECT_TRUE(logged("\n[1/6] Building Xcode Archive"));
+    EXPECT_TRUE(logged("   Building current app working copy, including local project edits"));
+    EXPECT_TRUE(logged("\n[4/6] Apple Gatekeeper Notarization"));
+    EXPECT_TRUE(logged("Success: Sparkle appcast.xml updated for v1.0"));
+    EXPECT_TRUE(logged("\n[6/6] Deploying Release"));
+
+    // The project now says what was released, and xcodebuild was told the same.
+    EXPECT_NE(readFile(sandbox.project() / "project.pbxproj").find("CURRENT_PROJECT_VERSION = 7;"),
+              std::string::npos);
+    const auto& manifest = pipeline.completedManifest();
+    ASSERT_TRUE(manifest);
+    EXPECT_EQ(manifest->buildNumber, "7");
+    ASSERT_TRUE(manifest->sparkleSignature);
+    ASSERT_TRUE(manifest->websitePublication);
+    EXPECT_EQ(manifest->websitePublication->downloadURL,
+              sandbox.siteURL() + "downloads/Sample.dmg");
+    EXPECT_EQ(manifest->websitePublication->feedURL, sandbox.siteURL() + "downloads/appcast.xml");
+    // The served site has what was pushed: the very image, and a feed offering it.
+    EXPECT_EQ(readFile(sandbox.served() / "downloads" / "Sample.dmg"), readFile(*manifest->dmgURL));
+    EXPECT_NE(
+        readFile(sandbox.served() / "downloads" / "appcast.xml").find(*manifest->sparkleSignature),
+        std::string::npos);
+    EXPECT_TRUE(fs::is_regular_file(sandbox.served() / "downloads" / "icon.png"));
+    EXPECT_TRUE(std::any_of(pipeline.logs().begin(), pipeline.logs().end(), [](const auto& e) {
+        return e.text.find("uploaded in") != std::string::npos;
+    }));
+
+    // The watcher follows the release until the live site serves it, in the profile too.
+    ASSERT_TRUE(loop.runUntil([&] { return finished.has_value(); }, 120s));
+    EXPECT_EQ(*finished, WebsitePublicationState::live);
+    const auto* stored = store.find(profile.id);
+    ASSERT_TRUE(stored && stored->recentReleases && !stored->recentReleases->empty());
+    EXPECT_EQ(stored->recentReleases->front().websitePublication->state,
+              WebsitePublicationState::live);
+    // Nothing of the build is left in the work folder.
+    EXPECT_TRUE(fs::is_empty(dir / "tmp"));
+}
+
+TEST_F(ReleaseRun, TheSameBuildTwiceIsRefusedBeforeAnythingIsBuilt) {
+    release(3);
+    ASSERT_EQ(failure(), "");
+    const auto archives = runsOf("xcodebuild").size();
+    release(3);
+    EXPECT_EQ(pipeline.failedStepID(), "preflight");
+    EXPECT_NE(failure().find("3"), std::string::npos) << failure();
+    EXPECT_TRUE(logged("Error: " + failure()));
+    EXPECT_EQ(step("archive").status, StepStatus::pending);
+    EXPECT_EQ(runsOf("xcodebuild").size(), archives);
+}
+
+TEST_F(ReleaseRun, PreflightRefusalsNameWhatToChange) {
+    struct Row {
+        const char* name;
+        std::function<void(ProjectProfile&)> change;
+        std::string message;
+    };
+    const std::vector<Row> rows{
+        {"publishing off", [](ProjectProfile& p) { p.webDeploy.gitCommitAndPush = false; },
+         "Sparkle updates are configured, but automatic website publishing is off. Enable Git "
+         "commit and push so Veltra can publish and verify the appcast, or distribute the "
+         "release manually."},
+        {"no website repository",
+         [&](ProjectProfile& p) {
+             p.webDeploy.websiteRepoPath = (dir / "nowhere").string();
+             // Nor a "website" folder beside the releases.
+             p.outputDirectory = (dir / "elsewhere" / "releases").string();
+         },
+         "Sparkle updates are configured, but Veltra could not find the website repository to "
+         "publish the appcast and DMG."},
+        {"feed elsewhere",
+         [](ProjectProfile& p) { p.webDeploy.siteURL = "https://downloads.example.org/"; },
+         "The Sparkle feed URL embedded in this app (" + sandbox.siteURL() +
+             "downloads/appcast.xml) does not match the appcast Veltra will deploy "
+             "(https://downloads.example.org/downloads/appcast.xml). Sync the website URL with "
+             "the Sparkle URL pattern before releasing."},
+    };
+    const auto original = profile;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        profile = original;
+        row.change(profile);
+        release(4);
+        EXPECT_EQ(failure(), row.message);
+        EXPECT_EQ(pipeline.failedStepID(), "preflight");
+        EXPECT_EQ(step("version").status, StepStatus::pending);
+    }
+    EXPECT_TRUE(runsOf("xcodebuild").empty());
+}
+
+TEST_F(ReleaseRun, SigningIdentitiesDecideNotarization) {
+    fake("VELTRA_FAKE_KEYCHAIN", (dir / "keychain").string());
+    fs::create_directories(dir / "keychain");
+    testing::writeFile(dir / "keychain" / "AC_PASSWORD", "stored");
+    profile.notarization.enabled = true;
+    release(5);
+    ASSERT_EQ(failure(), "");
+    EXPECT_TRUE(logged("Success: Auto-detected Developer ID: Developer ID Application: Jane Doe "
+                       "(AB12CD34EF)"));
+    EXPECT_EQ(step("notarize").status, StepStatus::succeeded);
+    EXPECT_EQ(step("notarize").message, "Notarized");
+    EXPECT_EQ(pipeline.completedManifest()->wasNotarized, true);
+    EXPECT_TRUE(logged("   Success: Codesigned: Yes (Developer ID)"));
+
+    profile.notarization.signingIdentity = "Apple Development: Jane Doe (ZY98XW76VU)";
+    release(6);
+    ASSERT_EQ(failure(), "");
+    EXPECT_EQ(step("notarize").status, StepStatus::skipped);
+    EXPECT_EQ(step("notarize").message, "Notarization skipped (Development identity)");
+
+    // Two certificates under one name: codesign is given the SHA-1 instead.
+    testing::writeFile(dir / "identities",
+                       "  1) 0123456789ABCDEF0123456789ABCDEF01234567 \"Developer ID "
+                       "Application: Jane Doe (AB12CD34EF)\"\n"
+                       "  2) FEDCBA9876543210FEDCBA9876543210FEDCBA98 \"Developer ID "
+                       "Application: Jane Doe (AB12CD34EF)\"\n"
+                       "     2 valid identities found\n");
+    fake("VELTRA_FAKE_IDENTITIES", (dir / "identities").string());
+    profile.notarization.signingIdentity = "Developer ID Application: Jane Doe (AB12CD34EF)";
+    release(8);
+    ASSERT_EQ(failure(), "");
+    EXPECT_TRUE(logged("   Warning: Ambiguous certificate 'Developer ID Application: Jane Doe "
+                       "(AB12CD34EF)' \xE2\x80\x94 pinning to SHA-1: "
+                       "0123456789ABCDEF0123456789ABCDEF01234567"));
+    const auto signs = runsOf("codesign");
+    ASSERT_FALSE(signs.empty());
+    EXPECT_NE(std::find(signs.back().begin(), signs.back().end(),
+                        "0123456789ABCDEF0123456789ABCDEF01234567"),
+              signs.back().end());
+}
+
+TEST_F(ReleaseRun, ABrokenReSignatureFailsTheInspection) {
+    profile.notarization.signingIdentity = "Developer ID Application: Jane Doe (AB12CD34EF)";
+    fake("VELTRA_FAKE_CODESIGN_VERIFY", "broken");
+    release(5);
+    EXPECT_EQ(pipeline.failedStepID(), "inspect");
+    EXPECT_TRUE(
+        failure().starts_with("The re-signed app does not pass code signature verification: "))
+        << failure();
+}
+
+TEST_F(ReleaseRun, AFailedGitHubReleaseLeavesTheReleaseStanding) {
+    profile.githubRelease.enabled = true;
+    profile.githubRelease.repoOwnerAndName = "jane/sample";
+    fake("VELTRA_FAKE_GH", "not-logged-in");
+    release(5);
+    ASSERT_EQ(failure(), "");
+    EXPECT_EQ(pipeline.completedManifest()->githubPublicationSucceeded, false);
+    EXPECT_TRUE(std::any_of(pipeline.logs().begin(), pipeline.logs().end(), [](const auto& e) {
+        return e.text.starts_with("GitHub publication failed: ");
+    }));
+}
+
+TEST_F(ReleaseRun, ACommittedBranchIsBuiltFromAWorktreeThatIsRemovedAfterwards) {
+    const auto app = sandbox.project().parent_path();
+    testing::git(app, {"checkout", "--quiet", "-b", "release"});
+    testing::git(app, {"checkout", "--quiet", "main"});
+    testing::writeFile(app / "Sample" / "AppDelegate.swift", "// an edit not committed\n");
+    release(5, "release");
+    ASSERT_EQ(failure(), "");
+    EXPECT_TRUE(logged("   Building committed app branch 'release' from a temporary worktree; "
+                       "local app edits excluded"));
+    const auto archive = runsOf("xcodebuild").back();
+    const auto project = std::find(archive.begin(), archive.end(), "-project");
+    ASSERT_NE(project, archive.end());
+    EXPECT_NE(project[1].find("veltra_branch_"), std::string::npos) << project[1];
+    EXPECT_FALSE(fs::exists(project[1]));
+    EXPECT_EQ(testing::git(app, {"worktree", "list", "--porcelain"}).find("veltra_branch_"),
+              std::string::npos);
+
+    release(6, "no-such-branch");
+    EXPECT_EQ(failure(), "The app branch 'no-such-branch' does not exist in " +
+                             fs::canonical(app).string() +
+                             ". Choose another branch before shipping.");
+
+    // A branch whose project no longer shares the chosen scheme is refused; the working copy
+    // falls back to the project's own scheme.
+    const auto schemes = fs::path("Sample.xcodeproj") / "xcshareddata" / "xcschemes";
+    testing::git(app, {"checkout", "--quiet", "-b", "renamed"});
+    testing::git(
+        app, {"mv", (schemes / "Sample.xcscheme").string(), (schemes / "Other.xcscheme").string()});
+    testing::git(app, {"-c", "user.name=T", "-c", "user.email=t@example.com", "commit", "--quiet",
+                       "-m", "Rename the scheme"});
+    testing::git(app, {"checkout", "--quiet", "main"});
+    release(6, "renamed");
+    EXPECT_EQ(failure(), "The selected app branch does not contain the 'Sample' Xcode scheme. "
+                         "Choose another branch or scheme before shipping.");
+    EXPECT_EQ(pipeline.failedStepID(), "archive");
+    profile.selectedScheme = "Gone";
+    release(6);
+    EXPECT_EQ(failure(), "");
+    EXPECT_TRUE(
+        logged("Info: Target scheme 'Gone' is not in the project; falling back to 'Sample'"));
+}
+
+// Cancelling while each long step runs leaves no tool running, no image attached, the feed as
+// it was and no worktree.
+TEST_F(ReleaseRun, CancellingDuringEachLongStepLeavesNothingBehind) {
+    struct Row {
+        const char* step;
+        const char* variable;
+    };
+    const auto feed = sandbox.website() / "downloads" / "appcast.xml";
+    const auto before = readFile(feed);
+    profile.notarization.enabled = true;
+    profile.notarization.signingIdentity = "Developer ID Application: Jane Doe (AB12CD34EF)";
+    fake("VELTRA_FAKE_KEYCHAIN", (dir / "keychain").string());
+    fs::create_directories(dir / "keychain");
+    testing::writeFile(dir / "keychain" / "AC_PASSWORD", "stored");
+    for (const Row row :
+         {Row{"archive", "VELTRA_FAKE_ARCHIVE_DELAY"}, Row{"dmg", "VELTRA_FAKE_HDIUTIL_DELAY"},
+          Row{"notarize", "VELTRA_FAKE_NOTARY_DELAY"}}) {
+        SCOPED_TRACE(row.step);
+        testing::ScopedEnvironment slow(row.variable, "30");
+        ReleaseRequest request;
+        request.profile = profile;
+        request.build = 9;
+        request.branch = "main";
+        pipeline.run(request);
+        ASSERT_TRUE(
+            loop.runUntil([&] { return step(row.step).status == StepStatus::running; }, 120s));
+        pipeline.cancel();
+        pipeline.cancel();
+        ASSERT_TRUE(loop.runUntil([&] { return !pipeline.isRunning(); }, 120s));
+        EXPECT_TRUE(pipeline.isCancelled());
+        EXPECT_EQ(step(row.step).message, "Cancelled");
+        EXPECT_EQ(
+            std::count_if(pipeline.logs().begin(), pipeline.logs().end(),
+                          [](const auto& e) { return e.text == "Stopping release pipeline..."; }),
+            1);
+        EXPECT_TRUE(logged("Pipeline cancelled by user."));
+        EXPECT_EQ(readFile(feed), before);
+        EXPECT_TRUE(fs::is_empty(dir / "tmp")) << row.step;
+        EXPECT_EQ(testing::git(sandbox.project().parent_path(), {"worktree", "list"})
+                      .find("veltra_branch_"),
+                  std::string::npos);
+        // No stand-in is still running in the test's folder.
+        EXPECT_EQ(
+            ProcessRunner()
+                .run(ProcessRequest{.command = "pgrep", .arguments = {"-f", dir.path().string()}})
+                .output,
+            "");
+    }
+}
+
+} // namespace
+} // namespace veltra
