@@ -25,5 +25,6 @@ void addDMGCommands(CLI::App& app, CliContext& context);
 void addPublishingCommands(CLI::App& app, CliContext& context);
 void addWebsiteCommands(CLI::App& app, CliContext& context);
 void addReleaseCommand(CLI::App& app, CliContext& context);
+void addDemoCommand(CLI::App& app, CliContext& context);
 
 } // namespace veltra::cli

@@ -26,10 +26,21 @@ check_install() {
   cmake --install "$build" --prefix "$prefix" >/dev/null
   "$prefix/bin/veltra" --version
   test -x "$prefix/share/veltra/tools/xcodebuild"
+  if [[ ${2:-} == demo ]]; then
+    # The main job, from the installed tool: it finds its sample and stand-ins beside itself.
+    if ! "$prefix/bin/veltra" demo >"$prefix/demo.log" 2>&1 ||
+      ! grep -q "stand-ins from $prefix/share/veltra/tools" "$prefix/demo.log" ||
+      ! grep -q "^Success: Live appcast.xml and DMG verified$" "$prefix/demo.log"; then
+      cat "$prefix/demo.log"
+      echo "The installed demo did not reach a live release." >&2
+      exit 1
+    fi
+    echo "demo: live release from $prefix"
+  fi
   rm -rf "$prefix"
 }
-echo "== install (release)"
-check_install build/release
+echo "== install (release) and the demo from there"
+check_install build/release demo
 echo "== standard build (clang, Release) and install"
 cmake -S . -B build/standard-clang -G Ninja -DCMAKE_BUILD_TYPE=Release \
   -DCMAKE_CXX_COMPILER=clang++ -DVELTRA_TESTS=OFF -DVELTRA_BENCH=OFF >/dev/null

@@ -21,6 +21,8 @@ Place placeOf(ResourceLocator::Resource resource) {
     switch (resource) {
     case ResourceLocator::Resource::toolStandIns:
         return {"tools", "tests/tools"};
+    case ResourceLocator::Resource::demo:
+        return {"demo", "share/demo"};
     }
     return {};
 }

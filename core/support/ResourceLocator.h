@@ -5,12 +5,12 @@
 
 namespace veltra {
 
-// Files Veltra ships beside its tool (the Apple-tool stand-ins for the demo, later the demo
-// project and the website template). An installed `<prefix>/bin/veltra` finds them in
+// Files Veltra ships beside its tool (the demo's sample project and the Apple-tool stand-ins it
+// uses where Xcode is missing). An installed `<prefix>/bin/veltra` finds them in
 // `<prefix>/share/veltra`; a tool run from its build folder finds them in the source tree.
 class ResourceLocator {
 public:
-    enum class Resource { toolStandIns };
+    enum class Resource { toolStandIns, demo };
 
     // The running program's own file, resolved through links; empty when it cannot be told.
     static std::filesystem::path executablePath();

@@ -7,6 +7,7 @@ class Veltra < Formula
   sha256 "0000000000000000000000000000000000000000000000000000000000000000"
 
   depends_on "cmake" => :build
+  depends_on "cpp-httplib" => :build
   depends_on "ninja" => :build
   depends_on "pkgconf" => :build
   depends_on "cli11" => :build
@@ -35,5 +36,6 @@ class Veltra < Formula
   test do
     assert_match version.to_s, shell_output("#{bin}/veltra --version")
     assert_predicate share/"veltra/tools", :directory?
+    assert_predicate share/"veltra/demo/Sample/Sample.xcodeproj", :directory?
   end
 end

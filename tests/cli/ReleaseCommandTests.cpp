@@ -2,6 +2,8 @@
 #include "VeltraRun.h"
 #include "core/support/FileUtilities.h"
 
+#include <map>
+
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -87,6 +89,45 @@ TEST_F(ReleaseCommandTest, JsonLinesEndWithTheManifestOrTheError) {
     const auto error = nlohmann::json::parse(last);
     EXPECT_EQ(error["type"], "error");
     EXPECT_FALSE(error["message"].get<std::string>().empty());
+
+    const auto mixed = veltra({"release", "Acme", "--app", app.string(), "--build", "58"});
+    EXPECT_EQ(mixed.exitCode, 1);
+    EXPECT_NE(mixed.errorOutput.find("an app given with --app is shipped as it is"),
+              std::string::npos)
+        << mixed.errorOutput;
+}
+
+// The demo finds its sample and the stand-ins by itself and ends only once the local site
+// serves the release; the user's own profiles are never touched.
+TEST(DemoCommand, ReleasesTheSampleUntilTheLocalSiteServesIt) {
+    testing::TempDir dir;
+    fs::create_directories(dir / "tmp");
+    const std::map<std::string, std::string> environment{{"HOME", dir.path().string()},
+                                                         {"TMPDIR", (dir / "tmp").string()},
+                                                         {"VELTRA_TOOL_PATH", ""}};
+    const auto sandbox = dir / "sandbox";
+    const auto run = testing::runVeltra({"demo", "--keep", sandbox.string()}, environment);
+    ASSERT_EQ(run.exitCode, 0) << run.output << run.errorOutput;
+    EXPECT_TRUE(run.output.starts_with("Demo: this machine has no Xcode, so Apple's tools are "
+                                       "Veltra's stand-ins from "))
+        << run.output;
+    EXPECT_NE(run.output.find("\nSuccess: Live appcast.xml and DMG verified\n"), std::string::npos)
+        << run.output;
+    EXPECT_NE(run.output.find("  DMG:      " + (sandbox / "releases" / "Sample-1.0.dmg").string()),
+              std::string::npos);
+    EXPECT_EQ(readFile(sandbox / "live-site" / "downloads" / "Sample.dmg"),
+              readFile(sandbox / "releases" / "Sample-1.0.dmg"));
+    const auto profiles = nlohmann::json::parse(readFile(sandbox / "profiles.json"));
+    const auto& releases = profiles[0]["recentReleases"];
+    ASSERT_EQ(releases.size(), 1u) << profiles.dump(2);
+    EXPECT_EQ(releases[0]["websitePublication"]["state"], "live");
+    EXPECT_FALSE(fs::exists(dir / ".veltra"));
+
+    const auto again = testing::runVeltra({"demo", "--keep", sandbox.string()}, environment);
+    EXPECT_EQ(again.exitCode, 1);
+    EXPECT_NE(again.errorOutput.find("is not empty. Choose a new or empty folder."),
+              std::string::npos)
+        << again.errorOutput;
 }
 
 } // namespace

@@ -1,0 +1,139 @@
+#include "Commands.h"
+#include "OpenStore.h"
+#include "PipelineViews.h"
+#include "core/pipeline/DemoSandbox.h"
+#include "core/support/ResourceLocator.h"
+
+#include <cstdlib>
+#include <memory>
+
+namespace veltra::cli {
+namespace {
+
+namespace fs = std::filesystem;
+
+// A new empty folder under the temporary directory, removed again when this goes away.
+class ScratchFolder {
+public:
+    ScratchFolder() {
+        auto pattern = (fs::temp_directory_path() / "veltra-demo-XXXXXX").string();
+        if (::mkdtemp(pattern.data()) == nullptr) {
+            throw failure("Could not make a folder for the demo in " +
+                          fs::temp_directory_path().string() + ".");
+        }
+        path_ = pattern;
+    }
+    ScratchFolder(const ScratchFolder&) = delete;
+    ScratchFolder& operator=(const ScratchFolder&) = delete;
+    ~ScratchFolder() {
+        std::error_code ignored;
+        fs::remove_all(path_, ignored);
+    }
+    const fs::path& path() const { return path_; }
+
+private:
+    fs::path path_;
+};
+
+// Whether a full Xcode can archive the sample here.
+bool hasXcode() {
+#ifdef __APPLE__
+    try {
+        return ProcessRunner().run("xcodebuild", {"-version"}).exitCode == 0;
+    } catch (const std::exception&) {
+        return false;
+    }
+#else
+    return false;
+#endif
+}
+
+} // namespace
+
+void addDemoCommand(CLI::App& app, CliContext& context) {
+    auto* command = app.add_subcommand(
+        "demo", "Release a sample app to a website served on this machine, start to finish");
+    auto keep = std::make_shared<std::string>();
+    command->add_option("--keep", *keep,
+                        "Build the sandbox in this new or empty folder and keep it afterwards");
+    command->callback([&context, keep] {
+        const auto sample = ResourceLocator::locate(ResourceLocator::Resource::demo);
+        if (!sample || !fs::is_directory(*sample / "Sample")) {
+            throw failure("The demo's sample project is not installed beside veltra "
+                          "(share/veltra/demo). Reinstall Veltra.");
+        }
+        std::vector<std::string> printed;
+        const auto say = [&](const std::string& line) {
+            context.out << line << '\n' << std::flush;
+            printed.push_back(line);
+        };
+        if (hasXcode()) {
+            say("Demo: the sample app is archived by your Xcode, signed ad hoc, notarization off.");
+        } else {
+            const auto tools = ResourceLocator::locate(ResourceLocator::Resource::toolStandIns);
+            if (!tools) {
+                throw failure("This machine has no Xcode, and the stand-ins for Apple's tools "
+                              "are not installed beside veltra (share/veltra/tools).");
+            }
+            // Every tool runs through the process runner, which puts this folder first on PATH.
+            ::setenv("VELTRA_TOOL_PATH", tools->c_str(), 1);
+            say("Demo: this machine has no Xcode, so Apple's tools are Veltra's stand-ins from " +
+                tools->string() +
+                ": they print what the real tools print and write real files; nothing is "
+                "compiled, signed or notarized by Apple.");
+        }
+
+        std::optional<ScratchFolder> scratch;
+        fs::path root;
+        if (keep->empty()) {
+            scratch.emplace();
+            root = scratch->path();
+        } else {
+            root = fs::absolute(expandTilde(standardizePath(*keep)));
+        }
+        say("Sandbox: " + root.string());
+        DemoSandbox sandbox(root, *sample / "Sample", {}, say);
+
+        // The demo's own profile file: the user's profiles are never touched.
+        CliContext demoContext{context.out, context.err, context.stop,
+                               sandbox.profilesFile().string()};
+        OpenStore store(demoContext);
+        store.store().add(sandbox.profile());
+        store.save();
+        say("Profile 'Sample' in " + sandbox.profilesFile().string());
+
+        PipelineManager pipeline(store.loop(), store.notifications());
+        // A local site publishes at once; check often so the demo ends as soon as it is live.
+        WebsitePublicationWatcher watcher(store.loop(), store.store(), store.notifications(),
+                                          WebsitePublicationProbe::shared(),
+                                          {std::chrono::milliseconds(500), std::chrono::minutes(2),
+                                           std::chrono::milliseconds(200)});
+        ReleaseRequest request;
+        request.profile = sandbox.profile();
+        showRelease(demoContext, store, pipeline, request, false, &watcher, printed);
+        context.exitStatus = demoContext.exitStatus;
+
+        const auto& manifest = pipeline.completedManifest();
+        if (!manifest) {
+            return;
+        }
+        context.out << "\nWhere to look:\n";
+        context.out << "  DMG:      " << manifest->dmgURL.value_or("") << '\n';
+        context.out << "  Feed:     " << sandbox.profile().sparkle.appcastPath << '\n';
+        context.out << "  Website:  " << sandbox.website().string() << " (pushed to "
+                    << sandbox.origin().string() << ", published into " << sandbox.served().string()
+                    << ")\n";
+        context.out << "  Served:   " << sandbox.siteURL() << " (feed "
+                    << (manifest->websitePublication ? manifest->websitePublication->feedURL
+                                                     : std::string())
+                    << ")\n";
+        context.out << "  Profiles: " << sandbox.profilesFile().string() << '\n';
+        context.out << (scratch ? "The sandbox is removed now and the web server stopped; "
+                                  "'veltra demo --keep DIR' keeps the sandbox to look inside.\n"
+                                : "The sandbox stays in " + root.string() +
+                                      "; the web server stopped with the demo.\n")
+                    << std::flush;
+    });
+}
+
+} // namespace veltra::cli
