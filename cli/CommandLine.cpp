@@ -36,6 +36,7 @@ int runCommandLine(const std::vector<std::string>& arguments, CliContext& contex
     addWebsiteCommands(app, context);
     addReleaseCommand(app, context);
     addDemoCommand(app, context);
+    addDoctorCommand(app, context);
 
     // CLI11 wants the arguments in reverse order, program name excluded.
     std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());

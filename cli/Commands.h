@@ -26,5 +26,6 @@ void addPublishingCommands(CLI::App& app, CliContext& context);
 void addWebsiteCommands(CLI::App& app, CliContext& context);
 void addReleaseCommand(CLI::App& app, CliContext& context);
 void addDemoCommand(CLI::App& app, CliContext& context);
+void addDoctorCommand(CLI::App& app, CliContext& context);
 
 } // namespace veltra::cli

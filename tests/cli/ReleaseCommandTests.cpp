@@ -132,3 +132,39 @@ TEST(DemoCommand, ReleasesTheSampleUntilTheLocalSiteServesIt) {
 
 } // namespace
 } // namespace veltra
+
+namespace veltra {
+namespace {
+
+TEST(DoctorCommand, OneLinePerCheckAndExitStatusOneOnAProblem) {
+    testing::TempDir dir;
+    std::map<std::string, std::string> environment{{"HOME", dir.path().string()},
+                                                   {"VELTRA_TOOL_PATH", VELTRA_TOOLS_DIR},
+                                                   {"VELTRA_TOOL_LOG", ""}};
+    const auto fine = testing::runVeltra({"doctor", "--json"}, environment);
+    ASSERT_EQ(fine.exitCode, 0) << fine.output << fine.errorOutput;
+    const auto report = nlohmann::json::parse(fine.output);
+    EXPECT_EQ(report["problems"], 0);
+    std::vector<std::string> checks;
+    for (const auto& check : report["checks"]) {
+        checks.push_back(check["check"].get<std::string>() + ":" +
+                         check["verdict"].get<std::string>());
+    }
+    EXPECT_EQ(checks,
+              (std::vector<std::string>{"Xcode:ok", "Signing:ok", "Certificate:ok", "GitHub:ok"}));
+
+    environment["VELTRA_FAKE_XCODE"] = "license";
+    const auto broken = testing::runVeltra({"doctor"}, environment);
+    EXPECT_EQ(broken.exitCode, 1);
+    EXPECT_TRUE(broken.output.starts_with("problem  Xcode          xcodebuild does not run: You "
+                                          "have not agreed to the Xcode license agreements"))
+        << broken.output;
+    EXPECT_NE(broken.output.find("\n                        \xE2\x86\x92 Accept the license: "
+                                 "sudo xcodebuild -license accept\n"),
+              std::string::npos)
+        << broken.output;
+    EXPECT_TRUE(broken.output.ends_with("\n1 problem found.\n"));
+}
+
+} // namespace
+} // namespace veltra

@@ -1,0 +1,532 @@
+#include "ReleaseDoctor.h"
+
+#include "SparkleAutoResolver.h"
+#include "core/feed/BuildNumber.h"
+#include "core/feed/PublishedFeedReader.h"
+#include "core/feed/SparkleFeedParser.h"
+#include "core/feed/SparklePrivateKey.h"
+#include "core/publishing/GitCommand.h"
+#include "core/publishing/ReleasePublishingPlan.h"
+#include "core/publishing/WebDeployer.h"
+#include "core/publishing/WebsiteRepositoryInspector.h"
+#include "core/signing/CertificateScanner.h"
+#include "core/signing/NotarizationEngine.h"
+#include "core/support/Base64.h"
+#include "core/support/FileUtilities.h"
+#include "core/support/Text.h"
+#include "core/support/VeltraError.h"
+#include "core/xcode/VersionManager.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <openssl/asn1.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+#include <sys/statvfs.h>
+#include <thread>
+
+#include <fmt/format.h>
+
+namespace veltra {
+namespace {
+
+namespace fs = std::filesystem;
+using Verdict = DoctorVerdict;
+
+DoctorFinding finding(std::string check, Verdict verdict, std::string found,
+                      std::string advice = {}) {
+    return {std::move(check), verdict, std::move(found), std::move(advice)};
+}
+
+std::string firstLine(std::string_view text) {
+    text = trimWhitespace(text);
+    return std::string(text.substr(0, text.find('\n')));
+}
+
+std::string gibibytes(std::uint64_t bytes) {
+    const auto mebibytes = static_cast<double>(bytes) / (1024.0 * 1024.0);
+    return mebibytes < 1024 ? fmt::format("{:.0f} MiB", mebibytes)
+                            : fmt::format("{:.1f} GiB", mebibytes / 1024.0);
+}
+
+const std::string selectXcode =
+    "Install Xcode, open it once, then select it: sudo xcode-select --switch "
+    "/Applications/Xcode.app";
+
+} // namespace
+
+std::string_view rawValue(DoctorVerdict verdict) {
+    switch (verdict) {
+    case DoctorVerdict::ok:
+        return "ok";
+    case DoctorVerdict::warning:
+        return "warning";
+    case DoctorVerdict::problem:
+        return "problem";
+    }
+    return "problem";
+}
+
+Json DoctorFinding::toJson() const {
+    return {{"check", check}, {"verdict", rawValue(verdict)}, {"found", found}, {"advice", advice}};
+}
+
+std::vector<DoctorFinding>
+ReleaseDoctor::limited(const std::string& name,
+                       const std::function<std::vector<DoctorFinding>(std::stop_token)>& check,
+                       std::stop_token stop) const {
+    std::stop_source source;
+    std::stop_callback forward(stop, [&source] { source.request_stop(); });
+    std::mutex lock;
+    std::condition_variable_any finished;
+    bool done = false;
+    bool timedOut = false;
+    std::jthread timer([&](std::stop_token) {
+        std::unique_lock guard(lock);
+        if (!finished.wait_for(guard, timeLimit, [&done] { return done; })) {
+            timedOut = true;
+            source.request_stop();
+        }
+    });
+    const auto finish = [&] {
+        const std::lock_guard guard(lock);
+        done = true;
+        finished.notify_all();
+    };
+    try {
+        auto result = check(source.get_token());
+        finish();
+        return result;
+    } catch (const CancellationError&) {
+        finish();
+        timer.join();
+        if (stop.stop_requested() || !timedOut) {
+            throw;
+        }
+        const auto seconds = std::chrono::duration<double>(timeLimit).count();
+        return {finding(name, Verdict::problem, fmt::format("No answer within {:g} s", seconds),
+                        "Run the check again; if it keeps hanging, run the tool it names by hand "
+                        "to see what it waits for.")};
+    } catch (const std::exception& error) {
+        finish();
+        return {finding(name, Verdict::problem, error.what())};
+    }
+}
+
+std::vector<DoctorFinding> ReleaseDoctor::examine(const ProjectProfile* profile,
+                                                  std::stop_token stop) const {
+    std::vector<DoctorFinding> all;
+    const auto add = [&all](std::vector<DoctorFinding> more) {
+        all.insert(all.end(), std::make_move_iterator(more.begin()),
+                   std::make_move_iterator(more.end()));
+    };
+    add(limited(
+        "Xcode", [this](std::stop_token s) { return std::vector{xcode(s)}; }, stop));
+    add(limited(
+        "Signing", [this, profile](std::stop_token s) { return signing(profile, s); }, stop));
+    if (profile != nullptr) {
+        if (profile->notarization.enabled) {
+            add(limited(
+                "Notarization",
+                [this, profile](std::stop_token s) {
+                    return std::vector{notarization(*profile, s)};
+                },
+                stop));
+        }
+        add(limited(
+            "Sparkle", [this, profile](std::stop_token) { return sparkle(*profile); }, stop));
+        add(limited(
+            "Website", [this, profile](std::stop_token s) { return website(*profile, s); }, stop));
+    }
+    if (profile == nullptr || profile->githubRelease.enabled) {
+        add(limited(
+            "GitHub",
+            [this, profile](std::stop_token s) { return std::vector{github(profile, s)}; }, stop));
+    }
+    if (profile != nullptr) {
+        add(limited(
+            "Disk", [this, profile](std::stop_token) { return std::vector{disk(profile)}; }, stop));
+    }
+    return all;
+}
+
+DoctorFinding ReleaseDoctor::xcode(std::stop_token stop) const {
+    const auto selected = runner.run("xcode-select", {"-p"}, stop);
+    if (selected.exitCode == 127) { // env found no such tool
+        return finding("Xcode", Verdict::problem,
+                       "Xcode's tools are not installed (no xcode-select)", selectXcode);
+    }
+    if (selected.exitCode != 0) {
+        return finding("Xcode", Verdict::problem,
+                       "No developer folder is selected: " + firstLine(selected.errorOutput),
+                       selectXcode);
+    }
+    const std::string folder(trimWhitespace(selected.output));
+    if (contains(folder, "CommandLineTools")) {
+        return finding("Xcode", Verdict::problem,
+                       "Only the command-line tools are selected (" + folder +
+                           "); archiving needs the full Xcode",
+                       selectXcode);
+    }
+    const auto version = runner.run("xcodebuild", {"-version"}, stop);
+    if (version.exitCode != 0) {
+        const auto said = firstLine(combinedOutput(version));
+        return finding("Xcode", Verdict::problem,
+                       "xcodebuild does not run" + (said.empty() ? std::string() : ": " + said),
+                       contains(said, "license")
+                           ? "Accept the license: sudo xcodebuild -license accept"
+                           : "Open Xcode once so it can finish installing its components.");
+    }
+    std::string name = firstLine(version.output);
+    const auto lines = version.output.find('\n');
+    if (lines != std::string::npos) {
+        const auto build = firstLine(std::string_view(version.output).substr(lines + 1));
+        if (!build.empty()) {
+            name += " (" + build + ")";
+        }
+    }
+    return finding("Xcode", Verdict::ok, name + " at " + folder);
+}
+
+std::vector<std::int64_t> ReleaseDoctor::daysUntilExpiry(std::string_view pem) {
+    std::vector<std::int64_t> days;
+    const std::unique_ptr<BIO, decltype(&BIO_free)> input(
+        BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), &BIO_free);
+    if (!input) {
+        return days;
+    }
+    while (X509* raw = PEM_read_bio_X509(input.get(), nullptr, nullptr, nullptr)) {
+        const std::unique_ptr<X509, decltype(&X509_free)> certificate(raw, &X509_free);
+        int dayCount = 0;
+        int seconds = 0;
+        if (ASN1_TIME_diff(&dayCount, &seconds, nullptr, X509_get0_notAfter(raw)) == 1) {
+            // Whole days, cut toward zero; what expired within the last day counts as a day.
+            const auto total = static_cast<std::int64_t>(dayCount) * 86400 + seconds;
+            const auto whole = total / 86400;
+            days.push_back(total < 0 && whole == 0 ? -1 : whole);
+        }
+    }
+    return days;
+}
+
+std::vector<DoctorFinding> ReleaseDoctor::signing(const ProjectProfile* profile,
+                                                  std::stop_token stop) const {
+    CertificateScanner scanner;
+    scanner.runner = runner;
+    const auto identities = scanner.scanIdentities(stop);
+    std::vector<const SigningCertificate*> developerID;
+    std::map<std::string, int> names;
+    for (const auto& identity : identities) {
+        ++names[identity.name];
+        if (identity.isDeveloperID) {
+            developerID.push_back(&identity);
+        }
+    }
+    std::vector<DoctorFinding> found;
+    const bool needed = profile != nullptr && profile->notarization.enabled;
+    if (developerID.empty()) {
+        found.push_back(finding(
+            "Signing", needed ? Verdict::problem : Verdict::warning,
+            identities.empty() ? "No code-signing identity in the keychain"
+                               : "No Developer ID Application identity in the keychain (" +
+                                     std::to_string(identities.size()) + " other)",
+            "Create a Developer ID Application certificate in Xcode (Settings > Accounts > "
+            "Manage Certificates), or import its .p12 file; users can only open a notarized app "
+            "signed with one."));
+    } else {
+        std::string list;
+        for (const auto* identity : developerID) {
+            list += (list.empty() ? "" : ", ") + identity->name;
+        }
+        found.push_back(finding("Signing", Verdict::ok,
+                                std::to_string(developerID.size()) + " Developer ID identit" +
+                                    (developerID.size() == 1 ? "y" : "ies") + ": " + list));
+    }
+    for (const auto& [name, count] : names) {
+        if (count > 1) {
+            found.push_back(finding(
+                "Signing", Verdict::warning, fmt::format("'{}' names {} identities", name, count),
+                "Releases pin the first one by its SHA-1; delete the older certificate in "
+                "Keychain Access so the name chooses one again."));
+        }
+    }
+    // Each Developer ID name once: its certificates' expiry.
+    std::map<std::string, bool> checked;
+    for (const auto* identity : developerID) {
+        if (checked[identity->name]) {
+            continue;
+        }
+        checked[identity->name] = true;
+        const auto pem =
+            runner.run("security", {"find-certificate", "-c", identity->name, "-p"}, stop);
+        const auto days =
+            pem.exitCode == 0 ? daysUntilExpiry(pem.output) : std::vector<std::int64_t>{};
+        if (days.empty()) {
+            found.push_back(
+                finding("Certificate", Verdict::warning,
+                        "Could not read the certificate of '" + identity->name + "'" +
+                            (pem.exitCode != 0 ? ": " + firstLine(pem.errorOutput) : std::string()),
+                        "Check it in Keychain Access."));
+            continue;
+        }
+        const auto soonest = *std::min_element(days.begin(), days.end());
+        if (soonest < 0) {
+            found.push_back(finding(
+                "Certificate", Verdict::problem,
+                fmt::format("'{}' expired {} day{} ago", identity->name, -soonest,
+                            soonest == -1 ? "" : "s"),
+                "Create a new Developer ID Application certificate in Xcode (Settings > Accounts "
+                "> Manage Certificates) and delete the expired one."));
+        } else if (soonest <= expiryWarningDays) {
+            found.push_back(
+                finding("Certificate", Verdict::warning,
+                        fmt::format("'{}' expires in {} day{}", identity->name, soonest,
+                                    soonest == 1 ? "" : "s"),
+                        "Create its successor in Xcode now; apps signed before it expires keep "
+                        "opening."));
+        } else {
+            found.push_back(
+                finding("Certificate", Verdict::ok,
+                        fmt::format("'{}' valid for {} more days", identity->name, soonest)));
+        }
+    }
+    return found;
+}
+
+DoctorFinding ReleaseDoctor::notarization(const ProjectProfile& profile,
+                                          std::stop_token stop) const {
+    const auto& name = profile.notarization.keychainProfileName;
+    if (name.empty()) {
+        return finding("Notarization", Verdict::problem, "No keychain profile is set",
+                       "Store the notary credentials with 'veltra notary store-credentials' and "
+                       "set notarization.keychainProfileName.");
+    }
+    NotarizationEngine engine;
+    engine.runner = runner;
+    const auto answer =
+        engine.checkCredentials(name, std::chrono::duration<double>(timeLimit).count(), stop);
+    if (answer.exitCode != 0) {
+        const auto said = firstLine(combinedOutput(answer));
+        return finding("Notarization", Verdict::problem,
+                       "Keychain profile '" + name + "' does not work" +
+                           (said.empty() ? std::string() : ": " + said),
+                       "Store it again with 'veltra notary store-credentials " + name + "'.");
+    }
+    return finding("Notarization", Verdict::ok, "Keychain profile '" + name + "' works");
+}
+
+std::vector<DoctorFinding> ReleaseDoctor::sparkle(const ProjectProfile& profile) const {
+    std::vector<DoctorFinding> found;
+    SparkleAppSettings app;
+    if (profile.sourceProjectPath && !profile.sourceProjectPath->empty()) {
+        app = SparkleAutoResolver::fromProject(
+            expandTilde(standardizePath(*profile.sourceProjectPath)));
+    }
+    if (!app.feedURL && !app.publicKey) {
+        found.push_back(finding("Sparkle", Verdict::warning,
+                                "The app carries neither SUFeedURL nor SUPublicEDKey",
+                                "Add both to the app's Info.plist (or build settings) so "
+                                "releases reach users as updates."));
+        return found;
+    }
+
+    // The key releases are signed with, and the key the app checks them against.
+    const auto& keyPath = profile.sparkle.privateKeyPath;
+    std::optional<std::string> ourKey;
+    if (keyPath.empty()) {
+        found.push_back(finding("Sparkle key", Verdict::problem, "No private key file is set",
+                                "Set sparkle.privateKeyPath to the key file Sparkle's "
+                                "generate_keys exported."));
+    } else {
+        const auto path = fs::path(expandTilde(standardizePath(keyPath)));
+        try {
+            const auto key = SparklePrivateKey::readFile(path);
+            ourKey = base64::encode(key.publicKey);
+            found.push_back(finding("Sparkle key", Verdict::ok,
+                                    path.string() + " reads; public key " + *ourKey));
+        } catch (const std::exception& error) {
+            found.push_back(finding("Sparkle key", Verdict::problem, error.what(),
+                                    "Export the key again with Sparkle's 'generate_keys -x "
+                                    "FILE' and point sparkle.privateKeyPath at it."));
+        }
+    }
+    if (!app.publicKey) {
+        found.push_back(finding("Sparkle key", Verdict::problem,
+                                "The app carries no SUPublicEDKey, so it accepts no update",
+                                "Add SUPublicEDKey" + (ourKey ? " = " + *ourKey : std::string()) +
+                                    " to the app's Info.plist."));
+    } else if (ourKey && *app.publicKey != *ourKey) {
+        found.push_back(finding(
+            "Sparkle key", Verdict::problem,
+            "The app's SUPublicEDKey (" + *app.publicKey + ") is not the key file's (" + *ourKey +
+                "); users could never update",
+            "Put the key file's public key into the app's SUPublicEDKey, or use the key file "
+            "that belongs to the shipped key."));
+    }
+
+    const auto expected = ReleasePublishingPlan::publicAddresses(profile).publicAppcastURL;
+    if (!app.feedURL) {
+        found.push_back(finding("Sparkle feed", Verdict::problem, "The app carries no SUFeedURL",
+                                "Add SUFeedURL" +
+                                    (expected.empty() ? std::string() : " = " + expected) +
+                                    " to the app's Info.plist."));
+    } else if (expected.empty()) {
+        found.push_back(
+            finding("Sparkle feed", Verdict::warning,
+                    "The app reads " + *app.feedURL + ", but the profile sets no website address",
+                    "Set webDeploy.siteURL so releases publish where the app reads."));
+    } else if (*app.feedURL != expected) {
+        found.push_back(
+            finding("Sparkle feed", Verdict::problem,
+                    "The app reads " + *app.feedURL + ", but releases publish " + expected,
+                    "Make the app's SUFeedURL and the profile's website address "
+                    "agree before releasing."));
+    } else {
+        found.push_back(finding("Sparkle feed", Verdict::ok, "The app reads " + expected));
+    }
+    return found;
+}
+
+std::vector<DoctorFinding> ReleaseDoctor::website(const ProjectProfile& profile,
+                                                  std::stop_token stop) const {
+    std::vector<DoctorFinding> found;
+    const auto repository = ReleasePublishingPlan::resolveRepository(profile);
+    if (!repository) {
+        found.push_back(finding("Website", Verdict::warning, "No website repository is found",
+                                "Set webDeploy.websiteRepoPath, or make one with 'veltra "
+                                "website init DIR --profile " +
+                                    profile.name + "'."));
+        return found;
+    }
+    const auto branch = WebDeployer::branch(profile.webDeploy);
+    WebsiteRepositoryInspector inspector;
+    inspector.runner = runner;
+    const auto status = inspector.inspect(*repository, branch, stop);
+    if (status.blocker) {
+        found.push_back(finding("Website", Verdict::problem, *status.blocker));
+        return found;
+    }
+    found.push_back(finding("Website", Verdict::ok,
+                            repository->string() + " on '" + branch + "', origin " +
+                                status.originURL.value_or("")));
+
+    const auto remote =
+        GitCommand::run(runner, *repository, {"ls-remote", "--heads", "origin", branch}, stop,
+                        std::chrono::duration<double>(timeLimit).count());
+    if (remote.exitCode != 0) {
+        const auto error = GitCommand::failure("origin cannot be reached", remote);
+        found.push_back(finding("Website origin", Verdict::problem, error.what(),
+                                "Check the address and your credentials with 'git ls-remote "
+                                "origin' in " +
+                                    repository->string() + "."));
+    } else {
+        found.push_back(finding("Website origin", Verdict::ok, "origin answers"));
+    }
+
+    PublishedFeedReader reader;
+    reader.runner = runner;
+    reader.httpTimeout = std::chrono::duration<double>(timeLimit).count();
+    const auto url = ReleasePublishingPlan::publicAddresses(profile).publicAppcastURL;
+    std::optional<std::int64_t> liveBuild;
+    if (url.empty()) {
+        found.push_back(finding("Live feed", Verdict::warning,
+                                "The profile sets no website address",
+                                "Set webDeploy.siteURL so releases can be checked on the live "
+                                "site."));
+    } else {
+        try {
+            const auto items = SparkleFeedParser::parse(reader.liveFeed(url, stop));
+            if (!items) {
+                found.push_back(finding("Live feed", Verdict::problem,
+                                        url + " is not a feed Sparkle can read",
+                                        "Publish a valid appcast.xml at that address."));
+            } else {
+                for (const auto& item : *items) {
+                    if (const auto build = BuildNumber::parse(item.version); build.isValid()) {
+                        liveBuild = std::max(liveBuild.value_or(build.value), build.value);
+                    }
+                }
+                found.push_back(
+                    finding("Live feed", Verdict::ok,
+                            url + " reads" +
+                                (liveBuild ? ", newest build " + std::to_string(*liveBuild)
+                                           : std::string(", no release yet"))));
+            }
+        } catch (const CancellationError&) {
+            throw;
+        } catch (const std::exception& error) {
+            found.push_back(finding("Live feed", Verdict::warning,
+                                    url + " cannot be read: " + error.what(),
+                                    "Expected before the first release; otherwise check that the "
+                                    "site is published."));
+        }
+    }
+
+    if (profile.sourceProjectPath && !profile.sourceProjectPath->empty()) {
+        const auto appcast = repository.value() /
+                             ReleasePublishingPlan::downloadsFolder(profile.webDeploy) /
+                             "appcast.xml";
+        const auto info = VersionManager().readVersionInfo(
+            expandTilde(standardizePath(*profile.sourceProjectPath)),
+            fs::exists(appcast) ? std::optional<std::string>(appcast.string()) : std::nullopt);
+        auto next = info.nextSuggestedBuild;
+        if (liveBuild && *liveBuild >= next) {
+            next = *liveBuild + 1;
+        }
+        found.push_back(finding("Next build", Verdict::ok,
+                                fmt::format("The next release must use build {} or above "
+                                            "(the project has {})",
+                                            next, info.currentBuild)));
+    }
+    return found;
+}
+
+DoctorFinding ReleaseDoctor::github(const ProjectProfile* profile, std::stop_token stop) const {
+    const bool needed = profile != nullptr && profile->githubRelease.enabled;
+    if (runner.run(ProcessRequest{.command = "which", .arguments = {"gh"}}, stop).exitCode != 0) {
+        return finding("GitHub", needed ? Verdict::problem : Verdict::warning,
+                       "GitHub's command-line tool 'gh' is not installed",
+                       "Install it ('brew install gh'), then run 'gh auth login'.");
+    }
+    const auto status = runner.run(
+        ProcessRequest{.command = "gh", .arguments = {"auth", "status"}, .timeout = 30}, stop);
+    if (status.exitCode != 0) {
+        return finding("GitHub", needed ? Verdict::problem : Verdict::warning,
+                       "gh is not logged in: " + firstLine(combinedOutput(status)),
+                       "Run 'gh auth login'.");
+    }
+    return finding("GitHub", Verdict::ok, "gh is installed and logged in");
+}
+
+DoctorFinding ReleaseDoctor::disk(const ProjectProfile* profile) const {
+    const auto folder = temporaryDirectory.empty() ? fs::temp_directory_path() : temporaryDirectory;
+    struct statvfs space {};
+    if (::statvfs(folder.c_str(), &space) != 0) {
+        return finding("Disk", Verdict::warning,
+                       "Cannot tell the free space in " + folder.string());
+    }
+    const auto free = static_cast<std::uint64_t>(space.f_bavail) * space.f_frsize;
+    std::optional<std::uint64_t> lastImage;
+    if (profile != nullptr && profile->recentReleases && !profile->recentReleases->empty() &&
+        profile->recentReleases->front().dmgFileSize > 0) {
+        lastImage = static_cast<std::uint64_t>(profile->recentReleases->front().dmgFileSize);
+    }
+    if (!lastImage) {
+        return finding("Disk", Verdict::ok, gibibytes(free) + " free in " + folder.string());
+    }
+    const auto needed = 3 * *lastImage;
+    const auto verdict = free < needed       ? Verdict::problem
+                         : free < 2 * needed ? Verdict::warning
+                                             : Verdict::ok;
+    return finding("Disk", verdict,
+                   gibibytes(free) + " free in " + folder.string() + "; a release needs " +
+                       gibibytes(needed) + " (three times the last image)",
+                   verdict == Verdict::problem   ? "Free some space there before releasing."
+                   : verdict == Verdict::warning ? "Little to spare: free some space there soon."
+                                                 : "");
+}
+
+} // namespace veltra

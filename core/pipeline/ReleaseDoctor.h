@@ -1,0 +1,67 @@
+#pragma once
+
+#include "core/process/ProcessRunner.h"
+#include "core/profile/ProjectProfile.h"
+#include "core/support/JsonReader.h"
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <stop_token>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace veltra {
+
+enum class DoctorVerdict { ok, warning, problem };
+std::string_view rawValue(DoctorVerdict verdict);
+
+// One prerequisite of a release: what was found and, unless it is fine, what to do.
+struct DoctorFinding {
+    std::string check;
+    DoctorVerdict verdict = DoctorVerdict::ok;
+    std::string found;
+    std::string advice;
+
+    Json toJson() const;
+};
+
+// Looks at everything a release needs before one is started, through the same engines a release
+// uses. Each check has a time limit; one that does not answer in time is a problem of its own
+// and the others still run.
+class ReleaseDoctor {
+public:
+    ProcessRunner runner{};
+    std::chrono::milliseconds timeLimit{std::chrono::seconds(20)};
+    // Where releases are built (the disk check); the system's temporary folder when empty.
+    std::filesystem::path temporaryDirectory{};
+    // Certificates that expire within this many days are a warning.
+    std::int64_t expiryWarningDays = 30;
+
+    // Without a profile, only what needs none: Xcode, the signing identities and `gh`.
+    std::vector<DoctorFinding> examine(const ProjectProfile* profile,
+                                       std::stop_token stop = {}) const;
+
+    DoctorFinding xcode(std::stop_token stop = {}) const;
+    std::vector<DoctorFinding> signing(const ProjectProfile* profile,
+                                       std::stop_token stop = {}) const;
+    DoctorFinding notarization(const ProjectProfile& profile, std::stop_token stop = {}) const;
+    std::vector<DoctorFinding> sparkle(const ProjectProfile& profile) const;
+    std::vector<DoctorFinding> website(const ProjectProfile& profile,
+                                       std::stop_token stop = {}) const;
+    DoctorFinding github(const ProjectProfile* profile, std::stop_token stop = {}) const;
+    DoctorFinding disk(const ProjectProfile* profile) const;
+
+    // Whole days from now until each certificate in `pem` expires (negative once expired).
+    static std::vector<std::int64_t> daysUntilExpiry(std::string_view pem);
+
+private:
+    std::vector<DoctorFinding>
+    limited(const std::string& name,
+            const std::function<std::vector<DoctorFinding>(std::stop_token)>& check,
+            std::stop_token stop) const;
+};
+
+} // namespace veltra
