@@ -15,6 +15,7 @@ void addReleaseCommand(CLI::App& app, CliContext& context) {
     auto notesFile = std::make_shared<std::string>();
     auto branch = std::make_shared<std::string>();
     auto json = std::make_shared<bool>(false);
+    auto dryRun = std::make_shared<bool>(false);
     command->add_option("PROFILE", *profile, "The profile's name or ID")->required();
     command->add_option("--app", *appPath, "Ship this already built app");
     command->add_option("--version", *version,
@@ -25,32 +26,37 @@ void addReleaseCommand(CLI::App& app, CliContext& context) {
         "--branch", *branch,
         "Build this committed branch of the app's repository, not the working copy");
     command->add_flag("--json", *json, "One JSON object per line: steps, log lines, the result");
-    command->callback([&context, profile, appPath, version, build, notesFile, branch, json] {
-        OpenStore store(context);
-        ReleaseRequest request;
-        request.profile = store.find(*profile);
-        if (!appPath->empty()) {
-            if (!version->empty() || !build->empty() || !branch->empty()) {
-                throw failure("--version, --build and --branch set what is built from the "
-                              "project; an app given with --app is shipped as it is.");
+    command->add_flag("--dry-run", *dryRun,
+                      "Everything but publishing: the project untouched, nothing notarized or "
+                      "pushed, no release recorded");
+    command->callback(
+        [&context, profile, appPath, version, build, notesFile, branch, json, dryRun] {
+            OpenStore store(context);
+            ReleaseRequest request;
+            request.profile = store.find(*profile);
+            if (!appPath->empty()) {
+                if (!version->empty() || !build->empty() || !branch->empty()) {
+                    throw failure("--version, --build and --branch set what is built from the "
+                                  "project; an app given with --app is shipped as it is.");
+                }
+                request.appURL = std::filesystem::absolute(expandTilde(standardizePath(*appPath)));
             }
-            request.appURL = std::filesystem::absolute(expandTilde(standardizePath(*appPath)));
-        }
-        if (!notesFile->empty()) {
-            request.notes = readFile(expandTilde(*notesFile));
-        }
-        if (!version->empty()) {
-            request.version = *version;
-        }
-        if (!build->empty()) {
-            request.build = releaseBuildArgument(*build);
-        }
-        if (!branch->empty()) {
-            request.branch = *branch;
-        }
-        PipelineManager pipeline(store.loop(), store.notifications());
-        showRelease(context, store, pipeline, request, *json);
-    });
+            if (!notesFile->empty()) {
+                request.notes = readFile(expandTilde(*notesFile));
+            }
+            if (!version->empty()) {
+                request.version = *version;
+            }
+            if (!build->empty()) {
+                request.build = releaseBuildArgument(*build);
+            }
+            if (!branch->empty()) {
+                request.branch = *branch;
+            }
+            request.dryRun = *dryRun;
+            PipelineManager pipeline(store.loop(), store.notifications());
+            showRelease(context, store, pipeline, request, *json);
+        });
 }
 
 } // namespace veltra::cli

@@ -3,6 +3,7 @@
 #include "ReleaseCompletion.h"
 #include "core/feed/ReleaseFeedValidator.h"
 #include "core/process/ProcessRunner.h"
+#include "core/publishing/GitCommand.h"
 #include "core/publishing/ReleaseNotificationEvent.h"
 #include "core/publishing/ReleasePublishingPlan.h"
 #include "core/support/FileDigest.h"
@@ -11,6 +12,9 @@
 #include "core/support/Text.h"
 #include "core/support/VeltraError.h"
 #include "core/xcode/XcodeProjectDiscovery.h"
+
+#include <algorithm>
+#include <cctype>
 
 #include <fmt/format.h>
 
@@ -40,6 +44,30 @@ std::string plistString(const std::filesystem::path& app, const char* key) {
 
 std::string megabytes(std::int64_t bytes) {
     return fmt::format("{:.1f} MB", static_cast<double>(bytes) / 1e6);
+}
+
+// Ends a dry run once its summary is written: what follows a real release does not happen.
+struct DryRunFinished {};
+
+// A command line as a shell would take it, for the user to read or paste.
+std::string shellWords(const std::vector<std::string>& words) {
+    std::string line;
+    for (const auto& word : words) {
+        const bool plain = !word.empty() && std::all_of(word.begin(), word.end(), [](char c) {
+            return std::isalnum(static_cast<unsigned char>(c)) != 0 ||
+                   std::string_view("_./:=@%+,-").find(c) != std::string_view::npos;
+        });
+        std::string quoted = word;
+        if (!plain && !word.starts_with("\"$(")) {
+            quoted = "'";
+            for (const char c : word) {
+                quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+            }
+            quoted += "'";
+        }
+        line += (line.empty() ? "" : " ") + quoted;
+    }
+    return line;
 }
 
 } // namespace
@@ -207,6 +235,8 @@ struct PipelineManager::RunState {
     // Produced along the way.
     std::filesystem::path app;
     std::optional<std::filesystem::path> buildFolder;
+    // A dry run's clone of the website repository.
+    std::optional<std::filesystem::path> websiteClone;
     AppInfo info;
     std::filesystem::path notesPath;
     std::string notes;
@@ -236,6 +266,9 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
             run.build = request.build ? request.build : suggested.nextSuggestedBuild;
             log("Releasing " + run.appName + " (Build " + std::to_string(*run.build) + ")");
             log("Source: " + run.project->string());
+            if (request.dryRun) {
+                log("Dry run: nothing leaves this machine and the project is left as it is.");
+            }
         } else if (request.appURL) {
             run.app = *request.appURL;
             log("Releasing " + run.appName + " (Build " + plistString(run.app, "CFBundleVersion") +
@@ -275,7 +308,7 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
         manifest.sparkleSignature = run.artifacts.sparkleSignature;
         manifest.releaseNotes = run.notes;
         if (run.delivery && !run.delivery->releaseNotesURLPattern.empty()) {
-            manifest.notesURL = run.delivery->releaseNotesURL(run.dmg.stem().string());
+            manifest.notesURL = run.delivery->releaseNotesURL(run.appName);
         }
         manifest.websitePublication = run.artifacts.websitePublication;
         manifest.monitoringReleaseID = run.runID;
@@ -283,6 +316,14 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
         manifest.githubPublicationSucceeded = run.artifacts.githubPublicationSucceeded;
 
         const double elapsed = std::chrono::duration<double>(Clock::now() - run.started).count();
+        if (request.dryRun) {
+            manifest.websitePublication.reset();
+            dryRunSummary(run, elapsed);
+            finish = [this, manifest, id = profile.id] {
+                finishOnMain(manifest, std::nullopt, false, id, false);
+            };
+            throw DryRunFinished();
+        }
         log(separator);
         log(run.uploadSeconds
                 ? fmt::format("Successfully packaged {} in {:.1f}s, uploaded in {:.1f}s. The "
@@ -306,6 +347,7 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
                 });
             }
         };
+    } catch (const DryRunFinished&) {
     } catch (const CancellationError&) {
         finish = [this, id = profile.id] { finishOnMain(std::nullopt, std::nullopt, true, id); };
     } catch (const std::exception& error) {
@@ -320,9 +362,12 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
         };
     }
     worktree.reset();
+    std::error_code ignored;
     if (run.buildFolder) {
-        std::error_code ignored;
         std::filesystem::remove_all(*run.buildFolder, ignored);
+    }
+    if (run.websiteClone) {
+        std::filesystem::remove_all(*run.websiteClone, ignored);
     }
     post(std::move(finish));
 }
@@ -380,6 +425,14 @@ void PipelineManager::preflight(RunState& run) {
 
 void PipelineManager::versionStage(RunState& run) {
     updateStep("version", StepStatus::running, "Syncing version...");
+    const auto label = "v" + run.version + " (" + std::to_string(run.build.value_or(0)) + ")";
+    if (run.request.dryRun) {
+        // The archiver gives xcodebuild the version and build as overrides either way.
+        log("Info: Dry run: v" + run.version + " (build " + std::to_string(run.build.value_or(0)) +
+            ") goes to xcodebuild as overrides; the project is not written");
+        updateStep("version", StepStatus::succeeded, label + ", not written");
+        return;
+    }
     const auto applied = versionManager.apply(run.version, run.build, *run.project);
     for (const auto& notice : applied.notices) {
         log("Info: Version notice: " + notice);
@@ -589,6 +642,13 @@ void PipelineManager::notarizeStage(RunState& run) {
         updateStep("notarize", StepStatus::skipped, "Notarization skipped (Development identity)");
         return;
     }
+    if (run.request.dryRun) {
+        log("   Dry run: would submit " + run.dmg.filename().string() +
+            " to Apple's notary service with keychain profile '" +
+            notarization.keychainProfileName + "', then staple the ticket");
+        updateStep("notarize", StepStatus::skipped, "Not submitted (dry run)");
+        return;
+    }
     updateStep("notarize", StepStatus::running, "Submitting to Apple...");
     notarizer.notarize(
         run.dmg, notarization.keychainProfileName, [this](const std::string& line) { log(line); },
@@ -611,6 +671,9 @@ void PipelineManager::sparkleStage(RunState& run) {
         return;
     }
     WebDeployer::checkFileName(run.appName);
+    if (run.request.dryRun) {
+        useWebsiteClone(run);
+    }
     auto engine = sparkleEngine;
     engine.log = [this](const std::string& line) { log("   " + line); };
     const auto signed_ =
@@ -626,7 +689,7 @@ void PipelineManager::sparkleStage(RunState& run) {
     release.signature = signed_.signature;
     release.length = signed_.length;
     release.minimumSystemVersion = profile.sparkle.minimumSystemVersion;
-    release.releaseNotesURL = run.delivery->releaseNotesURL(run.dmg.stem().string());
+    release.releaseNotesURL = run.delivery->releaseNotesURL(run.appName);
     // Written to a temporary file and renamed: a cancelled run never leaves half a feed.
     engine.updateFeed(run.delivery->appcastURL, release);
     run.artifacts.sparkleSignature = signed_.signature;
@@ -668,17 +731,100 @@ void PipelineManager::deployStage(RunState& run) {
     release.iconPNG = run.iconPNG;
     release.signature = *run.artifacts.sparkleSignature;
     release.size = run.artifacts.dmgSize;
-    run.artifacts.websitePublication = webDeployer.deploy(
-        profile.webDeploy, *run.delivery, release, [this](const std::string& line) { log(line); },
-        run.stop);
+    auto deployer = webDeployer;
+    auto config = profile.webDeploy;
+    if (run.websiteClone) {
+        deployer.commitOnly = true;
+        config.websiteRepoPath = run.websiteClone->string();
+    }
+    run.artifacts.websitePublication = deployer.deploy(
+        config, *run.delivery, release, [this](const std::string& line) { log(line); }, run.stop);
+    if (run.websiteClone) {
+        updateStep("deploy", StepStatus::succeeded, "Committed in a temporary clone; not pushed");
+        publishToGitHub(run);
+        return;
+    }
     run.uploadSeconds = std::chrono::duration<double>(Clock::now() - uploadStarted).count();
     updateStep("deploy", StepStatus::succeeded, "Uploaded; website publishing");
     publishToGitHub(run);
 }
 
+void PipelineManager::useWebsiteClone(RunState& run) {
+    const auto& repository = run.delivery->websiteRepoURL;
+    const auto branch = WebDeployer::branch(run.request.profile.webDeploy);
+    const auto base =
+        temporaryDirectory.empty() ? std::filesystem::temp_directory_path() : temporaryDirectory;
+    const auto clone = base / ("veltra_dryrun_" + Uuid::random().string());
+    run.websiteClone = clone;
+    const auto cloned = GitCommand::run(
+        webDeployer.runner, base,
+        {"clone", "--quiet", "--branch", branch, repository.string(), clone.string()}, run.stop);
+    if (cloned.exitCode != 0) {
+        throw GitCommand::failure("Could not clone the website repository for the dry run", cloned);
+    }
+    // The feed and the deploy use the clone's files in the same places.
+    std::error_code error;
+    const auto relative =
+        std::filesystem::weakly_canonical(run.delivery->appcastURL, error)
+            .lexically_relative(std::filesystem::weakly_canonical(repository, error));
+    run.delivery->appcastURL =
+        relative.empty() || relative.begin()->string() == ".."
+            ? clone / ReleasePublishingPlan::downloadsFolder(run.request.profile.webDeploy) /
+                  "appcast.xml"
+            : clone / relative;
+    run.delivery->websiteRepoURL = clone;
+    log("   Dry run: the feed is signed and written, and the deploy committed, in a temporary "
+        "clone of the website repository that is never pushed: " +
+        clone.string());
+}
+
+void PipelineManager::dryRunSummary(RunState& run, double elapsed) {
+    log(separator);
+    log(fmt::format("Dry run of {} finished in {:.1f}s. Nothing was published; a release would "
+                    "publish:",
+                    run.appName, elapsed));
+    if (run.delivery) {
+        const auto addresses = ReleasePublishingPlan::publicAddresses(run.request.profile);
+        log("  Download: " + run.delivery->downloadURL(run.appName + ".dmg"));
+        log("  Feed:     " + addresses.publicAppcastURL);
+        if (!run.delivery->releaseNotesURLPattern.empty()) {
+            log("  Notes:    " + run.delivery->releaseNotesURL(run.appName));
+        }
+        log("  Website:  " +
+            ReleasePublishingPlan::resolveRepository(run.request.profile)
+                .value_or(std::filesystem::path())
+                .string() +
+            " pushed to origin/" + WebDeployer::branch(run.request.profile.webDeploy));
+    } else {
+        log("  Website:  nothing (no website repository)");
+    }
+    const auto& notarization = run.request.profile.notarization;
+    log(std::string("  Notarize: ") +
+        (notarization.enabled && !run.developmentIdentity
+             ? "yes, with keychain profile '" + notarization.keychainProfileName + "'"
+             : "no"));
+    log(std::string("  GitHub:   ") +
+        (run.request.profile.githubRelease.enabled ? "a release v" + run.info.version : "no"));
+    log("DMG:   " + run.dmg.string());
+    log("Notes: " + run.notesPath.string());
+    log(separator);
+}
+
 void PipelineManager::publishToGitHub(RunState& run) {
     const auto& config = run.request.profile.githubRelease;
     if (!config.enabled) {
+        return;
+    }
+    if (run.request.dryRun) {
+        auto words = GitHubReleaseEngine::arguments(config, run.dmg, run.appName, run.info.version,
+                                                    run.notes);
+        // The notes file holds the same text; a paste of this line stays one line.
+        const auto notes = std::find(words.begin(), words.end(), "--notes");
+        if (notes != words.end() && std::next(notes) != words.end()) {
+            *std::next(notes) = "\"$(cat " + shellWords({run.notesPath.string()}) + ")\"";
+        }
+        words.insert(words.begin(), "gh");
+        log("   Dry run: would run: " + shellWords(words));
         return;
     }
     log("   Publishing to GitHub Releases...");
@@ -744,7 +890,7 @@ void PipelineManager::runPostScript(RunState& run, const ReleaseManifest& manife
 
 void PipelineManager::finishOnMain(std::optional<ReleaseManifest> manifest,
                                    std::optional<std::string> error, bool cancelled,
-                                   std::optional<Uuid> profileID) {
+                                   std::optional<Uuid> profileID, bool record) {
     // Lines the worker logged come first.
     logStream_.stopStreaming();
     const auto markRunning = [this](StepStatus status, const std::string& message) {
@@ -775,7 +921,10 @@ void PipelineManager::finishOnMain(std::optional<ReleaseManifest> manifest,
         }
     } else if (manifest) {
         completedManifest_ = manifest;
-        notifications_.post(releaseCompletedNotification, ReleaseCompletion{*manifest, profileID});
+        if (record) {
+            notifications_.post(releaseCompletedNotification,
+                                ReleaseCompletion{*manifest, profileID});
+        }
         if (sounds_ != nullptr && sounds_->applicationIsActive()) {
             sounds_->play("Glass");
         }

@@ -66,6 +66,10 @@ struct ReleaseRequest {
     std::optional<std::int64_t> build{};
     // Build this committed branch from a temporary worktree instead of the working copy.
     std::optional<std::string> branch{};
+    // Everything but what leaves the machine: the project is not written, nothing is notarized,
+    // the feed and the deploy go to a temporary clone of the website repository that is never
+    // pushed, GitHub is only described, and no release is recorded.
+    bool dryRun = false;
 };
 
 // Runs one release of one profile, step by step, on a worker thread; its state lives on the
@@ -139,7 +143,9 @@ private:
     void publishToGitHub(RunState& run);
     void runPostScript(RunState& run, const ReleaseManifest& manifest);
     void finishOnMain(std::optional<ReleaseManifest> manifest, std::optional<std::string> error,
-                      bool cancelled, std::optional<Uuid> profileID);
+                      bool cancelled, std::optional<Uuid> profileID, bool record = true);
+    void dryRunSummary(RunState& run, double elapsed);
+    void useWebsiteClone(RunState& run);
     void updateStep(const std::string& id, StepStatus status, const std::string& message);
     void log(std::string text, bool isError = false);
     void post(std::function<void()> work);

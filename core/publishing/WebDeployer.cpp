@@ -164,6 +164,11 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
             throw GitCommand::failure("Could not commit release files", committed);
         }
 
+        if (commitOnly) {
+            say("Committed the release files; not pushed (dry run).");
+            return publication;
+        }
+
         // 4. Push on top of what origin has.
         bool hasOrigin = false;
         forEachTrimmedLine(git({"remote"}).output, [&hasOrigin](std::string_view line) {

@@ -38,6 +38,8 @@ public:
     ProcessRunner runner;
     WebsiteRepositoryInspector repositoryInspector;
     HttpClient session;
+    // Commit the release and stop there: no origin check, push or hook (a dry run).
+    bool commitOnly = false;
 
     // Throws VeltraError: 404 for a missing repository, the inspector's blocker, git's exit
     // status with the shared git failure text, the file system's errors. The hook never fails.

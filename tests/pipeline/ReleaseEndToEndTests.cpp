@@ -108,6 +108,13 @@ TEST_F(ReleaseRun, EveryStepFromProjectToALiveRelease) {
         readFile(sandbox.served() / "downloads" / "appcast.xml").find(*manifest->sparkleSignature),
         std::string::npos);
     EXPECT_TRUE(fs::is_regular_file(sandbox.served() / "downloads" / "icon.png"));
+    // The feed's notes link names the notes file the website got.
+    EXPECT_EQ(manifest->notesURL, sandbox.siteURL() + "downloads/Sample.md");
+    EXPECT_NE(readFile(sandbox.served() / "downloads" / "appcast.xml")
+                  .find("<sparkle:releaseNotesLink>" + sandbox.siteURL() +
+                        "downloads/Sample.md</sparkle:releaseNotesLink>"),
+              std::string::npos);
+    EXPECT_TRUE(fs::is_regular_file(sandbox.served() / "downloads" / "Sample.md"));
     EXPECT_TRUE(std::any_of(pipeline.logs().begin(), pipeline.logs().end(), [](const auto& e) {
         return e.text.find("uploaded in") != std::string::npos;
     }));
@@ -120,6 +127,65 @@ TEST_F(ReleaseRun, EveryStepFromProjectToALiveRelease) {
     EXPECT_EQ(stored->recentReleases->front().websitePublication->state,
               WebsitePublicationState::live);
     // Nothing of the build is left in the work folder.
+    EXPECT_TRUE(fs::is_empty(dir / "tmp"));
+}
+
+// A dry run goes through every step without changing the project, the website repository or
+// its origin, says what it would publish, and records nothing.
+TEST_F(ReleaseRun, ADryRunChangesNothingAndSaysWhatItWouldPublish) {
+    ProfileStore store(loop, notifications, dir / "profiles.json");
+    store.add(profile);
+    const auto pbxproj = sandbox.project() / "project.pbxproj";
+    const auto plist = sandbox.project().parent_path() / "Sample" / "Info.plist";
+    const auto feed = sandbox.website() / "downloads" / "appcast.xml";
+    const auto before = std::vector{readFile(pbxproj),
+                                    readFile(plist),
+                                    readFile(feed),
+                                    testing::git(sandbox.origin(), {"rev-parse", "main"}),
+                                    testing::git(sandbox.website(), {"rev-parse", "HEAD"}),
+                                    testing::git(sandbox.website(), {"status", "--porcelain"})};
+    profile.notarization.enabled = true;
+    profile.notarization.keychainProfileName = "AC_PASSWORD";
+    profile.githubRelease.enabled = true;
+    profile.githubRelease.repoOwnerAndName = "acme-org/sample";
+    ReleaseRequest request;
+    request.profile = profile;
+    request.build = 5;
+    request.dryRun = true;
+    pipeline.run(request);
+    ASSERT_TRUE(loop.runUntil([&] { return !pipeline.isRunning(); }, 300s));
+    ASSERT_EQ(failure(), "");
+    loop.runPending();
+
+    EXPECT_EQ(before, (std::vector{readFile(pbxproj), readFile(plist), readFile(feed),
+                                   testing::git(sandbox.origin(), {"rev-parse", "main"}),
+                                   testing::git(sandbox.website(), {"rev-parse", "HEAD"}),
+                                   testing::git(sandbox.website(), {"status", "--porcelain"})}));
+    EXPECT_FALSE(fs::exists(sandbox.served() / "downloads" / "Sample.dmg"));
+    // xcodebuild got the build as an override; nothing was submitted or created on GitHub.
+    const auto archive = runsOf("xcodebuild").back();
+    EXPECT_NE(std::find(archive.begin(), archive.end(), "CURRENT_PROJECT_VERSION=5"),
+              archive.end());
+    for (const auto& run : runsOf("xcrun")) {
+        EXPECT_EQ(std::find(run.begin(), run.end(), "submit"), run.end());
+    }
+    EXPECT_TRUE(runsOf("gh").empty());
+    EXPECT_EQ(step("notarize").message, "Not submitted (dry run)");
+    EXPECT_EQ(step("deploy").message, "Committed in a temporary clone; not pushed");
+    EXPECT_TRUE(logged("  Download: " + sandbox.siteURL() + "downloads/Sample.dmg"));
+    EXPECT_TRUE(logged("  Feed:     " + sandbox.siteURL() + "downloads/appcast.xml"));
+    EXPECT_TRUE(logged("  Notarize: yes, with keychain profile 'AC_PASSWORD'"));
+    EXPECT_TRUE(logged("   Dry run: would run: gh release create v1.0 " +
+                       (sandbox.releases() / "Sample-1.0.dmg").string() +
+                       " --title 'Sample v1.0' --notes \"$(cat " +
+                       (sandbox.releases() / "Sample-1.0.md").string() +
+                       ")\" --repo acme-org/sample"));
+    // The manifest is there for the caller; the profile records no release.
+    ASSERT_TRUE(pipeline.completedManifest());
+    EXPECT_FALSE(pipeline.completedManifest()->websitePublication);
+    const auto* stored = store.find(profile.id);
+    ASSERT_TRUE(stored);
+    EXPECT_FALSE(stored->recentReleases && !stored->recentReleases->empty());
     EXPECT_TRUE(fs::is_empty(dir / "tmp"));
 }
 
