@@ -1,10 +1,13 @@
 #include "Commands.h"
 #include "JsonOutput.h"
 #include "LinePrinter.h"
+#include "core/signing/CIKeychain.h"
 #include "core/signing/CertificateScanner.h"
 #include "core/signing/NotarizationEngine.h"
+#include "core/support/FileUtilities.h"
 #include "core/support/VeltraError.h"
 
+#include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -189,12 +192,58 @@ void addNotarize(CLI::App& app, CliContext& context) {
     });
 }
 
+void addKeychain(CLI::App& app, CliContext& context) {
+    auto* group = app.add_subcommand("keychain", "A keychain of its own for a CI job");
+    group->require_subcommand(1);
+    auto* setup = group->add_subcommand(
+        "setup", "Create and unlock a keychain, import a .p12 identity for codesign, search it");
+    auto p12 = std::make_shared<std::string>();
+    auto variable = std::make_shared<std::string>();
+    auto name = std::make_shared<std::string>(CIKeychain::defaultName);
+    setup->add_option("--p12", *p12, "The identity's .p12 file")->required();
+    setup
+        ->add_option("--password-env", *variable,
+                     "The environment variable holding the .p12 password")
+        ->required();
+    setup->add_option("--keychain", *name, "The keychain's name (default veltra-ci.keychain-db)");
+    setup->callback([&context, p12, variable, name] {
+        // Secrets come from the environment, never from the command line.
+        const char* password = std::getenv(variable->c_str());
+        if (password == nullptr) {
+            throw VeltraError("Veltra", 1,
+                              "The environment variable " + *variable +
+                                  " is not set. Put the .p12 password there (for example from "
+                                  "a repository secret).");
+        }
+        const auto identities =
+            CIKeychain().setup(expandTilde(*p12), password, *name, context.stop);
+        context.out << "Keychain " << *name << " is unlocked and searched first.\n";
+        if (identities.empty()) {
+            context.out << "Warning: it offers no code-signing identity; check the .p12 file.\n";
+            context.exitStatus = 1;
+            return;
+        }
+        for (const auto& identity : identities) {
+            context.out << "Identity: " << identity.name << " (" << identity.hash << ")\n";
+        }
+    });
+    auto* teardown = group->add_subcommand("teardown", "Delete the keychain setup made");
+    auto teardownName = std::make_shared<std::string>(CIKeychain::defaultName);
+    teardown->add_option("--keychain", *teardownName,
+                         "The keychain's name (default veltra-ci.keychain-db)");
+    teardown->callback([&context, teardownName] {
+        CIKeychain().teardown(*teardownName, context.stop);
+        context.out << "Keychain " << *teardownName << " deleted.\n";
+    });
+}
+
 } // namespace
 
 void addSigningCommands(CLI::App& app, CliContext& context) {
     addIdentities(app, context);
     addNotary(app, context);
     addNotarize(app, context);
+    addKeychain(app, context);
 }
 
 } // namespace veltra::cli

@@ -2,6 +2,8 @@
 #include "cli/VeltraRun.h"
 #include "core/support/FileUtilities.h"
 
+#include <sstream>
+
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -81,6 +83,85 @@ TEST(NotaryCommand, StoresChecksAndNotarizes) {
         {"notary", "store-credentials", "acme", "--apple-id", "j", "--team-id", "T"}, env, "");
     EXPECT_EQ(noPassword.exitCode, 1);
     EXPECT_EQ(noPassword.errorOutput, "Error: No app-specific password given.\n");
+}
+
+// A CI job's keychain: made, unlocked, holding the identity for codesign, searched first, and
+// gone again after teardown; the passwords never show.
+TEST(KeychainCommand, SetsUpForCodesignAndTearsDown) {
+    testing::TempDir dir;
+    testing::writeFile(dir / "cert.p12", "p12");
+    auto env = standIns({{"VELTRA_FAKE_KEYCHAIN_DIR", (dir / "keychains").string()},
+                         {"VELTRA_TOOL_LOG", (dir / "tools.log").string()},
+                         {"HOME", dir.path().string()},
+                         {"CERT_PASSWORD", "secret"}});
+    const auto setup = {std::string("keychain"),       std::string("setup"),
+                        std::string("--p12"),          (dir / "cert.p12").string(),
+                        std::string("--password-env"), std::string("CERT_PASSWORD")};
+
+    const auto made = runVeltra(setup, env);
+    ASSERT_EQ(made.exitCode, 0) << made.errorOutput;
+    EXPECT_EQ(made.output, "Keychain veltra-ci.keychain-db is unlocked and searched first.\n"
+                           "Identity: Developer ID Application: CI Runner (AB12CD34EF) "
+                           "(0123456789ABCDEF0123456789ABCDEF01234567)\n");
+    EXPECT_EQ(readFile(dir / "keychains" / "search-list"),
+              "veltra-ci.keychain-db\n" + (dir / "Library/Keychains/login.keychain-db").string() +
+                  "\n");
+    // The steps in order; one random keychain password for all of them.
+    std::vector<std::vector<std::string>> runs;
+    {
+        std::istringstream log(readFile(dir / "tools.log"));
+        for (std::string line; std::getline(log, line);) {
+            if (line == "security") {
+                runs.emplace_back();
+            } else {
+                runs.back().push_back(line);
+            }
+        }
+    }
+    std::vector<std::string> steps;
+    for (const auto& run : runs) {
+        steps.push_back(run.front());
+    }
+    EXPECT_EQ(steps,
+              (std::vector<std::string>{"create-keychain", "set-keychain-settings",
+                                        "unlock-keychain", "import", "set-key-partition-list",
+                                        "list-keychains", "list-keychains", "find-identity"}));
+    const auto keychainPassword = runs[0][2];
+    EXPECT_EQ(keychainPassword.size(), 48u);
+    EXPECT_EQ(runs[2][2], keychainPassword);
+    EXPECT_EQ(runs[4], (std::vector<std::string>{"set-key-partition-list", "-S",
+                                                 "apple-tool:,apple:,codesign:", "-s", "-k",
+                                                 keychainPassword, "veltra-ci.keychain-db"}));
+    EXPECT_EQ(made.output.find("secret"), std::string::npos);
+    EXPECT_EQ(made.output.find(keychainPassword), std::string::npos);
+
+    // Setting up again while it exists fails with security's words.
+    const auto twice = runVeltra(setup, env);
+    EXPECT_EQ(twice.exitCode, 1);
+    EXPECT_NE(twice.errorOutput.find("A keychain with the same name already exists."),
+              std::string::npos);
+
+    const auto removed = runVeltra({"keychain", "teardown"}, env);
+    ASSERT_EQ(removed.exitCode, 0) << removed.errorOutput;
+    EXPECT_EQ(removed.output, "Keychain veltra-ci.keychain-db deleted.\n");
+    EXPECT_EQ(readFile(dir / "keychains" / "search-list"),
+              (dir / "Library/Keychains/login.keychain-db").string() + "\n");
+    EXPECT_EQ(runVeltra({"keychain", "teardown"}, env).exitCode, 1);
+
+    // A wrong password leaves no half-made keychain behind.
+    env["CERT_PASSWORD"] = "wrong";
+    const auto refused = runVeltra(setup, env);
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_EQ(refused.errorOutput,
+              "Error: Could not import cert.p12: security: SecKeychainItemImport: MAC "
+              "verification failed during PKCS12 import (wrong password?)\n");
+    EXPECT_FALSE(std::filesystem::exists(dir / "keychains" / "veltra-ci.keychain-db"));
+
+    env.erase("CERT_PASSWORD");
+    const auto unset = runVeltra(setup, env);
+    EXPECT_EQ(unset.exitCode, 1);
+    EXPECT_NE(unset.errorOutput.find("The environment variable CERT_PASSWORD is not set."),
+              std::string::npos);
 }
 
 } // namespace
