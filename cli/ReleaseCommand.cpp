@@ -16,6 +16,7 @@ void addReleaseCommand(CLI::App& app, CliContext& context) {
     auto branch = std::make_shared<std::string>();
     auto json = std::make_shared<bool>(false);
     auto dryRun = std::make_shared<bool>(false);
+    auto resume = std::make_shared<bool>(false);
     command->add_option("PROFILE", *profile, "The profile's name or ID")->required();
     command->add_option("--app", *appPath, "Ship this already built app");
     command->add_option("--version", *version,
@@ -29,34 +30,42 @@ void addReleaseCommand(CLI::App& app, CliContext& context) {
     command->add_flag("--dry-run", *dryRun,
                       "Everything but publishing: the project untouched, nothing notarized or "
                       "pushed, no release recorded");
-    command->callback(
-        [&context, profile, appPath, version, build, notesFile, branch, json, dryRun] {
-            OpenStore store(context);
-            ReleaseRequest request;
-            request.profile = store.find(*profile);
-            if (!appPath->empty()) {
-                if (!version->empty() || !build->empty() || !branch->empty()) {
-                    throw failure("--version, --build and --branch set what is built from the "
-                                  "project; an app given with --app is shipped as it is.");
-                }
-                request.appURL = std::filesystem::absolute(expandTilde(standardizePath(*appPath)));
+    command->add_flag("--resume", *resume,
+                      "Continue the last stopped release from the first step that did not finish");
+    command->callback([&context, profile, appPath, version, build, notesFile, branch, json, dryRun,
+                       resume] {
+        OpenStore store(context);
+        ReleaseRequest request;
+        request.profile = store.find(*profile);
+        if (!appPath->empty()) {
+            if (!version->empty() || !build->empty() || !branch->empty()) {
+                throw failure("--version, --build and --branch set what is built from the "
+                              "project; an app given with --app is shipped as it is.");
             }
-            if (!notesFile->empty()) {
-                request.notes = readFile(expandTilde(*notesFile));
-            }
-            if (!version->empty()) {
-                request.version = *version;
-            }
-            if (!build->empty()) {
-                request.build = releaseBuildArgument(*build);
-            }
-            if (!branch->empty()) {
-                request.branch = *branch;
-            }
-            request.dryRun = *dryRun;
-            PipelineManager pipeline(store.loop(), store.notifications());
-            showRelease(context, store, pipeline, request, *json);
-        });
+            request.appURL = std::filesystem::absolute(expandTilde(standardizePath(*appPath)));
+        }
+        if (!notesFile->empty()) {
+            request.notes = readFile(expandTilde(*notesFile));
+        }
+        if (!version->empty()) {
+            request.version = *version;
+        }
+        if (!build->empty()) {
+            request.build = releaseBuildArgument(*build);
+        }
+        if (!branch->empty()) {
+            request.branch = *branch;
+        }
+        request.dryRun = *dryRun;
+        if (*resume && (!appPath->empty() || !version->empty() || !build->empty() ||
+                        !branch->empty() || *dryRun)) {
+            throw failure("--resume continues the stopped release as it was; it takes no --app, "
+                          "--version, --build, --branch or --dry-run.");
+        }
+        request.resume = *resume;
+        PipelineManager pipeline(store.loop(), store.notifications());
+        showRelease(context, store, pipeline, request, *json);
+    });
 }
 
 } // namespace veltra::cli

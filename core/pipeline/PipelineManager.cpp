@@ -1,6 +1,7 @@
 #include "PipelineManager.h"
 
 #include "ReleaseCompletion.h"
+#include "ReleaseRunRecord.h"
 #include "core/feed/ReleaseFeedValidator.h"
 #include "core/process/ProcessRunner.h"
 #include "core/publishing/GitCommand.h"
@@ -244,6 +245,13 @@ struct PipelineManager::RunState {
     DeploymentArtifacts artifacts;
     std::optional<std::string> iconPNG;
     std::optional<double> uploadSeconds;
+    // Resuming: the stopped run's record. Either way: the steps finished so far, and the
+    // notarization submission once the tool names it.
+    std::optional<ReleaseRunRecord> resumed;
+    std::vector<std::string> completed;
+    std::optional<std::string> notarySubmissionID;
+
+    bool reuse(const char* step) const { return resumed && resumed->completed(step); }
 };
 
 void PipelineManager::execute(const ReleaseRequest& request, std::stop_token stop) {
@@ -264,11 +272,27 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
                                   : std::optional<std::string>(profile.sparkle.appcastPath));
             run.version = request.version.value_or(suggested.currentVersion);
             run.build = request.build ? request.build : suggested.nextSuggestedBuild;
+            if (request.resume) {
+                run.resumed = ReleaseRunRecord::load(run.outputDirectory);
+                if (!run.resumed || run.resumed->profileID != profile.id) {
+                    throw VeltraError("Veltra", 404,
+                                      "Nothing to resume for " + run.appName +
+                                          ": no stopped release is kept in " +
+                                          ReleaseRunRecord::folder(run.outputDirectory).string() +
+                                          ".");
+                }
+                run.version = run.resumed->version;
+                run.build = run.resumed->build;
+            }
             log("Releasing " + run.appName + " (Build " + std::to_string(*run.build) + ")");
             log("Source: " + run.project->string());
             if (request.dryRun) {
                 log("Dry run: nothing leaves this machine and the project is left as it is.");
             }
+        } else if (request.resume) {
+            throw VeltraError("Veltra", 400,
+                              "Only a release built from the project can be resumed; ship the "
+                              "app again instead.");
         } else if (request.appURL) {
             run.app = *request.appURL;
             log("Releasing " + run.appName + " (Build " + plistString(run.app, "CFBundleVersion") +
@@ -284,18 +308,34 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
         }
         std::filesystem::create_directories(run.outputDirectory);
 
+        // Each stage counts as finished once it returns; a resumed run skips those its record
+        // kept (reuseKeptSteps restores what they made, checked unchanged).
+        const auto stage = [&run](const char* id, const std::function<void()>& work) {
+            if (!run.reuse(id)) {
+                work();
+            }
+            run.completed.emplace_back(id);
+        };
         if (run.fromProject) {
             preflight(run);
-            versionStage(run);
-            archiveStage(run, worktree);
+            reuseKeptSteps(run);
+            stage("version", [&] { versionStage(run); });
+            stage("archive", [&] { archiveStage(run, worktree); });
         }
+        // The kept app is inspected again: a read-only check that it is still what was signed.
         inspectStage(run);
-        notesStage(run);
-        dmgStage(run);
+        run.completed.emplace_back("inspect");
+        stage("notes", [&] { notesStage(run); });
+        stage("dmg", [&] { dmgStage(run); });
         if (run.fromProject) {
-            notarizeStage(run);
-            sparkleStage(run);
+            stage("notarize", [&] { notarizeStage(run); });
+            stage("sparkle", [&] { sparkleStage(run); });
             deployStage(run);
+            run.completed.emplace_back("deploy");
+            if (!request.dryRun) {
+                std::error_code ignored;
+                std::filesystem::remove_all(ReleaseRunRecord::folder(run.outputDirectory), ignored);
+            }
         }
         ReleaseManifest manifest;
         manifest.appName = run.appName;
@@ -349,8 +389,10 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
         };
     } catch (const DryRunFinished&) {
     } catch (const CancellationError&) {
+        keepForResume(run);
         finish = [this, id = profile.id] { finishOnMain(std::nullopt, std::nullopt, true, id); };
     } catch (const std::exception& error) {
+        keepForResume(run);
         finish = [this, message = std::string(error.what()), id = profile.id, runID = run.runID,
                   appName = run.appName,
                   version = run.info.version.empty() ? run.version : run.info.version] {
@@ -650,9 +692,20 @@ void PipelineManager::notarizeStage(RunState& run) {
         return;
     }
     updateStep("notarize", StepStatus::running, "Submitting to Apple...");
-    notarizer.notarize(
-        run.dmg, notarization.keychainProfileName, [this](const std::string& line) { log(line); },
-        run.stop);
+    auto engine = notarizer;
+    // Known before the wait, so a stopped run can look the submission up instead of sending it
+    // again. Written on the tool's reader thread, read after the run has joined it.
+    engine.onSubmissionID = [&run](const std::string& id) { run.notarySubmissionID = id; };
+    if (run.resumed && run.resumed->notarySubmissionID) {
+        run.notarySubmissionID = run.resumed->notarySubmissionID;
+        engine.finishSubmission(
+            run.dmg, notarization.keychainProfileName, *run.notarySubmissionID,
+            [this](const std::string& line) { log(line); }, run.stop);
+    } else {
+        engine.notarize(
+            run.dmg, notarization.keychainProfileName,
+            [this](const std::string& line) { log(line); }, run.stop);
+    }
     run.artifacts.wasNotarized = true;
     // Stapling changed the image.
     run.artifacts.dmgSize = static_cast<std::int64_t>(std::filesystem::file_size(run.dmg));
@@ -808,6 +861,103 @@ void PipelineManager::dryRunSummary(RunState& run, double elapsed) {
     log("DMG:   " + run.dmg.string());
     log("Notes: " + run.notesPath.string());
     log(separator);
+}
+
+void PipelineManager::reuseKeptSteps(RunState& run) {
+    if (!run.resumed) {
+        return;
+    }
+    const auto& kept = *run.resumed;
+    const auto steps = stepList(true);
+    const auto first = std::find_if(steps.begin(), steps.end(), [&kept](const auto& step) {
+        return !kept.completed(step.id) && step.id != "inspect";
+    });
+    log("Resuming the stopped release of " + run.appName + " v" + kept.version + " (Build " +
+        std::to_string(kept.build) + ") from '" +
+        (first == steps.end() ? std::string("the end") : first->title) + "'");
+    const auto changed = [](const std::string& what) {
+        return VeltraError("Veltra", 409,
+                           what + " changed since the release stopped, so it cannot be reused. "
+                                  "Start the release again without --resume.");
+    };
+    if (kept.completed("archive")) {
+        if (!kept.app || !std::filesystem::is_directory(*kept.app) ||
+            ReleaseRunRecord::signatureDigest(*kept.app) != kept.appSignature) {
+            throw changed("The kept app");
+        }
+        run.app = *kept.app;
+        run.identity = kept.identity;
+        chooseIdentity(run);
+        log("   Success: Reusing the signed app " + run.app.filename().string());
+    }
+    if (kept.completed("notes") && kept.notesPath) {
+        run.notesPath = *kept.notesPath;
+        run.notes = kept.notes;
+    }
+    if (kept.completed("dmg")) {
+        if (!kept.dmg || !std::filesystem::is_regular_file(*kept.dmg) ||
+            sha256Hex(*kept.dmg) != kept.dmgSHA256) {
+            throw changed("The disk image");
+        }
+        run.dmg = *kept.dmg;
+        run.artifacts.dmgSize = kept.dmgSize;
+        log("   Success: Reusing " + run.dmg.filename().string() + " (SHA-256 unchanged)");
+    }
+    run.artifacts.wasNotarized = kept.wasNotarized;
+    if (kept.completed("sparkle")) {
+        run.delivery = ReleasePublishingPlan::resolve(run.request.profile);
+        run.artifacts.sparkleSignature = kept.sparkleSignature;
+    }
+    for (const auto& id : kept.completedSteps) {
+        if (id != "inspect" && id != "deploy") {
+            updateStep(id, StepStatus::succeeded, "Kept from the stopped run");
+        }
+    }
+}
+
+void PipelineManager::keepForResume(RunState& run) {
+    // Nothing finished, nothing to reuse (a refusal by preflight is not worth resuming).
+    if (!run.fromProject || run.request.dryRun || !run.build || run.completed.empty()) {
+        return;
+    }
+    try {
+        const auto folder = ReleaseRunRecord::folder(run.outputDirectory);
+        ReleaseRunRecord record;
+        record.profileID = run.request.profile.id;
+        record.version = run.version;
+        record.build = *run.build;
+        record.completedSteps = run.completed;
+        const auto has = [&record](const char* step) { return record.completed(step); };
+        if (has("archive") && !run.app.empty()) {
+            auto kept = folder / run.app.filename();
+            if (run.app != kept) {
+                // Out of the build folder, which goes with this run.
+                std::filesystem::create_directories(folder);
+                std::filesystem::remove_all(kept);
+                std::filesystem::rename(run.app, kept);
+            }
+            record.app = kept;
+            record.appSignature = ReleaseRunRecord::signatureDigest(kept);
+            record.identity = run.identity;
+        }
+        if (has("notes")) {
+            record.notesPath = run.notesPath;
+            record.notes = run.notes;
+        }
+        if (has("dmg")) {
+            record.dmg = run.dmg;
+            record.dmgSHA256 = sha256Hex(run.dmg);
+            record.dmgSize = run.artifacts.dmgSize;
+        }
+        record.notarySubmissionID = run.notarySubmissionID;
+        record.wasNotarized = run.artifacts.wasNotarized;
+        record.sparkleSignature = run.artifacts.sparkleSignature;
+        record.save(run.outputDirectory);
+        log("Kept this run in " + folder.string() + "; 'veltra release " +
+            run.request.profile.name + " --resume' continues it.");
+    } catch (const std::exception& error) {
+        log(std::string("Warning: This run could not be kept for resuming: ") + error.what());
+    }
 }
 
 void PipelineManager::publishToGitHub(RunState& run) {

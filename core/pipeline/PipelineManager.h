@@ -70,6 +70,9 @@ struct ReleaseRequest {
     // the feed and the deploy go to a temporary clone of the website repository that is never
     // pushed, GitHub is only described, and no release is recorded.
     bool dryRun = false;
+    // Continue the profile's last failed or cancelled release from the first step that did not
+    // finish, reusing what the finished ones made once it is checked unchanged.
+    bool resume = false;
 };
 
 // Runs one release of one profile, step by step, on a worker thread; its state lives on the
@@ -146,6 +149,8 @@ private:
                       bool cancelled, std::optional<Uuid> profileID, bool record = true);
     void dryRunSummary(RunState& run, double elapsed);
     void useWebsiteClone(RunState& run);
+    void keepForResume(RunState& run);
+    void reuseKeptSteps(RunState& run);
     void updateStep(const std::string& id, StepStatus status, const std::string& message);
     void log(std::string text, bool isError = false);
     void post(std::function<void()> work);

@@ -120,6 +120,21 @@ bool NotarizationEngine::credentialsExist(const std::string& keychainProfile,
     }
 }
 
+namespace {
+
+void staple(const ProcessRunner& runner, const std::filesystem::path& file,
+            const std::function<void(const std::string&)>& log, std::stop_token stop) {
+    const auto name = file.filename().string();
+    log("   Stapling Gatekeeper ticket to " + name + "...");
+    const auto stapled = runner.run("xcrun", {"stapler", "staple", file.string()}, stop);
+    if (stapled.exitCode != 0) {
+        throw VeltraError("Veltra", 503, "Stapling failed: " + combinedOutput(stapled));
+    }
+    log("   Success: Gatekeeper ticket successfully stapled to " + name);
+}
+
+} // namespace
+
 void NotarizationEngine::notarize(const std::filesystem::path& file,
                                   const std::string& keychainProfile, const NotaryLog& onLog,
                                   std::stop_token stop) const {
@@ -136,19 +151,72 @@ void NotarizationEngine::notarize(const std::filesystem::path& file,
     submit.command = "xcrun";
     submit.arguments = {"notarytool",         "submit",        file.string(),
                         "--keychain-profile", keychainProfile, "--wait"};
-    submit.onOutput = [&filter](std::string_view chunk) { filter.consume(chunk); };
+    std::string seen;
+    bool reported = false;
+    submit.onOutput = [&](std::string_view chunk) {
+        filter.consume(chunk);
+        if (!reported && onSubmissionID) {
+            seen += chunk;
+            if (const auto id = submissionID(seen);
+                id && seen.find('\n', seen.find("id: ")) != std::string::npos) {
+                reported = true;
+                onSubmissionID(*id);
+            }
+        }
+    };
     const auto result = runner.run(submit, stop);
     const auto output = result.output + "\n" + result.errorOutput;
     // The tool exits 0 on an Invalid verdict too; only the status line tells.
     if (result.exitCode != 0 || contains(output, "status: Invalid")) {
         throw VeltraError("Veltra", 502, "Notarization failed or was marked Invalid:\n" + output);
     }
-    log("   Stapling Gatekeeper ticket to " + name + "...");
-    const auto staple = runner.run("xcrun", {"stapler", "staple", file.string()}, stop);
-    if (staple.exitCode != 0) {
-        throw VeltraError("Veltra", 503, "Stapling failed: " + combinedOutput(staple));
+    staple(runner, file, log, stop);
+}
+
+std::optional<std::string> NotarizationEngine::submissionID(std::string_view output) {
+    std::optional<std::string> found;
+    forEachTrimmedLine(output, [&found](std::string_view line) {
+        if (!found && line.starts_with("id: ")) {
+            found = std::string(trimWhitespace(line.substr(4)));
+        }
+    });
+    return found;
+}
+
+void NotarizationEngine::finishSubmission(const std::filesystem::path& file,
+                                          const std::string& keychainProfile,
+                                          const std::string& submissionID, const NotaryLog& onLog,
+                                          std::stop_token stop) const {
+    const auto log = [&](const std::string& line) {
+        if (onLog) {
+            onLog(line);
+        }
+    };
+    log("   Looking up notarization submission " + submissionID + " (profile: '" + keychainProfile +
+        "')...");
+    auto answer = runner.run(
+        "xcrun", {"notarytool", "info", submissionID, "--keychain-profile", keychainProfile}, stop);
+    const auto status = [](const ProcessResult& result) {
+        std::string value;
+        forEachTrimmedLine(result.output, [&value](std::string_view line) {
+            if (line.starts_with("status: ")) {
+                value = std::string(trimWhitespace(line.substr(8)));
+            }
+        });
+        return value;
+    };
+    if (answer.exitCode == 0 && status(answer) == "In Progress") {
+        log("   Waiting for Apple to finish processing...");
+        answer = runner.run(
+            "xcrun", {"notarytool", "wait", submissionID, "--keychain-profile", keychainProfile},
+            stop);
     }
-    log("   Success: Gatekeeper ticket successfully stapled to " + name);
+    if (answer.exitCode != 0 || status(answer) != "Accepted") {
+        throw VeltraError("Veltra", 502,
+                          "Notarization failed or was marked Invalid:\n" + combinedOutput(answer));
+    }
+    log("   Success: Submission " + submissionID + " was accepted");
+    staple(runner, file, log, stop);
 }
 
 } // namespace veltra

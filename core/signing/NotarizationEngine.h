@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <stop_token>
 #include <string>
 #include <string_view>
@@ -57,6 +58,17 @@ public:
     // 503 (stapling failed).
     void notarize(const std::filesystem::path& file, const std::string& keychainProfile,
                   const NotaryLog& onLog, std::stop_token stop = {}) const;
+    // Finishes a submission made earlier (one whose wait was cancelled or timed out) instead of
+    // submitting again: `notarytool info`, `notarytool wait` while it is in progress, then the
+    // staple. Throws like notarize.
+    void finishSubmission(const std::filesystem::path& file, const std::string& keychainProfile,
+                          const std::string& submissionID, const NotaryLog& onLog,
+                          std::stop_token stop = {}) const;
+
+    // Called from the tool's reader thread with the submission's ID as soon as it is known.
+    std::function<void(const std::string&)> onSubmissionID{};
+    // The ID the tool names in its output ("  id: ..."), or nothing.
+    static std::optional<std::string> submissionID(std::string_view output);
 };
 
 } // namespace veltra

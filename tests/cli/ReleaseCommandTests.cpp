@@ -90,6 +90,17 @@ TEST_F(ReleaseCommandTest, JsonLinesEndWithTheManifestOrTheError) {
     EXPECT_EQ(error["type"], "error");
     EXPECT_FALSE(error["message"].get<std::string>().empty());
 
+    const auto resumed = veltra({"release", "Acme", "--resume", "--build", "58"});
+    EXPECT_EQ(resumed.exitCode, 1);
+    EXPECT_NE(resumed.errorOutput.find("--resume continues the stopped release as it was"),
+              std::string::npos);
+    const auto nothing = veltra({"release", "Acme", "--resume"});
+    EXPECT_EQ(nothing.exitCode, 1);
+    EXPECT_NE(nothing.output.find("Error: Only a release built from the project can be "
+                                  "resumed; ship the app again instead.\n"),
+              std::string::npos)
+        << nothing.output;
+
     const auto mixed = veltra({"release", "Acme", "--app", app.string(), "--build", "58"});
     EXPECT_EQ(mixed.exitCode, 1);
     EXPECT_NE(mixed.errorOutput.find("an app given with --app is shipped as it is"),

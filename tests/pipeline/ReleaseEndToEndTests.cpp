@@ -5,6 +5,7 @@
 #include "GitFixture.h"
 #include "core/pipeline/DemoSandbox.h"
 #include "core/pipeline/PipelineManager.h"
+#include "core/pipeline/ReleaseRunRecord.h"
 #include "core/profile/ProfileStore.h"
 #include "core/support/EventLoop.h"
 #include "core/support/FileUtilities.h"
@@ -187,6 +188,110 @@ TEST_F(ReleaseRun, ADryRunChangesNothingAndSaysWhatItWouldPublish) {
     ASSERT_TRUE(stored);
     EXPECT_FALSE(stored->recentReleases && !stored->recentReleases->empty());
     EXPECT_TRUE(fs::is_empty(dir / "tmp"));
+}
+
+// How often a tool ran with `argument` among its arguments.
+std::size_t countRuns(const std::vector<std::vector<std::string>>& runs,
+                      const std::string& argument) {
+    return static_cast<std::size_t>(std::count_if(runs.begin(), runs.end(), [&](const auto& run) {
+        return std::find(run.begin(), run.end(), argument) != run.end();
+    }));
+}
+
+// Cancelled while Apple processes the image: the resumed run looks the submission up instead of
+// sending the image again, and builds and signs nothing.
+TEST_F(ReleaseRun, ACancelledNotarizationResumesWithoutASecondSubmission) {
+    profile.notarization.enabled = true;
+    profile.notarization.signingIdentity = "Developer ID Application: Jane Doe (AB12CD34EF)";
+    fs::create_directories(dir / "keychain");
+    testing::writeFile(dir / "keychain" / "AC_PASSWORD", "stored");
+    fake("VELTRA_FAKE_KEYCHAIN", (dir / "keychain").string());
+    {
+        testing::ScopedEnvironment slow("VELTRA_FAKE_NOTARY_DELAY", "30");
+        ReleaseRequest request;
+        request.profile = profile;
+        request.build = 4;
+        pipeline.run(request);
+        ASSERT_TRUE(loop.runUntil(
+            [&] {
+                return logged("   Success: Submission ID: 3f2b8c1e-7a4d-4e9b-9c21-5d6e7f809a1b");
+            },
+            120s));
+        pipeline.cancel();
+        ASSERT_TRUE(loop.runUntil([&] { return !pipeline.isRunning(); }, 120s));
+    }
+    ASSERT_TRUE(pipeline.isCancelled());
+    const auto kept = ReleaseRunRecord::load(sandbox.releases());
+    ASSERT_TRUE(kept);
+    EXPECT_EQ(kept->notarySubmissionID, "3f2b8c1e-7a4d-4e9b-9c21-5d6e7f809a1b");
+    EXPECT_EQ(kept->completedSteps,
+              (std::vector<std::string>{"version", "archive", "inspect", "notes", "dmg"}));
+    const auto archives = countRuns(runsOf("xcodebuild"), "archive");
+    const auto signings = countRuns(runsOf("codesign"), "--sign");
+
+    ReleaseRequest request;
+    request.profile = profile;
+    request.resume = true;
+    pipeline.run(request);
+    ASSERT_TRUE(loop.runUntil([&] { return !pipeline.isRunning(); }, 300s));
+    ASSERT_EQ(failure(), "");
+    EXPECT_TRUE(logged("Resuming the stopped release of Sample v1.0 (Build 4) from "
+                       "'Apple Notarize'"));
+    EXPECT_EQ(countRuns(runsOf("xcrun"), "submit"), 1u);
+    EXPECT_EQ(countRuns(runsOf("xcrun"), "info"), 1u);
+    EXPECT_EQ(countRuns(runsOf("xcodebuild"), "archive"), archives);
+    EXPECT_EQ(countRuns(runsOf("codesign"), "--sign"), signings);
+    EXPECT_EQ(step("archive").message, "Kept from the stopped run");
+    EXPECT_EQ(step("notarize").status, StepStatus::succeeded);
+    ASSERT_TRUE(pipeline.completedManifest());
+    EXPECT_TRUE(pipeline.completedManifest()->wasNotarized);
+    EXPECT_EQ(pipeline.completedManifest()->buildNumber, "4");
+    EXPECT_FALSE(fs::exists(ReleaseRunRecord::folder(sandbox.releases())));
+}
+
+// Failed at the push: the resumed run reuses the signed app, the checked image, the signature
+// and the feed, and only deploys. A changed image is refused.
+TEST_F(ReleaseRun, AFailedDeployResumesWithoutRebuildingOrReSigning) {
+    // The hosting service turns the push away once.
+    const auto hook = sandbox.origin() / "hooks" / "pre-receive";
+    testing::writeFile(hook, "#!/bin/sh\necho 'rejected for maintenance' >&2\nexit 1\n");
+    fs::permissions(hook, fs::perms::owner_all);
+    release(8);
+    EXPECT_EQ(pipeline.failedStepID(), "deploy");
+    const auto kept = ReleaseRunRecord::load(sandbox.releases());
+    ASSERT_TRUE(kept);
+    EXPECT_TRUE(kept->completed("sparkle"));
+    EXPECT_TRUE(kept->sparkleSignature);
+    fs::remove(hook);
+    const auto archives = countRuns(runsOf("xcodebuild"), "archive");
+    const auto signings = countRuns(runsOf("codesign"), "--sign");
+    const auto signatures = runsOf("sign_update").size();
+
+    // An image changed since: refused, and kept for another try.
+    const auto image = readFile(*kept->dmg);
+    testing::writeFile(*kept->dmg, image + "tampered");
+    ReleaseRequest request;
+    request.profile = profile;
+    request.resume = true;
+    pipeline.run(request);
+    ASSERT_TRUE(loop.runUntil([&] { return !pipeline.isRunning(); }, 300s));
+    EXPECT_EQ(failure(), "The disk image changed since the release stopped, so it cannot be "
+                         "reused. Start the release again without --resume.");
+    testing::writeFile(*kept->dmg, image);
+
+    pipeline.run(request);
+    ASSERT_TRUE(loop.runUntil([&] { return !pipeline.isRunning(); }, 300s));
+    ASSERT_EQ(failure(), "");
+    EXPECT_EQ(countRuns(runsOf("xcodebuild"), "archive"), archives);
+    EXPECT_EQ(countRuns(runsOf("codesign"), "--sign"), signings);
+    EXPECT_EQ(runsOf("sign_update").size(), signatures);
+    EXPECT_EQ(readFile(sandbox.served() / "downloads" / "Sample.dmg"), image);
+    EXPECT_FALSE(fs::exists(ReleaseRunRecord::folder(sandbox.releases())));
+
+    pipeline.run(request);
+    ASSERT_TRUE(loop.runUntil([&] { return !pipeline.isRunning(); }, 300s));
+    EXPECT_EQ(failure(), "Nothing to resume for Sample: no stopped release is kept in " +
+                             ReleaseRunRecord::folder(sandbox.releases()).string() + ".");
 }
 
 TEST_F(ReleaseRun, TheSameBuildTwiceIsRefusedBeforeAnythingIsBuilt) {
