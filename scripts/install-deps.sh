@@ -12,11 +12,13 @@ packages=(
   libplist-dev libutf8proc-dev libcairo2-dev libpango1.0-dev libcpp-httplib-dev
   fonts-dejavu-core fonts-wqy-microhei
   llvm-14
+  qt6-base-dev qt6-base-dev-tools qt6-qpa-plugins libgl-dev
+  xvfb xauth dbus-daemon
 )
 
 if [[ "$(uname -s)" == "Darwin" ]]; then
   echo "On macOS, install the dependencies with Homebrew:"
-  echo "  brew install cmake ninja googletest google-benchmark fmt cli11 nlohmann-json openssl@3 libsodium curl expat libplist utf8proc cairo pango cpp-httplib llvm"
+  echo "  brew install cmake ninja googletest google-benchmark fmt cli11 nlohmann-json openssl@3 libsodium curl expat libplist utf8proc cairo pango cpp-httplib llvm qt"
   exit 0
 fi
 

@@ -36,6 +36,16 @@ check_install() {
       exit 1
     fi
     echo "demo: live release from $prefix"
+    # The same release started in the Studio, on a real (virtual) X screen.
+    QT_QPA_PLATFORM=offscreen "$prefix/bin/veltra-studio" --version
+    if ! QT_QPA_PLATFORM=xcb xvfb-run -a -s "-screen 0 1280x800x24" \
+      "$prefix/bin/veltra-studio" --demo --screenshots "$prefix/shots" >"$prefix/studio.log" 2>&1 ||
+      [[ $(find "$prefix/shots" -name '*.png' | wc -l) -ne 11 ]]; then
+      cat "$prefix/studio.log"
+      echo "The installed Studio did not take a release of the demo to a live website." >&2
+      exit 1
+    fi
+    echo "studio: live release from $prefix"
   fi
   rm -rf "$prefix"
 }

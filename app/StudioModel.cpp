@@ -1,0 +1,134 @@
+#include "StudioModel.h"
+
+#include "core/support/FileUtilities.h"
+#include "core/support/VeltraError.h"
+
+#include <QGuiApplication>
+#include <charconv>
+
+#ifndef __APPLE__
+#include "FreedesktopNotificationCenter.h"
+#endif
+
+namespace veltra::studio {
+
+#ifdef __APPLE__
+std::unique_ptr<UserNotificationCenter> makeAppleNotificationCenter();
+#endif
+
+namespace {
+
+std::unique_ptr<UserNotificationCenter> makeSystemNotificationCenter() {
+#ifdef __APPLE__
+    return makeAppleNotificationCenter();
+#else
+    return FreedesktopNotificationCenter::make();
+#endif
+}
+
+} // namespace
+
+StudioModel::StudioModel(Options options, QObject* parent)
+    : QObject(parent), notifications_(queue_) {
+    settings_ = options.settingsFile.isEmpty()
+                    ? std::make_unique<QSettings>()
+                    : std::make_unique<QSettings>(options.settingsFile, QSettings::IniFormat);
+    store_ = std::make_unique<ProfileStore>(queue_, notifications_, options.profilesFile);
+    store_->setChangeObserver([this] { Q_EMIT profilesChanged(); });
+    watcher_ = std::make_unique<WebsitePublicationWatcher>(
+        queue_, *store_, notifications_, WebsitePublicationProbe::shared(), options.watchTiming);
+    watcher_->onCheck = [this](const std::string& releaseID, WebsitePublicationState) {
+        Q_EMIT websiteChecked(qs(releaseID));
+    };
+    pipeline_ = std::make_unique<PipelineManager>(queue_, notifications_, &sounds_);
+    pipeline_->watcher = watcher_.get();
+    pipeline_->setObserver(this);
+    if (options.withNotifications) {
+        center_ = makeSystemNotificationCenter();
+    }
+    releaseNotifications_ = std::make_unique<ReleaseNotificationsViewModel>(
+        queue_, notifications_, *settings_, center_.get(),
+        [] { return QGuiApplication::applicationState() == Qt::ApplicationActive; });
+    openObserver_ = notifications_.addObserver(
+        std::string(OpenReleaseRequest::notificationName), [this](const Notification& note) {
+            if (const auto* request = std::any_cast<OpenReleaseRequest>(&note.payload)) {
+                Q_EMIT openRelease(qs(request->profileID.string()), qs(request->releaseID));
+            }
+        });
+}
+
+StudioModel::~StudioModel() {
+    // The run's worker posts to the queue and the store; it goes first.
+    pipeline_.reset();
+    watcher_.reset();
+    store_->flush();
+}
+
+std::optional<std::string> StudioModel::edit(const std::function<void(ProjectProfile&)>& change) {
+    const auto* selected = store_->selectedProfile();
+    if (selected == nullptr) {
+        return "Select a profile first.";
+    }
+    auto profile = *selected;
+    try {
+        change(profile);
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+    if (profile != *selected) {
+        store_->update(profile);
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> StudioModel::startRelease() {
+    const auto* profile = store_->selectedProfile();
+    if (profile == nullptr) {
+        return "Select a profile first.";
+    }
+    if (pipeline_->isRunning()) {
+        return "A release is already running.";
+    }
+    ReleaseRequest request;
+    request.profile = *profile;
+    if (profile->sourceProjectPath && profile->sourceProjectPath->ends_with(".app")) {
+        request.appURL = expandTilde(*profile->sourceProjectPath);
+    }
+    const auto& chosen = choices(profile->id);
+    if (!chosen.version.empty()) {
+        request.version = chosen.version;
+    }
+    if (!chosen.build.empty()) {
+        std::int64_t build = 0;
+        const auto* end = chosen.build.data() + chosen.build.size();
+        const auto [stop, error] = std::from_chars(chosen.build.data(), end, build);
+        if (error != std::errc() || stop != end || build < 1) {
+            return "The build number must be a whole number of 1 or more.";
+        }
+        request.build = build;
+    }
+    if (!chosen.notes.empty()) {
+        request.notes = chosen.notes;
+    }
+    pipeline_->run(std::move(request));
+    Q_EMIT runStarted();
+    return std::nullopt;
+}
+
+void StudioModel::checkWebsite(const Uuid& profileID, const std::string& releaseID) {
+    watcher_->watch(profileID, releaseID);
+}
+
+void StudioModel::stepsChanged(const PipelineManager&) {
+    Q_EMIT stepsUpdated();
+}
+
+void StudioModel::logsPublished(const std::vector<ReleaseLogEntry>& batch) {
+    Q_EMIT logsArrived(batch);
+}
+
+void StudioModel::runFinished(const PipelineManager&) {
+    Q_EMIT runEnded();
+}
+
+} // namespace veltra::studio

@@ -1,0 +1,271 @@
+// The Studio's window driving the real pipeline: the sample project of the demo sandbox, the
+// Apple tool stand-ins, real git with a bare origin whose hook publishes into a folder served
+// by a real local web server. Runs on Qt's offscreen platform.
+
+#include "AppleTools.h"
+#include "DMGPreview.h"
+#include "HistoryView.h"
+#include "MainWindow.h"
+#include "RunView.h"
+#include "StudioTestSupport.h"
+#include "core/dmg/DMGInstallerLayout.h"
+#include "core/pipeline/DemoSandbox.h"
+
+#include <QComboBox>
+#include <QDir>
+#include <QLabel>
+#include <QLineEdit>
+#include <QListWidget>
+#include <QPlainTextEdit>
+#include <QPushButton>
+#include <QTextBlock>
+#include <QTreeWidget>
+#include <fstream>
+#include <set>
+
+#include <gtest/gtest.h>
+
+namespace veltra::studio {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using testing::waitFor;
+
+// Processes other than this one whose command line mentions `text`.
+std::vector<std::string> processesMentioning(const std::string& text) {
+    std::vector<std::string> found;
+    for (const auto& entry : fs::directory_iterator("/proc")) {
+        const auto name = entry.path().filename().string();
+        if (name.find_first_not_of("0123456789") != std::string::npos ||
+            name == std::to_string(::getpid())) {
+            continue;
+        }
+        std::ifstream in(entry.path() / "cmdline", std::ios::binary);
+        std::string line((std::istreambuf_iterator<char>(in)), {});
+        if (line.find(text) != std::string::npos) {
+            std::replace(line.begin(), line.end(), '\0', ' ');
+            found.push_back(line);
+        }
+    }
+    return found;
+}
+
+class StudioWindow : public testing::AppleToolsTest {
+protected:
+    StudioWindow() : sandbox(dir / "sandbox", fs::path(VELTRA_SOURCE_DIR) / "share/demo/Sample") {
+        fs::create_directories(dir / "tmp");
+        StudioModel::Options options;
+        options.profilesFile = dir / "profiles.json";
+        options.settingsFile = QString::fromStdString((dir / "studio.ini").string());
+        options.watchTiming = {100ms, 120s, 50ms};
+        options.withNotifications = false;
+        model = std::make_unique<StudioModel>(options);
+        model->pipeline().temporaryDirectory = dir / "tmp";
+        model->store().add(sandbox.profile());
+        model->store().select(sandbox.profile().id);
+        window = std::make_unique<MainWindow>(*model);
+        window->show();
+    }
+
+    ~StudioWindow() override {
+        window.reset();
+        model.reset();
+    }
+
+    template <typename Widget> Widget* find(const char* name) const {
+        auto* widget = window->findChild<Widget*>(QString::fromLatin1(name));
+        EXPECT_NE(widget, nullptr) << name;
+        return widget;
+    }
+
+    std::vector<std::string> rowTexts(QTreeWidget* tree, int column) const {
+        std::vector<std::string> texts;
+        for (int i = 0; i < tree->topLevelItemCount(); ++i) {
+            texts.push_back(tree->topLevelItem(i)->text(column).toStdString());
+        }
+        return texts;
+    }
+
+    // Types into a line edit as a user would: each edit is written through at once.
+    static void type(QLineEdit* edit, const QString& text) {
+        edit->setFocus();
+        edit->setText(text);
+        Q_EMIT edit->textEdited(text);
+    }
+
+    const ProjectProfile& selected() const { return *model->store().selectedProfile(); }
+
+    DemoSandbox sandbox;
+    std::unique_ptr<StudioModel> model;
+    std::unique_ptr<MainWindow> window;
+};
+
+TEST_F(StudioWindow, AReleaseStartedFromTheOverviewGoesLiveWithTheRunViewFollowingIt) {
+    auto* rows = window->runView()->stepRows();
+    // Every state each row showed while the run went on.
+    std::map<std::string, std::set<std::string>> seen;
+    QObject::connect(model.get(), &StudioModel::stepsUpdated, rows, [&] {
+        for (int i = 0; i < rows->topLevelItemCount(); ++i) {
+            seen[rows->topLevelItem(i)->text(1).toStdString()].insert(
+                rows->topLevelItem(i)->text(2).toStdString());
+        }
+    });
+
+    window->showStep(StudioStep::fullOverview);
+    find<QPushButton>("startRelease")->click();
+    EXPECT_EQ(window->findChild<QTabWidget*>(QStringLiteral("tabs"))->currentWidget(),
+              window->runView());
+    ASSERT_TRUE(waitFor([&] { return !model->pipeline().isRunning(); }));
+    ASSERT_EQ(model->pipeline().errorMessage(), std::nullopt);
+
+    EXPECT_EQ(rowTexts(rows, 2),
+              (std::vector<std::string>{"Succeeded", "Succeeded", "Succeeded", "Succeeded",
+                                        "Succeeded", "Skipped", "Succeeded", "Succeeded"}));
+    EXPECT_EQ(rowTexts(rows, 3)[1], "Built Sample.app");
+    EXPECT_EQ(seen["Archive & Build App"],
+              (std::set<std::string>{"Pending", "Running", "Succeeded"}));
+    EXPECT_EQ(rows->topLevelItem(7)->text(0).toStdString(), "✓");
+
+    // The log holds every line of the run, in order (stage headers start with a blank line).
+    std::string expected;
+    for (const auto& entry : model->pipeline().logs()) {
+        expected += (expected.empty() ? "" : "\n") + entry.text;
+    }
+    EXPECT_EQ(window->runView()->log()->toPlainText().toStdString(), expected);
+    EXPECT_EQ(find<QLabel>("runHeadline")->text(), QStringLiteral("Sample released."));
+
+    // The history lists the release and follows its website until the live site serves it.
+    auto* history = window->historyView()->rows();
+    ASSERT_TRUE(waitFor([&] {
+        return history->topLevelItemCount() == 1 &&
+               history->topLevelItem(0)->text(5) ==
+                   QStringLiteral("Live appcast.xml and DMG verified");
+    }));
+    EXPECT_EQ(history->topLevelItem(0)->text(0), QStringLiteral("1.0"));
+    EXPECT_EQ(history->topLevelItem(0)->text(1), QStringLiteral("2"));
+    EXPECT_EQ(history->topLevelItem(0)->text(4), QStringLiteral("No"));
+    EXPECT_EQ(find<QLabel>("websiteState")->text(),
+              QStringLiteral("Live appcast.xml and DMG verified"));
+}
+
+TEST_F(StudioWindow, CancellingStopsTheToolAndLeavesNothingBehind) {
+    fake("VELTRA_FAKE_ARCHIVE_DELAY", "20");
+    window->startRelease();
+    auto* rows = window->runView()->stepRows();
+    ASSERT_TRUE(waitFor([&] {
+        return rows->topLevelItemCount() > 1 &&
+               rows->topLevelItem(1)->text(2) == QStringLiteral("Running");
+    }));
+    ASSERT_TRUE(waitFor([&] { return !processesMentioning(dir.path().string()).empty(); }));
+    find<QPushButton>("cancelRelease")->click();
+    ASSERT_TRUE(waitFor([&] { return !model->pipeline().isRunning(); }));
+
+    EXPECT_TRUE(model->pipeline().isCancelled());
+    EXPECT_EQ(rows->topLevelItem(1)->text(2), QStringLiteral("Failed"));
+    EXPECT_EQ(rows->topLevelItem(1)->text(3), QStringLiteral("Cancelled"));
+    EXPECT_EQ(find<QLabel>("runHeadline")->text(), QStringLiteral("Pipeline cancelled by user."));
+    EXPECT_FALSE(find<QPushButton>("cancelRelease")->isEnabled());
+    EXPECT_EQ(processesMentioning(dir.path().string()), std::vector<std::string>{});
+    EXPECT_TRUE(fs::is_empty(dir / "tmp"));
+    EXPECT_FALSE(selected().recentReleases.has_value());
+}
+
+TEST_F(StudioWindow, TheProjectPageValidatesTheBuildAgainstTheFeedAsTheUserTypes) {
+    testing::writeFile(sandbox.profile().sparkle.appcastPath,
+                       R"(<?xml version="1.0" encoding="utf-8"?>
+<rss version="2.0" xmlns:sparkle="http://www.andymatuschak.org/xml-namespaces/sparkle">
+<channel><title>Sample</title>
+<item><title>Version 1.4</title><sparkle:version>5</sparkle:version>
+<sparkle:shortVersionString>1.4</sparkle:shortVersionString>
+<enclosure url="http://127.0.0.1/Sample.dmg" length="10" type="application/octet-stream"/>
+</item></channel></rss>
+)");
+    window->showStep(StudioStep::xcodeScheme);
+    auto* build = find<QLineEdit>("build");
+    auto* validation = find<QLabel>("versionValidation");
+    ASSERT_TRUE(waitFor([&] { return build->placeholderText() == QStringLiteral("6"); }));
+    EXPECT_EQ(find<QComboBox>("selectedScheme")->currentText(), QStringLiteral("Sample"));
+
+    type(build, QStringLiteral("3"));
+    EXPECT_EQ(validation->text().toStdString(),
+              "Blocks the release — Sparkle Update Will Be Ignored: Build 3 is ≤ highest known "
+              "published build (5 (v1.4)). Sparkle clients already on build 5 will ignore this "
+              "release. Set build to at least 6.");
+    type(build, QStringLiteral("6"));
+    EXPECT_EQ(validation->text().toStdString(),
+              "Warning — Marketing Version Regression: Target version v1.0 is lower than "
+              "published v1.4. Sparkle will deliver it via Build 6, but users will see an older "
+              "version string.");
+    type(find<QLineEdit>("version"), QStringLiteral("1.5"));
+    EXPECT_EQ(validation->text(),
+              QStringLiteral("Ready: version 1.5, build 6 (the feed's latest is "
+                             "build 5)"));
+    type(build, QStringLiteral("six"));
+    EXPECT_EQ(validation->text(),
+              QStringLiteral("The build number must be a whole number of 1 or more."));
+    EXPECT_EQ(model->choices(selected().id).build, "six");
+    EXPECT_EQ(model->startRelease(), "The build number must be a whole number of 1 or more.");
+}
+
+TEST_F(StudioWindow, PresetsSetTheWholeLayoutAndThePreviewDrawsTheIconsWhereFinderWill) {
+    window->showStep(StudioStep::dmgPresentation);
+    auto* preset = find<QComboBox>("preset");
+    auto* preview = find<DMGPreview>("dmgPreview");
+    const auto compact = preset->findData(QStringLiteral("compact"));
+    ASSERT_GE(compact, 0);
+    preset->setCurrentIndex(compact);
+    Q_EMIT preset->activated(compact);
+    EXPECT_EQ(selected().dmgDesign,
+              applying(DMGLayoutPreset::compact, sandbox.profile().dmgDesign));
+    EXPECT_EQ(matchingPreset(selected().dmgDesign), DMGLayoutPreset::compact);
+
+    // Once the artwork is drawn, the app's icon sits at its place and the title's row is the
+    // artwork's, not the plain window's.
+    ASSERT_TRUE(waitFor([&] { return model->background().idle(); }));
+    QCoreApplication::processEvents();
+    preview->resize(540, 360);
+    const auto layout = DMGInstallerLayout::from(selected().dmgDesign);
+    const auto picture = preview->grab().toImage();
+    const auto app = preview->mapped(layout.appPosition);
+    // Off the letter in the icon's middle, still inside the icon.
+    const auto inset = layout.iconSize * preview->scale() * 0.25;
+    const auto pixel = picture.pixelColor((app - QPointF(inset, inset)).toPoint());
+    EXPECT_GT(pixel.blue(), pixel.red() + 60) << "the app icon is drawn at its place";
+    const auto applications = preview->mapped(layout.applicationsPosition);
+    EXPECT_NEAR(applications.x() - app.x(),
+                (layout.applicationsPosition.x - layout.appPosition.x) * preview->scale(), 1);
+
+    // A field that Finder needs written as typed; the combo shows the custom layout once the
+    // window no longer matches a preset.
+    type(find<QLineEdit>("dmgDesign.volumeName"), QStringLiteral("Sample Installer"));
+    EXPECT_EQ(selected().dmgDesign.volumeName, "Sample Installer");
+}
+
+TEST_F(StudioWindow, ProfilesAreCreatedFromAProjectDuplicatedRenamedAndDeleted) {
+    window->createFromProject(QString::fromStdString(sandbox.project().string()));
+    ASSERT_EQ(model->store().profiles().size(), 2U);
+    const auto created = selected();
+    EXPECT_EQ(created.appName, "Sample");
+    EXPECT_EQ(created.selectedScheme, "Sample");
+    EXPECT_EQ(created.bundleIdentifier, "dev.veltra.sample");
+    EXPECT_EQ(window->profileList()->currentItem()->text(), QStringLiteral("Sample"));
+
+    window->duplicateSelected();
+    ASSERT_EQ(model->store().profiles().size(), 3U);
+    EXPECT_EQ(selected().name, "Sample copy");
+    EXPECT_NE(selected().id, created.id);
+    window->renameSelected(QStringLiteral("  Sample beta "));
+    EXPECT_EQ(selected().name, "Sample beta");
+    EXPECT_EQ(window->profileList()->currentItem()->text(), QStringLiteral("Sample beta"));
+    window->deleteSelected();
+    EXPECT_EQ(model->store().profiles().size(), 2U);
+    EXPECT_EQ(model->store().find(created.id)->name, "Sample");
+
+    window->createFromProject(QString::fromStdString((dir / "nothing-here").string()));
+    EXPECT_EQ(model->store().profiles().size(), 2U);
+    EXPECT_FALSE(window->lastProblem().isEmpty());
+}
+
+} // namespace
+} // namespace veltra::studio
