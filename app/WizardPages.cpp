@@ -704,11 +704,13 @@ public:
         split->addWidget(preview_);
         split->setMinimumHeight(380);
         content()->addWidget(split, 1);
+        editor_->setPlaceholderText(
+            QStringLiteral("Left empty, the release gets the default notes shown beside."));
         connect(editor_, &QPlainTextEdit::textChanged, this, [this] {
-            preview_->setMarkdown(editor_->toPlainText());
             if (const auto* selected = profile()) {
                 model_.choices(selected->id).notes = str(editor_->toPlainText());
             }
+            showPreview();
         });
         status_ = statusLabel();
         content()->addWidget(status_);
@@ -717,15 +719,23 @@ public:
     void reload() override {
         WizardPage::reload();
         if (const auto* selected = profile()) {
-            auto notes = model_.choices(selected->id).notes;
-            if (notes.empty()) {
-                notes = PipelineManager::defaultNotes(model_.choices(selected->id).version);
-            }
-            editor_->setPlainText(qs(notes));
+            editor_->setPlainText(qs(model_.choices(selected->id).notes));
+            showPreview();
         }
     }
 
 private:
+    void showPreview() {
+        auto text = editor_->toPlainText();
+        if (text.trimmed().isEmpty()) {
+            // What the pipeline writes when no notes are given; the version is the release's.
+            const auto* selected = profile();
+            const auto version = selected ? model_.choices(selected->id).version : std::string();
+            text = qs(PipelineManager::defaultNotes(version.empty() ? "(this version)" : version));
+        }
+        preview_->setMarkdown(text);
+    }
+
     void draftFromGit() {
         const auto* selected = profile();
         if (selected == nullptr) {

@@ -1,4 +1,4 @@
-# Homebrew formula for the veltra command-line tool, built from a release tarball with CMake.
+# Homebrew formula for the veltra command-line tool and the Studio, built from a release tarball with CMake.
 # The tarball is the one `git archive` makes for a release tag; fill in its sha256 on release.
 class Veltra < Formula
   desc "Takes a Mac app from its Xcode project to a published, self-updating release"
@@ -21,6 +21,7 @@ class Veltra < Formula
   depends_on :macos
   depends_on "openssl@3"
   depends_on "pango"
+  depends_on "qt"
   depends_on "utf8proc"
 
   def install

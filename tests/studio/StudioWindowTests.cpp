@@ -10,14 +10,17 @@
 #include "StudioTestSupport.h"
 #include "core/dmg/DMGInstallerLayout.h"
 #include "core/pipeline/DemoSandbox.h"
+#include "core/publishing/WebsitePublication.h"
 
 #include <QComboBox>
 #include <QDir>
+#include <QGroupBox>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
 #include <QPlainTextEdit>
 #include <QPushButton>
+#include <QScrollBar>
 #include <QTextBlock>
 #include <QTreeWidget>
 #include <fstream>
@@ -147,6 +150,91 @@ TEST_F(StudioWindow, AReleaseStartedFromTheOverviewGoesLiveWithTheRunViewFollowi
     EXPECT_EQ(history->topLevelItem(0)->text(4), QStringLiteral("No"));
     EXPECT_EQ(find<QLabel>("websiteState")->text(),
               QStringLiteral("Live appcast.xml and DMG verified"));
+
+    // A release whose check gave up can be checked again from the history; the live site
+    // still serves it, so it moves to live.
+    auto profile = selected();
+    auto& publication = *profile.recentReleases->front().websitePublication;
+    publication.state = WebsitePublicationState::needsAttention;
+    model->store().update(profile);
+    window->showTab(MainWindow::Tab::history);
+    ASSERT_EQ(history->topLevelItem(0)->text(5).toStdString(), websiteStatusText(publication));
+    auto* check = find<QPushButton>("historyCheckWebsite");
+    history->setCurrentItem(history->topLevelItem(0));
+    ASSERT_TRUE(check->isEnabled());
+    check->click();
+    ASSERT_TRUE(waitFor([&] {
+        return history->topLevelItem(0)->text(5) ==
+               QStringLiteral("Live appcast.xml and DMG verified");
+    }));
+}
+
+TEST_F(StudioWindow, AFailedReleaseShowsItsErrorLinesInTheErrorStyle) {
+    fake("VELTRA_FAKE_ARCHIVE", "compile-error");
+    window->startRelease();
+    ASSERT_TRUE(waitFor([&] { return !model->pipeline().isRunning(); }));
+    const auto message = model->pipeline().errorMessage();
+    ASSERT_TRUE(message);
+    EXPECT_EQ(find<QLabel>("runHeadline")->text().toStdString(), "Error: " + *message);
+    EXPECT_EQ(window->runView()->stepRows()->topLevelItem(1)->text(2), QStringLiteral("Failed"));
+
+    // Each line keeps its entry's style: error entries red (all their lines), the others not.
+    std::vector<std::pair<std::string, bool>> expected;
+    for (const auto& entry : model->pipeline().logs()) {
+        std::size_t from = 0;
+        while (true) {
+            const auto end = entry.text.find('\n', from);
+            expected.emplace_back(entry.text.substr(from, end - from), entry.isError);
+            if (end == std::string::npos) {
+                break;
+            }
+            from = end + 1;
+        }
+    }
+    const auto* document = window->runView()->log()->document();
+    ASSERT_EQ(static_cast<std::size_t>(document->blockCount()), expected.size());
+    int errors = 0;
+    auto block = document->begin();
+    for (const auto& [text, isError] : expected) {
+        ASSERT_EQ(block.text().toStdString(), text);
+        if (!text.empty()) {
+            const auto red = block.begin().fragment().charFormat().foreground().color() ==
+                             QColor(QStringLiteral("#c62828"));
+            EXPECT_EQ(red, isError) << text;
+            errors += red ? 1 : 0;
+        }
+        block = block.next();
+    }
+    EXPECT_GT(errors, 0);
+    EXPECT_FALSE(find<QGroupBox>("result")->isVisible());
+}
+
+TEST_F(StudioWindow, TheLogStopsFollowingWhileTheUserReadsHigherUp) {
+    fake("VELTRA_FAKE_ARCHIVE_DELAY", "0.2");
+    window->resize(900, 420);
+    auto* log = window->runView()->log();
+    auto* bar = log->verticalScrollBar();
+    window->startRelease();
+    ASSERT_TRUE(waitFor([&] { return bar->maximum() > 0; }));
+    EXPECT_EQ(bar->value(), bar->maximum());
+
+    bar->setValue(0);
+    EXPECT_FALSE(window->runView()->followsLog());
+    const auto lines = model->pipeline().logs().size();
+    ASSERT_TRUE(waitFor([&] { return model->pipeline().logs().size() >= lines + 3; }));
+    QCoreApplication::processEvents();
+    EXPECT_EQ(bar->value(), 0);
+
+    // Back at the bottom, it follows again.
+    bar->setValue(bar->maximum());
+    EXPECT_TRUE(window->runView()->followsLog());
+    const auto more = model->pipeline().logs().size();
+    ASSERT_TRUE(waitFor([&] {
+        return model->pipeline().logs().size() >= more + 2 || !model->pipeline().isRunning();
+    }));
+    ASSERT_TRUE(waitFor([&] { return bar->value() == bar->maximum(); }));
+    model->pipeline().cancel();
+    ASSERT_TRUE(waitFor([&] { return !model->pipeline().isRunning(); }));
 }
 
 TEST_F(StudioWindow, CancellingStopsTheToolAndLeavesNothingBehind) {
