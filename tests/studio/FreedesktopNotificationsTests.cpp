@@ -4,9 +4,13 @@
 
 #include "FakeNotificationServer.h"
 #include "FreedesktopNotificationCenter.h"
+#include "StudioModel.h"
 #include "StudioTestSupport.h"
+#include "TestSupport.h"
+#include "core/pipeline/DemoSandbox.h"
 
 #include <QDBusConnection>
+#include <QGuiApplication>
 
 #include <gtest/gtest.h>
 
@@ -97,6 +101,48 @@ TEST_F(FreedesktopNotifications, PostsThroughTheServiceAndReportsWhichReleaseWas
                 [&](bool ok) { second = ok; });
     ASSERT_TRUE(waitFor([&] { return second.has_value(); }));
     EXPECT_FALSE(opened.has_value());
+}
+
+// The whole road: a release of the demo sandbox goes live while the Studio is in the background,
+// and the desktop's notification service is asked once to say so.
+class StudioInTheBackground : public FreedesktopNotifications {
+protected:
+    testing::TempDir dir;
+    testing::ScopedEnvironment path{"PATH", std::string(VELTRA_TOOLS_DIR) + ":" +
+                                                (std::getenv("PATH") ? std::getenv("PATH") : "")};
+    testing::ScopedEnvironment toolPath{"VELTRA_TOOL_PATH", VELTRA_TOOLS_DIR};
+};
+
+TEST_F(StudioInTheBackground, ALiveReleaseIsAnnouncedOnce) {
+    startServer();
+    ASSERT_NE(QGuiApplication::applicationState(), Qt::ApplicationActive);
+    DemoSandbox sandbox(dir / "sandbox",
+                        std::filesystem::path(VELTRA_SOURCE_DIR) / "share/demo/Sample");
+    StudioModel::Options options;
+    options.profilesFile = dir / "profiles.json";
+    options.settingsFile = QString::fromStdString((dir / "studio.ini").string());
+    options.watchTiming = {std::chrono::milliseconds(100), std::chrono::seconds(120),
+                           std::chrono::milliseconds(50)};
+    StudioModel model(options);
+    ASSERT_TRUE(model.releaseNotifications().hasCenter());
+    model.releaseNotifications().setEnabled(true);
+    ASSERT_TRUE(waitFor([&] { return !model.releaseNotifications().isRequestingPermission(); }));
+    ASSERT_TRUE(model.releaseNotifications().isEnabled());
+
+    model.store().add(sandbox.profile());
+    model.store().select(sandbox.profile().id);
+    ASSERT_EQ(model.startRelease(), std::nullopt);
+    ASSERT_TRUE(waitFor([&] { return !fake.shown.empty(); }));
+    EXPECT_EQ(model.pipeline().errorMessage(), std::nullopt);
+    EXPECT_EQ(fake.shown[0].summary, QStringLiteral("Website live"));
+    EXPECT_EQ(fake.shown[0].body,
+              QStringLiteral("Sample v1.0 is live. Feed and download verified."));
+    // Asked again (a second check of the same release), nothing new is shown.
+    const auto release =
+        *model.store().selectedProfile()->recentReleases->front().monitoringReleaseID;
+    model.checkWebsite(sandbox.profile().id, release);
+    ASSERT_TRUE(waitFor([&] { return model.watcher().running() == 0; }));
+    EXPECT_EQ(fake.shown.size(), 1U);
 }
 
 } // namespace
