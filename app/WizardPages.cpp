@@ -948,8 +948,9 @@ public:
                         const auto text = result.output;
                         return {true, text.substr(0, text.find('\n'))};
                     }
-                    return {false, "gh answered with exit status " +
-                                       std::to_string(result.exitCode) + "."};
+                    const auto words = trimWhitespace(result.errorOutput);
+                    return {false, "gh --version failed: " +
+                                       std::string(words.substr(0, words.find('\n')))};
                 } catch (const std::exception&) {
                     return {false, notInstalled};
                 }
