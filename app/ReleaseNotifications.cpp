@@ -60,6 +60,12 @@ ReleaseNotificationsViewModel::ReleaseNotificationsViewModel(
     }
 }
 
+ReleaseNotificationsViewModel::~ReleaseNotificationsViewModel() {
+    if (center_ != nullptr) {
+        center_->onOpen = nullptr;
+    }
+}
+
 void ReleaseNotificationsViewModel::setEnabled(bool enabled) {
     if (!enabled) {
         isEnabled_ = false;
@@ -80,9 +86,10 @@ void ReleaseNotificationsViewModel::setEnabled(bool enabled) {
     isRequestingPermission_ = true;
     permissionMessage_.reset();
     Q_EMIT changed();
-    center_->requestAuthorization([this, alive = std::weak_ptr<int>(lifetime_)](
+    // The centre may answer after this is gone; the queue outlives both.
+    center_->requestAuthorization([this, &queue = queue_, alive = std::weak_ptr<int>(lifetime_)](
                                       std::optional<NotificationAuthorization> answer) {
-        queue_.post([this, alive, answer] {
+        queue.post([this, alive, answer] {
             if (alive.expired()) {
                 return;
             }
@@ -137,34 +144,34 @@ void ReleaseNotificationsViewModel::receive(const ReleaseNotificationEvent& even
     const auto alive = std::weak_ptr<int>(lifetime_);
     // Each step may answer on another thread; every answer comes back to the main queue.
     const auto drop = [this, identifier] { pendingIDs_.erase(identifier); };
-    center_->authorizationStatus(
-        [this, alive, event, identifier, drop](NotificationAuthorization status) {
-            queue_.post([this, alive, event, identifier, drop, status] {
-                if (alive.expired()) {
-                    return;
-                }
-                // A notification is for the background case; a dropped foreground event is not
-                // recorded, it was simply not needed.
-                if (status != NotificationAuthorization::authorized || applicationIsActive_()) {
+    center_->authorizationStatus([this, &queue = queue_, alive, event, identifier,
+                                  drop](NotificationAuthorization status) {
+        queue.post([this, alive, event, identifier, drop, status] {
+            if (alive.expired()) {
+                return;
+            }
+            // A notification is for the background case; a dropped foreground event is not
+            // recorded, it was simply not needed.
+            if (status != NotificationAuthorization::authorized || applicationIsActive_()) {
+                drop();
+                return;
+            }
+            const auto [title, body] = content(event);
+            const UserNotificationRequest request{
+                qs(identifier), title, body, qs(event.profileID.string()), qs(event.releaseID)};
+            center_->add(request, [this, &queue = queue_, alive, identifier, drop](bool posted) {
+                queue.post([this, alive, identifier, drop, posted] {
+                    if (alive.expired()) {
+                        return;
+                    }
+                    if (posted) {
+                        markDelivered(identifier);
+                    }
                     drop();
-                    return;
-                }
-                const auto [title, body] = content(event);
-                const UserNotificationRequest request{
-                    qs(identifier), title, body, qs(event.profileID.string()), qs(event.releaseID)};
-                center_->add(request, [this, alive, identifier, drop](bool posted) {
-                    queue_.post([this, alive, identifier, drop, posted] {
-                        if (alive.expired()) {
-                            return;
-                        }
-                        if (posted) {
-                            markDelivered(identifier);
-                        }
-                        drop();
-                    });
                 });
             });
         });
+    });
 }
 
 bool ReleaseNotificationsViewModel::delivered(const std::string& identifier) const {

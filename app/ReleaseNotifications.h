@@ -64,6 +64,7 @@ public:
     ReleaseNotificationsViewModel(MainQueue& queue, NotificationCenter& notifications,
                                   QSettings& defaults, UserNotificationCenter* center,
                                   std::function<bool()> applicationIsActive);
+    ~ReleaseNotificationsViewModel() override;
 
     bool isEnabled() const { return isEnabled_; }
     bool isRequestingPermission() const { return isRequestingPermission_; }
