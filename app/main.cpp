@@ -1,6 +1,7 @@
 #include "MainWindow.h"
 #include "StudioScreenshots.h"
 #include "core/pipeline/DemoSandbox.h"
+#include "core/process/ProcessRunner.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/ResourceLocator.h"
 
@@ -32,9 +33,17 @@ std::unique_ptr<Demo> makeDemo(const QString& keep) {
         throw std::runtime_error("The demo's sample project and tool stand-ins are not installed "
                                  "beside veltra-studio (share/veltra). Reinstall Veltra.");
     }
-#ifndef __APPLE__
-    ::setenv("VELTRA_TOOL_PATH", tools->c_str(), 1);
+    bool hasXcode = false;
+#ifdef __APPLE__
+    try {
+        hasXcode = ProcessRunner().run("xcodebuild", {"-version"}).exitCode == 0;
+    } catch (const std::exception&) {
+    }
 #endif
+    if (!hasXcode) {
+        // Every tool runs through the process runner, which puts this folder first on PATH.
+        ::setenv("VELTRA_TOOL_PATH", tools->c_str(), 1);
+    }
     auto demo = std::make_unique<Demo>();
     const auto root =
         keep.isEmpty() ? std::filesystem::path(str(demo->scratch.path())) : expandTilde(str(keep));

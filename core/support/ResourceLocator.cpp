@@ -54,8 +54,13 @@ std::optional<std::filesystem::path>
 ResourceLocator::locate(Resource resource, const std::filesystem::path& executable) {
     const auto place = placeOf(resource);
     if (!executable.empty()) {
-        const auto installed =
-            executable.parent_path().parent_path() / "share" / "veltra" / place.installed;
+        const auto folder = executable.parent_path();
+        auto prefix = folder.parent_path(); // <prefix>/bin/<tool>
+        // An app bundle installed at the prefix: <prefix>/<App>.app/Contents/MacOS/<tool>.
+        if (folder.filename() == "MacOS" && prefix.filename() == "Contents") {
+            prefix = prefix.parent_path().parent_path();
+        }
+        const auto installed = prefix / "share" / "veltra" / place.installed;
         if (isDirectory(installed)) {
             return installed;
         }

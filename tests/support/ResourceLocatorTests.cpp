@@ -21,6 +21,15 @@ TEST(ResourceLocator, InstalledLayoutFirstThenTheSourceTree) {
         prefix / "share" / "veltra" / "tools");
 }
 
+TEST(ResourceLocator, AnAppBundleAtThePrefixFindsThePrefixsShare) {
+    testing::TempDir prefix;
+    const auto executable = prefix / "veltra-studio.app" / "Contents" / "MacOS" / "veltra-studio";
+    testing::writeFile(executable, "");
+    std::filesystem::create_directories(prefix / "share" / "veltra" / "demo");
+    EXPECT_EQ(ResourceLocator::locate(ResourceLocator::Resource::demo, executable),
+              prefix / "share" / "veltra" / "demo");
+}
+
 TEST(ResourceLocator, KnowsItsOwnExecutable) {
     const auto self = ResourceLocator::executablePath();
     ASSERT_FALSE(self.empty());
