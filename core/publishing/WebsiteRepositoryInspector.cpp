@@ -3,6 +3,10 @@
 #include "GitCommand.h"
 #include "core/support/Text.h"
 
+#include <iterator>
+#include <tuple>
+#include <vector>
+
 namespace veltra {
 namespace {
 
@@ -28,37 +32,40 @@ WebsiteRepositoryStatus WebsiteRepositoryInspector::inspect(const std::filesyste
         return GitCommand::run(runner, repository, std::move(arguments), stop, timeout);
     };
     try {
-        const auto top = git({"rev-parse", "--show-toplevel"});
-        if (top.exitCode != 0) {
+        // One rev-parse answers the root and where the in-progress markers live: every git
+        // start costs milliseconds, and this runs twice per release.
+        const auto paths = git({"rev-parse", "--show-toplevel", "--git-path", "rebase-merge",
+                                "--git-path", "rebase-apply", "--git-path", "MERGE_HEAD"});
+        std::vector<std::string> lines;
+        forEachTrimmedLine(paths.output,
+                           [&lines](std::string_view line) { lines.emplace_back(line); });
+        if (paths.exitCode != 0 || lines.size() != 4) {
             status.blocker = "The website folder " + where +
                              " is not a git repository. Choose the folder of your website's "
                              "repository, or run 'git init' there and add an origin remote.";
             return status;
         }
-        const auto root = std::filesystem::weakly_canonical(trimmed(top.output), error);
+        const auto root = std::filesystem::weakly_canonical(lines[0], error);
         if (root != std::filesystem::weakly_canonical(repository, error)) {
             status.blocker = "The website folder " + where + " is inside the git repository at " +
                              root.string() +
                              ", not its root. Choose the repository's root folder in the profile.";
             return status;
         }
-        for (const auto& [marker, what, command] :
-             {std::tuple{"rebase-merge", "a rebase", "git rebase"},
-              std::tuple{"rebase-apply", "a rebase", "git rebase"},
-              std::tuple{"MERGE_HEAD", "a merge", "git merge"}}) {
-            const auto path = git({"rev-parse", "--git-path", marker});
-            if (path.exitCode == 0) {
-                std::filesystem::path found = trimmed(path.output);
-                if (found.is_relative()) {
-                    found = repository / found;
-                }
-                if (std::filesystem::exists(found, error)) {
-                    status.blocker = "The website repository at " + where + " has " + what +
-                                     " in progress. Finish it with '" + command +
-                                     " --continue' or undo it with '" + command +
-                                     " --abort', then release again.";
-                    return status;
-                }
+        const std::tuple<const char*, const char*> markers[] = {
+            {"a rebase", "git rebase"}, {"a rebase", "git rebase"}, {"a merge", "git merge"}};
+        for (std::size_t index = 0; index < std::size(markers); ++index) {
+            const auto& [what, command] = markers[index];
+            std::filesystem::path found = lines[index + 1];
+            if (found.is_relative()) {
+                found = repository / found;
+            }
+            if (std::filesystem::exists(found, error)) {
+                status.blocker = std::string("The website repository at ") + where + " has " +
+                                 what + " in progress. Finish it with '" + command +
+                                 " --continue' or undo it with '" + command +
+                                 " --abort', then release again.";
+                return status;
             }
         }
         const auto branch = git({"symbolic-ref", "--short", "-q", "HEAD"});
@@ -77,21 +84,16 @@ WebsiteRepositoryStatus WebsiteRepositoryInspector::inspect(const std::filesyste
                              "', or set the publishing branch in the profile.";
             return status;
         }
-        const auto remotes = git({"remote"});
-        bool hasOrigin = false;
-        forEachTrimmedLine(remotes.output, [&hasOrigin](std::string_view line) {
-            hasOrigin = hasOrigin || line == "origin";
-        });
-        if (!hasOrigin) {
+        // get-url fails for a remote that is not there, so it is also the check for origin.
+        const auto origin = git({"remote", "get-url", "origin"});
+        const auto url = origin.exitCode == 0 ? trimmed(origin.output) : std::string();
+        if (url.empty()) {
             status.blocker = "The website repository at " + where +
                              " has no origin remote. Add the address your hosting service "
                              "publishes from with 'git remote add origin <URL>'.";
             return status;
         }
-        const auto origin = git({"remote", "get-url", "origin"});
-        if (origin.exitCode == 0) {
-            status.originURL = trimmed(origin.output);
-        }
+        status.originURL = url;
     } catch (const CancellationError&) {
         throw;
     } catch (const std::exception& failure) {
