@@ -52,7 +52,7 @@ std::string readableBytes(std::span<const std::uint8_t> bytes) {
 std::string readableTimestamp(std::uint64_t ticks) {
     constexpr std::int64_t from1904To1970 = 2'082'844'800;
     const auto seconds = static_cast<std::int64_t>(ticks >> 16) - from1904To1970;
-    return dsstore::iso8601(dsstore::PlistDate(std::chrono::seconds(seconds)));
+    return dsstore::iso8601(dsstore::PlistDate::fromUnixSeconds(seconds));
 }
 
 std::string readableValue(const Record& record) {

@@ -1,6 +1,9 @@
 #include "DSStoreJSON.h"
 
+#include <bit>
 #include <charconv>
+#include <chrono>
+#include <cmath>
 #include <limits>
 
 #include <fmt/format.h>
@@ -53,8 +56,22 @@ const std::string& string(const Json& json, const std::string& path) {
     return json.get_ref<const std::string&>();
 }
 
-std::optional<PlistDate> parseISO8601(std::string_view text) {
-    // YYYY-MM-DDTHH:MM:SS[.ffffff]Z
+// Years 1 to 9999 in seconds from the reference date: what the four-digit calendar form can hold.
+constexpr double earliestCalendarDate = -62'135'596'800.0 - PlistDate::referenceUnixTime;
+constexpr double endOfCalendarDates = 253'402'300'800.0 - PlistDate::referenceUnixTime;
+
+// YYYY-MM-DDTHH:MM:SS[.fraction]Z, any number of fraction digits; or 0x and the double's 16 hex
+// digits, for values no calendar text holds exactly.
+std::optional<PlistDate> parseDate(std::string_view text) {
+    if (text.starts_with("0x")) {
+        std::uint64_t bits = 0;
+        const auto* end = text.data() + text.size();
+        const auto [stop, error] = std::from_chars(text.data() + 2, end, bits, 16);
+        if (text.size() != 18 || error != std::errc() || stop != end) {
+            return std::nullopt;
+        }
+        return PlistDate{std::bit_cast<double>(bits)};
+    }
     if (text.size() < 20 || text.back() != 'Z' || text[4] != '-' || text[7] != '-' ||
         text[10] != 'T' || text[13] != ':' || text[16] != ':') {
         return std::nullopt;
@@ -80,25 +97,24 @@ std::optional<PlistDate> parseISO8601(std::string_view text) {
     if (!date.ok()) {
         return std::nullopt;
     }
-    std::int64_t micros = 0;
-    const auto fraction = text.substr(19, text.size() - 20);
-    if (!fraction.empty()) {
-        if (fraction[0] != '.' || fraction.size() < 2 || fraction.size() > 7) {
+    double fraction = 0;
+    if (const auto digits = text.substr(19, text.size() - 20); !digits.empty()) {
+        if (digits[0] != '.' || digits.size() < 2 || digits.size() > 41 ||
+            digits.find_first_not_of("0123456789", 1) != std::string_view::npos) {
             return std::nullopt;
         }
-        for (std::size_t i = 1; i < 7; ++i) {
-            const char digit = i < fraction.size() ? fraction[i] : '0';
-            if (digit < '0' || digit > '9') {
-                return std::nullopt;
-            }
-            micros = micros * 10 + (digit - '0');
-        }
+        const std::string decimal = "0" + std::string(digits);
+        std::from_chars(decimal.data(), decimal.data() + decimal.size(), fraction);
     }
     const auto seconds = std::chrono::sys_days(date).time_since_epoch() +
                          std::chrono::hours(*hour) + std::chrono::minutes(*minute) +
                          std::chrono::seconds(*second);
-    return PlistDate(std::chrono::duration_cast<std::chrono::microseconds>(seconds) +
-                     std::chrono::microseconds(micros));
+    // Whole seconds and the fraction are added once, here and nowhere else, so the text that
+    // iso8601 checked against this function reads back to the same double.
+    return PlistDate{
+        static_cast<double>(std::chrono::duration_cast<std::chrono::seconds>(seconds).count() -
+                            PlistDate::referenceUnixTime) +
+        fraction};
 }
 
 PlistValue plistFromJson(const Json& json, const std::string& path, int depth) {
@@ -134,9 +150,9 @@ PlistValue plistFromJson(const Json& json, const std::string& path, int depth) {
             return PlistValue::data(bytesFromHex(json["$data"], path + ".$data"));
         }
         if (json.size() == 1 && json.contains("$date")) {
-            const auto date = parseISO8601(string(json["$date"], path + ".$date"));
+            const auto date = parseDate(string(json["$date"], path + ".$date"));
             if (!date) {
-                invalid(path + ".$date", "expected an ISO 8601 UTC date");
+                invalid(path + ".$date", "expected an ISO 8601 UTC date or 0x and 16 hex digits");
             }
             return PlistValue::date(*date);
         }
@@ -241,15 +257,31 @@ std::string hexString(std::span<const std::uint8_t> bytes) {
 }
 
 std::string iso8601(PlistDate date) {
-    const auto days = std::chrono::floor<std::chrono::days>(date);
-    const std::chrono::year_month_day ymd(days);
-    const std::chrono::hh_mm_ss time(date - days);
-    const auto text =
-        fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}", static_cast<int>(ymd.year()),
-                    static_cast<unsigned>(ymd.month()), static_cast<unsigned>(ymd.day()),
-                    time.hours().count(), time.minutes().count(), time.seconds().count());
-    const auto micros = time.subseconds().count();
-    return micros == 0 ? text + "Z" : fmt::format("{}.{:06}Z", text, micros);
+    const double value = date.sinceReferenceDate;
+    const auto exact = [&date](const std::string& text) { return parseDate(text) == date; };
+    if (value >= earliestCalendarDate && value < endOfCalendarDates) {
+        const double whole = std::floor(value);
+        const std::chrono::sys_seconds when(
+            std::chrono::seconds(static_cast<std::int64_t>(whole) + PlistDate::referenceUnixTime));
+        const auto days = std::chrono::floor<std::chrono::days>(when);
+        const std::chrono::year_month_day ymd(days);
+        const std::chrono::hh_mm_ss time(when - days);
+        const auto text =
+            fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}", static_cast<int>(ymd.year()),
+                        static_cast<unsigned>(ymd.month()), static_cast<unsigned>(ymd.day()),
+                        time.hours().count(), time.minutes().count(), time.seconds().count());
+        if (value == whole && exact(text + "Z")) {
+            return text + "Z";
+        }
+        // Microseconds as a person reads them, more digits only where the value needs them.
+        for (int digits = 6; digits <= 17; ++digits) {
+            const auto fraction = fmt::format("{:.{}f}", value - whole, digits);
+            if (fraction.starts_with("0.") && exact(text + fraction.substr(1) + "Z")) {
+                return text + fraction.substr(1) + "Z";
+            }
+        }
+    }
+    return fmt::format("0x{:016x}", std::bit_cast<std::uint64_t>(value));
 }
 
 nlohmann::ordered_json plistToJson(const PlistValue& plist) {

@@ -11,6 +11,7 @@
 #include <optional>
 #include <plist/plist.h>
 #include <string_view>
+#include <unordered_map>
 #include <unordered_set>
 
 namespace dsstore {
@@ -74,6 +75,7 @@ public:
         }
         tableOffset_ = *table;
         objectCount_ = *count;
+        top_ = *top;
         for (std::uint64_t i = 0; i < objectCount_; ++i) {
             const auto object = read(i);
             if (object.kind == 0x5 || object.kind == 0x6) {
@@ -94,6 +96,57 @@ public:
             return "the property list is too large";
         }
         return std::nullopt;
+    }
+
+    // The doubles of the date objects in the order libplist builds their nodes: depth first
+    // from the top object, a dictionary's entries key then value. Read from the bytes because
+    // libplist hands a date out only truncated to microseconds. Valid once problem() has found
+    // none, which also bounds the walk.
+    std::vector<double> datesInTreeOrder() const {
+        std::vector<double> dates;
+        if (objectCount_ == 0) {
+            return dates;
+        }
+        std::vector<std::uint64_t> pending{top_};
+        std::vector<std::uint64_t> children;
+        while (!pending.empty()) {
+            const auto index = pending.back();
+            pending.pop_back();
+            const auto offset = number(tableOffset_ + index * offsetSize_, offsetSize_);
+            if (!offset || *offset >= bytes_.size()) {
+                continue;
+            }
+            if (bytes_[*offset] == 0x33) {
+                if (const auto bits = number(*offset + 1, 8)) {
+                    dates.push_back(std::bit_cast<double>(*bits));
+                }
+                continue;
+            }
+            const auto object = read(index);
+            if (object.kind < 0xA) {
+                continue;
+            }
+            children.clear();
+            const auto reference = [&](std::uint64_t at) {
+                const auto child = number(object.start + at * referenceSize_, referenceSize_);
+                if (child && *child < objectCount_) {
+                    children.push_back(*child);
+                }
+            };
+            if (object.kind == 0xD) {
+                const auto entries = object.length / 2;
+                for (std::uint64_t i = 0; i < entries; ++i) {
+                    reference(i);
+                    reference(entries + i);
+                }
+            } else {
+                for (std::uint64_t i = 0; i < object.length; ++i) {
+                    reference(i);
+                }
+            }
+            pending.insert(pending.end(), children.rbegin(), children.rend());
+        }
+        return dates;
     }
 
 private:
@@ -215,10 +268,119 @@ private:
     unsigned referenceSize_ = 0;
     std::uint64_t tableOffset_ = 0;
     std::uint64_t objectCount_ = 0;
+    std::uint64_t top_ = 0;
     bool cyclic_ = false;
 };
 
-PlistValue fromNode(plist_t node, int depth) {
+// libplist keeps a date as the double the list holds but takes and hands it out only as whole
+// seconds and truncated microseconds, so a date read and written back could move. Writing, each
+// date goes to libplist as a small whole number indexing the exact values, which it passes
+// through unchanged, and the written objects are given their doubles back.
+class DateObjects {
+public:
+    // Calls visit(payload) once for each distinct date object (marker 0x33 and its 8-byte
+    // big-endian double) that the offset table names; anything out of bounds is libplist's to
+    // refuse.
+    template <typename Visit> static void forEach(std::span<std::uint8_t> bytes, Visit visit) {
+        if (bytes.size() < 8 + 32) {
+            return;
+        }
+        const auto tail = bytes.size() - 32;
+        const unsigned offsetSize = bytes[tail + 6];
+        const auto count = bigEndian(bytes.subspan(tail + 8, 8));
+        const auto table = bigEndian(bytes.subspan(tail + 24, 8));
+        if (offsetSize == 0 || offsetSize > 8 || table > tail ||
+            count > (tail - table) / offsetSize) {
+            return;
+        }
+        std::unordered_set<std::uint64_t> seen;
+        for (std::uint64_t i = 0; i < count; ++i) {
+            const auto offset = bigEndian(bytes.subspan(table + i * offsetSize, offsetSize));
+            if (offset < 8 || offset >= tail || tail - offset < 9 || bytes[offset] != 0x33 ||
+                !seen.insert(offset).second) {
+                continue;
+            }
+            visit(bytes.subspan(offset + 1, 8));
+        }
+    }
+
+    static double read(std::span<const std::uint8_t> payload) {
+        return std::bit_cast<double>(bigEndian(payload));
+    }
+    static void write(std::span<std::uint8_t> payload, double value) {
+        auto bits = std::bit_cast<std::uint64_t>(value);
+        for (std::size_t i = payload.size(); i-- > 0; bits >>= 8) {
+            payload[i] = static_cast<std::uint8_t>(bits & 0xFF);
+        }
+    }
+
+private:
+    static std::uint64_t bigEndian(std::span<const std::uint8_t> bytes) {
+        std::uint64_t value = 0;
+        for (const auto byte : bytes) {
+            value = value << 8 | byte;
+        }
+        return value;
+    }
+};
+
+// The exact dates of a list being read, in the order its date nodes come.
+class DateCursor {
+public:
+    explicit DateCursor(std::vector<double> dates) : dates_(std::move(dates)) {}
+
+    // The next date, checked against libplist's truncated view of the same node; nullopt when
+    // the two disagree, which only a list libplist reads otherwise than its bytes say can cause.
+    std::optional<PlistDate> next(std::int32_t seconds, std::int32_t microseconds) {
+        if (next_ == dates_.size()) {
+            return std::nullopt;
+        }
+        const double value = dates_[next_++];
+        // libplist's own conversion is defined only for values an int32 holds.
+        if (value > -2147483648.0 && value < 2147483648.0) {
+            const auto whole = static_cast<std::int64_t>(value);
+            if (seconds != static_cast<std::int32_t>(whole) ||
+                microseconds != static_cast<std::int32_t>(
+                                    std::fabs((value - static_cast<double>(whole)) * 1e6))) {
+                return std::nullopt;
+            }
+        }
+        return PlistDate{value};
+    }
+    bool finished() const { return next_ == dates_.size(); }
+
+private:
+    std::vector<double> dates_;
+    std::size_t next_ = 0;
+};
+
+// The exact dates of a list being written, by the index libplist carries.
+class DateTable {
+public:
+    std::int32_t add(PlistDate date) {
+        const auto bits = std::bit_cast<std::uint64_t>(date.sinceReferenceDate);
+        // Equal dates share an index, so libplist still writes them as one object.
+        const auto [at, added] =
+            indexes_.try_emplace(bits, static_cast<std::int32_t>(dates_.size()));
+        if (added) {
+            dates_.push_back(date);
+        }
+        return at->second;
+    }
+    std::optional<PlistDate> at(double index) const {
+        if (!(index >= 0) || index >= static_cast<double>(dates_.size()) ||
+            index != std::floor(index)) {
+            return std::nullopt;
+        }
+        return dates_[static_cast<std::size_t>(index)];
+    }
+
+private:
+    std::vector<PlistDate> dates_;
+    std::unordered_map<std::uint64_t, std::int32_t> indexes_;
+};
+
+PlistValue fromNode(plist_t node, int depth, DateCursor& dates) {
     if (depth > maximumDepth) {
         throw DecodeFailure{"nesting is too deep"};
     }
@@ -264,10 +426,11 @@ PlistValue fromNode(plist_t node, int depth) {
         std::int32_t seconds = 0;
         std::int32_t microseconds = 0;
         plist_get_date_val(node, &seconds, &microseconds);
-        // The library counts from 1 January 2001, like Core Foundation.
-        constexpr std::int64_t referenceDate = 978307200;
-        return PlistValue::date(PlistDate(std::chrono::microseconds(
-            (referenceDate + seconds) * 1'000'000 + static_cast<std::int64_t>(microseconds))));
+        const auto date = dates.next(seconds, microseconds);
+        if (!date) {
+            throw DecodeFailure{"a date could not be read"};
+        }
+        return PlistValue::date(*date);
     }
     case PLIST_ARRAY: {
         // The iterator, not indexing: the library finds the n-th item by walking the list.
@@ -281,7 +444,7 @@ PlistValue fromNode(plist_t node, int depth) {
             if (!item) {
                 break;
             }
-            items.push_back(fromNode(item, depth + 1));
+            items.push_back(fromNode(item, depth + 1, dates));
         }
         return PlistValue::array(std::move(items));
     }
@@ -307,7 +470,7 @@ PlistValue fromNode(plist_t node, int depth) {
             if (!seen.insert(name).second) {
                 throw DecodeFailure{"a dictionary repeats the key " + name};
             }
-            entries.emplace_back(std::move(name), fromNode(value, depth + 1));
+            entries.emplace_back(std::move(name), fromNode(value, depth + 1, dates));
         }
         return PlistValue::dictionary(std::move(entries));
     }
@@ -319,7 +482,7 @@ PlistValue fromNode(plist_t node, int depth) {
     throw DecodeFailure{"a value has a type that Finder settings do not use"};
 }
 
-PlistNode toNode(const PlistValue& value, int depth) {
+PlistNode toNode(const PlistValue& value, int depth, DateTable& dates) {
     if (depth > maximumDepth) {
         throw DecodeFailure{"nesting is too deep"};
     }
@@ -343,29 +506,20 @@ PlistNode toNode(const PlistValue& value, int depth) {
         const auto& bytes = value.asData();
         return PlistNode(plist_new_data(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
     }
-    case PlistValue::Kind::date: {
-        constexpr std::int64_t referenceDate = 978307200;
-        const auto total = value.asDate().time_since_epoch().count() - referenceDate * 1'000'000;
-        const auto seconds = total >= 0 ? total / 1'000'000 : -((-total + 999'999) / 1'000'000);
-        const auto microseconds = total - seconds * 1'000'000;
-        if (seconds < std::numeric_limits<std::int32_t>::min() ||
-            seconds > std::numeric_limits<std::int32_t>::max()) {
-            throw DecodeFailure{"a date is out of range"};
-        }
-        return PlistNode(plist_new_date(static_cast<std::int32_t>(seconds),
-                                        static_cast<std::int32_t>(microseconds)));
-    }
+    case PlistValue::Kind::date:
+        return PlistNode(plist_new_date(dates.add(value.asDate()), 0));
     case PlistValue::Kind::array: {
         PlistNode array(plist_new_array());
         for (const auto& item : value.asArray()) {
-            plist_array_append_item(array.get(), toNode(item, depth + 1).release());
+            plist_array_append_item(array.get(), toNode(item, depth + 1, dates).release());
         }
         return array;
     }
     case PlistValue::Kind::dictionary: {
         PlistNode dictionary(plist_new_dict());
         for (const auto& [key, item] : value.asDictionary()) {
-            plist_dict_set_item(dictionary.get(), cString(key), toNode(item, depth + 1).release());
+            plist_dict_set_item(dictionary.get(), cString(key),
+                                toNode(item, depth + 1, dates).release());
         }
         if (plist_dict_get_size(dictionary.get()) != value.asDictionary().size()) {
             throw DecodeFailure{"a dictionary repeats a key"};
@@ -412,9 +566,11 @@ PlistValue PlistValue::decodeBinary(std::span<const std::uint8_t> bytes) {
     if (bytes.size() > std::numeric_limits<std::uint32_t>::max()) {
         throw failed("the property list is too large");
     }
-    if (const auto problem = BinaryPlistScan(bytes).problem()) {
+    BinaryPlistScan scan(bytes);
+    if (const auto problem = scan.problem()) {
         throw failed(*problem);
     }
+    DateCursor dates{scan.datesInTreeOrder()};
     plist_t root = nullptr;
     plist_from_bin(reinterpret_cast<const char*>(bytes.data()),
                    static_cast<std::uint32_t>(bytes.size()), &root);
@@ -423,7 +579,11 @@ PlistValue PlistValue::decodeBinary(std::span<const std::uint8_t> bytes) {
         throw failed("the binary property list is malformed");
     }
     try {
-        return fromNode(root, 0);
+        auto value = fromNode(root, 0, dates);
+        if (!dates.finished()) {
+            throw DecodeFailure{"a date could not be read"};
+        }
+        return value;
     } catch (const DecodeFailure& failure) {
         throw failed(failure.reason);
     }
@@ -431,7 +591,8 @@ PlistValue PlistValue::decodeBinary(std::span<const std::uint8_t> bytes) {
 
 std::vector<std::uint8_t> PlistValue::encodeBinary() const {
     try {
-        const auto root = toNode(*this, 0);
+        DateTable dates;
+        const auto root = toNode(*this, 0, dates);
         char* bytes = nullptr;
         std::uint32_t length = 0;
         plist_to_bin(root.get(), &bytes, &length);
@@ -440,7 +601,17 @@ std::vector<std::uint8_t> PlistValue::encodeBinary() const {
             throw DecodeFailure{"the property list could not be encoded"};
         }
         const auto* begin = reinterpret_cast<const std::uint8_t*>(bytes);
-        return std::vector<std::uint8_t>(begin, begin + length);
+        std::vector<std::uint8_t> encoded(begin, begin + length);
+        bool complete = true;
+        DateObjects::forEach(encoded, [&dates, &complete](std::span<std::uint8_t> payload) {
+            const auto date = dates.at(DateObjects::read(payload));
+            complete = complete && date.has_value();
+            DateObjects::write(payload, date ? date->sinceReferenceDate : 0);
+        });
+        if (!complete) {
+            throw DecodeFailure{"a date could not be written"};
+        }
+        return encoded;
     } catch (const DecodeFailure& failure) {
         throw DSStoreError("Property list serialization failed: " + failure.reason);
     }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <chrono>
+#include <bit>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -12,7 +12,21 @@ namespace dsstore {
 
 class PlistValue;
 
-using PlistDate = std::chrono::sys_time<std::chrono::microseconds>;
+// A property-list date as the list stores it: seconds from 1 January 2001 UTC in a double, kept
+// to the bit, so that reading and writing a file gives back the value Finder wrote.
+struct PlistDate {
+    static constexpr std::int64_t referenceUnixTime = 978'307'200;
+
+    double sinceReferenceDate = 0;
+
+    static PlistDate fromUnixSeconds(std::int64_t seconds) {
+        return {static_cast<double>(seconds - referenceUnixTime)};
+    }
+    friend bool operator==(PlistDate a, PlistDate b) {
+        return std::bit_cast<std::uint64_t>(a.sinceReferenceDate) ==
+               std::bit_cast<std::uint64_t>(b.sinceReferenceDate);
+    }
+};
 using PlistArray = std::vector<PlistValue>;
 // Keys in the order the property list holds them, so that a read-write cycle keeps it.
 using PlistDictionary = std::vector<std::pair<std::string, PlistValue>>;
