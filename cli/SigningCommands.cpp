@@ -5,6 +5,7 @@
 #include "core/signing/CertificateScanner.h"
 #include "core/signing/NotarizationEngine.h"
 #include "core/support/FileUtilities.h"
+#include "core/support/Secrets.h"
 #include "core/support/VeltraError.h"
 
 #include <cstdlib>
@@ -137,19 +138,54 @@ void addNotary(CLI::App& app, CliContext& context) {
     group->require_subcommand(1);
 
     auto* store = group->add_subcommand(
-        "store-credentials", "Store an Apple ID and app-specific password in a keychain profile");
-    auto profile = std::make_shared<std::string>();
-    auto appleID = std::make_shared<std::string>();
-    auto teamID = std::make_shared<std::string>();
-    store->add_option("PROFILE", *profile, "Keychain profile name")->required();
-    store->add_option("--apple-id", *appleID, "Apple ID (an email address)")->required();
-    store->add_option("--team-id", *teamID, "Developer team ID")->required();
-    store->callback([&context, profile, appleID, teamID] {
-        const auto password = readPassword(context);
+        "store-credentials", "Store notary credentials in a keychain profile: an Apple ID with "
+                             "an app-specific password, or an App Store Connect API key");
+    store->alias("store");
+    struct Options {
+        std::string profile, appleID, teamID, passwordVariable, key, keyID, issuer;
+    };
+    auto options = std::make_shared<Options>();
+    store->add_option("PROFILE", options->profile, "Keychain profile name")->required();
+    store->add_option("--apple-id", options->appleID, "Apple ID (an email address)");
+    store->add_option("--team-id", options->teamID, "Developer team ID");
+    store->add_option("--password-env", options->passwordVariable,
+                      "The environment variable holding the app-specific password (default: "
+                      "typed, or one line of standard input)");
+    store->add_option("--key", options->key, "App Store Connect API key file (.p8)");
+    store->add_option("--key-id", options->keyID, "The API key's ID");
+    store->add_option("--issuer", options->issuer, "The API key's issuer ID");
+    store->callback([&context, options] {
+        const auto& o = *options;
+        const bool apiKey = !o.key.empty() || !o.keyID.empty() || !o.issuer.empty();
+        const bool appleID = !o.appleID.empty() || !o.teamID.empty() || !o.passwordVariable.empty();
+        if (apiKey == appleID ||
+            (apiKey && (o.key.empty() || o.keyID.empty() || o.issuer.empty())) ||
+            (appleID && (o.appleID.empty() || o.teamID.empty()))) {
+            throw VeltraError("Veltra", 400,
+                              "Give either --apple-id and --team-id (the password is typed, read "
+                              "from standard input or from --password-env) or --key, --key-id "
+                              "and --issuer.");
+        }
         LinePrinter print(context.out);
-        NotarizationEngine().storeCredentials(
-            *profile, *appleID, password, *teamID,
-            [&print](const std::string& line) { print(line); }, context.stop);
+        const auto log = [&print](const std::string& line) { print(line); };
+        if (apiKey) {
+            NotarizationEngine().storeAPIKeyCredentials(o.profile, expandTilde(o.key), o.keyID,
+                                                        o.issuer, log, context.stop);
+            return;
+        }
+        std::string password;
+        if (!o.passwordVariable.empty()) {
+            password = takeSecretFromEnvironment(o.passwordVariable).value_or("");
+            if (password.empty()) {
+                throw VeltraError("Veltra", 400,
+                                  "The environment variable " + o.passwordVariable +
+                                      " holds no app-specific password.");
+            }
+        } else {
+            password = readPassword(context);
+        }
+        NotarizationEngine().storeCredentials(o.profile, o.appleID, password, o.teamID, log,
+                                              context.stop);
     });
 
     auto* check = group->add_subcommand("check", "Check that a keychain profile works");
@@ -207,16 +243,17 @@ void addKeychain(CLI::App& app, CliContext& context) {
         ->required();
     setup->add_option("--keychain", *name, "The keychain's name (default veltra-ci.keychain-db)");
     setup->callback([&context, p12, variable, name] {
-        // Secrets come from the environment, never from the command line.
-        const char* password = std::getenv(variable->c_str());
-        if (password == nullptr) {
+        // Secrets come from the environment, never from the command line, and no tool started
+        // afterwards inherits the variable.
+        const auto password = takeSecretFromEnvironment(*variable);
+        if (!password) {
             throw VeltraError("Veltra", 1,
                               "The environment variable " + *variable +
                                   " is not set. Put the .p12 password there (for example from "
                                   "a repository secret).");
         }
         const auto identities =
-            CIKeychain().setup(expandTilde(*p12), password, *name, context.stop);
+            CIKeychain().setup(expandTilde(*p12), *password, *name, context.stop);
         context.out << "Keychain " << *name << " is unlocked and searched first.\n";
         if (identities.empty()) {
             context.out << "Warning: it offers no code-signing identity; check the .p12 file.\n";

@@ -59,6 +59,20 @@ protected:
         return runs;
     }
 
+    // The commands `tool -i` read from standard input, in order, as argument lists.
+    std::vector<std::vector<std::string>> interactiveRunsOf(const std::string& tool) const {
+        std::vector<std::vector<std::string>> runs;
+        std::ifstream in(dir / "tools.log.stdin");
+        for (std::string line; std::getline(in, line);) {
+            if (line == tool) {
+                runs.emplace_back();
+            } else if (!runs.empty()) {
+                runs.back().push_back(line);
+            }
+        }
+        return runs;
+    }
+
     // An empty Acme.xcodeproj in the test's folder: the stand-ins only need its path.
     XcodeProjectInfo scratchProject() {
         std::filesystem::create_directories(dir / "Acme.xcodeproj");

@@ -6,14 +6,17 @@
 #include "core/support/VeltraError.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <fcntl.h>
+#include <memory>
 #include <mutex>
 #include <poll.h>
 #include <spawn.h>
@@ -219,6 +222,120 @@ private:
     std::jthread thread_;
 };
 
+// The pseudo-terminal of a run with a TerminalReply: its master end is read on a thread of its
+// own (so the tool never blocks writing to its terminal) and the reply is typed once the prompt
+// shows there or on standard error.
+class TerminalSession {
+public:
+    explicit TerminalSession(ProcessRequest::TerminalReply reply) : reply_(std::move(reply)) {
+        for (auto& c : reply_.prompt) {
+            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        }
+        master_ = FileDescriptor(::posix_openpt(O_RDWR | O_NOCTTY));
+        if (master_.get() < 0 || ::grantpt(master_.get()) != 0 || ::unlockpt(master_.get()) != 0) {
+            throw posixError(errno, "Could not open a terminal for the command");
+        }
+        ::fcntl(master_.get(), F_SETFD, FD_CLOEXEC);
+#if defined(__linux__)
+        char name[128] = {};
+        if (::ptsname_r(master_.get(), name, sizeof name) != 0) {
+            throw posixError(errno, "Could not name the command's terminal");
+        }
+        path_ = name;
+#else
+        static std::mutex ptsnameLock; // ptsname's buffer is shared
+        const std::lock_guard guard(ptsnameLock);
+        const char* name = ::ptsname(master_.get());
+        if (name == nullptr) {
+            throw posixError(errno, "Could not name the command's terminal");
+        }
+        path_ = name;
+#endif
+        // Held open here too, so the master does not read as closed before the child opens it.
+        secondary_ = FileDescriptor(::open(path_.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+        if (secondary_.get() < 0) {
+            throw posixError(errno, "Could not open the command's terminal");
+        }
+        ::fcntl(master_.get(), F_SETFL, ::fcntl(master_.get(), F_GETFL) | O_NONBLOCK);
+    }
+    TerminalSession(const TerminalSession&) = delete;
+    TerminalSession& operator=(const TerminalSession&) = delete;
+    ~TerminalSession() {
+        finish();
+    }
+
+    const std::string& path() const noexcept {
+        return path_;
+    }
+
+    void start() {
+        thread_ = std::jthread([this](const std::stop_token& stop) {
+            std::string buffer(4096, '\0');
+            while (!stop.stop_requested()) {
+                pollfd polled{master_.get(), POLLIN, 0};
+                if (::poll(&polled, 1, 20) <= 0) {
+                    continue;
+                }
+                const ssize_t count = ::read(master_.get(), buffer.data(), buffer.size());
+                if (count > 0) {
+                    observe(std::string_view(buffer.data(), static_cast<std::size_t>(count)));
+                } else if (count == 0 || (errno != EAGAIN && errno != EINTR)) {
+                    return;
+                }
+            }
+        });
+    }
+
+    // Looks for the prompt in what the tool wrote; types the reply once.
+    void observe(std::string_view chunk) {
+        const std::lock_guard guard(lock_);
+        if (replied_) {
+            return;
+        }
+        for (const char c : chunk) {
+            seen_ += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        }
+        if (seen_.find(reply_.prompt) == std::string::npos) {
+            // A prompt split across chunks is still found; older text is of no use.
+            if (seen_.size() > 4096) {
+                seen_.erase(0, seen_.size() - 1024);
+            }
+            return;
+        }
+        replied_ = true;
+        seen_.clear();
+        const std::string typed = reply_.reply + "\n";
+        std::string_view line = typed;
+        while (!line.empty()) {
+            const ssize_t written = ::write(master_.get(), line.data(), line.size());
+            if (written < 0) {
+                if (errno == EINTR || errno == EAGAIN) {
+                    continue;
+                }
+                return;
+            }
+            line.remove_prefix(static_cast<std::size_t>(written));
+        }
+    }
+
+    void finish() {
+        if (thread_.joinable()) {
+            thread_.request_stop();
+            thread_.join();
+        }
+    }
+
+private:
+    ProcessRequest::TerminalReply reply_;
+    FileDescriptor master_;
+    FileDescriptor secondary_;
+    std::string path_;
+    std::mutex lock_;
+    std::string seen_;
+    bool replied_ = false;
+    std::jthread thread_;
+};
+
 // What posix_spawn needs, built before the lock is taken.
 struct SpawnPlan {
     std::string displayName;
@@ -227,6 +344,8 @@ struct SpawnPlan {
     std::vector<std::string> envp;
     std::optional<std::string> workingDirectory;
     int standardInput = -1; // -1: inherit
+    // A pseudo-terminal to open as standard input and controlling terminal, in a new session.
+    std::optional<std::string> terminal;
     int standardOutput = -1;
     int standardError = -1;
 };
@@ -237,7 +356,11 @@ int spawn(const SpawnPlan& plan, pid_t& pid) {
     posix_spawn_file_actions_init(&actions);
     posix_spawnattr_init(&attributes);
 
-    if (plan.standardInput >= 0) {
+    if (plan.terminal) {
+        // Opened in the child, which leads a new session: the first terminal it opens becomes
+        // its controlling terminal, the /dev/tty a password prompt reads.
+        posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, plan.terminal->c_str(), O_RDWR, 0);
+    } else if (plan.standardInput >= 0) {
         posix_spawn_file_actions_adddup2(&actions, plan.standardInput, STDIN_FILENO);
     }
 #if defined(__APPLE__)
@@ -253,9 +376,11 @@ int spawn(const SpawnPlan& plan, pid_t& pid) {
 
     // Own process group, so a stop takes the tool's helpers down with it; clean signal state,
     // since the host may block or ignore signals (SIGINT in the CLI, SIGPIPE anywhere).
-    short flags = POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF;
+    // A new session is a new process group too, led by the child.
+    short flags = static_cast<short>((plan.terminal ? POSIX_SPAWN_SETSID : POSIX_SPAWN_SETPGROUP) |
+                                     POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
 #if defined(__APPLE__)
-    flags |= POSIX_SPAWN_CLOEXEC_DEFAULT;
+    flags = static_cast<short>(flags | POSIX_SPAWN_CLOEXEC_DEFAULT);
 #endif
     posix_spawnattr_setflags(&attributes, flags);
     posix_spawnattr_setpgroup(&attributes, 0);
@@ -338,6 +463,21 @@ public:
         if (!completed_) {
             complete(nullptr);
         }
+        done_.notify_all();
+    }
+
+    // After a stop: waits up to `grace` for the tool to end, then kills what is left of its
+    // process group. The leader is not reaped yet, so the group ID cannot belong to anyone else.
+    void killAfterGrace(std::chrono::milliseconds grace) {
+        std::unique_lock lock(lock_);
+        if (pid_ <= 0) {
+            return;
+        }
+        done_.wait_for(lock, grace, [this] { return !running_; });
+        ::kill(-pid_, SIGKILL);
+        if (running_) {
+            ::kill(pid_, SIGKILL);
+        }
     }
 
     void stop(const std::exception_ptr& error) {
@@ -347,8 +487,9 @@ public:
         }
         stopError_ = error;
         if (running_) {
-            ::kill(-pid_, SIGKILL);
-            ::kill(pid_, SIGKILL);
+            // A chance to clean up first; killAfterGrace follows with SIGKILL.
+            ::kill(-pid_, SIGTERM);
+            ::kill(pid_, SIGTERM);
         }
         if (started_) {
             complete(error);
@@ -489,6 +630,9 @@ ProcessResult ProcessRunner::run(const ProcessRequest& request, std::stop_token 
     if (request.standardInput && request.standardInput->size() > maxStandardInput) {
         throw ProcessExecutionError::inputTooLarge();
     }
+    if (request.terminalReply && request.standardInput) {
+        throw std::invalid_argument("A command reads either its input or a terminal reply.");
+    }
     if (request.timeout && !std::isfinite(*request.timeout)) {
         throw std::invalid_argument("A command's time-out must be a finite number of seconds.");
     }
@@ -531,6 +675,12 @@ ProcessResult ProcessRunner::run(const ProcessRequest& request, std::stop_token 
         plan.standardInput = input.read.get();
     }
 
+    std::unique_ptr<TerminalSession> terminal;
+    if (request.terminalReply) {
+        terminal = std::make_unique<TerminalSession>(*request.terminalReply);
+        plan.terminal = terminal->path();
+    }
+
     Pipe output = makePipe();
     Pipe errors = makePipe();
     prepareOutputPipe(output);
@@ -541,8 +691,18 @@ ProcessResult ProcessRunner::run(const ProcessRequest& request, std::stop_token 
     const auto limit = effectiveCaptureLimit(request.captureLimit, bool(request.onOutput));
     ThreadSafeBuffer outputBuffer(limit);
     ThreadSafeBuffer errorBuffer(limit);
+    // A prompt written to standard error is answered as one written to the terminal.
+    const std::function<void(std::string_view)> onErrorOutput =
+        terminal
+            ? std::function<void(std::string_view)>([&terminal, &request](std::string_view chunk) {
+                  terminal->observe(chunk);
+                  if (request.onOutput) {
+                      request.onOutput(chunk);
+                  }
+              })
+            : request.onOutput;
     StreamReader outputReader(output.read.get(), outputBuffer, request.onOutput);
-    StreamReader errorReader(errors.read.get(), errorBuffer, request.onOutput);
+    StreamReader errorReader(errors.read.get(), errorBuffer, onErrorOutput);
     OutputPump pump(outputReader, errorReader);
     pump.start();
 
@@ -559,6 +719,9 @@ ProcessResult ProcessRunner::run(const ProcessRequest& request, std::stop_token 
     {
         const std::stop_callback onCancel(
             stop, [&execution] { execution.stop(std::make_exception_ptr(CancellationError())); });
+        if (terminal) {
+            terminal->start();
+        }
         execution.start(plan);
         // The parent's copies of the write ends must go, or the child's exit would never look
         // like the end of its output to anyone reading until EOF.
@@ -574,8 +737,14 @@ ProcessResult ProcessRunner::run(const ProcessRequest& request, std::stop_token 
             failure = std::make_exception_ptr(CancellationError());
         }
     }
+    if (failure) {
+        execution.killAfterGrace(terminationGrace);
+    }
     const int exitCode = execution.reap();
     pump.finish(); // after the exit, so what the tool wrote last is read
+    if (terminal) {
+        terminal->finish();
+    }
     if (failure) {
         std::rethrow_exception(failure); // output of a stopped run is discarded
     }

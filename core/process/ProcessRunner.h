@@ -2,6 +2,7 @@
 
 #include "ProcessResult.h"
 
+#include <chrono>
 #include <cstddef>
 #include <filesystem>
 #include <functional>
@@ -27,6 +28,15 @@ struct ProcessRequest {
     std::optional<double> timeout{};
     // Fed to the child's standard input (at most 4096 bytes); secrets go here, never in arguments.
     std::optional<std::string> standardInput{};
+    // For a tool that asks for a secret only at its terminal: the child runs in a session of its
+    // own with a pseudo-terminal as controlling terminal and standard input, and `reply` is typed
+    // there (with a newline) once `prompt` (any case) appears on that terminal or on standard
+    // error. What the tool writes to the terminal is not captured. Not with standardInput.
+    struct TerminalReply {
+        std::string prompt;
+        std::string reply;
+    };
+    std::optional<TerminalReply> terminalReply{};
     // Byte cap on each captured stream; the tail is kept. Defaults to 1 MiB when streaming.
     std::optional<long long> captureLimit{};
     // Called from reader threads with each chunk of output that is valid UTF-8 on its own.
@@ -41,9 +51,13 @@ public:
         "/opt/homebrew/bin:/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin:";
     static constexpr std::size_t maxStandardInput = 4096;
     static constexpr std::size_t defaultStreamingCaptureLimit = 1024 * 1024;
+    // How long a stopped tool has between SIGTERM and SIGKILL, to clean up after itself (git
+    // removes its index.lock).
+    static constexpr std::chrono::milliseconds terminationGrace{2000};
 
     // Runs the tool to completion. Throws ProcessExecutionError (input too large, timed out),
-    // CancellationError when `stop` is requested (the tool and its process group are killed),
+    // CancellationError when `stop` is requested (the tool's process group gets SIGTERM, and
+    // SIGKILL after terminationGrace; the call returns once the tool has ended),
     // or VeltraError (domain "POSIX") when it cannot be launched. A non-zero exit is returned.
     ProcessResult run(const ProcessRequest& request, std::stop_token stop = {}) const;
     ProcessResult run(std::string command, std::vector<std::string> arguments,

@@ -1,5 +1,6 @@
 #include "CIKeychain.h"
 
+#include "SecurityCommand.h"
 #include "core/support/Text.h"
 #include "core/support/VeltraError.h"
 
@@ -53,8 +54,12 @@ std::vector<SigningCertificate> CIKeychain::setup(const std::filesystem::path& p
     const auto security = [&](std::vector<std::string> arguments) {
         return runner.run("security", std::move(arguments), stop);
     };
+    // Commands that carry a password read it from standard input, never from argv.
+    const auto securityWithSecret = [&](const std::vector<std::string>& arguments) {
+        return runSecurityCommand(runner, arguments, stop);
+    };
     const auto keychainPassword = randomPassword();
-    if (const auto made = security({"create-keychain", "-p", keychainPassword, name});
+    if (const auto made = securityWithSecret({"create-keychain", "-p", keychainPassword, name});
         made.exitCode != 0) {
         throw failure("Could not create keychain " + name, made);
     }
@@ -64,19 +69,20 @@ std::vector<SigningCertificate> CIKeychain::setup(const std::filesystem::path& p
             set.exitCode != 0) {
             throw failure("Could not set keychain " + name + "'s lock timeout", set);
         }
-        if (const auto unlocked = security({"unlock-keychain", "-p", keychainPassword, name});
+        if (const auto unlocked =
+                securityWithSecret({"unlock-keychain", "-p", keychainPassword, name});
             unlocked.exitCode != 0) {
             throw failure("Could not unlock keychain " + name, unlocked);
         }
-        if (const auto imported =
-                security({"import", p12.string(), "-k", name, "-P", password, "-T",
-                          "/usr/bin/codesign", "-T", "/usr/bin/security", "-f", "pkcs12"});
+        if (const auto imported = securityWithSecret({"import", p12.string(), "-k", name, "-P",
+                                                      password, "-T", "/usr/bin/codesign", "-T",
+                                                      "/usr/bin/security", "-f", "pkcs12"});
             imported.exitCode != 0) {
             throw failure("Could not import " + p12.filename().string(), imported);
         }
-        if (const auto allowed =
-                security({"set-key-partition-list", "-S", "apple-tool:,apple:,codesign:", "-s",
-                          "-k", keychainPassword, name});
+        if (const auto allowed = securityWithSecret({"set-key-partition-list", "-S",
+                                                     "apple-tool:,apple:,codesign:", "-s", "-k",
+                                                     keychainPassword, name});
             allowed.exitCode != 0) {
             throw failure("Could not let codesign use the imported key", allowed);
         }

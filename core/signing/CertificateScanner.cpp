@@ -1,5 +1,6 @@
 #include "CertificateScanner.h"
 
+#include "SecurityCommand.h"
 #include "core/support/Text.h"
 #include "core/support/VeltraError.h"
 
@@ -147,8 +148,8 @@ CertificateScanner::detectBestTeamInfo(std::stop_token stop) const {
 ProcessResult CertificateScanner::importP12(const std::filesystem::path& file,
                                             const std::string& password,
                                             std::stop_token stop) const {
-    return runner.run("security",
-                      {"import", file.string(), "-P", password, "-T", "/usr/bin/codesign"}, stop);
+    return runSecurityCommand(
+        runner, {"import", file.string(), "-P", password, "-T", "/usr/bin/codesign"}, stop);
 }
 
 void CertificateScanner::openXcodeSettings() {

@@ -84,11 +84,40 @@ void NotarizationEngine::storeCredentials(const std::string& keychainProfile,
         }
     };
     log("Storing notarization credentials in macOS Keychain...");
-    const auto result =
-        runner.run("xcrun",
-                   {"notarytool", "store-credentials", keychainProfile, "--apple-id", appleID,
-                    "--team-id", teamID, "--password", appPassword},
-                   stop);
+    // Without --password notarytool asks for it at its terminal.
+    ProcessRequest request;
+    request.command = "xcrun";
+    request.arguments = {"notarytool", "store-credentials", keychainProfile, "--apple-id",
+                         appleID,      "--team-id",         teamID};
+    request.terminalReply = ProcessRequest::TerminalReply{"password", appPassword};
+    finishStoring(runner.run(request, stop), keychainProfile, log);
+}
+
+void NotarizationEngine::storeAPIKeyCredentials(const std::string& keychainProfile,
+                                                const std::filesystem::path& keyFile,
+                                                const std::string& keyID, const std::string& issuer,
+                                                const NotaryLog& onLog,
+                                                std::stop_token stop) const {
+    const auto log = [&](const std::string& line) {
+        if (onLog) {
+            onLog(line);
+        }
+    };
+    log("Storing notarization credentials in macOS Keychain...");
+    ProcessRequest request;
+    request.command = "xcrun";
+    request.arguments = {"notarytool", "store-credentials", keychainProfile,
+                         "--key",      keyFile.string(),    "--key-id",
+                         keyID,        "--issuer",          issuer};
+    // Answers nothing, but keeps notarytool from waiting on the caller's terminal for
+    // something it lacks.
+    request.standardInput = "";
+    finishStoring(runner.run(request, stop), keychainProfile, log);
+}
+
+void NotarizationEngine::finishStoring(const ProcessResult& result,
+                                       const std::string& keychainProfile,
+                                       const std::function<void(const std::string&)>& log) {
     if (result.exitCode != 0) {
         const auto err = trimWhitespace(result.errorOutput);
         throw VeltraError("Veltra", 401,

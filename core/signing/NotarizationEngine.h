@@ -43,10 +43,18 @@ class NotarizationEngine {
 public:
     ProcessRunner runner{};
 
-    // Throws VeltraError 401 with the tool's words when the credentials cannot be stored.
+    // Throws VeltraError 401 with the tool's words when the credentials cannot be stored. The
+    // password is typed at notarytool's own prompt on a pseudo-terminal, never passed as an
+    // argument.
     void storeCredentials(const std::string& keychainProfile, const std::string& appleID,
                           const std::string& appPassword, const std::string& teamID,
                           const NotaryLog& onLog, std::stop_token stop = {}) const;
+    // The App Store Connect API key form: the .p8 key file's path, its key ID and the issuer
+    // ID, none of them secret on a command line. Throws as storeCredentials does.
+    void storeAPIKeyCredentials(const std::string& keychainProfile,
+                                const std::filesystem::path& keyFile, const std::string& keyID,
+                                const std::string& issuer, const NotaryLog& onLog,
+                                std::stop_token stop = {}) const;
     // Whether the profile works; never throws except CancellationError. `timeout` in seconds.
     bool credentialsExist(const std::string& keychainProfile, std::optional<double> timeout = {},
                           std::stop_token stop = {}) const;
@@ -69,6 +77,10 @@ public:
     std::function<void(const std::string&)> onSubmissionID{};
     // The ID the tool names in its output ("  id: ..."), or nothing.
     static std::optional<std::string> submissionID(std::string_view output);
+
+private:
+    static void finishStoring(const ProcessResult& result, const std::string& keychainProfile,
+                              const std::function<void(const std::string&)>& log);
 };
 
 } // namespace veltra

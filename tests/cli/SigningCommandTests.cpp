@@ -53,8 +53,8 @@ TEST(NotaryCommand, StoresChecksAndNotarizes) {
     ASSERT_EQ(stored.exitCode, 0) << stored.errorOutput;
     EXPECT_EQ(stored.output, "Storing notarization credentials in macOS Keychain...\nSuccess: "
                              "Credentials stored under profile 'acme'\n");
-    EXPECT_NE(readFile(dir / "tools.log").find("--password\nabcd-efgh-ijkl-mnop\n"),
-              std::string::npos);
+    EXPECT_EQ(readFile(dir / "keychain" / "acme.secret"), "abcd-efgh-ijkl-mnop\n");
+    EXPECT_EQ(readFile(dir / "tools.log").find("abcd-efgh-ijkl-mnop"), std::string::npos);
     EXPECT_EQ(runVeltra({"notary", "check", "acme"}, env).output,
               "Connected to Apple Notary ('acme' active in Keychain)\n");
 
@@ -85,6 +85,32 @@ TEST(NotaryCommand, StoresChecksAndNotarizes) {
     EXPECT_EQ(noPassword.errorOutput, "Error: No app-specific password given.\n");
 }
 
+std::vector<std::vector<std::string>> readRuns(const std::filesystem::path& log) {
+    std::vector<std::vector<std::string>> runs;
+    std::istringstream in(std::filesystem::exists(log) ? readFile(log) : "");
+    for (std::string line; std::getline(in, line);) {
+        if (line == "security") {
+            runs.emplace_back();
+        } else if (!runs.empty()) {
+            runs.back().push_back(line);
+        }
+    }
+    return runs;
+}
+
+// security's runs in order, each `security -i` replaced by the command it read.
+std::vector<std::vector<std::string>> securityRuns(const std::filesystem::path& dir) {
+    auto runs = readRuns(dir / "tools.log");
+    const auto interactive = readRuns(dir / "tools.log.stdin");
+    std::size_t next = 0;
+    for (auto& run : runs) {
+        if (run == std::vector<std::string>{"-i"} && next < interactive.size()) {
+            run = interactive[next++];
+        }
+    }
+    return runs;
+}
+
 // A CI job's keychain: made, unlocked, holding the identity for codesign, searched first, and
 // gone again after teardown; the passwords never show.
 TEST(KeychainCommand, SetsUpForCodesignAndTearsDown) {
@@ -106,18 +132,9 @@ TEST(KeychainCommand, SetsUpForCodesignAndTearsDown) {
     EXPECT_EQ(readFile(dir / "keychains" / "search-list"),
               "veltra-ci.keychain-db\n" + (dir / "Library/Keychains/login.keychain-db").string() +
                   "\n");
-    // The steps in order; one random keychain password for all of them.
-    std::vector<std::vector<std::string>> runs;
-    {
-        std::istringstream log(readFile(dir / "tools.log"));
-        for (std::string line; std::getline(log, line);) {
-            if (line == "security") {
-                runs.emplace_back();
-            } else {
-                runs.back().push_back(line);
-            }
-        }
-    }
+    // The steps in order, those carrying a password read by `security -i` from standard input;
+    // one random keychain password for all of them.
+    const auto runs = securityRuns(dir.path());
     std::vector<std::string> steps;
     for (const auto& run : runs) {
         steps.push_back(run.front());
@@ -162,6 +179,70 @@ TEST(KeychainCommand, SetsUpForCodesignAndTearsDown) {
     EXPECT_EQ(unset.exitCode, 1);
     EXPECT_NE(unset.errorOutput.find("The environment variable CERT_PASSWORD is not set."),
               std::string::npos);
+}
+
+// Every command that takes a secret, run with a marker secret: the marker is in no tool's
+// argument list and no tool's environment, as the stand-ins saw them from /proc while running,
+// and the variable that carried it is gone from every tool's environment.
+TEST(Secrets, StayOffCommandLinesAndOutOfChildEnvironments) {
+    testing::TempDir dir;
+    const std::string marker = "MARKER-s3cr3t-4711";
+    testing::writeFile(dir / "cert.p12", "p12");
+    testing::writeFile(dir / "AuthKey.p8", "key");
+    auto env = standIns({{"VELTRA_FAKE_KEYCHAIN_DIR", (dir / "keychains").string()},
+                         {"VELTRA_FAKE_KEYCHAIN", (dir / "keychain").string()},
+                         {"VELTRA_FAKE_P12_PASSWORD", "*"},
+                         {"VELTRA_TOOL_LOG", (dir / "tools.log").string()},
+                         {"VELTRA_TOOL_PROC_LOG", (dir / "proc.log").string()},
+                         {"HOME", dir.path().string()}});
+    const auto with = [&env](const char* name, const std::string& value) {
+        auto more = env;
+        more[name] = value;
+        return more;
+    };
+
+    const auto made = runVeltra({"keychain", "setup", "--p12", (dir / "cert.p12").string(),
+                                 "--password-env", "CERT_PASSWORD"},
+                                with("CERT_PASSWORD", marker));
+    ASSERT_EQ(made.exitCode, 0) << made.errorOutput;
+    EXPECT_EQ(runVeltra({"keychain", "teardown"}, env).exitCode, 0);
+    const auto typed = runVeltra(
+        {"notary", "store", "typed", "--apple-id", "jane@example.com", "--team-id", "AB12CD34EF"},
+        env, marker + "\n");
+    ASSERT_EQ(typed.exitCode, 0) << typed.errorOutput;
+    const auto fromEnvironment =
+        runVeltra({"notary", "store-credentials", "env", "--apple-id", "jane@example.com",
+                   "--team-id", "AB12CD34EF", "--password-env", "NOTARY_PASSWORD"},
+                  with("NOTARY_PASSWORD", marker));
+    ASSERT_EQ(fromEnvironment.exitCode, 0) << fromEnvironment.errorOutput;
+    const auto apiKey = runVeltra({"notary", "store", "api", "--key", (dir / "AuthKey.p8").string(),
+                                   "--key-id", "ABC123", "--issuer", "issuer-uuid"},
+                                  env);
+    ASSERT_EQ(apiKey.exitCode, 0) << apiKey.errorOutput;
+
+    // The secrets arrived where they belong...
+    EXPECT_EQ(readFile(dir / "keychain" / "typed.secret"), marker + "\n");
+    EXPECT_EQ(readFile(dir / "keychain" / "env.secret"), marker + "\n");
+    EXPECT_EQ(readFile(dir / "keychain" / "api.secret"), "key ABC123\n");
+    EXPECT_NE(readFile(dir / "tools.log.stdin").find(marker), std::string::npos);
+    // ...and nowhere anyone else can look.
+    const auto proc = readFile(dir / "proc.log");
+    EXPECT_NE(proc.find("== security"), std::string::npos);
+    EXPECT_NE(proc.find("== xcrun"), std::string::npos);
+    EXPECT_EQ(proc.find(marker), std::string::npos);
+    EXPECT_EQ(proc.find("CERT_PASSWORD="), std::string::npos);
+    EXPECT_EQ(proc.find("NOTARY_PASSWORD="), std::string::npos);
+    EXPECT_EQ(readFile(dir / "tools.log").find(marker), std::string::npos);
+    for (const auto* output : {&made, &typed, &fromEnvironment, &apiKey}) {
+        EXPECT_EQ(output->output.find(marker), std::string::npos);
+        EXPECT_EQ(output->errorOutput.find(marker), std::string::npos);
+    }
+
+    const auto mixed = runVeltra({"notary", "store", "x", "--apple-id", "a", "--key", "k"}, env);
+    EXPECT_EQ(mixed.exitCode, 1);
+    EXPECT_EQ(mixed.errorOutput,
+              "Error: Give either --apple-id and --team-id (the password is typed, read from "
+              "standard input or from --password-env) or --key, --key-id and --issuer.\n");
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "TestSupport.h"
 #include "core/process/ProcessExecutionError.h"
 #include "core/process/ProcessRunner.h"
+#include "core/support/FileUtilities.h"
 #include "core/support/VeltraError.h"
 
 #include <atomic>
@@ -312,6 +313,66 @@ TEST_F(ProcessRunnerTest, CancellingKillsTheToolAndItsHelpers) {
     }
     EXPECT_TRUE(!std::filesystem::exists(stat) || state == "Z" || state == "X") << state;
 #endif
+}
+
+// Runs `script` and stops it once it has printed a line; returns how long the run took.
+std::chrono::steady_clock::duration stopOnceReady(const ProcessRunner& runner,
+                                                  const std::string& script) {
+    std::stop_source stop;
+    std::atomic<bool> ready = false;
+    ProcessRequest request{.command = "/bin/sh", .arguments = {"-c", script}};
+    request.onOutput = [&](std::string_view chunk) {
+        if (chunk.find('\n') != std::string_view::npos) {
+            ready = true;
+        }
+    };
+    std::jthread canceller([&] {
+        const auto deadline = std::chrono::steady_clock::now() + 60s;
+        while (!ready && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(10ms);
+        }
+        stop.request_stop();
+    });
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_THROW(runner.run(request, stop.get_token()), CancellationError);
+    return std::chrono::steady_clock::now() - started;
+}
+
+// A stopped tool gets SIGTERM first, so it can clean up (git removes its index.lock), and
+// SIGKILL only when it is still there after the grace period.
+TEST_F(ProcessRunnerTest, StoppingSendsSIGTERMAndSIGKILLAfterTheGracePeriod) {
+    const auto cleaned = dir / "cleaned";
+    stopOnceReady(runner, "trap 'echo cleaned >\"" + cleaned.string() +
+                              "\"; exit 1' TERM; echo ready; while :; do sleep 0.05; done");
+    EXPECT_EQ(readFile(cleaned), "cleaned\n");
+
+    const auto pidFile = dir / "stubborn";
+    const auto took = stopOnceReady(runner, "trap '' TERM; echo $$ >\"" + pidFile.string() +
+                                                "\"; echo ready; while :; do sleep 0.05; done");
+    EXPECT_GE(took, ProcessRunner::terminationGrace);
+    auto pid = readFile(pidFile);
+    pid.pop_back();
+    EXPECT_FALSE(std::filesystem::exists("/proc/" + pid));
+}
+
+// A secret asked for at the tool's own terminal is typed there, never passed as an argument.
+TEST_F(ProcessRunnerTest, TerminalReplyAnswersThePromptOnTheControllingTerminal) {
+    ProcessRequest request{.command = "/bin/sh"};
+    request.terminalReply = ProcessRequest::TerminalReply{"password", "s3 cr\"et"};
+    request.arguments = {"-c", "printf 'App-specific Password: ' >/dev/tty; "
+                               "IFS= read -r answer </dev/tty; echo \"got $answer\""};
+    EXPECT_EQ(runner.run(request).output, "got s3 cr\"et\n");
+
+    // A prompt on standard error, read from standard input (the terminal too).
+    request.arguments = {"-c",
+                         "printf 'Password: ' >&2; IFS= read -r answer; echo \"got $answer\"; "
+                         "test -t 0 && echo terminal"};
+    const auto result = runner.run(request);
+    EXPECT_EQ(result.output, "got s3 cr\"et\nterminal\n");
+    EXPECT_EQ(result.errorOutput, "Password: ");
+
+    request.standardInput = "input";
+    EXPECT_THROW(runner.run(request), std::invalid_argument);
 }
 
 TEST_F(ProcessRunnerTest, AlreadyCancelledCallerLaunchesNothing) {

@@ -1,5 +1,6 @@
 #include "AppleTools.h"
 #include "core/signing/CertificateScanner.h"
+#include "core/support/VeltraError.h"
 
 #include <gtest/gtest.h>
 
@@ -108,15 +109,28 @@ TEST_F(CertificateScannerRun, ImportsACertificateBundle) {
     const auto imported = CertificateScanner().importP12(dir / "cert.p12", "secret");
     EXPECT_EQ(imported.exitCode, 0);
     EXPECT_EQ(imported.output, "1 identity imported.\n");
-    EXPECT_EQ(runsOf("security").back(),
+    // The password travels on standard input, never as an argument.
+    EXPECT_EQ(runsOf("security").back(), (std::vector<std::string>{"-i"}));
+    EXPECT_EQ(interactiveRunsOf("security").back(),
               (std::vector<std::string>{"import", (dir / "cert.p12").string(), "-P", "secret", "-T",
                                         "/usr/bin/codesign"}));
 
     const auto wrong = CertificateScanner().importP12(dir / "cert.p12", "");
     EXPECT_EQ(wrong.exitCode, 1);
+    EXPECT_EQ(interactiveRunsOf("security").back().at(3), "") << "an empty password is passed";
+    // security's own words, without the "import: returned 1" its input mode adds.
     EXPECT_EQ(wrong.errorOutput, "security: SecKeychainItemImport: MAC verification failed "
                                  "during PKCS12 import (wrong password?)\n");
-    EXPECT_EQ(runsOf("security").back().at(3), "") << "an empty password is still passed";
+
+    // Quotes, backslashes and blanks reach security as they are; a line break cannot.
+    writeFile(dir / "odd name \"\\ .p12", "p12");
+    fake("VELTRA_FAKE_P12_PASSWORD", "a \"quoted\\ pass' word");
+    EXPECT_EQ(CertificateScanner()
+                  .importP12(dir / "odd name \"\\ .p12", "a \"quoted\\ pass' word")
+                  .exitCode,
+              0);
+    EXPECT_EQ(interactiveRunsOf("security").back().at(1), (dir / "odd name \"\\ .p12").string());
+    EXPECT_THROW(CertificateScanner().importP12(dir / "cert.p12", "two\nlines"), VeltraError);
 }
 
 } // namespace

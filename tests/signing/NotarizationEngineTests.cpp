@@ -1,5 +1,6 @@
 #include "AppleTools.h"
 #include "core/signing/NotarizationEngine.h"
+#include "core/support/FileUtilities.h"
 #include "core/support/VeltraError.h"
 
 #include <chrono>
@@ -113,14 +114,37 @@ protected:
     Lines log;
 };
 
+TEST_F(NotarizationRun, StoresAnAppStoreConnectAPIKey) {
+    writeFile(dir / "AuthKey_ABC123.p8", "key");
+    NotarizationEngine().storeAPIKeyCredentials("acme-api", dir / "AuthKey_ABC123.p8", "ABC123",
+                                                "69a6de7e-0000-47e3-e053-5b8c7c11a4d1", record());
+    EXPECT_EQ(runsOf("xcrun").back(),
+              (Lines{"notarytool", "store-credentials", "acme-api", "--key",
+                     (dir / "AuthKey_ABC123.p8").string(), "--key-id", "ABC123", "--issuer",
+                     "69a6de7e-0000-47e3-e053-5b8c7c11a4d1"}));
+    EXPECT_EQ(readFile(dir / "keychain" / "acme-api.secret"), "key ABC123\n");
+    EXPECT_TRUE(NotarizationEngine().credentialsExist("acme-api", 20.0));
+    try {
+        NotarizationEngine().storeAPIKeyCredentials("acme-api", dir / "missing.p8", "ABC123",
+                                                    "issuer", record());
+        FAIL() << "stored";
+    } catch (const VeltraError& error) {
+        EXPECT_EQ(error.code(), 401);
+        EXPECT_STREQ(error.what(),
+                     "Error: The file couldn't be opened because there is no such file.");
+    }
+}
+
 TEST_F(NotarizationRun, StoresChecksSubmitsAndStaples) {
     EXPECT_FALSE(NotarizationEngine().credentialsExist("acme-notary"));
     store();
     EXPECT_EQ(log, (Lines{"Storing notarization credentials in macOS Keychain...",
                           "Success: Credentials stored under profile 'acme-notary'"}));
-    EXPECT_EQ(runsOf("xcrun").back(), (Lines{"notarytool", "store-credentials", "acme-notary",
-                                             "--apple-id", "jane@example.com", "--team-id",
-                                             "AB12CD34EF", "--password", "abcd-efgh-ijkl-mnop"}));
+    // The password is typed at notarytool's prompt on its terminal, not passed.
+    EXPECT_EQ(runsOf("xcrun").back(),
+              (Lines{"notarytool", "store-credentials", "acme-notary", "--apple-id",
+                     "jane@example.com", "--team-id", "AB12CD34EF"}));
+    EXPECT_EQ(readFile(dir / "keychain" / "acme-notary.secret"), "abcd-efgh-ijkl-mnop\n");
     EXPECT_TRUE(NotarizationEngine().credentialsExist("acme-notary", 20.0));
     EXPECT_EQ(runsOf("xcrun").back(), (Lines{"notarytool", "history", "--keychain-profile",
                                              "acme-notary", "--output-format", "json"}));

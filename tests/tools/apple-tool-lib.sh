@@ -7,6 +7,16 @@ record() {
     if [ -n "$VELTRA_TOOL_LOG" ]; then
         { echo "$tool"; for argument in "$@"; do echo "$argument"; done; } >>"$VELTRA_TOOL_LOG"
     fi
+    # What anyone on the machine could read of this run while it lasts: its command line and
+    # the environment it was started with, as /proc shows them.
+    if [ -n "$VELTRA_TOOL_PROC_LOG" ] && [ -r "/proc/$$/cmdline" ]; then
+        {
+            echo "== $tool $$"
+            tr '\0' '\n' <"/proc/$$/cmdline"
+            echo "-- environment"
+            tr '\0' '\n' <"/proc/$$/environ"
+        } >>"$VELTRA_TOOL_PROC_LOG"
+    fi
 }
 
 # Sleeps for $1 seconds when it is set and not zero.
