@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <openssl/crypto.h>
 #include <openssl/sha.h>
 #include <sodium.h>
@@ -39,10 +40,16 @@ std::string SparklePrivateKey::createFile(const std::filesystem::path& path) {
     const auto key = fromSeed(seed);
     auto text = base64::encode(seed);
     OPENSSL_cleanse(seed.data(), seed.size());
-    std::filesystem::create_directories(path.parent_path());
-    writeFileAtomically(path, text + "\n");
-    std::filesystem::permissions(path, std::filesystem::perms::owner_read |
-                                           std::filesystem::perms::owner_write);
+    text += '\n';
+    try {
+        writeSecretFile(path, text);
+    } catch (const VeltraError& error) {
+        OPENSSL_cleanse(text.data(), text.size());
+        if (error.code() == EEXIST) {
+            throw keyError("A Sparkle key already exists at " + path.string() + ".");
+        }
+        throw;
+    }
     OPENSSL_cleanse(text.data(), text.size());
     return base64::encode(key.publicKey);
 }

@@ -1,16 +1,78 @@
 #include "PipelineLogArchive.h"
 
+#include "core/support/FileUtilities.h"
 #include "core/support/Uuid.h"
 
+#include <algorithm>
+#include <chrono>
+#include <fcntl.h>
 #include <fstream>
+#include <unistd.h>
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
 
 namespace veltra {
+namespace {
 
-PipelineLogArchive::PipelineLogArchive()
-    : PipelineLogArchive(std::filesystem::temp_directory_path() /
-                         ("veltra-logs-" + Uuid::random().string() + ".txt")) {}
+constexpr std::string_view archivePrefix = "veltra-log-";
+
+// A new archive's name in the folder, older archives beyond the newest kept removed first.
+std::filesystem::path newArchive(const std::filesystem::path& folder) {
+    std::vector<std::filesystem::path> archives;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
+        const auto name = entry.path().filename().string();
+        if (name.starts_with(archivePrefix) && name.ends_with(".txt")) {
+            archives.push_back(entry.path());
+        }
+    }
+    // Names start with the UTC time, so they sort oldest first.
+    std::ranges::sort(archives);
+    const auto keep = PipelineLogArchive::keptArchives - 1;
+    for (std::size_t i = 0; i + keep < archives.size(); ++i) {
+        std::filesystem::remove(archives[i], error);
+    }
+    const auto now = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
+    return folder / fmt::format("{}{:%Y%m%d-%H%M%S}-{}.txt", archivePrefix, now,
+                                Uuid::random().string().substr(0, 8));
+}
+
+} // namespace
+
+std::filesystem::path PipelineLogArchive::defaultFolder() {
+    return homeDirectory() / ".veltra" / "logs";
+}
+
+PipelineLogArchive::PipelineLogArchive() {
+    const auto folder = defaultFolder();
+    try {
+        createPrivateDirectories(folder);
+    } catch (const std::exception&) {
+        // an archive that cannot be written is ignored, like any other write error here
+    }
+    url_ = newArchive(folder);
+}
 
 PipelineLogArchive::PipelineLogArchive(std::filesystem::path url) : url_(std::move(url)) {}
+
+void PipelineLogArchive::appendToFile(std::string_view text, bool truncate) const {
+    // 0600 from the first byte: a log can name private paths and servers.
+    const int fd =
+        ::open(url_.c_str(),
+               O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | (truncate ? O_TRUNC : O_APPEND), 0600);
+    if (fd < 0) {
+        return;
+    }
+    while (!text.empty()) {
+        const ssize_t written = ::write(fd, text.data(), text.size());
+        if (written <= 0) {
+            break;
+        }
+        text.remove_prefix(static_cast<std::size_t>(written));
+    }
+    ::close(fd);
+}
 
 void PipelineLogArchive::append(std::vector<std::string> lines) {
     const std::lock_guard guard(lock_);
@@ -35,12 +97,11 @@ void PipelineLogArchive::writePending() {
         text += line;
         text += '\n';
     }
-    std::ofstream out(url_, std::ios::binary | std::ios::app);
-    out << text;
+    appendToFile(text, false);
 }
 
 void PipelineLogArchive::reset() {
-    queue_.post([this] { std::ofstream(url_, std::ios::binary | std::ios::trunc); });
+    queue_.post([this] { appendToFile({}, true); });
 }
 
 std::string PipelineLogArchive::read() {

@@ -1,5 +1,7 @@
 #include "PipelineLogStream.h"
 
+#include "core/support/Secrets.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <iterator>
@@ -7,6 +9,8 @@
 namespace veltra {
 
 void PipelineLogInbox::append(std::string text, bool isError) {
+    // Tools print remote addresses as they were given, tokens included.
+    text = redactURLCredentials(text);
     archive_.append({text});
     const std::lock_guard guard(lock_);
     pending_.push_back(ReleaseLogEntry::make(std::move(text), isError));
@@ -45,6 +49,7 @@ PipelineLogStream::PipelineLogStream(MainQueue& queue, std::filesystem::path arc
     : queue_(queue), archive_(std::move(archiveURL)) {}
 
 void PipelineLogStream::log(std::string text, bool isError) {
+    text = redactURLCredentials(text);
     archive_.append({text});
     enqueue(ReleaseLogEntry::make(std::move(text), isError));
 }

@@ -108,8 +108,11 @@ void ProfilePersistence::writePending() {
         }
         std::optional<std::string> failure;
         try {
-            std::filesystem::create_directories(url_.parent_path());
-            writeFileAtomically(url_, dumpJson(profilesToJson(profiles)));
+            createPrivateDirectories(url_.parent_path());
+            // 0600 whatever an older version left: the file holds the deploy hook's address.
+            writeFileAtomically(url_, dumpJson(profilesToJson(profiles)),
+                                std::filesystem::perms::owner_read |
+                                    std::filesystem::perms::owner_write);
         } catch (const std::exception& error) {
             failure = error.what(); // the next save tries again
         }

@@ -41,8 +41,17 @@ ProfileStore::ProfileStore(MainQueue& queue, NotificationCenter& notifications,
                            std::filesystem::path storeURL)
     : queue_(queue), storeURL_(std::move(storeURL)) {
     if (storeURL_ != "/dev/null") {
-        std::error_code ignored; // a missing folder shows up as a write error later
-        std::filesystem::create_directories(storeURL_.parent_path(), ignored);
+        try {
+            createPrivateDirectories(storeURL_.parent_path());
+            // Veltra's own folder is kept private even when an older version made it 0755; a
+            // folder the user named for the file is theirs to set.
+            if (storeURL_.parent_path() == defaultURL().parent_path()) {
+                std::filesystem::permissions(storeURL_.parent_path(),
+                                             std::filesystem::perms::owner_all);
+            }
+        } catch (const std::exception&) {
+            // a folder that cannot be made shows up as a write error later
+        }
         persistence_ = std::make_unique<ProfilePersistence>(storeURL_);
         auto loaded = persistence_->load();
         loadProblem_ = std::move(loaded.problem);

@@ -4,6 +4,7 @@
 #include "GitCommand.h"
 #include "core/feed/SparkleFeedParser.h"
 #include "core/support/FileUtilities.h"
+#include "core/support/Secrets.h"
 #include "core/support/Text.h"
 #include "core/support/VeltraError.h"
 
@@ -44,7 +45,8 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
                                        std::stop_token stop) const {
     const auto say = [&log](const std::string& line) {
         if (log) {
-            log(line);
+            // git repeats remote addresses as configured, tokens included.
+            log(redactURLCredentials(line));
         }
     };
     checkFileName(release.appName);

@@ -1,6 +1,7 @@
 #include "WebsiteRepositoryInspector.h"
 
 #include "GitCommand.h"
+#include "core/support/Secrets.h"
 #include "core/support/Text.h"
 
 #include <iterator>
@@ -93,7 +94,7 @@ WebsiteRepositoryStatus WebsiteRepositoryInspector::inspect(const std::filesyste
                              "publishes from with 'git remote add origin <URL>'.";
             return status;
         }
-        status.originURL = url;
+        status.originURL = redactURLCredentials(url); // shown, never used to connect
     } catch (const CancellationError&) {
         throw;
     } catch (const std::exception& failure) {

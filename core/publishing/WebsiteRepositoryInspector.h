@@ -13,8 +13,9 @@ namespace veltra {
 struct WebsiteRepositoryStatus {
     // Why a release cannot be committed and pushed here, and what to do; nothing when it can.
     std::optional<std::string> blocker;
-    std::string branch;                   // the checked-out branch; empty when detached
-    std::optional<std::string> originURL; // origin's address, when there is an origin
+    std::string branch; // the checked-out branch; empty when detached
+    // origin's address to show (credentials as ***), when there is an origin
+    std::optional<std::string> originURL;
 };
 
 // Looks at the website repository with git before a deploy commits: the folder exists, is the

@@ -4,6 +4,7 @@
 #include "VeltraError.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -37,10 +38,17 @@ std::string atomicWriteTemporaryPrefix(const std::filesystem::path& path) {
     return "." + path.filename().string() + ".tmp-";
 }
 
-void writeFileAtomically(const std::filesystem::path& path, std::string_view contents) {
-    const auto directory = path.parent_path();
-    const auto temporary = directory / (atomicWriteTemporaryPrefix(path) + Uuid::random().string());
-    const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+namespace {
+
+// A new file beside `path` with `contents`, flushed to disk; returns its name. O_EXCL and
+// O_NOFOLLOW: a name someone else made, or a link planted under it, is never written through.
+std::filesystem::path writeTemporaryBeside(const std::filesystem::path& path,
+                                           std::string_view contents, mode_t mode,
+                                           bool keepExistingMode) {
+    const auto temporary =
+        path.parent_path() / (atomicWriteTemporaryPrefix(path) + Uuid::random().string());
+    const int fd =
+        ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
     if (fd < 0) {
         throw fileError(errno, "Could not write", path);
     }
@@ -49,10 +57,11 @@ void writeFileAtomically(const std::filesystem::path& path, std::string_view con
         ::unlink(temporary.c_str());
         return fileError(error, "Could not write", path);
     };
-    // Keep the permissions of the file being replaced.
     struct stat existing {};
-    if (::stat(path.c_str(), &existing) == 0) {
+    if (keepExistingMode && ::stat(path.c_str(), &existing) == 0) {
         ::fchmod(fd, existing.st_mode & 07777);
+    } else if (::fchmod(fd, mode) != 0) { // the umask may have taken bits off; never added any
+        throw fail(errno);
     }
     while (!contents.empty()) {
         const ssize_t written = ::write(fd, contents.data(), contents.size());
@@ -72,12 +81,59 @@ void writeFileAtomically(const std::filesystem::path& path, std::string_view con
         ::unlink(temporary.c_str());
         throw fileError(error, "Could not write", path);
     }
+    return temporary;
+}
+
+} // namespace
+
+void writeFileAtomically(const std::filesystem::path& path, std::string_view contents,
+                         std::optional<std::filesystem::perms> mode) {
+    const auto temporary = writeTemporaryBeside(
+        path, contents, mode ? static_cast<mode_t>(*mode) : 0644, !mode.has_value());
     if (::rename(temporary.c_str(), path.c_str()) != 0) {
         const int error = errno;
         ::unlink(temporary.c_str());
         throw fileError(error, "Could not write", path);
     }
-    syncDirectory(directory);
+    syncDirectory(path.parent_path());
+}
+
+void createPrivateDirectories(const std::filesystem::path& path) {
+    if (path.empty() || std::filesystem::is_directory(path)) {
+        return;
+    }
+    createPrivateDirectories(path.parent_path());
+    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
+        throw fileError(errno, "Could not create the folder", path);
+    }
+}
+
+void writeSecretFile(const std::filesystem::path& path, std::string_view contents) {
+    createPrivateDirectories(path.parent_path());
+    if (std::filesystem::exists(std::filesystem::symlink_status(path))) {
+        throw fileError(EEXIST, "Will not replace", path);
+    }
+    const auto temporary = writeTemporaryBeside(path, contents, 0600, false);
+    // A hard link fails rather than replace what appeared meanwhile; where the file system has
+    // none, a rename that refuses to replace does the same.
+    int result = ::link(temporary.c_str(), path.c_str());
+    int error = result == 0 ? 0 : errno;
+#if defined(__linux__)
+    if (result != 0 && error != EEXIST) {
+        result = ::renameat2(AT_FDCWD, temporary.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE);
+        error = result == 0 ? 0 : errno;
+    }
+#elif defined(__APPLE__)
+    if (result != 0 && error != EEXIST) {
+        result = ::renamex_np(temporary.c_str(), path.c_str(), RENAME_EXCL);
+        error = result == 0 ? 0 : errno;
+    }
+#endif
+    ::unlink(temporary.c_str());
+    if (result != 0) {
+        throw fileError(error, error == EEXIST ? "Will not replace" : "Could not write", path);
+    }
+    syncDirectory(path.parent_path());
 }
 
 std::string readFile(const std::filesystem::path& path) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -9,7 +10,19 @@ namespace veltra {
 // Replaces `path` with `contents` so that a crash at any moment leaves either the old file or the
 // new one: a temporary file beside it is written, flushed to disk, then renamed over it.
 // Throws VeltraError (domain "POSIX") on failure; the old file is then untouched.
-void writeFileAtomically(const std::filesystem::path& path, std::string_view contents);
+// With `mode`, the file has that mode from its first byte (however loose the old one was);
+// without, it keeps the mode of the file it replaces.
+void writeFileAtomically(const std::filesystem::path& path, std::string_view contents,
+                         std::optional<std::filesystem::perms> mode = std::nullopt);
+
+// Writes a file that holds a secret: missing folders are made 0700, the file is 0600 from its
+// first byte (a temporary file made with O_EXCL, flushed to disk) and never replaces an existing
+// file. Throws VeltraError ("POSIX", EEXIST) when `path` exists, ("POSIX", errno) otherwise.
+void writeSecretFile(const std::filesystem::path& path, std::string_view contents);
+
+// Makes the missing folders of `path` (itself included) with mode 0700. Existing folders keep
+// their mode: they may be shared ones the user named.
+void createPrivateDirectories(const std::filesystem::path& path);
 
 // Name prefix of the temporary files writeFileAtomically leaves behind only when killed.
 std::string atomicWriteTemporaryPrefix(const std::filesystem::path& path);
