@@ -2,6 +2,7 @@
 
 #include "ReleaseFeedFailure.h"
 #include "core/process/ProcessExecutionError.h"
+#include "core/support/GitRefName.h"
 #include "core/support/Text.h"
 
 #include <system_error>
@@ -72,8 +73,12 @@ std::string PublishedFeedReader::committedFeed(const std::filesystem::path& repo
         throw notRoot();
     }
 
+    if (const auto problem = gitBranchNameError(branch)) {
+        throw ReleaseFeedFailure::websiteRepository(*problem);
+    }
     try {
-        const auto fetch = git({"fetch", "--no-tags", "--filter=blob:none", "origin", branch});
+        const auto fetch =
+            git({"fetch", "--no-tags", "--filter=blob:none", "--end-of-options", "origin", branch});
         if (fetch.exitCode != 0) {
             throw ReleaseFeedFailure::websiteRepository(
                 "Could not check the website publishing branch: " +
@@ -86,7 +91,8 @@ std::string PublishedFeedReader::committedFeed(const std::filesystem::path& repo
 
     const auto path = feedPath(downloadsPath);
     try {
-        const auto listing = git({"ls-tree", "--name-only", "FETCH_HEAD", path});
+        const auto listing =
+            git({"ls-tree", "--name-only", "--end-of-options", "FETCH_HEAD", "--", path});
         if (listing.exitCode != 0) {
             throw ReleaseFeedFailure::websiteRepository(unreadableFeed);
         }

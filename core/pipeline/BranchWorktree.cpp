@@ -1,6 +1,7 @@
 #include "BranchWorktree.h"
 
 #include "core/publishing/GitCommand.h"
+#include "core/support/GitRefName.h"
 #include "core/support/Text.h"
 #include "core/support/Uuid.h"
 #include "core/support/VeltraError.h"
@@ -13,6 +14,9 @@ BranchWorktree::BranchWorktree(ProcessRunner runner, const fs::path& project,
                                const std::string& branch, const fs::path& temporaryDirectory,
                                std::stop_token stop)
     : runner_(std::move(runner)) {
+    if (const auto problem = gitBranchNameError(branch)) {
+        throw VeltraError("Veltra", 400, *problem);
+    }
     const auto projectFolder = project.parent_path();
     const auto root =
         GitCommand::run(runner_, projectFolder, {"rev-parse", "--show-toplevel"}, stop, 60);
@@ -24,7 +28,8 @@ BranchWorktree::BranchWorktree(ProcessRunner runner, const fs::path& project,
     }
     repository_ = fs::path(std::string(trimWhitespace(root.output)));
     const auto verified = GitCommand::run(
-        runner_, repository_, {"rev-parse", "--verify", "--quiet", branch + "^{commit}"}, stop, 60);
+        runner_, repository_,
+        {"rev-parse", "--verify", "--quiet", "--end-of-options", branch + "^{commit}"}, stop, 60);
     if (verified.exitCode != 0) {
         throw VeltraError("Veltra", 404,
                           "The app branch '" + branch + "' does not exist in " +
@@ -33,7 +38,8 @@ BranchWorktree::BranchWorktree(ProcessRunner runner, const fs::path& project,
     const auto base = temporaryDirectory.empty() ? fs::temp_directory_path() : temporaryDirectory;
     folder_ = base / ("veltra_branch_" + Uuid::random().string());
     const auto added = GitCommand::run(
-        runner_, repository_, {"worktree", "add", "--detach", folder_.string(), branch}, stop, 300);
+        runner_, repository_,
+        {"worktree", "add", "--detach", "--end-of-options", folder_.string(), branch}, stop, 300);
     if (added.exitCode != 0) {
         throw GitCommand::failure("Could not check out app branch '" + branch + "'", added);
     }

@@ -811,7 +811,8 @@ void PipelineManager::useWebsiteClone(RunState& run) {
     run.websiteClone = clone;
     const auto cloned = GitCommand::run(
         webDeployer.runner, base,
-        {"clone", "--quiet", "--branch", branch, repository.string(), clone.string()}, run.stop);
+        {"clone", "--quiet", "--branch=" + branch, "--", repository.string(), clone.string()},
+        run.stop);
     if (cloned.exitCode != 0) {
         throw GitCommand::failure("Could not clone the website repository for the dry run", cloned);
     }

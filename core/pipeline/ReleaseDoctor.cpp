@@ -413,9 +413,9 @@ std::vector<DoctorFinding> ReleaseDoctor::website(const ProjectProfile& profile,
                             repository->string() + " on '" + branch + "', origin " +
                                 status.originURL.value_or("")));
 
-    const auto remote =
-        GitCommand::run(runner, *repository, {"ls-remote", "--heads", "origin", branch}, stop,
-                        std::chrono::duration<double>(timeLimit).count());
+    const auto remote = GitCommand::run(
+        runner, *repository, {"ls-remote", "--heads", "--end-of-options", "origin", branch}, stop,
+        std::chrono::duration<double>(timeLimit).count());
     if (remote.exitCode != 0) {
         const auto error = GitCommand::failure("origin cannot be reached", remote);
         found.push_back(finding("Website origin", Verdict::problem, error.what(),

@@ -1,5 +1,6 @@
 #include "ProfileFieldEditor.h"
 
+#include "core/support/GitRefName.h"
 #include "core/support/VeltraError.h"
 
 #include <algorithm>
@@ -176,6 +177,12 @@ void ProfileFieldEditor::set(ProjectProfile& profile, std::string_view path,
                              std::string_view text) {
     const Field& field = fieldFor(path);
     const Json value = valueFor(field, text);
+    // Empty means the default branch; anything else reaches git, so it must be a branch name.
+    if (field.path == "webDeploy.gitBranch" && !text.empty()) {
+        if (const auto problem = gitBranchNameError(text)) {
+            throw invalid("Invalid value for webDeploy.gitBranch: " + *problem);
+        }
+    }
     Json json = profile.toJson();
     Json* parent = &json;
     std::string_view key = field.path;

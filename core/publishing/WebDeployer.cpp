@@ -4,6 +4,7 @@
 #include "GitCommand.h"
 #include "core/feed/SparkleFeedParser.h"
 #include "core/support/FileUtilities.h"
+#include "core/support/GitRefName.h"
 #include "core/support/Secrets.h"
 #include "core/support/Text.h"
 #include "core/support/VeltraError.h"
@@ -53,6 +54,9 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
     const auto repository = delivery.websiteRepoURL.empty() ? expandTilde(config.websiteRepoPath)
                                                             : delivery.websiteRepoURL;
     const auto publishingBranch = branch(config);
+    if (const auto problem = gitBranchNameError(publishingBranch)) {
+        throw VeltraError("Veltra", 400, "The publishing branch " + *problem);
+    }
     const auto git = [&](std::vector<std::string> arguments,
                          std::function<void(std::string_view)> onOutput = {}) {
         return GitCommand::run(runner, repository, std::move(arguments), stop,
@@ -71,7 +75,7 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
         say("Website repo not found \xE2\x80\x93 attempting to clone from " + remote + "...");
         const auto cloned =
             runner.run(ProcessRequest{.command = "git",
-                                      .arguments = {"clone", remote, repository.string()},
+                                      .arguments = {"clone", "--", remote, repository.string()},
                                       .currentDirectory = homeDirectory(),
                                       .environment = {{"GIT_TERMINAL_PROMPT", "0"}},
                                       .timeout = GitCommand::defaultTimeout},
@@ -183,25 +187,26 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
                               "and DMG.");
         }
         say("Deploying to remote repository (origin/" + publishingBranch + ")...");
-        if (git({"fetch", "origin", publishingBranch}).exitCode == 0 &&
-            git({"rebase", "origin/" + publishingBranch}).exitCode != 0) {
+        if (git({"fetch", "--end-of-options", "origin", publishingBranch}).exitCode == 0 &&
+            git({"rebase", "--end-of-options", "origin/" + publishingBranch}).exitCode != 0) {
             // Leave the repository as it was; the push below reports the conflict.
             git({"rebase", "--abort"});
         }
         std::mutex lock;
         std::string pending;
-        const auto pushed = git({"push", "origin", publishingBranch}, [&](std::string_view chunk) {
-            const std::lock_guard guard(lock);
-            pending += chunk;
-            for (auto end = pending.find('\n'); end != std::string::npos;
-                 end = pending.find('\n')) {
-                if (const auto line = trimWhitespace(std::string_view(pending).substr(0, end));
-                    !line.empty()) {
-                    say("   " + std::string(line));
+        const auto pushed = git(
+            {"push", "--end-of-options", "origin", publishingBranch}, [&](std::string_view chunk) {
+                const std::lock_guard guard(lock);
+                pending += chunk;
+                for (auto end = pending.find('\n'); end != std::string::npos;
+                     end = pending.find('\n')) {
+                    if (const auto line = trimWhitespace(std::string_view(pending).substr(0, end));
+                        !line.empty()) {
+                        say("   " + std::string(line));
+                    }
+                    pending.erase(0, end + 1);
                 }
-                pending.erase(0, end + 1);
-            }
-        });
+            });
         if (pushed.exitCode != 0) {
             throw GitCommand::failure("Could not publish release to origin/" + publishingBranch,
                                       pushed);

@@ -61,7 +61,8 @@ void WebsiteCreator::create(const std::filesystem::path& folder, const ProjectPr
     git(commit, "Could not commit the website");
     say("Success: Committed the website on branch " + branch);
     if (remote && !remote->empty()) {
-        git({"remote", "add", "origin", *remote}, "Could not add the origin remote");
+        git({"remote", "add", "--end-of-options", "origin", *remote},
+            "Could not add the origin remote");
         say("Success: Added origin " + *remote);
     }
 }

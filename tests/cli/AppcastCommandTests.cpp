@@ -151,6 +151,15 @@ TEST(AppcastCommand, LiveAndCommittedFeeds) {
     EXPECT_EQ(committed.exitCode, 0) << committed.errorOutput;
     EXPECT_EQ(nlohmann::json::parse(committed.output),
               nlohmann::json::parse(readFile(fixtures + "expected/dockdoor.json")));
+
+    // A branch value is data: it never reaches git as an option that runs a command.
+    const auto planted = website.dir / "PWNED";
+    const auto injected = veltra({"appcast", "committed", website.site.string(), "--branch",
+                                  "--upload-pack=touch " + planted.string()});
+    EXPECT_EQ(injected.exitCode, 1);
+    EXPECT_EQ(injected.errorOutput, "Error: '--upload-pack=touch " + planted.string() +
+                                        "' is not a valid branch name: it starts with '-'.\n");
+    EXPECT_FALSE(std::filesystem::exists(planted));
 }
 
 } // namespace

@@ -53,6 +53,12 @@ TEST_F(ProfileCommandTest, CreateListShowSetDelete) {
               "Error: Invalid value 'heroku' for webDeploy.provider. Valid values: cloudflare, "
               "vercel, netlify, github_pages, custom.\n");
     EXPECT_EQ(readFile(file), dumpJson(Json::array({stored}))) << "a refused set changes nothing";
+    const auto badBranch = veltra({"profile", "set", "Foo", "webDeploy.gitBranch=a b..c"});
+    EXPECT_EQ(badBranch.exitCode, 1);
+    EXPECT_EQ(badBranch.errorOutput,
+              "Error: Invalid value for webDeploy.gitBranch: 'a b..c' is not a valid branch name: "
+              "it holds a blank or a control character.\n");
+    EXPECT_EQ(readFile(file), dumpJson(Json::array({stored})));
 
     EXPECT_EQ(veltra({"profile", "delete", "Foo"}).output, "Deleted profile Foo\n");
     const auto missing = veltra({"profile", "show", "Foo"});

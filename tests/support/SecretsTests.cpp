@@ -3,8 +3,10 @@
 
 #include "TestSupport.h"
 #include "core/feed/SparklePrivateKey.h"
+#include "core/process/ProcessRunner.h"
 #include "core/profile/ProfileStore.h"
 #include "core/support/FileUtilities.h"
+#include "core/support/GitRefName.h"
 #include "core/support/ManualClockQueue.h"
 #include "core/support/Secrets.h"
 #include "core/support/VeltraError.h"
@@ -147,6 +149,32 @@ TEST(URLCredentials, AreRedactedWhereverAURLAppears) {
          }) {
         EXPECT_EQ(redactURLCredentials(row.text), row.shown) << row.text;
     }
+}
+
+// The branch check agrees with git's own on every kind of name, outside a repository (inside
+// one git would first expand "@" and "@{-1}", which the check refuses outright).
+TEST(GitBranchNames, AreJudgedAsGitJudgesThem) {
+    TempDir dir;
+    for (const std::string name :
+         {"main",         "feature/x",  "release-1.0", "\xC3\xBCnicode",
+          "refs/heads/x", "a@b",        "@a",          "a b",
+          "a\tb",         "a..b",       "-x",          "--upload-pack=touch x",
+          "x.lock",       "a/b.lock/c", "a/.b",        ".a",
+          "a/",           "/a",         "a//b",        "a@{b",
+          "HEAD",         "a~1",        "a^",          "a:b",
+          "a?",           "a*",         "a[",          "a\\b",
+          "a.",           "a\x7f",      "x/y.",        "a/.lock"}) {
+        const auto git = ProcessRunner().run(ProcessRequest{
+            .command = "git",
+            .arguments = {"check-ref-format", "--branch", name},
+            .currentDirectory = dir.path(),
+            .environment = {{"GIT_CEILING_DIRECTORIES", dir.path().parent_path().string()}}});
+        EXPECT_EQ(!gitBranchNameProblem(name).has_value(), git.exitCode == 0) << name;
+    }
+    EXPECT_TRUE(gitBranchNameProblem("@"));
+    EXPECT_TRUE(gitBranchNameProblem(""));
+    EXPECT_EQ(gitBranchNameError("a b"),
+              "'a b' is not a valid branch name: it holds a blank or a control character.");
 }
 
 TEST(SecretsFromTheEnvironment, AreTakenOutOfIt) {
