@@ -467,6 +467,10 @@ void PipelineManager::preflight(RunState& run) {
 
 void PipelineManager::versionStage(RunState& run) {
     updateStep("version", StepStatus::running, "Syncing version...");
+    // The version reaches the project file or xcodebuild's overrides either way.
+    if (const auto error = VersionManager::versionError(run.version)) {
+        throw VeltraError("Veltra", 400, *error);
+    }
     const auto label = "v" + run.version + " (" + std::to_string(run.build.value_or(0)) + ")";
     if (run.request.dryRun) {
         // The archiver gives xcodebuild the version and build as overrides either way.

@@ -350,15 +350,36 @@ int VersionManager::compareVersions(const std::string& a, const std::string& b) 
     return 0;
 }
 
+std::optional<std::string> VersionManager::versionError(std::string_view version) {
+    const bool allowed = std::ranges::all_of(version, [](char c) {
+        return isDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '.' ||
+               c == '-' || c == '+';
+    });
+    if (version.empty() || version.size() > 64 || !allowed) {
+        return "'" + std::string(version) +
+               "' is not a valid version: use digits, letters, '.', '-' and '+', at most 64 "
+               "characters (for example 1.2.3).";
+    }
+    return std::nullopt;
+}
+
 VersionApplyResult VersionManager::applyToText(std::string& text,
                                                const std::optional<std::string>& version,
                                                const std::optional<std::int64_t>& build) {
     const auto isVersionDigit = [](char c) { return isDigit(c) || c == '.'; };
+    if (version) {
+        if (const auto error = versionError(*version)) {
+            throw VeltraError("Veltra", 400, *error);
+        }
+    }
+    // '+' is no character an unquoted project value may hold.
+    const auto written =
+        version && version->find('+') != std::string::npos ? "\"" + *version + "\"" : version;
     VersionApplyResult result;
     const auto buildText = build ? std::to_string(*build) : std::string();
     if (version) {
         for (const auto key : versionKeys) {
-            result.versionChanged |= replaceAssignments(text, key, *version, isVersionDigit);
+            result.versionChanged |= replaceAssignments(text, key, *written, isVersionDigit);
         }
     }
     if (build) {
@@ -380,7 +401,7 @@ VersionApplyResult VersionManager::applyToText(std::string& text,
     }
     std::string addition;
     if (insertVersion) {
-        addition += "\n\t\t\t\tMARKETING_VERSION = " + *version + ";";
+        addition += "\n\t\t\t\tMARKETING_VERSION = " + *written + ";";
     }
     if (insertBuild) {
         addition += "\n\t\t\t\tCURRENT_PROJECT_VERSION = " + buildText + ";";

@@ -70,6 +70,10 @@ public:
 
     // -1, 0 or 1; numeric components compared over the longer length, missing ones as 0.
     static int compareVersions(const std::string& a, const std::string& b);
+
+    // Why `version` cannot go into a project or Info.plist, or nothing: a version is digits,
+    // letters, '.', '-' and '+', at most 64 bytes.
+    static std::optional<std::string> versionError(std::string_view version);
 };
 
 } // namespace veltra

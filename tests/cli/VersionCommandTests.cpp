@@ -1,6 +1,8 @@
 #include "TestSupport.h"
 #include "VeltraRun.h"
 #include "core/process/ProcessRunner.h"
+#include "core/support/FileUtilities.h"
+#include "core/xcode/VersionManager.h"
 
 #include <string>
 
@@ -57,6 +59,33 @@ TEST(VersionCommand, ShowSetAndCheck) {
     const auto nowhere = runVeltra({"version", "set", (dir / "none").string(), "--build", "3"});
     EXPECT_EQ(nowhere.errorOutput,
               "Error: No Xcode project found at " + (dir / "none").string() + ".\n");
+}
+
+// A version is data: it never adds a build setting to the project.
+TEST(VersionCommand, VersionsThatWouldChangeTheProjectFileAreRefused) {
+    testing::TempDir dir;
+    std::filesystem::copy(std::string(VELTRA_FIXTURES_DIR) + "/xcode/osxspell", dir.path(),
+                          std::filesystem::copy_options::recursive);
+    const auto project = VersionManager::projectFile(dir.path());
+    ASSERT_TRUE(project);
+    const auto before = readFile(*project);
+    for (const std::string& version :
+         {std::string("1.0; OTHER_LDFLAGS = \"-framework Evil\""), std::string("1.0\n"),
+          std::string("\"1.0\""), std::string(), std::string(65, '1')}) {
+        const auto refused =
+            runVeltra({"version", "set", dir.path().string(), "--version", version});
+        EXPECT_EQ(refused.exitCode, 1) << version;
+        EXPECT_EQ(refused.errorOutput,
+                  "Error: '" + version +
+                      "' is not a valid version: use digits, letters, '.', '-' and '+', at most 64 "
+                      "characters (for example 1.2.3).\n");
+        EXPECT_EQ(readFile(*project), before);
+    }
+
+    // '+' is written quoted, as an old-style property list needs it.
+    auto text = std::string("MARKETING_VERSION = 1.0;\n");
+    VersionManager::applyToText(text, "2.0-beta+7", std::nullopt);
+    EXPECT_EQ(text, "MARKETING_VERSION = \"2.0-beta+7\";\n");
 }
 
 } // namespace
