@@ -102,7 +102,9 @@ void addDemoCommand(CLI::App& app, CliContext& context) {
         store.save();
         say("Profile 'Sample' in " + sandbox.profilesFile().string());
 
-        PipelineManager pipeline(store.loop(), store.notifications());
+        // Its log stays in the sandbox too.
+        PipelineManager pipeline(store.loop(), store.notifications(), nullptr,
+                                 sandbox.root() / "release-log.txt");
         // A local site publishes at once; check often so the demo ends as soon as it is live.
         WebsitePublicationWatcher watcher(store.loop(), store.store(), store.notifications(),
                                           WebsitePublicationProbe::shared(),

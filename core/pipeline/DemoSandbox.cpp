@@ -75,17 +75,21 @@ DemoSandbox::DemoSandbox(const fs::path& root, const fs::path& sample, ProcessRu
     // The hosting service: a bare origin that publishes main into the served folder.
     git(runner, root_, {"init", "--quiet", "--bare", "--initial-branch=main", origin().string()},
         "Could not create the website's origin");
+    // The served folder reaches the hook through the repository's configuration, never pasted
+    // into the script: the sandbox may live under any path the user names.
+    git(runner, origin(), {"config", "--end-of-options", "veltra.servedFolder", served().string()},
+        "Could not configure the website's origin");
     const auto hook = origin() / "hooks" / "post-receive";
-    writeFileAtomically(hook, "#!/bin/sh\n"
-                              "# Publishes what is pushed to main, as a hosting service does.\n"
-                              "while read old new ref; do\n"
-                              "  if [ \"$ref\" = refs/heads/main ]; then\n"
-                              "    git --work-tree=\"" +
-                                  served().string() +
-                                  "\" checkout -f main -- . >/dev/null 2>&1\n"
-                                  "  fi\n"
-                                  "done\n"
-                                  "exit 0\n");
+    writeFileAtomically(hook,
+                        "#!/bin/sh\n"
+                        "# Publishes what is pushed to main, as a hosting service does.\n"
+                        "served=$(git config veltra.servedFolder) || exit 0\n"
+                        "while read old new ref; do\n"
+                        "  if [ \"$ref\" = refs/heads/main ]; then\n"
+                        "    git --work-tree=\"$served\" checkout -f main -- . >/dev/null 2>&1\n"
+                        "  fi\n"
+                        "done\n"
+                        "exit 0\n");
     fs::permissions(hook, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
                               fs::perms::others_read | fs::perms::others_exec);
 

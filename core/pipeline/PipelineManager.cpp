@@ -50,32 +50,13 @@ std::string megabytes(std::int64_t bytes) {
 // Ends a dry run once its summary is written: what follows a real release does not happen.
 struct DryRunFinished {};
 
-// A command line as a shell would take it, for the user to read or paste.
-std::string shellWords(const std::vector<std::string>& words) {
-    std::string line;
-    for (const auto& word : words) {
-        const bool plain = !word.empty() && std::all_of(word.begin(), word.end(), [](char c) {
-            return std::isalnum(static_cast<unsigned char>(c)) != 0 ||
-                   std::string_view("_./:=@%+,-").find(c) != std::string_view::npos;
-        });
-        std::string quoted = word;
-        if (!plain && !word.starts_with("\"$(")) {
-            quoted = "'";
-            for (const char c : word) {
-                quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-            }
-            quoted += "'";
-        }
-        line += (line.empty() ? "" : " ") + quoted;
-    }
-    return line;
-}
-
 } // namespace
 
 PipelineManager::PipelineManager(MainQueue& queue, NotificationCenter& notifications,
-                                 SystemSounds* sounds)
-    : queue_(queue), notifications_(notifications), sounds_(sounds), logStream_(queue) {
+                                 SystemSounds* sounds, const std::filesystem::path& logArchive)
+    : queue_(queue), notifications_(notifications), sounds_(sounds),
+      logStream_(logArchive.empty() ? PipelineLogStream(queue)
+                                    : PipelineLogStream(queue, logArchive)) {
     logStream_.setPublishObserver([this](const std::vector<ReleaseLogEntry>& batch) {
         if (observer_ != nullptr) {
             observer_->logsPublished(batch);
@@ -971,15 +952,11 @@ void PipelineManager::publishToGitHub(RunState& run) {
         return;
     }
     if (run.request.dryRun) {
+        // The notes file the run wrote holds the same text gh would be given.
         auto words = GitHubReleaseEngine::arguments(config, run.dmg, run.appName, run.info.version,
-                                                    run.notes);
-        // The notes file holds the same text; a paste of this line stays one line.
-        const auto notes = std::find(words.begin(), words.end(), "--notes");
-        if (notes != words.end() && std::next(notes) != words.end()) {
-            *std::next(notes) = "\"$(cat " + shellWords({run.notesPath.string()}) + ")\"";
-        }
+                                                    run.notesPath);
         words.insert(words.begin(), "gh");
-        log("   Dry run: would run: " + shellWords(words));
+        log("   Dry run: would run: " + shellCommandLine(words));
         return;
     }
     log("   Publishing to GitHub Releases...");

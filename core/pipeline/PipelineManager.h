@@ -80,8 +80,9 @@ struct ReleaseRequest {
 // failures and the finished manifest.
 class PipelineManager {
 public:
+    // The run's log is archived at `logArchive`, or in PipelineLogArchive's folder when empty.
     PipelineManager(MainQueue& queue, NotificationCenter& notifications,
-                    SystemSounds* sounds = nullptr);
+                    SystemSounds* sounds = nullptr, const std::filesystem::path& logArchive = {});
     PipelineManager(const PipelineManager&) = delete;
     PipelineManager& operator=(const PipelineManager&) = delete;
     // Cancels a run still going and waits for it.

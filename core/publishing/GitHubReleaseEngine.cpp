@@ -1,5 +1,6 @@
 #include "GitHubReleaseEngine.h"
 
+#include "core/support/FileUtilities.h"
 #include "core/support/VeltraError.h"
 
 #include <mutex>
@@ -10,10 +11,10 @@ std::vector<std::string> GitHubReleaseEngine::arguments(const GitHubReleaseConfi
                                                         const std::filesystem::path& dmgURL,
                                                         const std::string& appName,
                                                         const std::string& version,
-                                                        const std::string& notes) {
-    std::vector<std::string> list{"release",       "create",  "v" + version,
-                                  dmgURL.string(), "--title", appName + " v" + version,
-                                  "--notes",       notes};
+                                                        const std::filesystem::path& notesFile) {
+    std::vector<std::string> list{"release",       "create",          "v" + version,
+                                  dmgURL.string(), "--title",         appName + " v" + version,
+                                  "--notes-file",  notesFile.string()};
     // Not trimmed: a repository of blanks is passed on for gh to refuse.
     if (!config.repoOwnerAndName.empty()) {
         list.insert(list.end(), {"--repo", config.repoOwnerAndName});
@@ -42,11 +43,16 @@ void GitHubReleaseEngine::publish(const GitHubReleaseConfig& config,
                           "GitHub CLI ('gh') is not installed. Install via 'brew install gh' or "
                           "disable GitHub Releases in profile.");
     }
+    // The notes go through a file of their own: as an argument a long text fails (E2BIG) and
+    // anyone could read it in the process list.
+    const PrivateTemporaryFolder folder("veltra-notes");
+    const auto notesFile = folder.path() / "notes.md";
+    writeSecretFile(notesFile, notes);
     // Whole lines to the log as they come, from the runner's reader thread.
     std::mutex lock;
     std::string pending;
     ProcessRequest request{.command = "gh",
-                           .arguments = arguments(config, dmgURL, appName, version, notes)};
+                           .arguments = arguments(config, dmgURL, appName, version, notesFile)};
     if (log) {
         request.onOutput = [&](std::string_view chunk) {
             const std::lock_guard guard(lock);

@@ -23,11 +23,13 @@ public:
                  const std::string& appName, const std::string& version, const std::string& notes,
                  const LogHandler& log = {}, std::stop_token stop = {}) const;
 
-    // `gh`'s arguments for that release, in the order the tool is given them.
+    // `gh`'s arguments for that release, in the order the tool is given them; the notes are
+    // read from `notesFile`.
     static std::vector<std::string> arguments(const GitHubReleaseConfig& config,
                                               const std::filesystem::path& dmgURL,
                                               const std::string& appName,
-                                              const std::string& version, const std::string& notes);
+                                              const std::string& version,
+                                              const std::filesystem::path& notesFile);
 };
 
 } // namespace veltra

@@ -136,6 +136,19 @@ void writeSecretFile(const std::filesystem::path& path, std::string_view content
     syncDirectory(path.parent_path());
 }
 
+PrivateTemporaryFolder::PrivateTemporaryFolder(const std::string& prefix) {
+    auto pattern = (std::filesystem::temp_directory_path() / (prefix + "-XXXXXX")).string();
+    if (::mkdtemp(pattern.data()) == nullptr) {
+        throw fileError(errno, "Could not create a temporary folder", pattern);
+    }
+    path_ = pattern;
+}
+
+PrivateTemporaryFolder::~PrivateTemporaryFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
 std::string readFile(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
     if (!in) {

@@ -27,6 +27,21 @@ void createPrivateDirectories(const std::filesystem::path& path);
 // Name prefix of the temporary files writeFileAtomically leaves behind only when killed.
 std::string atomicWriteTemporaryPrefix(const std::filesystem::path& path);
 
+// A new folder of mode 0700 in the temporary folder ("<prefix>-XXXXXX", a name mkdtemp picks),
+// removed with all it holds when this goes. Throws VeltraError ("POSIX") when it cannot be made.
+class PrivateTemporaryFolder {
+public:
+    explicit PrivateTemporaryFolder(const std::string& prefix);
+    ~PrivateTemporaryFolder();
+    PrivateTemporaryFolder(const PrivateTemporaryFolder&) = delete;
+    PrivateTemporaryFolder& operator=(const PrivateTemporaryFolder&) = delete;
+
+    const std::filesystem::path& path() const { return path_; }
+
+private:
+    std::filesystem::path path_;
+};
+
 // Reads a whole file; throws VeltraError (domain "POSIX") when it cannot.
 std::string readFile(const std::filesystem::path& path);
 

@@ -1,5 +1,8 @@
 #include "Text.h"
 
+#include <algorithm>
+#include <cctype>
+
 namespace veltra {
 
 std::string_view trimWhitespace(std::string_view text) noexcept {
@@ -19,6 +22,29 @@ std::string asciiLowercase(std::string_view text) {
         }
     }
     return lower;
+}
+
+std::string shellCommandLine(const std::vector<std::string>& words) {
+    std::string line;
+    for (const auto& word : words) {
+        const bool plain = !word.empty() && std::all_of(word.begin(), word.end(), [](char c) {
+            return std::isalnum(static_cast<unsigned char>(c)) != 0 ||
+                   std::string_view("_./:=@%+,-").find(c) != std::string_view::npos;
+        });
+        if (!line.empty()) {
+            line += ' ';
+        }
+        if (plain) {
+            line += word;
+            continue;
+        }
+        line += '\'';
+        for (const char c : word) {
+            line += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        }
+        line += '\'';
+    }
+    return line;
 }
 
 } // namespace veltra

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace veltra {
 
@@ -16,6 +17,10 @@ inline bool contains(std::string_view text, std::string_view part) noexcept {
 
 // ASCII letters lowered, other bytes kept: how tool output is matched without regard to case.
 std::string asciiLowercase(std::string_view text);
+
+// A command line a POSIX shell reads back as exactly these words, for a user to read or paste:
+// words of letters, digits and _./:=@%+,- as they are, any other in single quotes.
+std::string shellCommandLine(const std::vector<std::string>& words);
 
 // Calls `visit` with each line of tool output (split at "\n"), trimmed; empty lines are skipped.
 // A chunk that ends mid-line hands over the fragment as a line of its own.

@@ -1,6 +1,7 @@
 #include "GitFixture.h"
 #include "TestSupport.h"
 #include "VeltraRun.h"
+#include "core/support/FileUtilities.h"
 
 #include <fstream>
 
@@ -45,10 +46,14 @@ TEST(PublishingCommands, GitHubReleaseThroughGh) {
     EXPECT_EQ(published.output, "Publishing release v2.0 to GitHub Releases...\n"
                                 "https://github.com/o/n/releases/tag/v2.0\n"
                                 "Success: Successfully published to GitHub Releases: v2.0\n");
-    EXPECT_EQ(readLines(dir / "log"),
-              (std::vector<std::string>{
-                  "gh", "release", "create", "v2.0", (dir / "Acme.dmg").string(), "--title",
-                  "Acme v2.0", "--notes", "# What's New", "", "- **Fix**: x", "--repo", "o/n"}));
+    auto run = readLines(dir / "log");
+    ASSERT_EQ(run.size(), 11U);
+    EXPECT_TRUE(run[8].ends_with("/notes.md")) << run[8];
+    run[8] = "NOTES";
+    EXPECT_EQ(run, (std::vector<std::string>{"gh", "release", "create", "v2.0",
+                                             (dir / "Acme.dmg").string(), "--title", "Acme v2.0",
+                                             "--notes-file", "NOTES", "--repo", "o/n"}));
+    EXPECT_EQ(readFile(dir / "log.notes"), "mode 600\n# What's New\n\n- **Fix**: x");
 
     auto failingEnvironment = environment;
     failingEnvironment["VELTRA_FAKE_GH"] = "not-logged-in";

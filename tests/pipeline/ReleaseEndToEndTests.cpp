@@ -62,6 +62,22 @@ protected:
     PipelineManager pipeline{loop, notifications};
 };
 
+// A sandbox path is data wherever it goes: its origin's hook publishes into it without running
+// any of it.
+TEST(DemoSandboxPath, WithShellSyntaxIsNeverRunByTheHook) {
+    testing::TempDir dir;
+    const auto root = dir / "d$(touch PWNED)'\"`touch TICKED`\"";
+    DemoSandbox sandbox(root, fs::path(VELTRA_SOURCE_DIR) / "share/demo/Sample");
+    // The first push went through the hook and was published into the served folder.
+    EXPECT_TRUE(fs::is_regular_file(sandbox.served() / "index.html"));
+    for (const auto& place : {dir.path(), root, sandbox.origin(), fs::current_path()}) {
+        EXPECT_FALSE(fs::exists(place / "PWNED")) << place;
+        EXPECT_FALSE(fs::exists(place / "TICKED")) << place;
+    }
+    EXPECT_EQ(readFile(sandbox.origin() / "hooks" / "post-receive").find(root.string()),
+              std::string::npos);
+}
+
 TEST_F(ReleaseRun, EveryStepFromProjectToALiveRelease) {
     ProfileStore store(loop, notifications, dir / "profiles.json");
     store.add(profile);
@@ -176,11 +192,10 @@ TEST_F(ReleaseRun, ADryRunChangesNothingAndSaysWhatItWouldPublish) {
     EXPECT_TRUE(logged("  Download: " + sandbox.siteURL() + "downloads/Sample.dmg"));
     EXPECT_TRUE(logged("  Feed:     " + sandbox.siteURL() + "downloads/appcast.xml"));
     EXPECT_TRUE(logged("  Notarize: yes, with keychain profile 'AC_PASSWORD'"));
-    EXPECT_TRUE(logged("   Dry run: would run: gh release create v1.0 " +
-                       (sandbox.releases() / "Sample-1.0.dmg").string() +
-                       " --title 'Sample v1.0' --notes \"$(cat " +
-                       (sandbox.releases() / "Sample-1.0.md").string() +
-                       ")\" --repo acme-org/sample"));
+    EXPECT_TRUE(logged(
+        "   Dry run: would run: gh release create v1.0 " +
+        (sandbox.releases() / "Sample-1.0.dmg").string() + " --title 'Sample v1.0' --notes-file " +
+        (sandbox.releases() / "Sample-1.0.md").string() + " --repo acme-org/sample"));
     // The manifest is there for the caller; the profile records no release.
     ASSERT_TRUE(pipeline.completedManifest());
     EXPECT_FALSE(pipeline.completedManifest()->websitePublication);

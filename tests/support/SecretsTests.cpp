@@ -9,6 +9,7 @@
 #include "core/support/GitRefName.h"
 #include "core/support/ManualClockQueue.h"
 #include "core/support/Secrets.h"
+#include "core/support/Text.h"
 #include "core/support/VeltraError.h"
 
 #include <sys/stat.h>
@@ -175,6 +176,38 @@ TEST(GitBranchNames, AreJudgedAsGitJudgesThem) {
     EXPECT_TRUE(gitBranchNameProblem(""));
     EXPECT_EQ(gitBranchNameError("a b"),
               "'a b' is not a valid branch name: it holds a blank or a control character.");
+}
+
+// A printed command line is read back by sh as exactly the words it was made from.
+TEST(ShellCommandLine, ReadsBackAsTheSameWords) {
+    const std::vector<std::string> words{"gh",
+                                         "plain-word_1.2:3@x%+,=",
+                                         "two words",
+                                         "it's",
+                                         "$(touch PWNED)",
+                                         "\"$(id)\"",
+                                         "`id`",
+                                         "a\\b",
+                                         "",
+                                         "new\nline",
+                                         "*",
+                                         "~",
+                                         "#hash",
+                                         "x;y|z",
+                                         "\xE5\x86\x99\xE7\x9C\x9F"};
+    const auto line = shellCommandLine(words);
+    EXPECT_TRUE(line.starts_with("gh plain-word_1.2:3@x%+,= 'two words' 'it'\\''s' ")) << line;
+    TempDir dir;
+    const auto echoed = ProcessRunner().run(ProcessRequest{
+        .command = "/bin/sh",
+        .arguments = {"-c", "set -- " + line + "; for w in \"$@\"; do printf '[%s]' \"$w\"; done"},
+        .currentDirectory = dir.path()});
+    std::string expected;
+    for (const auto& word : words) {
+        expected += "[" + word + "]";
+    }
+    EXPECT_EQ(echoed.output, expected);
+    EXPECT_FALSE(fs::exists(dir / "PWNED"));
 }
 
 TEST(SecretsFromTheEnvironment, AreTakenOutOfIt) {
