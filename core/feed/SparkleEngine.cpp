@@ -4,6 +4,7 @@
 #include "NativeEd25519Signer.h"
 #include "SparkleFeedParser.h"
 #include "core/support/FileUtilities.h"
+#include "core/support/PropertyList.h"
 #include "core/support/Text.h"
 #include "core/support/VeltraError.h"
 
@@ -26,28 +27,9 @@ bool isExecutableFile(const std::filesystem::path& path) {
     return std::filesystem::is_regular_file(path, error) && ::access(path.c_str(), X_OK) == 0;
 }
 
-std::optional<std::filesystem::path> searchDerivedData(const std::filesystem::path& root,
-                                                       const std::stop_token& stop) {
-    std::error_code error;
-    if (!std::filesystem::is_directory(root, error)) {
-        return std::nullopt;
-    }
-    namespace fs = std::filesystem;
-    fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied, error);
-    for (; !error && it != fs::recursive_directory_iterator(); it.increment(error)) {
-        if (stop.stop_requested()) {
-            throw CancellationError();
-        }
-        const auto name = it->path().filename().string();
-        if (name.starts_with('.')) {
-            it.disable_recursion_pending();
-            continue;
-        }
-        if (name == "sign_update" && isExecutableFile(it->path())) {
-            return it->path();
-        }
-    }
-    return std::nullopt;
+bool isProjectBundle(const std::filesystem::path& path) {
+    const auto extension = path.extension();
+    return extension == ".xcodeproj" || extension == ".xcworkspace";
 }
 
 } // namespace
@@ -58,28 +40,66 @@ void SparkleEngine::emit(const std::string& line) const {
     }
 }
 
-std::filesystem::path SparkleEngine::home() const {
-    return homeFolder.empty() ? homeDirectory() : homeFolder;
+std::filesystem::path SparkleEngine::derivedData() const {
+    return derivedDataFolder.empty() ? homeDirectory() / "Library/Developer/Xcode/DerivedData"
+                                     : derivedDataFolder;
+}
+
+std::optional<std::filesystem::path>
+SparkleEngine::resolvedPackageTool(const std::filesystem::path& project,
+                                   const std::filesystem::path& derivedDataFolder) {
+    namespace fs = std::filesystem;
+    std::error_code error;
+    if (project.empty() || !fs::is_directory(derivedDataFolder, error)) {
+        return std::nullopt;
+    }
+    const auto wanted = fs::weakly_canonical(project, error);
+    for (const auto& entry : fs::directory_iterator(derivedDataFolder, error)) {
+        const auto info = entry.path() / "info.plist";
+        if (!fs::is_regular_file(info, error)) {
+            continue;
+        }
+        std::string workspace;
+        try {
+            const auto plist = readPropertyListDictionary(info);
+            if (plist.contains("WorkspacePath") && plist["WorkspacePath"].is_string()) {
+                workspace = plist["WorkspacePath"].get<std::string>();
+            }
+        } catch (const std::exception&) {
+            continue; // another project's folder that cannot be read is none of ours
+        }
+        if (workspace.empty()) {
+            continue;
+        }
+        const auto opened = fs::weakly_canonical(workspace, error);
+        // A folder stands for the project or workspace directly inside it.
+        if (opened != wanted && (isProjectBundle(wanted) || opened.parent_path() != wanted)) {
+            continue;
+        }
+        const auto tool = entry.path() / "SourcePackages/artifacts/sparkle/Sparkle/bin/sign_update";
+        if (isExecutableFile(tool)) {
+            return tool;
+        }
+    }
+    return std::nullopt;
 }
 
 std::optional<std::filesystem::path> SparkleEngine::locateSignUpdate(std::stop_token stop) const {
+    if (stop.stop_requested()) {
+        throw CancellationError();
+    }
     std::optional<std::filesystem::path> found;
-    for (const auto& path : fixedToolPaths) {
-        if (isExecutableFile(path)) {
-            found = path;
-            break;
+    if (configuredTool) {
+        if (!isExecutableFile(*configuredTool)) {
+            throw VeltraError(domain, signingCode,
+                              fmt::format("The sign_update set in the profile ({}) is not an "
+                                          "executable file. Fix sparkle.signUpdatePath or clear "
+                                          "it to sign without it.",
+                                          configuredTool->string()));
         }
-    }
-    if (!found) {
-        found = searchDerivedData(home() / "Library/Developer/Xcode/DerivedData", stop);
-    }
-    if (!found) {
-        const auto which = runner.run("which", {"sign_update"}, stop);
-        const std::string path(
-            trimWhitespace(std::string_view(which.output).substr(0, which.output.find('\n'))));
-        if (which.exitCode == 0 && !path.empty() && isExecutableFile(path)) {
-            found = path;
-        }
+        found = configuredTool;
+    } else {
+        found = resolvedPackageTool(project, derivedData());
     }
     if (found) {
         emit("Success: Located Sparkle sign_update tool");

@@ -34,17 +34,29 @@ public:
     ProcessRunner runner{};
     // Receives each progress line.
     std::function<void(const std::string&)> log{};
-    // Where sign_update is looked for first, in order.
-    std::vector<std::filesystem::path> fixedToolPaths{"/opt/homebrew/bin/sign_update",
-                                                      "/usr/local/bin/sign_update",
-                                                      "/opt/homebrew/opt/sparkle/bin/sign_update"};
-    // The folder whose Library/Developer/Xcode/DerivedData is searched next.
-    std::filesystem::path homeFolder{};
+    // The sign_update the profile names ("~" expanded); used when set, an error when it is not
+    // an executable file.
+    std::optional<std::filesystem::path> configuredTool{};
+    // The app's Xcode project (.xcodeproj, .xcworkspace or its folder): the sign_update of the
+    // Sparkle package Xcode resolved for it is used next. Never a tool merely named sign_update
+    // elsewhere: a build product of any project could carry that name.
+    std::filesystem::path project{};
+    // Where Xcode keeps each project's derived data; ~/Library/Developer/Xcode/DerivedData
+    // when empty.
+    std::filesystem::path derivedDataFolder{};
     // The moment written as the item's pubDate; now when unset.
     std::function<std::time_t()> clock{};
 
-    // The first sign_update found: the fixed paths, then DerivedData, then `which`.
+    // The configured sign_update, else the project's resolved package's, else nothing (the
+    // native signer signs). Throws VeltraError when the configured one is no executable file.
     std::optional<std::filesystem::path> locateSignUpdate(std::stop_token stop = {}) const;
+
+    // The sign_update of the Sparkle package resolved for `project`: in the DerivedData folder
+    // whose info.plist names the project as its WorkspacePath,
+    // SourcePackages/artifacts/sparkle/Sparkle/bin/sign_update.
+    static std::optional<std::filesystem::path>
+    resolvedPackageTool(const std::filesystem::path& project,
+                        const std::filesystem::path& derivedDataFolder);
 
     // Signs the disk image with the key at `privateKeyPath` ("~" expanded).
     SparkleSignResult sign(const std::filesystem::path& dmg, const std::string& appName,
@@ -64,7 +76,7 @@ public:
 
 private:
     void emit(const std::string& line) const;
-    std::filesystem::path home() const;
+    std::filesystem::path derivedData() const;
 };
 
 } // namespace veltra

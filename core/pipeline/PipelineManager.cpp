@@ -714,6 +714,12 @@ void PipelineManager::sparkleStage(RunState& run) {
     }
     auto engine = sparkleEngine;
     engine.log = [this](const std::string& line) { log("   " + line); };
+    if (profile.sparkle.signUpdatePath && !profile.sparkle.signUpdatePath->empty()) {
+        engine.configuredTool = expandTilde(*profile.sparkle.signUpdatePath);
+    }
+    if (run.project) {
+        engine.project = *run.project;
+    }
     const auto signed_ =
         engine.sign(run.dmg, run.appName, profile.sparkle.privateKeyPath, run.stop);
     if (run.stop.stop_requested()) {

@@ -58,6 +58,7 @@ std::vector<Field> makeFields() {
         {"sparkle.releaseNotesURLPattern", Kind::string, {}},
         {"sparkle.downloadURLPattern", Kind::string, {}},
         {"sparkle.minimumSystemVersion", Kind::string, {}},
+        {"sparkle.signUpdatePath", Kind::optionalString, {}},
         {"githubRelease.enabled", Kind::boolean, {}},
         {"githubRelease.repoOwnerAndName", Kind::string, {}},
         {"githubRelease.createDraft", Kind::boolean, {}},

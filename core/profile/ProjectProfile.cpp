@@ -84,17 +84,24 @@ NotarizationConfig notarizationFrom(const JsonReader& reader) {
 }
 
 Json toJson(const SparkleConfig& sparkle) {
-    return Json{{"appcastPath", sparkle.appcastPath},
-                {"privateKeyPath", sparkle.privateKeyPath},
-                {"releaseNotesURLPattern", sparkle.releaseNotesURLPattern},
-                {"downloadURLPattern", sparkle.downloadURLPattern},
-                {"minimumSystemVersion", sparkle.minimumSystemVersion}};
+    Json json{{"appcastPath", sparkle.appcastPath},
+              {"privateKeyPath", sparkle.privateKeyPath},
+              {"releaseNotesURLPattern", sparkle.releaseNotesURLPattern},
+              {"downloadURLPattern", sparkle.downloadURLPattern},
+              {"minimumSystemVersion", sparkle.minimumSystemVersion}};
+    if (sparkle.signUpdatePath) {
+        json["signUpdatePath"] = *sparkle.signUpdatePath;
+    }
+    return json;
 }
 
 SparkleConfig sparkleFrom(const JsonReader& reader) {
-    return {reader.string("appcastPath"), reader.string("privateKeyPath"),
-            reader.string("releaseNotesURLPattern"), reader.string("downloadURLPattern"),
-            reader.string("minimumSystemVersion")};
+    return {reader.string("appcastPath"),
+            reader.string("privateKeyPath"),
+            reader.string("releaseNotesURLPattern"),
+            reader.string("downloadURLPattern"),
+            reader.string("minimumSystemVersion"),
+            reader.optionalString("signUpdatePath")};
 }
 
 Json toJson(const GitHubReleaseConfig& github) {

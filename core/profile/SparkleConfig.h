@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 namespace veltra {
@@ -11,6 +12,9 @@ struct SparkleConfig {
     std::string releaseNotesURLPattern = "https://www.example.com/downloads/{app}.md";
     std::string downloadURLPattern = "https://www.example.com/downloads/{dmg}";
     std::string minimumSystemVersion = "13.0";
+    // The sign_update to use; otherwise the one of the project's resolved Sparkle package, or
+    // Veltra's own signer.
+    std::optional<std::string> signUpdatePath;
 
     bool operator==(const SparkleConfig&) const = default;
 };

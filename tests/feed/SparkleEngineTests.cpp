@@ -44,8 +44,7 @@ struct EngineFixture : ::testing::Test {
     EngineFixture() {
         engine.log = [this](const std::string& line) { lines.push_back(line); };
         engine.clock = [] { return std::time_t{1'795'000'000}; };
-        engine.fixedToolPaths = {dir / "absent/sign_update"};
-        engine.homeFolder = dir / "home";
+        engine.derivedDataFolder = dir / "home/Library/Developer/Xcode/DerivedData";
     }
 };
 
@@ -224,13 +223,10 @@ struct SigningFixture : EngineFixture {
     }
 };
 
-TEST_F(SigningFixture, UsesTheFirstToolFoundInOrder) {
+TEST_F(SigningFixture, UsesTheToolTheProfileNames) {
     ScopedEnvironment record("VELTRA_TOOL_LOG", toolLog.string());
-    // A file that is not executable at the first fixed path is passed over.
-    std::filesystem::create_directories(dir / "fixed");
-    writeFile(dir / "fixed/sign_update", "not a program");
-    std::filesystem::copy_file(standIns / "sign_update", dir / "second_sign_update");
-    engine.fixedToolPaths = {dir / "fixed/sign_update", dir / "second_sign_update"};
+    std::filesystem::copy_file(standIns / "sign_update", dir / "my_sign_update");
+    engine.configuredTool = dir / "my_sign_update";
     const auto result = engine.sign(dmg, "Acme", key.string());
     EXPECT_EQ(result, (SparkleSignResult{nativeSignature(), "100000"}));
     EXPECT_EQ(readFile(toolLog),
@@ -239,23 +235,51 @@ TEST_F(SigningFixture, UsesTheFirstToolFoundInOrder) {
               (std::vector<std::string>{
                   "Signing Sparkle update for Acme...", "Success: Located Sparkle sign_update tool",
                   "Success: Generated Ed25519 signature: " + result.signature}));
+
+    // A configured path that is no program is an error, not a quiet fallback.
+    writeFile(dir / "not_a_program", "text");
+    engine.configuredTool = dir / "not_a_program";
+    EXPECT_EQ(failureOf([&] { engine.sign(dmg, "Acme", key.string()); }),
+              "The sign_update set in the profile (" + (dir / "not_a_program").string() +
+                  ") is not an executable file. Fix sparkle.signUpdatePath or clear it to sign "
+                  "without it.");
 }
 
-TEST_F(SigningFixture, FindsTheToolInDerivedDataThenThroughWhich) {
-    const auto derived = dir / "home/Library/Developer/Xcode/DerivedData";
-    const auto hidden = derived / ".cache/sign_update";
-    const auto visible = derived / "Acme-abc/SourcePackages/artifacts/sparkle/bin/sign_update";
-    std::filesystem::create_directories(hidden.parent_path());
-    std::filesystem::create_directories(visible.parent_path());
-    std::filesystem::copy_file(standIns / "sign_update", hidden);
-    std::filesystem::copy_file(standIns / "sign_update", visible);
-    EXPECT_EQ(engine.locateSignUpdate(), visible);
-
-    std::filesystem::remove(visible);
+// Only the Sparkle package Xcode resolved for this very project is used: a tool of that name
+// anywhere else under DerivedData (any project's build product) never runs.
+TEST_F(SigningFixture, UsesOnlyTheProjectsOwnResolvedSparklePackage) {
+    ScopedEnvironment record("VELTRA_TOOL_LOG", toolLog.string());
+    const auto derived = dir / "DerivedData";
+    const auto project = dir / "src" / "Acme" / "Acme.xcodeproj";
+    std::filesystem::create_directories(project);
+    engine.derivedDataFolder = derived;
+    const auto place = [&](const std::string& folder, const std::filesystem::path& workspace,
+                           const std::string& relative) {
+        std::filesystem::create_directories((derived / folder / relative).parent_path());
+        std::filesystem::copy_file(standIns / "sign_update", derived / folder / relative);
+        writeFile(derived / folder / "info.plist",
+                  "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
+                  "<key>WorkspacePath</key><string>" +
+                      workspace.string() + "</string></dict></plist>\n");
+        return derived / folder / relative;
+    };
+    // Another project's resolved package, and a build product of this project's own name.
+    place("Other-xyz", dir / "src" / "Other" / "Other.xcodeproj",
+          "SourcePackages/artifacts/sparkle/Sparkle/bin/sign_update");
+    place("Acme-abc", project, "Build/Products/Release/sign_update");
+    engine.project = project;
     EXPECT_EQ(engine.locateSignUpdate(), std::nullopt);
-    ScopedEnvironment path("PATH", standIns.string() + ":" + std::getenv("PATH"));
-    EXPECT_EQ(engine.locateSignUpdate(), standIns / "sign_update");
     EXPECT_EQ(engine.sign(dmg, "Acme", key.string()).signature, nativeSignature());
+    EXPECT_FALSE(std::filesystem::exists(toolLog)) << "no sign_update ran";
+
+    const auto own = derived / "Acme-abc/SourcePackages/artifacts/sparkle/Sparkle/bin/sign_update";
+    std::filesystem::create_directories(own.parent_path());
+    std::filesystem::copy_file(standIns / "sign_update", own);
+    EXPECT_EQ(engine.locateSignUpdate(), own);
+    // The project's folder stands for the project inside it.
+    engine.project = project.parent_path();
+    EXPECT_EQ(engine.locateSignUpdate(), own);
+    EXPECT_EQ(SparkleEngine::resolvedPackageTool(dir / "src" / "Elsewhere", derived), std::nullopt);
 }
 
 TEST_F(SigningFixture, SignsNativelyWithoutTheToolAndFailsWithoutEither) {
@@ -273,7 +297,7 @@ TEST_F(SigningFixture, SignsNativelyWithoutTheToolAndFailsWithoutEither) {
 }
 
 TEST_F(SigningFixture, ToolFailuresCarryItsOutput) {
-    engine.fixedToolPaths = {standIns / "sign_update"};
+    engine.configuredTool = standIns / "sign_update";
     writeFile(key, "c2hvcnQ=");
     EXPECT_EQ(failureOf([&] { engine.sign(dmg, "Acme", key.string()); }),
               "sign_update could not sign " + dmg.string() +
