@@ -2,19 +2,47 @@
 
 #include "core/support/Text.h"
 
+#include <atomic>
+
 namespace veltra {
+
+namespace {
+
+// git commands of this process under way, in any repository.
+std::atomic<int> runningGitCommands{0};
+
+} // namespace
 
 ProcessResult GitCommand::run(const ProcessRunner& runner, const std::filesystem::path& repository,
                               std::vector<std::string> arguments, std::stop_token stop,
                               std::optional<double> timeout,
                               std::function<void(std::string_view)> onOutput) {
-    return runner.run(ProcessRequest{.command = "git",
-                                     .arguments = std::move(arguments),
-                                     .currentDirectory = repository,
-                                     .environment = {{"GIT_TERMINAL_PROMPT", "0"}},
-                                     .timeout = timeout,
-                                     .onOutput = std::move(onOutput)},
-                      stop);
+    const auto indexLock = repository / ".git" / "index.lock";
+    std::error_code error;
+    const bool lockedBefore = std::filesystem::exists(indexLock, error);
+    ++runningGitCommands;
+    try {
+        auto result = runner.run(ProcessRequest{.command = "git",
+                                                .arguments = std::move(arguments),
+                                                .currentDirectory = repository,
+                                                .environment = {{"GIT_TERMINAL_PROMPT", "0"}},
+                                                .timeout = timeout,
+                                                .onOutput = std::move(onOutput)},
+                                 stop);
+        --runningGitCommands;
+        return result;
+    } catch (const CancellationError&) {
+        // git removes its lock on SIGTERM; one killed after the grace period leaves it, and
+        // every later commit would fail. It is Veltra's own only when it was not there before
+        // and no other git of this process can be holding it.
+        if (--runningGitCommands == 0 && !lockedBefore) {
+            std::filesystem::remove(indexLock, error);
+        }
+        throw;
+    } catch (...) {
+        --runningGitCommands;
+        throw;
+    }
 }
 
 std::vector<std::string> GitCommand::identityFallback(const ProcessRunner& runner,

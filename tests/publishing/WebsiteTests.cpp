@@ -674,3 +674,80 @@ TEST_F(WebsiteWatch, ASiteThatKeepsServingTheOldFeedNeedsAttention) {
 
 } // namespace
 } // namespace veltra
+
+#include "core/publishing/GitCommand.h"
+
+namespace veltra {
+namespace {
+
+// A git that a cancel must kill: it ignores SIGTERM, as one busy in a system call may.
+class StubbornGit : public ::testing::Test {
+protected:
+    StubbornGit() {
+        testing::writeScript(tools / "git", "case \"$1\" in\n"
+                                            "lock) : >.git/index.lock ;;\n"
+                                            "esac\n"
+                                            "trap '' TERM\n"
+                                            "echo ready\n"
+                                            "while :; do sleep 0.05; done\n");
+        fs::create_directories(repository / ".git");
+    }
+
+    // Runs `git mode` and cancels it once it is under way.
+    void runAndCancel(const std::string& mode) {
+        std::stop_source stop;
+        std::atomic<bool> ready = false;
+        std::jthread canceller([&] {
+            const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+            while (!ready && std::chrono::steady_clock::now() < deadline) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            }
+            stop.request_stop();
+        });
+        EXPECT_THROW(GitCommand::run(ProcessRunner(), repository, {mode}, stop.get_token(), 120,
+                                     [&](std::string_view chunk) {
+                                         if (chunk.find("ready") != std::string_view::npos) {
+                                             ready = true;
+                                         }
+                                     }),
+                     CancellationError);
+    }
+
+    testing::TempDir dir;
+    fs::path tools = dir / "tools";
+    fs::path repository = dir / "repo";
+    testing::ScopedEnvironment toolPath{"VELTRA_TOOL_PATH", (dir / "tools").string()};
+};
+
+TEST_F(StubbornGit, AKilledGitsIndexLockIsRemovedOnlyWhenItIsVeltrasOwn) {
+    const auto lock = repository / ".git" / "index.lock";
+    runAndCancel("lock");
+    EXPECT_FALSE(fs::exists(lock)) << "the killed git's lock";
+
+    // A lock that was there before the command is someone else's.
+    testing::writeFile(lock, "");
+    runAndCancel("wait");
+    EXPECT_TRUE(fs::exists(lock));
+    fs::remove(lock);
+
+    // While another git of this process runs, the lock may be that one's.
+    std::stop_source other;
+    std::atomic<bool> otherReady = false;
+    std::jthread running([&] {
+        try {
+            GitCommand::run(ProcessRunner(), repository, {"wait"}, other.get_token(), 120,
+                            [&](std::string_view) { otherReady = true; });
+        } catch (const CancellationError&) {
+        }
+    });
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!otherReady && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    runAndCancel("lock");
+    EXPECT_TRUE(fs::exists(lock));
+    other.request_stop();
+}
+
+} // namespace
+} // namespace veltra
