@@ -1,6 +1,7 @@
 #include "ProfileFieldEditor.h"
 
 #include "core/support/GitRefName.h"
+#include "core/support/HttpClient.h"
 #include "core/support/VeltraError.h"
 
 #include <algorithm>
@@ -178,6 +179,12 @@ void ProfileFieldEditor::set(ProjectProfile& profile, std::string_view path,
                              std::string_view text) {
     const Field& field = fieldFor(path);
     const Json value = valueFor(field, text);
+    if (field.path == "webDeploy.deployHookURL" && !text.empty() &&
+        !HttpClient::isSecureOrLocalAddress(std::string(text))) {
+        throw invalid("Invalid value '" + std::string(text) +
+                      "' for webDeploy.deployHookURL. The deploy hook must be an https:// "
+                      "address (http:// only for this machine).");
+    }
     // Empty means the default branch; anything else reaches git, so it must be a branch name.
     if (field.path == "webDeploy.gitBranch" && !text.empty()) {
         if (const auto problem = gitBranchNameError(text)) {

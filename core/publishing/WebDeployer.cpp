@@ -217,7 +217,11 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
 
         // 5. The hosting service's deploy hook, when one is set.
         const auto hook = std::string(trimWhitespace(config.deployHookURL.value_or("")));
-        if (!hook.empty() && HttpClient::isWebAddress(hook)) {
+        if (!hook.empty() && !HttpClient::isSecureOrLocalAddress(hook)) {
+            // The address itself is a secret: anyone who has it can rebuild the site.
+            say("Warning: Deploy webhook not called: its address must start with https:// "
+                "(http:// only for this machine).");
+        } else if (!hook.empty()) {
             say("Triggering deploy webhook...");
             try {
                 HttpRequest request;

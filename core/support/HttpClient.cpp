@@ -145,6 +145,33 @@ bool HttpClient::isWebAddress(const std::string& url) {
     return web;
 }
 
+bool HttpClient::isSecureOrLocalAddress(const std::string& url) {
+    if (!isWebAddress(url)) {
+        return false;
+    }
+    std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> parsed(curl_url(), curl_url_cleanup);
+    char* scheme = nullptr;
+    char* host = nullptr;
+    if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK ||
+        curl_url_get(parsed.get(), CURLUPART_SCHEME, &scheme, 0) != CURLUE_OK ||
+        curl_url_get(parsed.get(), CURLUPART_HOST, &host, 0) != CURLUE_OK) {
+        curl_free(scheme);
+        return false;
+    }
+    const std::string_view hostName(host);
+    const bool secure = std::string_view(scheme) == "https";
+    const bool local = hostName == "localhost" || hostName == "[::1]" ||
+                       (hostName.starts_with("127.") &&
+                        hostName.find_first_not_of("0123456789.") == std::string_view::npos);
+    curl_free(scheme);
+    curl_free(host);
+    return secure || local;
+}
+
+const char* HttpClient::redirectProtocols(const std::string& url) {
+    return asciiLowercase(url).starts_with("https:") ? "https" : "http,https";
+}
+
 HttpResponse HttpClient::send(const HttpRequest& request, std::stop_token stop) const {
     if (stop.stop_requested()) {
         throw CancellationError();
@@ -160,7 +187,7 @@ HttpResponse HttpClient::send(const HttpRequest& request, std::stop_token stop) 
     CURL* handle = easy.get();
     curl_easy_setopt(handle, CURLOPT_URL, request.url.c_str());
     curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR, redirectProtocols(request.url));
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, request.followRedirects ? 1L : 0L);
     curl_easy_setopt(handle, CURLOPT_MAXREDIRS, 10L);

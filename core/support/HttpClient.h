@@ -76,6 +76,12 @@ public:
 
     // True for an http or https address with a host.
     static bool isWebAddress(const std::string& url);
+    // True for an https address, or an http one on this machine (localhost, 127.0.0.0/8, ::1):
+    // where something secret may be sent.
+    static bool isSecureOrLocalAddress(const std::string& url);
+    // The schemes a redirect from `url` may go to: an https address never continues over
+    // plain http, where what it sends and receives could be read and changed.
+    static const char* redirectProtocols(const std::string& url);
 };
 
 } // namespace veltra

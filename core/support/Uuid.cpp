@@ -1,17 +1,19 @@
 #include "Uuid.h"
 
-#include <random>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+#include <sys/random.h>
+#include <unistd.h>
 
 namespace veltra {
 
 Uuid Uuid::random() {
-    thread_local std::mt19937_64 generator{std::random_device{}()};
+    // The system's random source, every call: names made from these must not be guessable.
     Uuid uuid;
-    for (std::size_t i = 0; i < 16; i += 8) {
-        const auto value = generator();
-        for (std::size_t k = 0; k < 8; ++k) {
-            uuid.bytes_[i + k] = static_cast<std::uint8_t>(value >> (8 * k));
-        }
+    if (::getentropy(uuid.bytes_.data(), uuid.bytes_.size()) != 0) {
+        throw std::runtime_error(std::string("The system's random source failed: ") +
+                                 std::strerror(errno));
     }
     uuid.bytes_[6] = static_cast<std::uint8_t>((uuid.bytes_[6] & 0x0F) | 0x40);
     uuid.bytes_[8] = static_cast<std::uint8_t>((uuid.bytes_[8] & 0x3F) | 0x80);

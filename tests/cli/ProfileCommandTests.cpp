@@ -53,6 +53,12 @@ TEST_F(ProfileCommandTest, CreateListShowSetDelete) {
               "Error: Invalid value 'heroku' for webDeploy.provider. Valid values: cloudflare, "
               "vercel, netlify, github_pages, custom.\n");
     EXPECT_EQ(readFile(file), dumpJson(Json::array({stored}))) << "a refused set changes nothing";
+    const auto plainHook =
+        veltra({"profile", "set", "Foo", "webDeploy.deployHookURL=http://example.com/hook"});
+    EXPECT_EQ(plainHook.exitCode, 1);
+    EXPECT_EQ(plainHook.errorOutput,
+              "Error: Invalid value 'http://example.com/hook' for webDeploy.deployHookURL. The "
+              "deploy hook must be an https:// address (http:// only for this machine).\n");
     const auto badBranch = veltra({"profile", "set", "Foo", "webDeploy.gitBranch=a b..c"});
     EXPECT_EQ(badBranch.exitCode, 1);
     EXPECT_EQ(badBranch.errorOutput,

@@ -400,6 +400,13 @@ TEST_F(Website, WebhookNeverFailsTheDeploy) {
     config.deployHookURL = "";
     deploy();
     EXPECT_EQ(std::count(log.begin(), log.end(), "Triggering deploy webhook..."), 0);
+
+    // A plain http hook elsewhere would hand its address to anyone on the way: not called.
+    config.deployHookURL = "http://hooks.example.invalid/build";
+    deploy();
+    EXPECT_EQ(std::count(log.begin(), log.end(), "Triggering deploy webhook..."), 0);
+    EXPECT_EQ(log[log.size() - 2], "Warning: Deploy webhook not called: its address must start "
+                                   "with https:// (http:// only for this machine).");
 }
 
 TEST_F(Website, LiveCheckWantsTheWholeReleaseOnTheSite) {

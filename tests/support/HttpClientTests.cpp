@@ -1,7 +1,9 @@
 #include "TestHttpServer.h"
 #include "core/support/HttpClient.h"
+#include "core/support/Uuid.h"
 
 #include <chrono>
+#include <set>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -185,6 +187,32 @@ TEST(HttpClient, WebAddresses) {
     EXPECT_FALSE(HttpClient::isWebAddress("https:///appcast.xml"));
     EXPECT_FALSE(HttpClient::isWebAddress("example.com/appcast.xml"));
     EXPECT_FALSE(HttpClient::isWebAddress(""));
+}
+
+// Where a secret may go (a deploy hook's address is one), and where a redirect may lead.
+TEST(HttpClient, SecureAddressesAndRedirects) {
+    for (const auto* url : {"https://api.example.com/hook", "http://127.0.0.1:8080/hook",
+                            "http://localhost/hook", "http://[::1]:9/hook", "http://127.9.9.9/"}) {
+        EXPECT_TRUE(HttpClient::isSecureOrLocalAddress(url)) << url;
+    }
+    for (const auto* url : {"http://api.example.com/hook", "http://127.0.0.1.example.com/",
+                            "http://10.0.0.1/hook", "ftp://example.com/", "not a url", ""}) {
+        EXPECT_FALSE(HttpClient::isSecureOrLocalAddress(url)) << url;
+    }
+    EXPECT_STREQ(HttpClient::redirectProtocols("https://example.com/appcast.xml"), "https");
+    EXPECT_STREQ(HttpClient::redirectProtocols("HTTPS://example.com/"), "https");
+    EXPECT_STREQ(HttpClient::redirectProtocols("http://example.com/"), "http,https");
+}
+
+TEST(Uuid, ComeFromTheSystemsRandomSource) {
+    std::set<std::string> seen;
+    for (int i = 0; i < 10000; ++i) {
+        const auto text = Uuid::random().string();
+        EXPECT_EQ(text[14], '4');
+        EXPECT_NE(std::string_view("89abAB").find(text[19]), std::string_view::npos);
+        seen.insert(text);
+    }
+    EXPECT_EQ(seen.size(), 10000U);
 }
 
 } // namespace
