@@ -7,10 +7,16 @@
 
 #include <algorithm>
 #include <bit>
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <fstream>
 #include <numeric>
+#include <span>
+#include <sys/stat.h>
 #include <system_error>
+#include <unistd.h>
 
 #include <fmt/format.h>
 
@@ -586,22 +592,39 @@ std::vector<std::uint8_t> DSStore::serialize() const {
 
 void DSStore::writeFile(const std::filesystem::path& path) const {
     const auto bytes = serialize();
-    auto temporary = path;
-    temporary += ".veltra-tmp";
-    std::error_code error;
-    {
-        std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-        out.write(reinterpret_cast<const char*>(bytes.data()),
-                  static_cast<std::streamsize>(bytes.size()));
-        out.close();
-        if (!out) {
-            std::filesystem::remove(temporary, error);
-            throw DSStoreError(fmt::format("Cannot write {}", path.string()));
-        }
+    // A fresh name made with O_EXCL: nothing planted in the folder (a link, a file of a fixed
+    // name) is ever written through. Flushed before the rename, so a crash leaves the old file
+    // or the new one.
+    auto name = path.string() + ".tmp-XXXXXX";
+    const int fd = ::mkstemp(name.data());
+    if (fd < 0) {
+        throw DSStoreError(fmt::format("Cannot write {}", path.string()));
     }
-    std::filesystem::rename(temporary, path, error);
-    if (error) {
-        std::filesystem::remove(temporary, error);
+    const std::filesystem::path temporary(name);
+    const auto fail = [&] {
+        ::close(fd);
+        std::error_code ignored;
+        std::filesystem::remove(temporary, ignored);
+        return DSStoreError(fmt::format("Cannot write {}", path.string()));
+    };
+    ::fchmod(fd, 0644); // as Finder leaves it; mkstemp makes 0600
+    std::span<const std::uint8_t> rest(bytes);
+    while (!rest.empty()) {
+        const ssize_t written = ::write(fd, rest.data(), rest.size());
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            throw fail();
+        }
+        rest = rest.subspan(static_cast<std::size_t>(written));
+    }
+    if (::fsync(fd) != 0) {
+        throw fail();
+    }
+    if (::close(fd) != 0 || ::rename(name.c_str(), path.c_str()) != 0) {
+        std::error_code ignored;
+        std::filesystem::remove(temporary, ignored);
         throw DSStoreError(fmt::format("Cannot write {}", path.string()));
     }
 }

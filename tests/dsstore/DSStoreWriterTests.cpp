@@ -7,7 +7,10 @@
 #include "dsstore/IconPlacement.h"
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
 #include <thread>
+#include <unistd.h>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -280,3 +283,42 @@ TEST(DSStoreDiagnostics, ThreadOverrideComesBeforeTheProcessWideHandler) {
 }
 
 } // namespace
+
+namespace dsstore {
+namespace {
+
+// Writing goes through a fresh file of its own: links planted in the folder, under the old
+// fixed temporary name or as the file itself, are replaced, never written through.
+TEST(DSStoreWriteFile, NeverWritesThroughALinkAndLeavesNoTemporaryFile) {
+    namespace fs = std::filesystem;
+    const auto dir =
+        fs::temp_directory_path() / ("veltra-dsstore-write-" + std::to_string(::getpid()));
+    fs::remove_all(dir);
+    fs::create_directories(dir / "volume");
+    { std::ofstream(dir / "outside") << "keep"; }
+    fs::create_symlink(dir / "outside", dir / "volume" / ".DS_Store.veltra-tmp");
+    fs::create_symlink(dir / "outside", dir / "volume" / ".DS_Store");
+
+    DSStore store;
+    store.records.push_back(
+        {"Applications", RecordType::fromCode(FourCC("dscl")), Value::boolean(true)});
+    store.writeFile(dir / "volume" / ".DS_Store");
+
+    std::ifstream outside(dir / "outside");
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(outside), {}), "keep");
+    EXPECT_FALSE(fs::is_symlink(dir / "volume" / ".DS_Store"));
+    EXPECT_EQ(DSStore::readFile(dir / "volume" / ".DS_Store").records, store.records);
+    EXPECT_EQ(fs::status(dir / "volume" / ".DS_Store").permissions(),
+              fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read |
+                  fs::perms::others_read);
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(dir / "volume")) {
+        names.push_back(entry.path().filename().string());
+    }
+    std::ranges::sort(names);
+    EXPECT_EQ(names, (std::vector<std::string>{".DS_Store", ".DS_Store.veltra-tmp"}));
+    fs::remove_all(dir);
+}
+
+} // namespace
+} // namespace dsstore
