@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QCoreApplication>
 #include <QObject>
 #include <QPointer>
 #include <QString>
@@ -23,7 +24,8 @@ inline std::string str(const QString& text) {
 }
 
 // Slow work (tools, files, the network) off the GUI thread. Each job runs on its own thread and
-// hands its result to `done` on the GUI thread, unless `context` is gone by then. Jobs are
+// hands its result to `done` on the GUI thread, unless `context` is gone by then (checked there,
+// never from the job's thread). Jobs are
 // asked to stop and joined when this goes away.
 class Background {
 public:
@@ -38,15 +40,23 @@ public:
     template <typename Result>
     void run(QObject* context, std::function<Result(std::stop_token)> work,
              std::function<void(Result)> done) {
+        // The guard is made here, on the GUI thread, and read only there: the job thread just
+        // moves it into the event that carries the result to the application object, which
+        // outlives every job (they are joined when this goes).
         start([context = QPointer<QObject>(context), work = std::move(work),
-               done = std::move(done)](std::stop_token stop) {
+               done = std::move(done)](std::stop_token stop) mutable {
             auto result = work(stop);
-            if (stop.stop_requested() || context.isNull()) {
+            if (stop.stop_requested()) {
                 return;
             }
             QMetaObject::invokeMethod(
-                context.data(),
-                [done, result = std::move(result)]() mutable { done(std::move(result)); },
+                QCoreApplication::instance(),
+                [context = std::move(context), done = std::move(done),
+                 result = std::move(result)]() mutable {
+                    if (!context.isNull()) {
+                        done(std::move(result));
+                    }
+                },
                 Qt::QueuedConnection);
         });
     }

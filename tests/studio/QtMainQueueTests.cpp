@@ -1,9 +1,13 @@
 // The Qt main queue keeps the core's promises: tasks from any thread run on the GUI thread, in
 // the order posted, and delayed ones in the order they become due.
 
+#include "Background.h"
 #include "QtMainQueue.h"
 #include "StudioTestSupport.h"
 
+#include <QThread>
+#include <atomic>
+#include <optional>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -48,6 +52,47 @@ TEST(QtMainQueue, DelayedTasksRunInTheOrderTheyBecomeDueAndNotBefore) {
     ASSERT_TRUE(waitFor([&] { return order.size() == 3; }));
     EXPECT_EQ(order, (std::vector<std::string>{"soon", "now", "late"}));
     EXPECT_GE(*lateRanAfter, 60ms);
+}
+
+} // namespace
+} // namespace veltra::studio
+
+namespace veltra::studio {
+namespace {
+
+// A job's result reaches its page on the GUI thread only while the page lives; a page closed
+// while the job runs is never touched.
+TEST(Background, ResultsReachOnlyPagesThatStillExist) {
+    Background background;
+    std::atomic<bool> finish = false;
+    bool delivered = false;
+    auto* closed = new QObject;
+    background.run<int>(
+        closed,
+        [&](std::stop_token) {
+            while (!finish) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+            return 1;
+        },
+        [&](int) { delivered = true; });
+    delete closed;
+    finish = true;
+
+    QObject open;
+    std::optional<int> received;
+    bool onGuiThread = false;
+    background.run<int>(
+        &open, [](std::stop_token) { return 7; },
+        [&](int value) {
+            onGuiThread = QThread::currentThread() == open.thread();
+            received = value;
+        });
+    ASSERT_TRUE(testing::waitFor([&] { return received.has_value() && background.idle(); }));
+    QCoreApplication::processEvents();
+    EXPECT_EQ(received, 7);
+    EXPECT_TRUE(onGuiThread);
+    EXPECT_FALSE(delivered);
 }
 
 } // namespace
