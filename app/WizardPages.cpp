@@ -364,26 +364,58 @@ public:
     StoreCredentialsDialog(QWidget* parent, const QString& profileName, const QString& team)
         : QDialog(parent) {
         setWindowTitle(QStringLiteral("Store Notarization Credentials"));
+        setObjectName(QStringLiteral("storeCredentialsDialog"));
         auto* form = new QFormLayout(this);
-        profile_ = new QLineEdit(profileName);
-        appleID_ = new QLineEdit;
-        team_ = new QLineEdit(team);
-        password_ = new QLineEdit;
+        const auto named = [](QLineEdit* edit, const char* name) {
+            edit->setObjectName(QString::fromLatin1(name));
+            return edit;
+        };
+        profile_ = named(new QLineEdit(profileName), "credentialsProfile");
+        method_ = new QComboBox;
+        method_->setObjectName(QStringLiteral("credentialsMethod"));
+        method_->addItems({QStringLiteral("Apple ID and app-specific password"),
+                           QStringLiteral("App Store Connect API key")});
+        appleID_ = named(new QLineEdit, "appleID");
+        team_ = named(new QLineEdit(team), "credentialsTeam");
+        password_ = named(new QLineEdit, "appPassword");
         password_->setEchoMode(QLineEdit::Password);
-        password_->setObjectName(QStringLiteral("appPassword"));
+        keyFile_ = named(new QLineEdit, "apiKeyFile");
+        keyFile_->setPlaceholderText(QStringLiteral("AuthKey_XXXXXXXXXX.p8"));
+        keyID_ = named(new QLineEdit, "apiKeyID");
+        issuer_ = named(new QLineEdit, "apiIssuer");
         form->addRow(QStringLiteral("Keychain profile:"), profile_);
+        form->addRow(QStringLiteral("Sign in with:"), method_);
         form->addRow(QStringLiteral("Apple ID:"), appleID_);
         form->addRow(QStringLiteral("Team ID:"), team_);
         form->addRow(QStringLiteral("App-specific password:"), password_);
+        form->addRow(QStringLiteral("API key file:"), keyFile_);
+        form->addRow(QStringLiteral("Key ID:"), keyID_);
+        form->addRow(QStringLiteral("Issuer ID:"), issuer_);
+        const auto showMethod = [this, form](int index) {
+            for (auto* edit : {appleID_, team_, password_}) {
+                form->setRowVisible(edit, index == 0);
+            }
+            for (auto* edit : {keyFile_, keyID_, issuer_}) {
+                form->setRowVisible(edit, index == 1);
+            }
+        };
+        connect(method_, &QComboBox::currentIndexChanged, this, showMethod);
+        showMethod(0);
         auto* buttons = new QDialogButtonBox(QDialogButtonBox::Ok | QDialogButtonBox::Cancel);
         connect(buttons, &QDialogButtonBox::accepted, this, &QDialog::accept);
         connect(buttons, &QDialogButtonBox::rejected, this, &QDialog::reject);
         form->addRow(buttons);
     }
+    bool usesAPIKey() const { return method_->currentIndex() == 1; }
+
     QLineEdit* profile_;
+    QComboBox* method_;
     QLineEdit* appleID_;
     QLineEdit* team_;
     QLineEdit* password_;
+    QLineEdit* keyFile_;
+    QLineEdit* keyID_;
+    QLineEdit* issuer_;
 };
 
 class CodeSigningPage final : public WizardPage {
@@ -421,6 +453,7 @@ public:
         connect(check, &QPushButton::clicked, this, [this] { checkProfile(); });
         rowLayout->addWidget(check);
         auto* store = new QPushButton(QStringLiteral("Store Credentials…"));
+        store->setObjectName(QStringLiteral("storeCredentials"));
         connect(store, &QPushButton::clicked, this, [this] { storeCredentials(); });
         rowLayout->addWidget(store);
         binder_->addRow(notary, QStringLiteral("Keychain profile:"), row,
@@ -493,16 +526,27 @@ private:
             return;
         }
         const auto name = str(dialog.profile_->text().trimmed());
+        const bool apiKey = dialog.usesAPIKey();
         const auto appleID = str(dialog.appleID_->text().trimmed());
         const auto team = str(dialog.team_->text().trimmed());
+        // Typed at notarytool's own prompt by the engine, never an argument.
         const auto password = str(dialog.password_->text());
+        const auto keyFile = str(dialog.keyFile_->text().trimmed());
+        const auto keyID = str(dialog.keyID_->text().trimmed());
+        const auto issuer = str(dialog.issuer_->text().trimmed());
         binder_->set("notarization.keychainProfileName", qs(name));
         setStatus(notaryStatus_, QStringLiteral("Storing credentials…"), false);
         model_.background().run<std::optional<std::string>>(
             this,
             [=](std::stop_token stop) -> std::optional<std::string> {
                 try {
-                    NotarizationEngine().storeCredentials(name, appleID, password, team, {}, stop);
+                    if (apiKey) {
+                        NotarizationEngine().storeAPIKeyCredentials(name, expandTilde(keyFile),
+                                                                    keyID, issuer, {}, stop);
+                    } else {
+                        NotarizationEngine().storeCredentials(name, appleID, password, team, {},
+                                                              stop);
+                    }
                     return std::nullopt;
                 } catch (const std::exception& error) {
                     return error.what();

@@ -11,8 +11,11 @@
 #include "core/dmg/DMGInstallerLayout.h"
 #include "core/pipeline/DemoSandbox.h"
 #include "core/publishing/WebsitePublication.h"
+#include "core/support/FileUtilities.h"
 
+#include <QApplication>
 #include <QComboBox>
+#include <QDialog>
 #include <QDir>
 #include <QGroupBox>
 #include <QLabel>
@@ -22,6 +25,7 @@
 #include <QPushButton>
 #include <QScrollBar>
 #include <QTextBlock>
+#include <QTimer>
 #include <QTreeWidget>
 #include <fstream>
 #include <set>
@@ -328,6 +332,58 @@ TEST_F(StudioWindow, PresetsSetTheWholeLayoutAndThePreviewDrawsTheIconsWhereFind
     // window no longer matches a preset.
     type(find<QLineEdit>("dmgDesign.volumeName"), QStringLiteral("Sample Installer"));
     EXPECT_EQ(selected().dmgDesign.volumeName, "Sample Installer");
+}
+
+// Store Credentials in both forms: the password reaches notarytool's own prompt and appears in
+// no tool's arguments or environment, as the stand-ins saw them from /proc while running.
+TEST_F(StudioWindow, StoreCredentialsKeepsThePasswordOffEveryCommandLine) {
+    const std::string marker = "MARKER-studio-s3cr3t";
+    const testing::ScopedEnvironment keychain("VELTRA_FAKE_KEYCHAIN", (dir / "keychain").string());
+    const testing::ScopedEnvironment proc("VELTRA_TOOL_PROC_LOG", (dir / "proc.log").string());
+    testing::writeFile(dir / "AuthKey_ABC.p8", "key");
+    auto* status = find<QLabel>("notaryStatus");
+    const auto store = [&](const std::function<void(QDialog*)>& fill) {
+        status->clear();
+        QTimer::singleShot(0, [&] {
+            auto* dialog = qobject_cast<QDialog*>(QApplication::activeModalWidget());
+            ASSERT_NE(dialog, nullptr);
+            fill(dialog);
+            dialog->accept();
+        });
+        find<QPushButton>("storeCredentials")->click();
+        EXPECT_TRUE(testing::waitFor([&] {
+            return status->text().startsWith(QStringLiteral("Stored as")) ||
+                   status->text().contains(QStringLiteral("Error"));
+        })) << status->text().toStdString();
+    };
+    const auto set = [](QDialog* dialog, const char* name, const std::string& text) {
+        dialog->findChild<QLineEdit*>(QString::fromLatin1(name))
+            ->setText(QString::fromStdString(text));
+    };
+    store([&](QDialog* dialog) {
+        set(dialog, "credentialsProfile", "studio-password");
+        set(dialog, "appleID", "jane@example.com");
+        set(dialog, "credentialsTeam", "AB12CD34EF");
+        set(dialog, "appPassword", marker);
+    });
+    EXPECT_EQ(status->text(), QStringLiteral("Stored as studio-password."));
+    EXPECT_EQ(readFile(dir / "keychain" / "studio-password.secret"), marker + "\n");
+
+    store([&](QDialog* dialog) {
+        set(dialog, "credentialsProfile", "studio-key");
+        dialog->findChild<QComboBox*>(QStringLiteral("credentialsMethod"))->setCurrentIndex(1);
+        set(dialog, "apiKeyFile", (dir / "AuthKey_ABC.p8").string());
+        set(dialog, "apiKeyID", "ABC");
+        set(dialog, "apiIssuer", "issuer-uuid");
+    });
+    EXPECT_EQ(status->text(), QStringLiteral("Stored as studio-key."));
+    EXPECT_EQ(readFile(dir / "keychain" / "studio-key.secret"), "key ABC\n");
+    EXPECT_EQ(selected().notarization.keychainProfileName, "studio-key");
+
+    const auto seen = readFile(dir / "proc.log");
+    EXPECT_NE(seen.find("store-credentials"), std::string::npos);
+    EXPECT_EQ(seen.find(marker), std::string::npos);
+    EXPECT_EQ(readFile(dir / "tools.log").find(marker), std::string::npos);
 }
 
 TEST_F(StudioWindow, ProfilesAreCreatedFromAProjectDuplicatedRenamedAndDeleted) {
