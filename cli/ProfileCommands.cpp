@@ -6,6 +6,7 @@
 #include "core/support/EventLoop.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/NotificationCenter.h"
+#include "core/support/Secrets.h"
 #include "core/support/VeltraError.h"
 
 #include <memory>
@@ -81,14 +82,16 @@ void addShow(CLI::App& profile, CliContext& context) {
     command->callback([&context, which, json] {
         OpenStore open(context);
         const auto& p = open.find(*which);
+        // A remote address may carry a token; what is printed may end up in a CI log.
         if (*json) {
-            context.out << dumpJson(p.toJson()) << '\n';
+            context.out << redactURLCredentials(dumpJson(p.toJson())) << '\n';
             return;
         }
         context.out << fmt::format("id = {}\n", p.id.string());
         for (const auto& field : ProfileFieldEditor::fields()) {
-            context.out << fmt::format("{} = {}\n", field.path,
-                                       ProfileFieldEditor::get(p, field.path));
+            context.out << fmt::format(
+                "{} = {}\n", field.path,
+                redactURLCredentials(ProfileFieldEditor::get(p, field.path)));
         }
         context.out << fmt::format("recentReleases = {}\n",
                                    p.recentReleases ? p.recentReleases->size() : 0);
