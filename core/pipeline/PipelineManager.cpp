@@ -434,6 +434,17 @@ void PipelineManager::preflight(RunState& run) {
         if (status.blocker) {
             throw VeltraError("Veltra", 409, *status.blocker);
         }
+        // Before anything is built: the release must not carry private commits or edits. A
+        // resumed run's files at the release's paths are its own, from the attempt that stopped.
+        if (const auto blocker = webDeployer.repositoryInspector.releaseBlocker(
+                *repository, branch,
+                run.resumed ? std::vector<std::string>()
+                            : WebDeployer::releasePaths(profile.webDeploy, run.appName, true),
+                WebDeployer::commitSubject(run.appName, run.version,
+                                           std::to_string(run.build.value_or(0))),
+                run.stop)) {
+            throw VeltraError("Veltra", 409, *blocker);
+        }
         const auto addresses = ReleasePublishingPlan::publicAddresses(profile);
         const auto feed = feedReader.committedFeedCheckedAgainstLive(
             *repository, branch, ReleasePublishingPlan::downloadsFolder(profile.webDeploy),
@@ -777,6 +788,9 @@ void PipelineManager::deployStage(RunState& run) {
     release.size = run.artifacts.dmgSize;
     auto deployer = webDeployer;
     auto config = profile.webDeploy;
+    // The preflight checked, before building, that the commit carries only this release; the
+    // feed and files this run wrote since are its own.
+    deployer.checkRepositoryFirst = false;
     if (run.websiteClone) {
         deployer.commitOnly = true;
         config.websiteRepoPath = run.websiteClone->string();

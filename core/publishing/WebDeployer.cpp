@@ -29,6 +29,25 @@ std::string WebDeployer::branch(const WebDeployConfig& config) {
     return name.empty() ? "main" : name;
 }
 
+std::vector<std::string> WebDeployer::releasePaths(const WebDeployConfig& config,
+                                                   const std::string& appName, bool withFeed) {
+    const auto downloads = ReleasePublishingPlan::downloadsFolder(config);
+    std::vector<std::string> paths{downloads + "/" + appName + ".dmg",
+                                   downloads + "/" + appName + ".md", downloads + "/icon.png"};
+    if (!config.indexHtmlRelativePath.empty()) {
+        paths.push_back(config.indexHtmlRelativePath);
+    }
+    if (withFeed) {
+        paths.push_back(downloads + "/appcast.xml");
+    }
+    return paths;
+}
+
+std::string WebDeployer::commitSubject(const std::string& appName, const std::string& version,
+                                       const std::string& build) {
+    return "Release " + appName + " v" + version + " (build " + build + ") DMG & update feed";
+}
+
 void WebDeployer::checkFileName(const std::string& appName) {
     if (appName.empty() || appName.find('/') != std::string::npos ||
         appName.find('\0') != std::string::npos || appName.starts_with('.') ||
@@ -86,6 +105,21 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
                                   " and cloning failed.");
         }
         say("Success: Cloned website repo successfully.");
+    }
+
+    // Before any file is written: what the commit and push would carry besides the release.
+    // The feed is this release's own (the Sparkle step or 'appcast add' wrote it).
+    if (config.gitCommitAndPush && checkRepositoryFirst) {
+        const auto status = repositoryInspector.inspect(repository, publishingBranch, stop);
+        const auto blocker =
+            status.blocker
+                ? status.blocker
+                : repositoryInspector.releaseBlocker(
+                      repository, publishingBranch, releasePaths(config, release.appName, false),
+                      commitSubject(release.appName, release.version, release.build), stop);
+        if (blocker) {
+            throw VeltraError("Veltra", 409, *blocker);
+        }
     }
 
     // 2. The release files.
@@ -156,10 +190,9 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
         if (const auto added = git(add); added.exitCode != 0) {
             throw GitCommand::failure("Could not stage release files", added);
         }
-        std::vector<std::string> commit{"commit", "--only", "-m",
-                                        "Release " + release.appName + " v" + release.version +
-                                            " (build " + release.build + ") DMG & update feed",
-                                        "--"};
+        std::vector<std::string> commit{
+            "commit", "--only", "-m",
+            commitSubject(release.appName, release.version, release.build), "--"};
         commit.insert(commit.end(), paths.begin(), paths.end());
         const auto identity = GitCommand::identityFallback(runner, repository, stop);
         commit.insert(commit.begin(), identity.begin(), identity.end());

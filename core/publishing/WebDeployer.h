@@ -58,6 +58,16 @@ public:
     static void checkFileName(const std::string& appName);
     // The publishing branch: the configured one, or "main".
     static std::string branch(const WebDeployConfig& config);
+    // Whether deploy() checks, before writing anything, that the commit would carry only the
+    // release (a release run checks that in its preflight, before building).
+    bool checkRepositoryFirst = true;
+    // The files a release of `appName` commits, relative to the website repository: the image,
+    // the notes, the icon, the download page when one is set, and with `withFeed` the feed.
+    static std::vector<std::string> releasePaths(const WebDeployConfig& config,
+                                                 const std::string& appName, bool withFeed);
+    // The subject of a release's commit in the website repository.
+    static std::string commitSubject(const std::string& appName, const std::string& version,
+                                     const std::string& build);
 };
 
 } // namespace veltra

@@ -6,6 +6,7 @@
 #include <optional>
 #include <stop_token>
 #include <string>
+#include <vector>
 
 namespace veltra {
 
@@ -30,6 +31,17 @@ public:
     WebsiteRepositoryStatus inspect(const std::filesystem::path& repository,
                                     const std::string& publishingBranch,
                                     std::stop_token stop = {}) const;
+
+    // Why a release commit and push from here would publish more than the release: commits on
+    // the branch that origin does not have (up to five named), or changes (staged, unstaged or
+    // untracked) at `releasePaths` (relative to the repository). Commits whose subject is
+    // `ownCommitSubject` are the release's own (left by a push that failed) and go out with it.
+    // Nothing when only the release's files would go out. Assumes inspect() found no blocker.
+    std::optional<std::string> releaseBlocker(const std::filesystem::path& repository,
+                                              const std::string& publishingBranch,
+                                              const std::vector<std::string>& releasePaths,
+                                              const std::string& ownCommitSubject,
+                                              std::stop_token stop = {}) const;
 };
 
 } // namespace veltra

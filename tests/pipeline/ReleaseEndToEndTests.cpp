@@ -360,6 +360,37 @@ TEST_F(ReleaseRun, PreflightRefusalsNameWhatToChange) {
     EXPECT_TRUE(runsOf("xcodebuild").empty());
 }
 
+// A website repository holding the developer's own unpublished work stops the release before
+// anything is built, and nothing of it leaves the machine.
+TEST_F(ReleaseRun, PrivateWorkInTheWebsiteRepositoryStopsTheReleaseBeforeBuilding) {
+    const auto website = sandbox.website();
+    const auto originBefore = testing::git(sandbox.origin(), {"rev-parse", "main"});
+    testing::writeFile(website / "draft.html", "secret plans");
+    testing::git(website, {"add", "draft.html"});
+    testing::git(website, {"commit", "--quiet", "-m", "WIP private draft"});
+    const auto draft = testing::git(website, {"log", "-1", "--format=%h"});
+    release(9);
+    EXPECT_EQ(failure(),
+              "The website repository at " + website.string() +
+                  " has commits that origin/main does not: " + draft.substr(0, draft.size() - 1) +
+                  " WIP private draft. A release publishes only its own files: push "
+                  "these commits first, or move them off 'main' (for example 'git "
+                  "branch drafts && git reset --keep origin/main'), then release again.");
+    EXPECT_EQ(pipeline.failedStepID(), "preflight");
+    testing::git(website, {"reset", "--quiet", "--keep", "HEAD~1"});
+
+    // An edit to the download page the release would commit.
+    testing::writeFile(website / "index.html", readFile(website / "index.html") + "<!-- mine -->");
+    release(9);
+    EXPECT_EQ(failure(), "The website repository at " + website.string() +
+                             " has uncommitted changes to files the release commits: index.html. "
+                             "Commit and push them, or undo them (git restore --staged "
+                             "--worktree -- index.html), then release again.");
+    EXPECT_TRUE(runsOf("xcodebuild").empty());
+    EXPECT_EQ(testing::git(sandbox.origin(), {"rev-parse", "main"}), originBefore);
+    EXPECT_FALSE(fs::exists(sandbox.releases() / "Sample-1.0.dmg"));
+}
+
 TEST_F(ReleaseRun, SigningIdentitiesDecideNotarization) {
     fake("VELTRA_FAKE_KEYCHAIN", (dir / "keychain").string());
     fs::create_directories(dir / "keychain");

@@ -192,6 +192,7 @@ TEST_F(Website, DeployCommitsExactlyTheReleaseFilesPushesAndGoesLive) {
                        DownloadPageTemplate::render("Acme", "downloads", "41"));
     git(repo.site, {"add", "index.html"});
     git(repo.site, {"commit", "--quiet", "-m", "Page"});
+    git(repo.site, {"push", "--quiet", "origin", "main"});
     // Something of the developer's own, staged but not part of the release.
     testing::writeFile(repo.site / "draft.html", "draft");
     git(repo.site, {"add", "draft.html"});
@@ -241,6 +242,67 @@ TEST_F(Website, DeployCommitsExactlyTheReleaseFilesPushesAndGoesLive) {
     EXPECT_NE(std::find(log.begin(), log.end(),
                         "Success: Release pushed to origin/main; waiting for the live appcast..."),
               log.end());
+}
+
+// website deploy refuses, before writing anything, whatever would make its commit and push carry
+// more than the release.
+TEST_F(Website, DeployRefusesToPublishAnythingButTheRelease) {
+    writeFeed("SIG==");
+    git(repo.site, {"add", "downloads/appcast.xml"});
+    git(repo.site, {"commit", "--quiet", "-m", "Feed"});
+    git(repo.site, {"push", "--quiet", "origin", "main"});
+    const auto originBefore = originLog();
+    const auto where = repo.site.string();
+    const auto refused = [&] {
+        const auto error = deployFailure();
+        EXPECT_EQ(error.code(), 409);
+        EXPECT_FALSE(fs::exists(repo.site / "downloads" / "Acme.dmg"));
+        EXPECT_EQ(originLog(), originBefore);
+        return error.message();
+    };
+
+    for (int i = 1; i <= 6; ++i) {
+        testing::writeFile(repo.site / "draft.html", "draft " + std::to_string(i));
+        git(repo.site, {"add", "draft.html"});
+        git(repo.site, {"commit", "--quiet", "-m", "WIP private draft " + std::to_string(i)});
+    }
+    const auto message = refused();
+    EXPECT_TRUE(message.starts_with("The website repository at " + where +
+                                    " has commits that origin/main does not: "))
+        << message;
+    EXPECT_NE(message.find(" WIP private draft 6; "), std::string::npos) << message;
+    EXPECT_EQ(message.find("WIP private draft 1"), std::string::npos) << "five named";
+    EXPECT_NE(message.find("; and more. A release publishes only its own files"),
+              std::string::npos);
+    git(repo.site, {"reset", "--quiet", "--hard", "origin/main"});
+
+    testing::writeFile(repo.site / "index.html", "<html>mine</html>");
+    git(repo.site, {"add", "index.html"});
+    EXPECT_EQ(refused(), "The website repository at " + where +
+                             " has uncommitted changes to files the release commits: index.html. "
+                             "Commit and push them, or undo them (git restore --staged "
+                             "--worktree -- index.html), then release again.");
+    git(repo.site, {"reset", "--quiet", "--hard", "origin/main"});
+
+    testing::writeFile(repo.site / ".git" / "index.lock", "");
+    EXPECT_EQ(refused(), "The website repository at " + where +
+                             " is locked by another git command (.git/index.lock). Wait for it "
+                             "to finish; if none is running, remove .git/index.lock, then release "
+                             "again.");
+    fs::remove(repo.site / ".git" / "index.lock");
+
+    testing::writeFile(repo.site / ".git" / "CHERRY_PICK_HEAD", "0000");
+    EXPECT_EQ(refused(), "The website repository at " + where +
+                             " has a cherry-pick in progress. Finish it with 'git cherry-pick "
+                             "--continue' or undo it with 'git cherry-pick --abort', then "
+                             "release again.");
+    fs::remove(repo.site / ".git" / "CHERRY_PICK_HEAD");
+
+    // Files elsewhere in the repository are the developer's business.
+    testing::writeFile(repo.site / "notes.txt", "todo");
+    deploy();
+    EXPECT_EQ(git(repo.origin, {"show", "--name-only", "--format=", "main"}),
+              "downloads/Acme.dmg\ndownloads/Acme.md\ndownloads/icon.png\n");
 }
 
 TEST_F(Website, PushLandsOnTopOfWorkPushedInBetween) {
