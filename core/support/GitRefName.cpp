@@ -1,5 +1,7 @@
 #include "GitRefName.h"
 
+#include <fmt/format.h>
+
 namespace veltra {
 
 std::optional<std::string> gitBranchNameProblem(std::string_view name) {
@@ -18,7 +20,7 @@ std::optional<std::string> gitBranchNameProblem(std::string_view name) {
             return "it holds a blank or a control character";
         }
         if (std::string_view("~^:?*[\\").find(c) != std::string_view::npos) {
-            return std::string("it holds '") + c + "'";
+            return fmt::format("it holds '{}'", c);
         }
     }
     if (name.find("..") != std::string_view::npos) {
@@ -54,7 +56,7 @@ std::optional<std::string> gitBranchNameProblem(std::string_view name) {
 
 std::optional<std::string> gitBranchNameError(std::string_view name) {
     if (const auto problem = gitBranchNameProblem(name)) {
-        return "'" + std::string(name) + "' is not a valid branch name: " + *problem + ".";
+        return fmt::format("'{}' is not a valid branch name: {}.", name, *problem);
     }
     return std::nullopt;
 }
