@@ -8,6 +8,7 @@
 #include "core/publishing/ReleaseNotificationEvent.h"
 #include "core/publishing/ReleasePublishingPlan.h"
 #include "core/support/FileDigest.h"
+#include "core/support/FileLock.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/PropertyList.h"
 #include "core/support/Text.h"
@@ -16,6 +17,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <ctime>
+#include <unistd.h>
 
 #include <fmt/format.h>
 
@@ -243,7 +246,30 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
     std::optional<BranchWorktree> worktree;
     // Posted only once the worktree and build folder are gone, so a finished run leaves nothing.
     std::function<void()> finish;
+    std::optional<FileLock> releaseLock;
     try {
+        // One release of a profile at a time, in any process: a second would take the same next
+        // build, write the same files and break the first one's resume state.
+        const auto lockPath = (releaseLockFolder.empty() ? homeDirectory() / ".veltra" / "locks"
+                                                         : releaseLockFolder) /
+                              (profile.id.string() + ".lock");
+        releaseLock = FileLock::tryLock(lockPath);
+        if (!releaseLock) {
+            const auto holder = std::string(trimWhitespace(FileLock::holder(lockPath)));
+            throw VeltraError("Veltra", 409,
+                              run.appName + " is already being released (" +
+                                  (holder.empty() ? std::string("by another process") : holder) +
+                                  ").");
+        }
+        {
+            const auto now = std::time(nullptr);
+            std::tm local{};
+            ::localtime_r(&now, &local);
+            char started[16] = {};
+            std::strftime(started, sizeof started, "%H:%M:%S", &local);
+            releaseLock->describeHolder("process " + std::to_string(::getpid()) + ", started " +
+                                        started);
+        }
         run.outputDirectory = expandTilde(standardizePath(profile.outputDirectory));
         if (run.fromProject) {
             run.project = expandTilde(standardizePath(*profile.sourceProjectPath));

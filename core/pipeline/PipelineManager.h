@@ -84,6 +84,8 @@ public:
     PipelineManager(MainQueue& queue, NotificationCenter& notifications,
                     SystemSounds* sounds = nullptr, const std::filesystem::path& logArchive = {});
     PipelineManager(const PipelineManager&) = delete;
+    // Where each profile's release lock lives; ~/.veltra/locks when empty.
+    std::filesystem::path releaseLockFolder{};
     PipelineManager& operator=(const PipelineManager&) = delete;
     // Cancels a run still going and waits for it.
     ~PipelineManager();

@@ -8,7 +8,12 @@
 #include "core/pipeline/ReleaseRunRecord.h"
 #include "core/profile/ProfileStore.h"
 #include "core/support/EventLoop.h"
+#include "core/support/FileLock.h"
 #include "core/support/FileUtilities.h"
+#include "core/support/Uuid.h"
+
+#include <atomic>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -389,6 +394,53 @@ TEST_F(ReleaseRun, PrivateWorkInTheWebsiteRepositoryStopsTheReleaseBeforeBuildin
     EXPECT_TRUE(runsOf("xcodebuild").empty());
     EXPECT_EQ(testing::git(sandbox.origin(), {"rev-parse", "main"}), originBefore);
     EXPECT_FALSE(fs::exists(sandbox.releases() / "Sample-1.0.dmg"));
+}
+
+// One release per profile at a time, whoever runs it: a second one refuses before it reads
+// the next build; a lock whose process is gone is taken over; other profiles release meanwhile.
+TEST_F(ReleaseRun, OneReleaseOfAProfileAtATime) {
+    pipeline.releaseLockFolder = dir / "locks";
+    const auto lockFile = dir / "locks" / (profile.id.string() + ".lock");
+    const auto projectBefore = readFile(sandbox.project() / "project.pbxproj");
+    {
+        auto held = FileLock::tryLock(lockFile);
+        ASSERT_TRUE(held);
+        held->describeHolder("process 4242, started 15:07:12");
+        release(9);
+        EXPECT_EQ(failure(), "Sample is already being released (process 4242, started 15:07:12).");
+        EXPECT_TRUE(runsOf("xcodebuild").empty());
+        EXPECT_EQ(readFile(sandbox.project() / "project.pbxproj"), projectBefore);
+
+        // Another profile is not held up.
+        const auto first = profile;
+        profile.id = Uuid::random();
+        release(9);
+        EXPECT_EQ(failure(), "");
+        profile = first;
+    }
+
+    // Held by another process, which then goes away without a word: the lock is taken over.
+    std::stop_source stop;
+    std::atomic<bool> holding = false;
+    std::jthread other([&] {
+        ProcessRequest request{.command = "flock",
+                               .arguments = {lockFile.string(), "sh", "-c", "echo held; sleep 60"}};
+        request.onOutput = [&](std::string_view) { holding = true; };
+        try {
+            ProcessRunner().run(request, stop.get_token());
+        } catch (const CancellationError&) {
+        }
+    });
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!holding && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    release(10);
+    EXPECT_TRUE(failure().starts_with("Sample is already being released (")) << failure();
+    stop.request_stop();
+    other.join();
+    release(10);
+    EXPECT_EQ(failure(), "");
 }
 
 TEST_F(ReleaseRun, SigningIdentitiesDecideNotarization) {
