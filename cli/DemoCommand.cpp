@@ -102,9 +102,10 @@ void addDemoCommand(CLI::App& app, CliContext& context) {
         store.save();
         say("Profile 'Sample' in " + sandbox.profilesFile().string());
 
-        // Its log stays in the sandbox too.
+        // Its log and its release lock stay in the sandbox too.
         PipelineManager pipeline(store.loop(), store.notifications(), nullptr,
                                  sandbox.root() / "release-log.txt");
+        pipeline.releaseLockFolder = sandbox.root() / "locks";
         // A local site publishes at once; check often so the demo ends as soon as it is live.
         WebsitePublicationWatcher watcher(store.loop(), store.store(), store.notifications(),
                                           WebsitePublicationProbe::shared(),

@@ -252,6 +252,13 @@ void showRelease(CliContext& context, OpenStore& store, PipelineManager& pipelin
         table.draw(pipeline, 9);
     }
     store.save();
+    // Every line of the run, however much the screen dropped.
+    const auto logFile = pipeline.logStream().archive().url().string();
+    if (json) {
+        machine.emit({{"type", "logFile"}, {"path", logFile}});
+    } else {
+        context.out << "Full log: " << logFile << '\n';
+    }
     if (json) {
         if (const auto& manifest = pipeline.completedManifest()) {
             machine.emit({{"type", "manifest"}, {"manifest", manifest->toJson()}});

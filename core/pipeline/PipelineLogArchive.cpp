@@ -19,20 +19,8 @@ constexpr std::string_view archivePrefix = "veltra-log-";
 
 // A new archive's name in the folder, older archives beyond the newest kept removed first.
 std::filesystem::path newArchive(const std::filesystem::path& folder) {
-    std::vector<std::filesystem::path> archives;
-    std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
-        const auto name = entry.path().filename().string();
-        if (name.starts_with(archivePrefix) && name.ends_with(".txt")) {
-            archives.push_back(entry.path());
-        }
-    }
     // Names start with the UTC time, so they sort oldest first.
-    std::ranges::sort(archives);
-    const auto keep = PipelineLogArchive::keptArchives - 1;
-    for (std::size_t i = 0; i + keep < archives.size(); ++i) {
-        std::filesystem::remove(archives[i], error);
-    }
+    makeRoomForNewest(folder, archivePrefix, PipelineLogArchive::keptArchives);
     const auto now = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
     return folder / fmt::format("{}{:%Y%m%d-%H%M%S}-{}.txt", archivePrefix, now,
                                 Uuid::random().string().substr(0, 8));
@@ -41,7 +29,7 @@ std::filesystem::path newArchive(const std::filesystem::path& folder) {
 } // namespace
 
 std::filesystem::path PipelineLogArchive::defaultFolder() {
-    return homeDirectory() / ".veltra" / "logs";
+    return veltraLogFolder();
 }
 
 PipelineLogArchive::PipelineLogArchive() {

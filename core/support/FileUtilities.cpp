@@ -3,6 +3,7 @@
 #include "Uuid.h"
 #include "VeltraError.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +13,7 @@
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -159,6 +161,25 @@ std::string readFile(const std::filesystem::path& path) {
         throw fileError(EIO, "Could not read", path);
     }
     return contents;
+}
+
+std::filesystem::path veltraLogFolder() {
+    return homeDirectory() / ".veltra" / "logs";
+}
+
+void makeRoomForNewest(const std::filesystem::path& folder, std::string_view prefix,
+                       std::size_t keep) {
+    std::vector<std::filesystem::path> found;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
+        if (entry.path().filename().string().starts_with(prefix)) {
+            found.push_back(entry.path());
+        }
+    }
+    std::sort(found.begin(), found.end());
+    for (std::size_t i = 0; i + keep < found.size() + 1 && i < found.size(); ++i) {
+        std::filesystem::remove(found[i], error);
+    }
 }
 
 std::filesystem::path homeDirectory() {

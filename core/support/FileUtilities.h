@@ -51,6 +51,15 @@ std::filesystem::path expandTilde(const std::string& path);
 // Redundant separators, "." and ".." removed, no trailing separator; a leading "~" is kept.
 std::string standardizePath(const std::string& path);
 
+// ~/.veltra/logs: the run logs and tool logs Veltra keeps for the user (made 0700 by whoever
+// writes there first).
+std::filesystem::path veltraLogFolder();
+
+// Removes the oldest files in `folder` whose names start with `prefix` (names that sort by age,
+// a timestamp after the prefix), so that `keep` of them remain once one more is added.
+void makeRoomForNewest(const std::filesystem::path& folder, std::string_view prefix,
+                       std::size_t keep);
+
 // $HOME, or the password database's entry when HOME is unset.
 std::filesystem::path homeDirectory();
 

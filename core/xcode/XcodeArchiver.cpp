@@ -7,11 +7,13 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <fstream>
 #include <set>
 #include <system_error>
 
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 namespace veltra {
@@ -310,6 +312,18 @@ fs::path XcodeArchiver::archiveAndExport(const XcodeProjectInfo& project, const 
     const auto archivePath = buildFolder / (scheme + ".xcarchive");
     const auto exportFolder = buildFolder / "ExportedApp";
     fs::create_directories(buildFolder);
+    // Only a finished archive hands its folder (the exported app) on; a failed or cancelled
+    // one leaves nothing in the temporary folder.
+    struct RemoveUnlessKept {
+        fs::path folder;
+        bool keep = false;
+        ~RemoveUnlessKept() {
+            if (!keep) {
+                std::error_code ignored;
+                fs::remove_all(folder, ignored);
+            }
+        }
+    } buildFolderGuard{buildFolder};
     log("   Compiling & Archiving " + scheme + " with Xcode...");
 
     MilestoneTracker tracker(onLog);
@@ -323,10 +337,17 @@ fs::path XcodeArchiver::archiveAndExport(const XcodeProjectInfo& project, const 
     std::error_code missing;
     if (result.exitCode != 0 || !fs::exists(archivePath, missing)) {
         const auto fullLog = result.output + "\n" + result.errorOutput;
-        const auto logFile = buildFolder / "xcodebuild-error.log";
+        // Kept where Veltra keeps logs (private, the newest 20), as the build folder goes.
+        constexpr std::string_view prefix = "xcodebuild-error-";
+        const auto now = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
+        const auto logFile =
+            veltraLogFolder() / fmt::format("{}{:%Y%m%d-%H%M%S}-{}.log", prefix, now,
+                                            Uuid::random().string().substr(0, 8));
         bool written = true;
         try {
-            writeFileAtomically(logFile, fullLog);
+            createPrivateDirectories(logFile.parent_path());
+            makeRoomForNewest(logFile.parent_path(), prefix, 20);
+            writeSecretFile(logFile, fullLog);
         } catch (const std::exception&) {
             written = false;
         }
@@ -359,6 +380,7 @@ fs::path XcodeArchiver::archiveAndExport(const XcodeProjectInfo& project, const 
 
     if (!signingIdentity || signingIdentity->empty()) {
         log("   Success: Extracted " + app.filename().string() + "...");
+        buildFolderGuard.keep = true;
         return app;
     }
     log("   Signing application bundle with " + *signingIdentity + "...");
@@ -369,6 +391,7 @@ fs::path XcodeArchiver::archiveAndExport(const XcodeProjectInfo& project, const 
         log(fmt::format("   Warning: Code signature applied with {} warning(s) — check logs above",
                         warnings));
     }
+    buildFolderGuard.keep = true;
     return app;
 }
 

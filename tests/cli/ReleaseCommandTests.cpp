@@ -58,6 +58,14 @@ TEST_F(ReleaseCommandTest, ShipsABuiltAppAndRecordsTheRelease) {
     EXPECT_NE(run.output.find("DMG:   " + image.string() + "\n"), std::string::npos);
     EXPECT_TRUE(fs::is_regular_file(image));
     EXPECT_EQ(readFile(dir / "out" / "Acme-2.0.1.md"), "- Faster sync.");
+    // The last line names the whole log: private, with Veltra's others.
+    const auto named = run.output.rfind("Full log: ");
+    ASSERT_NE(named, std::string::npos) << run.output;
+    const fs::path logFile = run.output.substr(named + 10, run.output.size() - named - 11);
+    EXPECT_EQ(logFile.parent_path(), dir / ".veltra" / "logs");
+    EXPECT_NE(readFile(logFile).find("Releasing Acme (Build 57)\n"), std::string::npos);
+    EXPECT_EQ(fs::status(logFile).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+    EXPECT_EQ(fs::status(logFile.parent_path()).permissions(), fs::perms::owner_all);
 
     // The profile store heard of the release before the command ended.
     const auto shown = veltra({"profile", "show", "Acme", "--json"});
@@ -75,8 +83,10 @@ TEST_F(ReleaseCommandTest, JsonLinesEndWithTheManifestOrTheError) {
     for (std::string line; std::getline(stream, line);) {
         lines.push_back(nlohmann::json::parse(line));
     }
-    ASSERT_FALSE(lines.empty());
+    ASSERT_GE(lines.size(), 2U);
     EXPECT_EQ(lines.back()["type"], "manifest");
+    EXPECT_EQ(lines[lines.size() - 2]["type"], "logFile");
+    EXPECT_TRUE(fs::is_regular_file(lines[lines.size() - 2]["path"].get<std::string>()));
     EXPECT_EQ(lines.back()["manifest"]["buildNumber"], "57");
     EXPECT_EQ(lines.back()["manifest"]["sha256Checksum"].get<std::string>().size(), 64u);
     EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const auto& line) {

@@ -133,8 +133,8 @@ TEST(VersionManager, WritingRules) {
         std::optional<std::int64_t> build;
         std::string after;
     } cases[] = {
-        {"replacement is literal", "MARKETING_VERSION = 1.0;", "$1.0", std::nullopt,
-         "MARKETING_VERSION = $1.0;"},
+        {"a '+' is quoted as the format needs", "MARKETING_VERSION = 1.0;", "1.0+2", std::nullopt,
+         "MARKETING_VERSION = \"1.0+2\";"},
         {"odd spacing is read but not rewritten", "MARKETING_VERSION=1.0;", "2.0", 3,
          "MARKETING_VERSION=1.0;"},
         {"version declared, build not: build inserted",

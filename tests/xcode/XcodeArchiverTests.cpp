@@ -207,8 +207,23 @@ protected:
         fs::remove_all(app.parent_path().parent_path());
     }
 
+    // The build folders in this test's own temporary folder.
+    std::vector<std::string> buildFolders() const {
+        std::vector<std::string> names;
+        for (const auto& entry : fs::directory_iterator(dir / "tmp")) {
+            if (entry.path().filename().string().starts_with("veltra_build_")) {
+                names.push_back(entry.path().filename().string());
+            }
+        }
+        std::ranges::sort(names);
+        return names;
+    }
+
     std::mutex lock;
     Lines log;
+    bool madeFolders = fs::create_directories(dir / "tmp") && fs::create_directories(dir / "home");
+    testing::ScopedEnvironment temporary{"TMPDIR", (dir / "tmp").string()};
+    testing::ScopedEnvironment home{"HOME", (dir / "home").string()};
 };
 
 TEST_F(XcodeArchiverRun, ArchivesExtractsAndSignsInsideOut) {
@@ -292,7 +307,10 @@ TEST_F(XcodeArchiverRun, CompileErrorWritesTheLogAndSummarises) {
                                 "scope\nFull build log: ";
     ASSERT_TRUE(message.starts_with(summary)) << message;
     const fs::path logFile = message.substr(summary.size());
-    EXPECT_EQ(logFile.filename(), "xcodebuild-error.log");
+    // Kept privately with Veltra's logs; the build folder itself is gone.
+    EXPECT_EQ(logFile.parent_path(), dir / "home" / ".veltra" / "logs");
+    EXPECT_TRUE(logFile.filename().string().starts_with("xcodebuild-error-")) << logFile;
+    EXPECT_EQ(fs::status(logFile).permissions(), fs::perms::owner_read | fs::perms::owner_write);
     const auto full = readFile(logFile);
     EXPECT_NE(full.find("** ARCHIVE FAILED **"), std::string::npos);
     EXPECT_TRUE(full.ends_with("(1 failure)\n\n")) << "stdout, a line break, then stderr";
@@ -300,10 +318,10 @@ TEST_F(XcodeArchiverRun, CompileErrorWritesTheLogAndSummarises) {
                         "   Error: /Users/jane/src/Acme/Acme/AppDelegate.swift:12:5: error: cannot "
                         "find 'undefinedHelper' in scope"),
               log.end());
-    fs::remove_all(logFile.parent_path());
 }
 
 TEST_F(XcodeArchiverRun, OtherArchiveFailures) {
+    const auto foldersBefore = buildFolders();
     {
         fake("VELTRA_FAKE_ARCHIVE", "codesign-error");
         const auto error = failure();
@@ -326,15 +344,7 @@ TEST_F(XcodeArchiverRun, OtherArchiveFailures) {
         EXPECT_TRUE(
             std::string(error.message()).ends_with("/Acme.xcarchive/Products/Applications"));
     }
-    for (const auto& entry : fs::directory_iterator(fs::temp_directory_path())) {
-        if (entry.path().filename().string().starts_with("veltra_build_") &&
-            fs::exists(entry.path() / "xcodebuild-error.log")) {
-            const auto text = readFile(entry.path() / "xcodebuild-error.log");
-            if (text.find(dir.path().string()) != std::string::npos) {
-                fs::remove_all(entry.path());
-            }
-        }
-    }
+    EXPECT_EQ(buildFolders(), foldersBefore) << "failed archives leave no build folder";
 }
 
 TEST_F(XcodeArchiverRun, InfoPlistProblemStopsBeforeAnyBuild) {
@@ -358,6 +368,7 @@ TEST_F(XcodeArchiverRun, CancellingKillsXcodebuild) {
     EXPECT_THROW(archive(std::nullopt, std::nullopt, std::nullopt, stop.get_token()),
                  CancellationError);
     EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(30));
+    EXPECT_TRUE(buildFolders().empty()) << "a cancelled archive leaves no build folder";
 
     std::stop_source already;
     already.request_stop();
