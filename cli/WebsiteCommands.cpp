@@ -8,6 +8,7 @@
 #include "core/publishing/WebsiteCreator.h"
 #include "core/publishing/WebsitePublicationWatcher.h"
 
+#include <algorithm>
 #include <memory>
 
 namespace veltra::cli {
@@ -108,6 +109,7 @@ void addDeploy(CLI::App& group, CliContext& context) {
     auto build = std::make_shared<std::string>();
     auto notesFile = std::make_shared<std::string>();
     auto signature = std::make_shared<std::string>();
+    auto feedFile = std::make_shared<std::string>();
     command->add_option("PROFILE", *profile, "The profile's name or ID")->required();
     command->add_option("--dmg", *dmg, "The signed disk image")->required();
     command->add_option("--version", *version, "The marketing version")->required();
@@ -115,7 +117,9 @@ void addDeploy(CLI::App& group, CliContext& context) {
     command->add_option("--notes", *notesFile, "A Markdown file with the release notes");
     command->add_option("--signature", *signature,
                         "The image's EdDSA signature (default: the feed's, for this build)");
-    command->callback([&context, profile, dmg, version, build, notesFile, signature] {
+    command->add_option("--feed", *feedFile,
+                        "The appcast.xml to publish with the image (default: the website's)");
+    command->callback([&context, profile, dmg, version, build, notesFile, signature, feedFile] {
         OpenStore store(context);
         auto chosen = store.find(*profile);
         LinePrinter print(context.out);
@@ -132,14 +136,37 @@ void addDeploy(CLI::App& group, CliContext& context) {
         release.notes = notesFile->empty() ? std::string() : readFile(expandTilde(*notesFile));
         release.size = static_cast<std::int64_t>(std::filesystem::file_size(release.dmgURL));
         release.signature = *signature;
-        if (release.signature.empty() && std::filesystem::exists(plan->appcastURL)) {
-            if (const auto items = SparkleFeedParser::parse(readFile(plan->appcastURL))) {
-                for (const auto& item : *items) {
-                    if (item.version == *build) {
-                        release.signature = item.edSignature;
-                    }
+        // The image replaces the one every update points to: the feed going out with it must
+        // offer exactly this file, or every user's update fails its signature check.
+        const auto feedPath = feedFile->empty() ? plan->appcastURL : expandTilde(*feedFile);
+        std::error_code missing;
+        const auto feedText =
+            std::filesystem::exists(feedPath, missing) ? readFile(feedPath) : std::string();
+        const auto items = SparkleFeedParser::parse(feedText);
+        if (release.signature.empty() && items) {
+            for (const auto& item : *items) {
+                if (item.version == *build) {
+                    release.signature = item.edSignature;
                 }
             }
+        }
+        const auto length = std::to_string(release.size);
+        const bool offered =
+            items && !release.signature.empty() &&
+            std::any_of(items->begin(), items->end(), [&](const SparkleFeedItem& item) {
+                return item.enclosureLength == length && item.edSignature == release.signature;
+            });
+        if (!offered) {
+            throw failure(
+                "The feed " + feedPath.string() + " has no item for this image (length " + length +
+                (release.signature.empty() ? std::string() : ", signature " + release.signature) +
+                "). Deployed, it would replace the download every update points to and "
+                "every update would fail its signature check. Add the release to the "
+                "feed first ('veltra appcast add … --dmg'), or give the feed that "
+                "offers it with --feed FILE.");
+        }
+        if (!feedFile->empty()) {
+            writeFileAtomically(plan->appcastURL, feedText);
         }
         const auto publication =
             WebDeployer().deploy(chosen.webDeploy, *plan, release, std::ref(print), context.stop);

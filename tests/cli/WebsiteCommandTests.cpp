@@ -88,6 +88,49 @@ protected:
     }};
 };
 
+// An image goes out only with a feed that offers exactly it: a served image no item vouches
+// for breaks every user's update.
+TEST_F(WebsiteCommands, DeployRefusesAnImageTheFeedDoesNotOffer) {
+    deployRelease();
+    const auto originBefore = testing::git(origin, {"rev-parse", "main"});
+    const auto servedImage = readFile(site / "downloads" / "Acme.dmg");
+    testing::writeFile(dmg, std::string(4000, 'y'));
+    const auto feed = site / "downloads" / "appcast.xml";
+    const auto refused = veltra({"website", "deploy", "Acme", "--dmg", dmg.string(), "--version",
+                                 "1.2.4", "--build", "43"});
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_EQ(refused.errorOutput,
+              "Error: The feed " + feed.string() +
+                  " has no item for this image (length 4000). Deployed, it would replace the "
+                  "download every update points to and every update would fail its signature "
+                  "check. Add the release to the feed first ('veltra appcast add … --dmg'), or "
+                  "give the feed that offers it with --feed FILE.\n");
+    // A signature the feed has, for another file length, is no better.
+    const auto stale = veltra({"website", "deploy", "Acme", "--dmg", dmg.string(), "--version",
+                               "1.2.3", "--build", "42"});
+    EXPECT_EQ(stale.exitCode, 1);
+    EXPECT_NE(stale.errorOutput.find("(length 4000, signature SIG==)"), std::string::npos)
+        << stale.errorOutput;
+    EXPECT_EQ(readFile(site / "downloads" / "Acme.dmg"), servedImage);
+    EXPECT_EQ(testing::git(origin, {"rev-parse", "main"}), originBefore);
+
+    // A feed given with --feed that offers it goes out with the image.
+    const auto given = dir / "new-appcast.xml";
+    fs::copy_file(feed, given);
+    ASSERT_EQ(
+        veltra({"appcast", "add", given.string(), "--version", "1.2.4", "--build", "43", "--url",
+                server.url("/downloads/Acme.dmg"), "--min-system", "13.0", "--notes-url",
+                server.url("/downloads/Acme.md"), "--signature", "NEW==", "--length", "4000"})
+            .exitCode,
+        0);
+    const auto deployed = veltra({"website", "deploy", "Acme", "--dmg", dmg.string(), "--version",
+                                  "1.2.4", "--build", "43", "--feed", given.string()});
+    ASSERT_EQ(deployed.exitCode, 0) << deployed.errorOutput;
+    EXPECT_EQ(readFile(feed), readFile(given));
+    EXPECT_NE(testing::git(origin, {"show", "main:downloads/appcast.xml"}).find("NEW=="),
+              std::string::npos);
+}
+
 TEST_F(WebsiteCommands, InitDeliveryDeployAndWatchUntilLive) {
     deployRelease();
     const auto page = readFile(site / "index.html");
