@@ -34,6 +34,9 @@ void addCreate(CLI::App& profile, CliContext& context) {
     command->add_option("--output", *output,
                         "Where release files go (default ~/Desktop/Veltra/APPNAME)");
     command->callback([&context, appName, bundleID, output] {
+        if (const auto problem = ProfileFieldEditor::valueProblem("appName", *appName)) {
+            throw VeltraError("Veltra", 1, *problem);
+        }
         OpenStore open(context);
         open.requireWritable();
         auto created = ProjectProfile::create(

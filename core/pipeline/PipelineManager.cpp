@@ -10,6 +10,7 @@
 #include "core/support/FileDigest.h"
 #include "core/support/FileLock.h"
 #include "core/support/FileUtilities.h"
+#include "core/support/PathRules.h"
 #include "core/support/PropertyList.h"
 #include "core/support/Text.h"
 #include "core/support/VeltraError.h"
@@ -269,6 +270,19 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
             std::strftime(started, sizeof started, "%H:%M:%S", &local);
             releaseLock->describeHolder("process " + std::to_string(::getpid()) + ", started " +
                                         started);
+        }
+        // The app's name names every release file; a profile from an older version may hold one
+        // that would write outside the folders it belongs in.
+        if (const auto problem = fileNameProblem(run.appName)) {
+            throw VeltraError("Veltra", 400,
+                              "The app name '" + run.appName + "' cannot name release files: " +
+                                  *problem + ". Change appName in the profile.");
+        }
+        if (const auto repository = ReleasePublishingPlan::resolveRepository(profile)) {
+            if (const auto problem =
+                    WebDeployer::containmentProblem(*repository, profile.webDeploy, run.appName)) {
+                throw VeltraError("Veltra", 400, *problem);
+            }
         }
         run.outputDirectory = expandTilde(standardizePath(profile.outputDirectory));
         if (run.fromProject) {

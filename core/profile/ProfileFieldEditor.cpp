@@ -2,6 +2,7 @@
 
 #include "core/support/GitRefName.h"
 #include "core/support/HttpClient.h"
+#include "core/support/PathRules.h"
 #include "core/support/VeltraError.h"
 
 #include <algorithm>
@@ -170,6 +171,22 @@ std::string number(double value) {
 
 } // namespace
 
+std::optional<std::string> ProfileFieldEditor::valueProblem(std::string_view path,
+                                                            std::string_view text) {
+    // These name files Veltra writes: they must stay in the folders they belong to.
+    std::optional<std::string> problem;
+    if (path == "appName" && !text.empty()) {
+        problem = fileNameProblem(text);
+    } else if (path == "webDeploy.downloadsRelativePath" ||
+               path == "webDeploy.indexHtmlRelativePath") {
+        problem = relativePathProblem(text);
+    }
+    if (!problem) {
+        return std::nullopt;
+    }
+    return fmt::format("Invalid value '{}' for {}: {}.", text, path, *problem);
+}
+
 const std::vector<ProfileFieldEditor::Field>& ProfileFieldEditor::fields() {
     static const std::vector<Field> all = makeFields();
     return all;
@@ -184,6 +201,9 @@ void ProfileFieldEditor::set(ProjectProfile& profile, std::string_view path,
         throw invalid("Invalid value '" + std::string(text) +
                       "' for webDeploy.deployHookURL. The deploy hook must be an https:// "
                       "address (http:// only for this machine).");
+    }
+    if (const auto problem = valueProblem(field.path, text)) {
+        throw invalid(*problem);
     }
     // Empty means the default branch; anything else reaches git, so it must be a branch name.
     if (field.path == "webDeploy.gitBranch" && !text.empty()) {

@@ -2,6 +2,7 @@
 
 #include "ProjectProfile.h"
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -34,6 +35,9 @@ public:
     static void set(ProjectProfile& profile, std::string_view path, std::string_view value);
     // The text form of a field, "" when an optional one is absent.
     static std::string get(const ProjectProfile& profile, std::string_view path);
+    // The message refusing `text` for a field that names files Veltra writes (appName and the
+    // website's relative paths), or nothing.
+    static std::optional<std::string> valueProblem(std::string_view path, std::string_view text);
 };
 
 } // namespace veltra

@@ -5,6 +5,7 @@
 #include "core/feed/SparkleFeedParser.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/GitRefName.h"
+#include "core/support/PathRules.h"
 #include "core/support/Secrets.h"
 #include "core/support/Text.h"
 #include "core/support/VeltraError.h"
@@ -49,14 +50,42 @@ std::string WebDeployer::commitSubject(const std::string& appName, const std::st
 }
 
 void WebDeployer::checkFileName(const std::string& appName) {
-    if (appName.empty() || appName.find('/') != std::string::npos ||
-        appName.find('\0') != std::string::npos || appName.starts_with('.') ||
-        appName.find("..") != std::string::npos) {
+    if (const auto problem = fileNameProblem(appName);
+        problem || appName.find("..") != std::string::npos) {
         throw VeltraError("Veltra", 400,
                           "The app name '" + std::string(appName.c_str()) +
-                              "' cannot name files in the website's downloads folder. Use a name "
-                              "without '/', '..', a leading '.' or a NUL character.");
+                              "' cannot name files in the website's downloads folder: " +
+                              problem.value_or("it holds '..'") +
+                              ". Use a name without '/', '\\', '..', a leading '.' or control "
+                              "characters, at most 200 bytes.");
     }
+}
+
+std::optional<std::string> WebDeployer::containmentProblem(const std::filesystem::path& repository,
+                                                           const WebDeployConfig& config,
+                                                           const std::string& appName) {
+    for (const auto* relative : {&config.downloadsRelativePath, &config.indexHtmlRelativePath}) {
+        if (const auto problem = relativePathProblem(*relative)) {
+            return "The website path '" + *relative + "' cannot be used: " + *problem +
+                   ". Set a path inside the website repository in the profile.";
+        }
+    }
+    const auto downloads = repository / ReleasePublishingPlan::downloadsFolder(config);
+    std::vector<std::filesystem::path> written{downloads, downloads / (appName + ".dmg"),
+                                               downloads / (appName + ".md"),
+                                               downloads / "icon.png", downloads / "appcast.xml"};
+    if (!config.indexHtmlRelativePath.empty()) {
+        written.push_back(repository / config.indexHtmlRelativePath);
+    }
+    for (const auto& path : written) {
+        if (!resolvesInside(path, repository)) {
+            return "The website file " + path.string() + " leads outside the website repository " +
+                   repository.string() +
+                   " (through a symbolic link). Veltra writes only inside the repository: "
+                   "replace the link with a folder or file of the repository's own.";
+        }
+    }
+    return std::nullopt;
 }
 
 WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
@@ -70,6 +99,12 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
         }
     };
     checkFileName(release.appName);
+    if (const auto problem =
+            containmentProblem(delivery.websiteRepoURL.empty() ? expandTilde(config.websiteRepoPath)
+                                                               : delivery.websiteRepoURL,
+                               config, release.appName)) {
+        throw VeltraError("Veltra", 400, *problem);
+    }
     const auto repository = delivery.websiteRepoURL.empty() ? expandTilde(config.websiteRepoPath)
                                                             : delivery.websiteRepoURL;
     const auto publishingBranch = branch(config);

@@ -56,6 +56,11 @@ public:
     // Refuses an app name that cannot name a file in the downloads folder ("/", "..", a leading
     // ".", a NUL): VeltraError ("Veltra", 400).
     static void checkFileName(const std::string& appName);
+    // Why a release of `appName` would write outside `repository`: a relative path that climbs
+    // out, or a folder or file that is a symbolic link leading out. Nothing when all stays in.
+    static std::optional<std::string> containmentProblem(const std::filesystem::path& repository,
+                                                         const WebDeployConfig& config,
+                                                         const std::string& appName);
     // The publishing branch: the configured one, or "main".
     static std::string branch(const WebDeployConfig& config);
     // Whether deploy() checks, before writing anything, that the commit would carry only the

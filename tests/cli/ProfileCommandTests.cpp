@@ -67,6 +67,26 @@ TEST_F(ProfileCommandTest, CreateListShowSetDelete) {
         EXPECT_NE(printed.find("https://***@github.com/a/b.git"), std::string::npos) << printed;
     }
     EXPECT_EQ(veltra({"profile", "set", "Foo", "webDeploy.websiteRepoRemoteURL="}).exitCode, 0);
+    // Values that name files Veltra writes stay inside the folders they belong in.
+    for (const auto& [assignment, message] : std::vector<std::pair<std::string, std::string>>{
+             {"appName=../../x", "Invalid value '../../x' for appName: it holds '/' or '\\'."},
+             {"appName=..", "Invalid value '..' for appName: it names a folder, not a file."},
+             {"appName=" + std::string(201, 'a'),
+              "Invalid value '" + std::string(201, 'a') +
+                  "' for appName: it is longer than 200 bytes."},
+             {"webDeploy.downloadsRelativePath=../site",
+              "Invalid value '../site' for webDeploy.downloadsRelativePath: it leads out of the "
+              "repository."},
+             {"webDeploy.indexHtmlRelativePath=/etc/index.html",
+              "Invalid value '/etc/index.html' for webDeploy.indexHtmlRelativePath: it is not "
+              "relative to the repository."},
+         }) {
+        const auto refusedValue = veltra({"profile", "set", "Foo", assignment});
+        EXPECT_EQ(refusedValue.exitCode, 1) << assignment;
+        EXPECT_EQ(refusedValue.errorOutput, "Error: " + message + "\n");
+    }
+    EXPECT_EQ(veltra({"profile", "create", "../../x", "--bundle-id", "b"}).errorOutput,
+              "Error: Invalid value '../../x' for appName: it holds '/' or '\\'.\n");
     const auto plainHook =
         veltra({"profile", "set", "Foo", "webDeploy.deployHookURL=http://example.com/hook"});
     EXPECT_EQ(plainHook.exitCode, 1);

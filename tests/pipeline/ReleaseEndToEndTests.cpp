@@ -365,6 +365,19 @@ TEST_F(ReleaseRun, PreflightRefusalsNameWhatToChange) {
     EXPECT_TRUE(runsOf("xcodebuild").empty());
 }
 
+// A profile written by an older version with an app name that climbs out is refused before
+// anything is written anywhere.
+TEST_F(ReleaseRun, AnAppNameThatLeadsOutIsRefusedFirst) {
+    profile.appName = "../../x";
+    const auto above = sandbox.releases().parent_path().parent_path();
+    const auto before = std::distance(fs::directory_iterator(above), {});
+    release(9);
+    EXPECT_EQ(failure(), "The app name '../../x' cannot name release files: it holds '/' or "
+                         "'\\'. Change appName in the profile.");
+    EXPECT_EQ(std::distance(fs::directory_iterator(above), {}), before);
+    EXPECT_TRUE(runsOf("xcodebuild").empty());
+}
+
 // A website repository holding the developer's own unpublished work stops the release before
 // anything is built, and nothing of it leaves the machine.
 TEST_F(ReleaseRun, PrivateWorkInTheWebsiteRepositoryStopsTheReleaseBeforeBuilding) {

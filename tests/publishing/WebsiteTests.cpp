@@ -305,6 +305,38 @@ TEST_F(Website, DeployRefusesToPublishAnythingButTheRelease) {
               "downloads/Acme.dmg\ndownloads/Acme.md\ndownloads/icon.png\n");
 }
 
+// Nothing is written outside the website repository, whatever links it holds.
+TEST_F(Website, FilesLeadingOutOfTheRepositoryAreRefused) {
+    const auto outside = repo.dir / "outside";
+    fs::create_directories(outside);
+    fs::create_symlink(outside, repo.site / "downloads");
+    git(repo.site, {"add", "downloads"});
+    git(repo.site, {"commit", "--quiet", "-m", "Downloads elsewhere"});
+    git(repo.site, {"push", "--quiet", "origin", "main"});
+    const auto error = deployFailure();
+    EXPECT_EQ(error.code(), 400);
+    EXPECT_EQ(error.message(),
+              "The website file " + (repo.site / "downloads").string() +
+                  " leads outside the website repository " + repo.site.string() +
+                  " (through a symbolic link). Veltra writes only inside the repository: replace "
+                  "the link with a folder or file of the repository's own.");
+    EXPECT_TRUE(fs::is_empty(outside));
+
+    // A link for one file is refused just the same; a path that climbs out never gets that far.
+    fs::remove(repo.site / "downloads");
+    fs::create_directories(repo.site / "downloads");
+    testing::writeFile(outside / "page.html", "someone else's");
+    fs::create_symlink(outside / "page.html", repo.site / "downloads" / "Acme.md");
+    EXPECT_NE(deployFailure().message().find("downloads/Acme.md leads outside"), std::string::npos);
+    fs::remove(repo.site / "downloads" / "Acme.md");
+    config.downloadsRelativePath = "../outside";
+    EXPECT_EQ(deployFailure().message(),
+              "The website path '../outside' cannot be used: it leads out of the repository. Set "
+              "a path inside the website repository in the profile.");
+    EXPECT_EQ(std::distance(fs::directory_iterator(outside), {}), 1);
+    EXPECT_EQ(readFile(outside / "page.html"), "someone else's");
+}
+
 TEST_F(Website, PushLandsOnTopOfWorkPushedInBetween) {
     writeFeed("SIG==");
     // Someone else pushes to origin after our clone last fetched.
