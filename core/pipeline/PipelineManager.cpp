@@ -13,11 +13,14 @@
 #include "core/support/PathRules.h"
 #include "core/support/PropertyList.h"
 #include "core/support/Text.h"
+#include "core/support/Uuid.h"
 #include "core/support/VeltraError.h"
 #include "core/xcode/XcodeProjectDiscovery.h"
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <cstdlib>
 #include <ctime>
 #include <unistd.h>
 
@@ -225,6 +228,8 @@ struct PipelineManager::RunState {
     std::optional<std::filesystem::path> websiteClone;
     AppInfo info;
     std::filesystem::path notesPath;
+    // Where the image and notes go: the output folder, or a dry run's own temporary folder.
+    std::filesystem::path filesDirectory;
     std::string notes;
     std::filesystem::path dmg;
     DeploymentArtifacts artifacts;
@@ -328,6 +333,21 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
                               "project in the profile, or give the built app.");
         }
         std::filesystem::create_directories(run.outputDirectory);
+        run.filesDirectory = run.outputDirectory;
+        if (request.dryRun) {
+            // A dry run never touches the output folder, where published files are kept.
+            auto pattern = ((temporaryDirectory.empty() ? std::filesystem::temp_directory_path()
+                                                        : temporaryDirectory) /
+                            "veltra-dryrun-files-XXXXXX")
+                               .string();
+            if (::mkdtemp(pattern.data()) == nullptr) {
+                throw VeltraError("POSIX", errno,
+                                  "Could not create a folder for the dry run's files in " +
+                                      pattern + ".");
+            }
+            run.filesDirectory = pattern;
+            log("Dry run: the image and notes go to " + pattern);
+        }
 
         // Each stage counts as finished once it returns; a resumed run skips those its record
         // kept (reuseKeptSteps restores what they made, checked unchanged).
@@ -675,9 +695,36 @@ void PipelineManager::inspectStage(RunState& run) {
     updateStep("inspect", StepStatus::succeeded, "v" + info.version + " (" + info.build + ")");
 }
 
+std::string PipelineManager::releaseFileStem(const RunState& run, bool warn) {
+    const auto base = run.appName + "-" + run.info.version;
+    const auto& releases = run.request.profile.recentReleases;
+    if (!releases) {
+        return base;
+    }
+    bool warned = !warn;
+    std::string stem = base;
+    for (const auto& earlier : *releases) { // newest first
+        if (earlier.buildNumber == run.info.build) {
+            continue;
+        }
+        if (!warned && earlier.version == run.info.version) {
+            log("Warning: Version " + run.info.version + " was released before (build " +
+                earlier.buildNumber + "); this release ships it again as build " + run.info.build +
+                ".");
+            warned = true;
+        }
+        // A file an earlier release names is never replaced: its build goes into the new name.
+        if (earlier.dmgURL &&
+            std::filesystem::path(*earlier.dmgURL) == run.filesDirectory / (base + ".dmg")) {
+            stem = base + "-" + run.info.build;
+        }
+    }
+    return stem;
+}
+
 void PipelineManager::notesStage(RunState& run) {
     updateStep("notes", StepStatus::running, "Exporting release notes...");
-    run.notesPath = run.outputDirectory / (run.appName + "-" + run.info.version + ".md");
+    run.notesPath = run.filesDirectory / (releaseFileStem(run, true) + ".md");
     run.notes = run.request.notes.value_or(defaultNotes(run.info.version));
     writeFileAtomically(run.notesPath, run.notes);
     log("   Success: Release notes saved to " + run.notesPath.string());
@@ -690,7 +737,20 @@ void PipelineManager::dmgStage(RunState& run) {
     updateStep("dmg", StepStatus::running, "Packaging disk image...");
     DMGBuildOptions options;
     options.appURL = run.app;
-    options.outputDMGURL = run.outputDirectory / (run.appName + "-" + run.info.version + ".dmg");
+    const auto finalPath = run.filesDirectory / (releaseFileStem(run, false) + ".dmg");
+    // Built in a work folder beside it under its own name (codesign names a signed image after
+    // its file), and moved into place only once built: a failed or cancelled build leaves the
+    // image already there as it was.
+    const auto work = run.filesDirectory / (".veltra-image-" + Uuid::random().string());
+    struct RemoveWork {
+        std::filesystem::path folder;
+        ~RemoveWork() {
+            std::error_code ignored;
+            std::filesystem::remove_all(folder, ignored);
+        }
+    } removeWork{work};
+    std::filesystem::create_directories(work);
+    options.outputDMGURL = work / finalPath.filename();
     options.config = profile.dmgDesign;
     if (options.config.volumeName.empty()) {
         options.config.volumeName = run.appName + " " + run.info.version;
@@ -704,7 +764,11 @@ void PipelineManager::dmgStage(RunState& run) {
     }
     builder.build(
         options, [this](const std::string& line) { log("   " + line); }, run.stop);
-    run.dmg = options.outputDMGURL;
+    if (run.stop.stop_requested()) {
+        throw CancellationError();
+    }
+    std::filesystem::rename(options.outputDMGURL, finalPath);
+    run.dmg = finalPath;
     run.artifacts.dmgSize = static_cast<std::int64_t>(std::filesystem::file_size(run.dmg));
     updateStep("dmg", StepStatus::succeeded, megabytes(run.artifacts.dmgSize));
 }

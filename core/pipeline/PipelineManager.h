@@ -140,6 +140,9 @@ private:
     void versionStage(RunState& run);
     void chooseIdentity(RunState& run);
     void archiveStage(RunState& run, std::optional<BranchWorktree>& worktree);
+    // The image's and notes' name without extension; with `warn`, says so when the version was
+    // released before under another build.
+    std::string releaseFileStem(const RunState& run, bool warn);
     void inspectStage(RunState& run);
     void notesStage(RunState& run);
     void dmgStage(RunState& run);

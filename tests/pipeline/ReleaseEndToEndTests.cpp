@@ -152,11 +152,61 @@ TEST_F(ReleaseRun, EveryStepFromProjectToALiveRelease) {
     EXPECT_TRUE(fs::is_empty(dir / "tmp"));
 }
 
+// Releasing a version again keeps the files the earlier release names; a cancelled image step
+// leaves the image that was there.
+TEST_F(ReleaseRun, AnEarlierReleasesFilesAreNeverReplaced) {
+    ProfileStore store(loop, notifications, dir / "profiles.json");
+    store.add(profile);
+    release(7);
+    ASSERT_EQ(failure(), "");
+    loop.runPending();
+    profile = *store.find(profile.id);
+    ASSERT_TRUE(profile.recentReleases && profile.recentReleases->size() == 1U);
+    const auto first = std::vector{readFile(sandbox.releases() / "Sample-1.0.dmg"),
+                                   readFile(sandbox.releases() / "Sample-1.0.md")};
+
+    release(8);
+    ASSERT_EQ(failure(), "");
+    EXPECT_TRUE(logged("Warning: Version 1.0 was released before (build 7); this release ships it "
+                       "again as build 8."));
+    EXPECT_EQ(first, (std::vector{readFile(sandbox.releases() / "Sample-1.0.dmg"),
+                                  readFile(sandbox.releases() / "Sample-1.0.md")}));
+    EXPECT_TRUE(fs::is_regular_file(sandbox.releases() / "Sample-1.0-8.dmg"));
+    EXPECT_TRUE(fs::is_regular_file(sandbox.releases() / "Sample-1.0-8.md"));
+    EXPECT_EQ(pipeline.completedManifest()->dmgURL,
+              (sandbox.releases() / "Sample-1.0-8.dmg").string());
+    loop.runPending();
+    profile = *store.find(profile.id);
+
+    // Cancelled while the image is being made: what is there stays, nothing half-made is left.
+    const auto before = readFile(sandbox.releases() / "Sample-1.0-8.dmg");
+    fake("VELTRA_FAKE_HDIUTIL_DELAY", "60");
+    ReleaseRequest request;
+    request.profile = profile;
+    request.build = 9;
+    pipeline.run(request);
+    ASSERT_TRUE(loop.runUntil([&] { return step("dmg").status == StepStatus::running; }, 300s));
+    pipeline.cancel();
+    ASSERT_TRUE(loop.runUntil([&] { return !pipeline.isRunning(); }, 300s));
+    EXPECT_EQ(readFile(sandbox.releases() / "Sample-1.0.dmg"), first[0]);
+    EXPECT_EQ(readFile(sandbox.releases() / "Sample-1.0-8.dmg"), before);
+    EXPECT_FALSE(fs::exists(sandbox.releases() / "Sample-1.0-9.dmg"));
+    for (const auto& entry : fs::directory_iterator(sandbox.releases())) {
+        EXPECT_FALSE(entry.path().filename().string().starts_with(".veltra-image-"))
+            << entry.path();
+    }
+}
+
 // A dry run goes through every step without changing the project, the website repository or
 // its origin, says what it would publish, and records nothing.
 TEST_F(ReleaseRun, ADryRunChangesNothingAndSaysWhatItWouldPublish) {
     ProfileStore store(loop, notifications, dir / "profiles.json");
     store.add(profile);
+    // A release already published: its files must come through the dry run byte for byte.
+    release(4);
+    ASSERT_EQ(failure(), "");
+    const auto published = std::vector{readFile(sandbox.releases() / "Sample-1.0.dmg"),
+                                       readFile(sandbox.releases() / "Sample-1.0.md")};
     const auto pbxproj = sandbox.project() / "project.pbxproj";
     const auto plist = sandbox.project().parent_path() / "Sample" / "Info.plist";
     const auto feed = sandbox.website() / "downloads" / "appcast.xml";
@@ -183,7 +233,7 @@ TEST_F(ReleaseRun, ADryRunChangesNothingAndSaysWhatItWouldPublish) {
                                    testing::git(sandbox.origin(), {"rev-parse", "main"}),
                                    testing::git(sandbox.website(), {"rev-parse", "HEAD"}),
                                    testing::git(sandbox.website(), {"status", "--porcelain"})}));
-    EXPECT_FALSE(fs::exists(sandbox.served() / "downloads" / "Sample.dmg"));
+    EXPECT_EQ(readFile(sandbox.served() / "downloads" / "Sample.dmg"), published[0]);
     // xcodebuild got the build as an override; nothing was submitted or created on GitHub.
     const auto archive = runsOf("xcodebuild").back();
     EXPECT_NE(std::find(archive.begin(), archive.end(), "CURRENT_PROJECT_VERSION=5"),
@@ -197,16 +247,30 @@ TEST_F(ReleaseRun, ADryRunChangesNothingAndSaysWhatItWouldPublish) {
     EXPECT_TRUE(logged("  Download: " + sandbox.siteURL() + "downloads/Sample.dmg"));
     EXPECT_TRUE(logged("  Feed:     " + sandbox.siteURL() + "downloads/appcast.xml"));
     EXPECT_TRUE(logged("  Notarize: yes, with keychain profile 'AC_PASSWORD'"));
-    EXPECT_TRUE(logged(
-        "   Dry run: would run: gh release create v1.0 " +
-        (sandbox.releases() / "Sample-1.0.dmg").string() + " --title 'Sample v1.0' --notes-file " +
-        (sandbox.releases() / "Sample-1.0.md").string() + " --repo acme-org/sample"));
+    // The dry run's image and notes are in a temporary folder of its own, which it names.
+    std::vector<fs::path> folders;
+    for (const auto& entry : fs::directory_iterator(dir / "tmp")) {
+        folders.push_back(entry.path());
+    }
+    ASSERT_EQ(folders.size(), 1U);
+    const auto files = folders.front();
+    EXPECT_TRUE(files.filename().string().starts_with("veltra-dryrun-files-")) << files;
+    EXPECT_TRUE(logged("Dry run: the image and notes go to " + files.string()));
+    EXPECT_TRUE(fs::is_regular_file(files / "Sample-1.0.dmg"));
+    EXPECT_TRUE(logged("   Dry run: would run: gh release create v1.0 " +
+                       (files / "Sample-1.0.dmg").string() +
+                       " --title 'Sample v1.0' --notes-file " + (files / "Sample-1.0.md").string() +
+                       " --repo acme-org/sample"));
+    EXPECT_EQ(published, (std::vector{readFile(sandbox.releases() / "Sample-1.0.dmg"),
+                                      readFile(sandbox.releases() / "Sample-1.0.md")}));
     // The manifest is there for the caller; the profile records no release.
     ASSERT_TRUE(pipeline.completedManifest());
     EXPECT_FALSE(pipeline.completedManifest()->websitePublication);
     const auto* stored = store.find(profile.id);
     ASSERT_TRUE(stored);
-    EXPECT_FALSE(stored->recentReleases && !stored->recentReleases->empty());
+    ASSERT_TRUE(stored->recentReleases);
+    EXPECT_EQ(stored->recentReleases->size(), 1U) << "only the real release";
+    fs::remove_all(files);
     EXPECT_TRUE(fs::is_empty(dir / "tmp"));
 }
 
