@@ -1,7 +1,9 @@
 #include "ReleasePublishingPlan.h"
 
+#include "core/feed/SparkleFeedParser.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/Text.h"
+#include "core/support/VeltraError.h"
 
 namespace veltra {
 namespace {
@@ -19,16 +21,57 @@ bool isWebsiteFolder(const std::filesystem::path& folder) {
             std::filesystem::is_regular_file(folder / "index.html", error));
 }
 
-// "website", then "<app>-website", beside the profile's release output folder.
-std::optional<std::filesystem::path> candidate(const ProjectProfile& profile) {
+std::string appNameOf(const ProjectProfile& profile) {
+    return profile.appName.empty() ? profile.name : profile.appName;
+}
+
+// Whether a website folder is this app's: its feed offers the app's download file, or its
+// download page links it (a site made for the app does from the start). Another app's site
+// sharing the folder beside the releases must never receive this app's release.
+bool isSiteOf(const std::filesystem::path& folder, const ProjectProfile& profile) {
+    const auto download = appNameOf(profile) + ".dmg";
+    const auto downloads = folder / ReleasePublishingPlan::downloadsFolder(profile.webDeploy);
+    try {
+        if (const auto items = SparkleFeedParser::parse(readFile(downloads / "appcast.xml"))) {
+            for (const auto& item : *items) {
+                auto url = std::string_view(item.enclosureURL);
+                url = url.substr(0, url.find_first_of("?#"));
+                if (url.ends_with("/" + download) || url == download) {
+                    return true;
+                }
+            }
+        }
+    } catch (const std::exception&) {
+        // no feed to go by
+    }
+    try {
+        const auto pagePath = profile.webDeploy.indexHtmlRelativePath.empty()
+                                  ? std::string("index.html")
+                                  : profile.webDeploy.indexHtmlRelativePath;
+        const auto page = readFile(folder / pagePath);
+        return contains(page, "/" + download + "\"") || contains(page, "/" + download + "?") ||
+               contains(page, "\"" + download + "\"");
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+// "website", then "<app>-website", beside the profile's release output folder: the first that
+// holds a website, and whether it is this app's.
+std::optional<std::pair<std::filesystem::path, bool>> candidate(const ProjectProfile& profile) {
     const auto releases = expandTilde(standardizePath(profile.outputDirectory)).parent_path();
-    const auto appName = profile.appName.empty() ? profile.name : profile.appName;
-    for (const auto& name : {std::string("website"), appName + "-website"}) {
+    std::optional<std::pair<std::filesystem::path, bool>> foreign;
+    for (const auto& name : {std::string("website"), appNameOf(profile) + "-website"}) {
         if (isWebsiteFolder(releases / name)) {
-            return releases / name;
+            if (isSiteOf(releases / name, profile)) {
+                return std::pair{releases / name, true};
+            }
+            if (!foreign) {
+                foreign = std::pair{releases / name, false};
+            }
         }
     }
-    return std::nullopt;
+    return foreign;
 }
 
 bool configured(std::string_view address) {
@@ -111,17 +154,33 @@ ReleasePublishingPlan::resolveRepository(const ProjectProfile& profile, const Lo
             return path;
         }
         if (const auto healed = candidate(profile)) {
+            if (!healed->second) {
+                throw VeltraError(
+                    "Veltra", 404,
+                    "The website repository configured for " + appNameOf(profile) + " (" +
+                        path.string() + ") does not exist, and " + healed->first.string() +
+                        " is not " + appNameOf(profile) +
+                        "'s site: neither its feed nor its "
+                        "download page offers " +
+                        appNameOf(profile) +
+                        ".dmg. Set webDeploy.websiteRepoPath to this app's website repository.");
+            }
             say(log, "Success: Auto-healed website repo location inside Veltra directory: " +
-                         healed->string());
-            return healed;
+                         healed->first.string());
+            return healed->first;
         }
         say(log, "Warning: Configured website repo path does not exist: " + path.string() +
                      ". Skipping Sparkle & web deploy steps.");
         return std::nullopt;
     }
     if (const auto found = candidate(profile)) {
-        say(log, "Success: Detected website repo in Veltra directory: " + found->string());
-        return found;
+        if (found->second) {
+            say(log,
+                "Success: Detected website repo in Veltra directory: " + found->first.string());
+            return found->first;
+        }
+        say(log, "Info: " + found->first.string() + " is another app's website, not used for " +
+                     appNameOf(profile) + ".");
     }
     say(log, "Info: No website repository configured. Skipping Sparkle signing & web deploy "
              "steps.");

@@ -42,7 +42,9 @@ public:
     static std::optional<ResolvedDeliveryConfig> resolve(const ProjectProfile& profile,
                                                          const LogHandler& log = {});
 
-    // The website repository alone, with the same log lines.
+    // The website repository alone, with the same log lines. A configured repository that is
+    // missing is replaced only by this app's own site beside the releases; another app's site
+    // there throws VeltraError naming both.
     static std::optional<std::filesystem::path> resolveRepository(const ProjectProfile& profile,
                                                                   const LogHandler& log = {});
 

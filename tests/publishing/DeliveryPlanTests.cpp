@@ -1,5 +1,6 @@
 #include "TestSupport.h"
 #include "core/publishing/ReleasePublishingPlan.h"
+#include "core/support/VeltraError.h"
 
 #include <gtest/gtest.h>
 
@@ -41,14 +42,44 @@ TEST_F(DeliveryPlan, RepositoryIsConfiguredHealedDetectedOrNone) {
     EXPECT_EQ(log, Lines{"Warning: Configured website repo path does not exist: " +
                          (dir / "site").string() + ". Skipping Sparkle & web deploy steps."});
 
-    testing::writeFile(releases / "website" / "index.html", "<html>");
+    // Another app's site in the shared folder is never used, and the run stops saying so.
+    testing::writeFile(releases / "website" / "index.html",
+                       "<a href=\"downloads/Other.dmg?v=3\">Download</a>");
+    try {
+        resolve();
+        FAIL() << "healed to another app's site";
+    } catch (const VeltraError& error) {
+        EXPECT_EQ(error.message(), "The website repository configured for Acme (" +
+                                       (dir / "site").string() + ") does not exist, and " +
+                                       (releases / "website").string() +
+                                       " is not Acme's site: neither its feed nor its download "
+                                       "page offers Acme.dmg. Set webDeploy.websiteRepoPath to "
+                                       "this app's website repository.");
+    }
+    // This app's own: its page links the app's download, or its feed offers it.
+    testing::writeFile(releases / "website" / "index.html",
+                       "<a href=\"downloads/Acme.dmg?v=3\">Download</a>");
     EXPECT_EQ(resolve(), releases / "website");
     EXPECT_EQ(log, Lines{"Success: Auto-healed website repo location inside Veltra directory: " +
                          (releases / "website").string()});
+    testing::writeFile(releases / "website" / "index.html", "<html></html>");
+    testing::writeFile(releases / "website" / "downloads" / "appcast.xml",
+                       "<rss xmlns:sparkle=\"http://www.andymatuschak.org/xml-namespaces/sparkle\">"
+                       "<channel><item><sparkle:version>3</sparkle:version><enclosure "
+                       "url=\"https://acme.test/downloads/Acme.dmg?v=3\" length=\"1\" "
+                       "sparkle:edSignature=\"S\"/></item></channel></rss>");
+    EXPECT_EQ(resolve(), releases / "website");
 
+    // Nothing configured: another app's site is passed over, this app's own is found.
     profile.webDeploy.websiteRepoPath = "  ";
+    testing::writeFile(releases / "website" / "downloads" / "appcast.xml", "<rss/>");
+    EXPECT_EQ(resolve(), std::nullopt);
+    EXPECT_EQ(log.front(), "Info: " + (releases / "website").string() +
+                               " is another app's website, not used for Acme.");
     std::filesystem::remove_all(releases / "website");
     std::filesystem::create_directories(releases / "Acme-website" / ".git");
+    testing::writeFile(releases / "Acme-website" / "index.html",
+                       "<a href=\"downloads/Acme.dmg\">Download</a>");
     EXPECT_EQ(resolve(), releases / "Acme-website");
     EXPECT_EQ(log, Lines{"Success: Detected website repo in Veltra directory: " +
                          (releases / "Acme-website").string()});
