@@ -78,19 +78,12 @@ void NotarizationEngine::storeCredentials(const std::string& keychainProfile,
                                           const std::string& appleID,
                                           const std::string& appPassword, const std::string& teamID,
                                           const NotaryLog& onLog, std::stop_token stop) const {
-    const auto log = [&](const std::string& line) {
-        if (onLog) {
-            onLog(line);
-        }
-    };
-    log("Storing notarization credentials in macOS Keychain...");
     // Without --password notarytool asks for it at its terminal.
     ProcessRequest request;
-    request.command = "xcrun";
     request.arguments = {"notarytool", "store-credentials", keychainProfile, "--apple-id",
                          appleID,      "--team-id",         teamID};
     request.terminalReply = ProcessRequest::TerminalReply{"password", appPassword};
-    finishStoring(runner.run(request, stop), keychainProfile, log);
+    store(std::move(request), keychainProfile, onLog, stop);
 }
 
 void NotarizationEngine::storeAPIKeyCredentials(const std::string& keychainProfile,
@@ -98,26 +91,26 @@ void NotarizationEngine::storeAPIKeyCredentials(const std::string& keychainProfi
                                                 const std::string& keyID, const std::string& issuer,
                                                 const NotaryLog& onLog,
                                                 std::stop_token stop) const {
-    const auto log = [&](const std::string& line) {
-        if (onLog) {
-            onLog(line);
-        }
-    };
-    log("Storing notarization credentials in macOS Keychain...");
     ProcessRequest request;
-    request.command = "xcrun";
     request.arguments = {"notarytool", "store-credentials", keychainProfile,
                          "--key",      keyFile.string(),    "--key-id",
                          keyID,        "--issuer",          issuer};
     // Answers nothing, but keeps notarytool from waiting on the caller's terminal for
     // something it lacks.
     request.standardInput = "";
-    finishStoring(runner.run(request, stop), keychainProfile, log);
+    store(std::move(request), keychainProfile, onLog, stop);
 }
 
-void NotarizationEngine::finishStoring(const ProcessResult& result,
-                                       const std::string& keychainProfile,
-                                       const std::function<void(const std::string&)>& log) {
+void NotarizationEngine::store(ProcessRequest request, const std::string& keychainProfile,
+                               const NotaryLog& onLog, std::stop_token stop) const {
+    const auto log = [&](const std::string& line) {
+        if (onLog) {
+            onLog(line);
+        }
+    };
+    log("Storing notarization credentials in macOS Keychain...");
+    request.command = "xcrun";
+    const auto result = runner.run(request, stop);
     if (result.exitCode != 0) {
         const auto err = trimWhitespace(result.errorOutput);
         throw VeltraError("Veltra", 401,

@@ -79,8 +79,9 @@ public:
     static std::optional<std::string> submissionID(std::string_view output);
 
 private:
-    static void finishStoring(const ProcessResult& result, const std::string& keychainProfile,
-                              const std::function<void(const std::string&)>& log);
+    // Runs notarytool store-credentials as `request` gives it, logging and judging the answer.
+    void store(ProcessRequest request, const std::string& keychainProfile, const NotaryLog& onLog,
+               std::stop_token stop) const;
 };
 
 } // namespace veltra
