@@ -376,9 +376,14 @@ int spawn(const SpawnPlan& plan, pid_t& pid) {
 
     // Own process group, so a stop takes the tool's helpers down with it; clean signal state,
     // since the host may block or ignore signals (SIGINT in the CLI, SIGPIPE anywhere).
-    // A new session is a new process group too, led by the child.
-    short flags = static_cast<short>((plan.terminal ? POSIX_SPAWN_SETSID : POSIX_SPAWN_SETPGROUP) |
-                                     POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    // A new session is a new process group too, led by the child. Without POSIX_SPAWN_SETSID
+    // the terminal is still the child's standard input, where a prompt falls back to reading.
+#if defined(POSIX_SPAWN_SETSID)
+    const int groupFlag = plan.terminal ? POSIX_SPAWN_SETSID : POSIX_SPAWN_SETPGROUP;
+#else
+    const int groupFlag = POSIX_SPAWN_SETPGROUP;
+#endif
+    short flags = static_cast<short>(groupFlag | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
 #if defined(__APPLE__)
     flags = static_cast<short>(flags | POSIX_SPAWN_CLOEXEC_DEFAULT);
 #endif
