@@ -50,12 +50,10 @@ std::string WebDeployer::commitSubject(const std::string& appName, const std::st
 }
 
 void WebDeployer::checkFileName(const std::string& appName) {
-    if (const auto problem = fileNameProblem(appName);
-        problem || appName.find("..") != std::string::npos) {
+    if (const auto problem = fileNameProblem(appName)) {
         throw VeltraError("Veltra", 400,
                           "The app name '" + std::string(appName.c_str()) +
-                              "' cannot name files in the website's downloads folder: " +
-                              problem.value_or("it holds '..'") +
+                              "' cannot name files in the website's downloads folder: " + *problem +
                               ". Use a name without '/', '\\', '..', a leading '.' or control "
                               "characters, at most 200 bytes.");
     }
@@ -70,12 +68,10 @@ std::optional<std::string> WebDeployer::containmentProblem(const std::filesystem
                    ". Set a path inside the website repository in the profile.";
         }
     }
-    const auto downloads = repository / ReleasePublishingPlan::downloadsFolder(config);
-    std::vector<std::filesystem::path> written{downloads, downloads / (appName + ".dmg"),
-                                               downloads / (appName + ".md"),
-                                               downloads / "icon.png", downloads / "appcast.xml"};
-    if (!config.indexHtmlRelativePath.empty()) {
-        written.push_back(repository / config.indexHtmlRelativePath);
+    std::vector<std::filesystem::path> written{repository /
+                                               ReleasePublishingPlan::downloadsFolder(config)};
+    for (const auto& path : releasePaths(config, appName, true)) {
+        written.push_back(repository / path);
     }
     for (const auto& path : written) {
         if (!resolvesInside(path, repository)) {
@@ -99,14 +95,11 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
         }
     };
     checkFileName(release.appName);
-    if (const auto problem =
-            containmentProblem(delivery.websiteRepoURL.empty() ? expandTilde(config.websiteRepoPath)
-                                                               : delivery.websiteRepoURL,
-                               config, release.appName)) {
-        throw VeltraError("Veltra", 400, *problem);
-    }
     const auto repository = delivery.websiteRepoURL.empty() ? expandTilde(config.websiteRepoPath)
                                                             : delivery.websiteRepoURL;
+    if (const auto problem = containmentProblem(repository, config, release.appName)) {
+        throw VeltraError("Veltra", 400, *problem);
+    }
     const auto publishingBranch = branch(config);
     if (const auto problem = gitBranchNameError(publishingBranch)) {
         throw VeltraError("Veltra", 400, "The publishing branch " + *problem);
@@ -204,21 +197,19 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
     publication.expectedSize = release.size;
 
     if (config.gitCommitAndPush) {
-        // 3. Commit exactly the release files.
-        const auto status = repositoryInspector.inspect(repository, publishingBranch, stop);
-        if (status.blocker) {
-            throw VeltraError("Veltra", 409, *status.blocker);
+        // 3. Commit exactly the release files (those there; an unchanged one commits nothing).
+        // A run that checked before building checks again now: the repository had time to change.
+        if (!checkRepositoryFirst) {
+            const auto status = repositoryInspector.inspect(repository, publishingBranch, stop);
+            if (status.blocker) {
+                throw VeltraError("Veltra", 409, *status.blocker);
+            }
         }
-        std::vector<std::string> paths{downloadsPath + "/" + dmgName,
-                                       downloadsPath + "/" + notesName};
-        if (std::filesystem::exists(downloads / "appcast.xml", error)) {
-            paths.push_back(downloadsPath + "/appcast.xml");
-        }
-        if (release.iconPNG) {
-            paths.push_back(downloadsPath + "/icon.png");
-        }
-        if (hasPage) {
-            paths.push_back(config.indexHtmlRelativePath);
+        std::vector<std::string> paths;
+        for (auto& path : releasePaths(config, release.appName, true)) {
+            if (std::filesystem::is_regular_file(repository / path, error)) {
+                paths.push_back(std::move(path));
+            }
         }
         std::vector<std::string> add{"add", "--"};
         add.insert(add.end(), paths.begin(), paths.end());

@@ -177,7 +177,9 @@ void makeRoomForNewest(const std::filesystem::path& folder, std::string_view pre
         }
     }
     std::sort(found.begin(), found.end());
-    for (std::size_t i = 0; i + keep < found.size() + 1 && i < found.size(); ++i) {
+    // keep - 1 stay, so that the one about to be added makes `keep`.
+    const auto stay = keep == 0 ? 0 : keep - 1;
+    for (std::size_t i = 0; i + stay < found.size(); ++i) {
         std::filesystem::remove(found[i], error);
     }
 }
