@@ -28,8 +28,10 @@ public:
                  context.profilesPath.empty()
                      ? ProfileStore::defaultURL()
                      : std::filesystem::path(expandTilde(context.profilesPath))) {
+        // Listing a file that could not be read would show a wrong picture, and saving over
+        // it would lose what it holds.
         if (store_.loadProblem()) {
-            context.err << "Warning: " << *store_.loadProblem() << '\n';
+            throw failure(*store_.loadProblem());
         }
     }
 
@@ -60,14 +62,6 @@ public:
                 "No profile named '{}'. Run 'veltra profile list' to see the profiles.", nameOrID));
         }
         return *match;
-    }
-
-    // Makes sure an edit can be kept before it is made.
-    void requireWritable() {
-        const auto* persistence = store_.persistence();
-        if (persistence != nullptr && persistence->isDisabled()) {
-            throw failure(store_.loadProblem().value_or("The profile file cannot be written."));
-        }
     }
 
     // Waits for the write and reports it if it failed.

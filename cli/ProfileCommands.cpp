@@ -38,7 +38,6 @@ void addCreate(CLI::App& profile, CliContext& context) {
             throw VeltraError("Veltra", 1, *problem);
         }
         OpenStore open(context);
-        open.requireWritable();
         auto created = ProjectProfile::create(
             *appName, *bundleID, output->empty() ? std::nullopt : std::optional(*output));
         const auto id = created.id;
@@ -107,7 +106,6 @@ void addDelete(CLI::App& profile, CliContext& context) {
     command->add_option("PROFILE", *which, "Name or ID")->required();
     command->callback([&context, which] {
         OpenStore open(context);
-        open.requireWritable();
         const auto& p = open.find(*which);
         const auto name = p.name;
         open.store().remove(p.id);
@@ -127,7 +125,6 @@ void addSet(CLI::App& profile, CliContext& context) {
         ->required();
     command->callback([&context, which, assignments] {
         OpenStore open(context);
-        open.requireWritable();
         auto edited = open.find(*which);
         for (const auto& assignment : *assignments) {
             const auto equals = assignment.find('=');

@@ -70,7 +70,6 @@ void addInit(CLI::App& group, CliContext& context) {
     command->add_option("--remote", *remote, "origin's address");
     command->callback([&context, folder, profile, remote] {
         OpenStore store(context);
-        store.requireWritable();
         auto chosen = store.find(*profile);
         const auto path = std::filesystem::absolute(expandTilde(standardizePath(*folder)));
         LinePrinter print(context.out);

@@ -1,5 +1,7 @@
 #include "ProfilePersistence.h"
 
+#include "ProfileMerge.h"
+#include "core/support/FileLock.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/VeltraError.h"
 
@@ -10,6 +12,19 @@
 
 namespace veltra {
 namespace {
+
+constexpr auto privateFile =
+    std::filesystem::perms::owner_read | std::filesystem::perms::owner_write;
+
+std::filesystem::path lockURL(const std::filesystem::path& url) {
+    auto lock = url;
+    lock += ".lock";
+    return lock;
+}
+
+std::string asidePrefix(const std::filesystem::path& url) {
+    return url.filename().string() + ".unreadable-";
+}
 
 std::filesystem::path asideName(const std::filesystem::path& url) {
     const std::time_t now = std::time(nullptr);
@@ -27,6 +42,28 @@ std::filesystem::path asideName(const std::filesystem::path& url) {
     return candidate;
 }
 
+// The copy of this broken text: the one already kept, else a new one (0600, like the file).
+// Throws when no copy can be made.
+std::filesystem::path keepAside(const std::filesystem::path& url, const std::string& text) {
+    std::error_code error;
+    const auto prefix = asidePrefix(url);
+    for (const auto& entry : std::filesystem::directory_iterator(url.parent_path(), error)) {
+        if (entry.path().filename().string().starts_with(prefix) &&
+            entry.file_size(error) == text.size()) {
+            try {
+                if (readFile(entry.path()) == text) {
+                    return entry.path();
+                }
+            } catch (const VeltraError&) {
+                // an unreadable copy is no copy
+            }
+        }
+    }
+    const auto aside = asideName(url);
+    writeFileAtomically(aside, text, privateFile);
+    return aside;
+}
+
 void removeLeftoverTemporaries(const std::filesystem::path& url) {
     std::error_code error;
     const auto prefix = atomicWriteTemporaryPrefix(url);
@@ -37,6 +74,58 @@ void removeLeftoverTemporaries(const std::filesystem::path& url) {
     }
 }
 
+struct FileContents {
+    Json json;
+    std::vector<ProjectProfile> profiles;
+};
+
+// The file's list (nothing when there is no file), or the message saying what is wrong with it
+// and where its copy is.
+struct FileRead {
+    std::optional<FileContents> contents;
+    std::optional<std::string> problem;
+
+    static FileRead failed(std::string problem) { return {std::nullopt, std::move(problem)}; }
+};
+
+// Called with the lock held, so two processes do not both make a copy.
+FileRead readProfileFile(const std::filesystem::path& url) {
+    std::error_code error;
+    if (!std::filesystem::exists(url, error) && !error) {
+        return {};
+    }
+    constexpr std::string_view advice =
+        "Fix the file or move it away; until then Veltra changes nothing in it.";
+    std::string text;
+    try {
+        text = readFile(url);
+    } catch (const VeltraError& unreadable) {
+        return FileRead::failed(
+            fmt::format("The profile file {} could not be read ({}). {}", url.string(),
+                        std::generic_category().message(unreadable.code()), advice));
+    }
+    std::string reason;
+    try {
+        FileContents contents;
+        contents.json = parseJson(text, "profiles");
+        contents.profiles = profilesFromJson(contents.json);
+        return {std::move(contents), std::nullopt};
+    } catch (const JsonDecodingError& invalid) {
+        reason = invalid.what();
+    }
+    try {
+        const auto aside = keepAside(url, text);
+        return FileRead::failed(fmt::format("The profile file {} could not be read ({}). A copy is "
+                                            "kept as {}. {}",
+                                            url.string(), reason, aside.string(), advice));
+    } catch (const std::exception& failure) {
+        return FileRead::failed(
+            fmt::format("The profile file {} could not be read ({}), and no copy "
+                        "of it could be kept ({}). {}",
+                        url.string(), reason, failure.what(), advice));
+    }
+}
+
 } // namespace
 
 ProfilePersistence::ProfilePersistence(std::filesystem::path url) : url_(std::move(url)) {}
@@ -44,42 +133,28 @@ ProfilePersistence::ProfilePersistence(std::filesystem::path url) : url_(std::mo
 ProfileLoadResult ProfilePersistence::load() {
     ProfileLoadResult result;
     queue_.sync([&] {
-        removeLeftoverTemporaries(url_);
-        std::error_code error;
-        if (!std::filesystem::exists(url_, error)) {
-            return;
-        }
-        std::string text;
         try {
-            text = readFile(url_);
-            result.profiles = profilesFromJson(parseJson(text, "profiles"));
-            return;
-        } catch (const VeltraError& unreadable) {
-            result.problem = fmt::format("{}. Changes will not be saved until it can be read.",
-                                         unreadable.what());
-            result.writable = false;
-            return;
-        } catch (const JsonDecodingError& invalid) {
-            result.problem = invalid.what();
+            const auto lock = FileLock::lock(lockURL(url_));
+            removeLeftoverTemporaries(url_);
+            auto read = readProfileFile(url_);
+            result.problem = std::move(read.problem);
+            if (read.contents) {
+                result.profiles = std::move(read.contents->profiles);
+                base_ = std::move(read.contents->json);
+            }
+        } catch (const VeltraError& failure) {
+            result.problem = failure.what(); // the lock could not be had
         }
-        const auto aside = asideName(url_);
-        std::filesystem::copy_file(url_, aside, error);
-        if (error) {
-            result.problem = fmt::format(
-                "The profile file {} could not be read ({}), and it could not be copied aside "
-                "({}). Changes will not be saved until it is fixed or moved away.",
-                url_.string(), *result.problem, error.message());
-            result.writable = false;
-            return;
-        }
-        result.problem = fmt::format("The profile file {} could not be read ({}). It was kept as "
-                                     "{}; the next change writes a new file.",
-                                     url_.string(), *result.problem, aside.string());
     });
-    if (!result.writable) {
+    if (result.problem) {
         disable();
     }
     return result;
+}
+
+void ProfilePersistence::setBase(const std::vector<ProjectProfile>& profiles) {
+    auto json = profilesToJson(profiles);
+    queue_.sync([&] { base_ = std::move(json); });
 }
 
 void ProfilePersistence::schedule(std::vector<ProjectProfile> profiles) {
@@ -108,11 +183,7 @@ void ProfilePersistence::writePending() {
         }
         std::optional<std::string> failure;
         try {
-            createPrivateDirectories(url_.parent_path());
-            // 0600 whatever an older version left: the file holds the deploy hook's address.
-            writeFileAtomically(url_, dumpJson(profilesToJson(profiles)),
-                                std::filesystem::perms::owner_read |
-                                    std::filesystem::perms::owner_write);
+            save(profiles);
         } catch (const std::exception& error) {
             failure = error.what(); // the next save tries again
         }
@@ -120,6 +191,23 @@ void ProfilePersistence::writePending() {
         ++writes_;
         lastError_ = failure;
     }
+}
+
+void ProfilePersistence::save(const std::vector<ProjectProfile>& profiles) {
+    createPrivateDirectories(url_.parent_path());
+    const auto lock = FileLock::lock(lockURL(url_));
+    auto mine = profilesToJson(profiles);
+    auto current = readProfileFile(url_);
+    if (current.problem) {
+        throw VeltraError("Veltra.Profile", 2, *current.problem + " This change was not saved.");
+    }
+    // A file removed since it was read gets this process's whole list.
+    auto merged = current.contents
+                      ? mergeProfileChanges(base_, mine, std::move(current.contents->json))
+                      : mine;
+    // 0600 whatever an older version left: the file holds the deploy hook's address.
+    writeFileAtomically(url_, dumpJson(merged), privateFile);
+    base_ = std::move(mine);
 }
 
 void ProfilePersistence::flush() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ProjectProfile.h"
+#include "core/support/JsonReader.h"
 #include "core/support/SerialQueue.h"
 
 #include <filesystem>
@@ -14,26 +15,30 @@ namespace veltra {
 // What loading the profile file found.
 struct ProfileLoadResult {
     std::vector<ProjectProfile> profiles;
-    // Set when the file exists but could not be used; says what was wrong and where the copy is.
+    // Set when the file exists but could not be used: what was wrong and where its copy is.
+    // Saving is then off until the file is fixed or moved away.
     std::optional<std::string> problem;
-    // False when saving would destroy a file that could not be kept aside.
-    bool writable = true;
 };
 
 // Writes the profile file on its own serial queue, coalescing bursts: only the newest list
-// waiting is written, so ten quick edits cost at most two writes.
+// waiting is written, so ten quick edits cost at most two writes. Several processes share the
+// file: a save locks it ("<name>.lock"), reads it again, applies only what this process changed
+// since its last read or save, and replaces it atomically.
 class ProfilePersistence {
 public:
     explicit ProfilePersistence(std::filesystem::path url);
 
     const std::filesystem::path& url() const { return url_; }
-    // Reads and decodes the file on the queue. A file that exists but cannot be decoded is
-    // copied aside ("<name>.unreadable-<timestamp>") before anything can replace it.
+    // Reads and decodes the file on the queue. A file that exists but cannot be used is copied
+    // aside ("<name>.unreadable-<timestamp>", once per distinct content) and never written over.
     ProfileLoadResult load();
+    // The list this process starts from, when it differs from what load() returned (paths in
+    // standard form): saves write only what differs from it.
+    void setBase(const std::vector<ProjectProfile>& profiles);
     void schedule(std::vector<ProjectProfile> profiles);
     // Waits until every scheduled list has been written.
     void flush();
-    // Saving stops for good (a file that could not be kept aside is protected this way).
+    // Saving stops for good (how a file that could not be read is protected).
     void disable();
     bool isDisabled() const;
     int writeCount() const;
@@ -42,6 +47,7 @@ public:
 
 private:
     void writePending();
+    void save(const std::vector<ProjectProfile>& profiles);
 
     std::filesystem::path url_;
     mutable std::mutex lock_;
@@ -50,6 +56,7 @@ private:
     bool disabled_ = false;
     int writes_ = 0;
     std::optional<std::string> lastError_;
+    Json base_ = Json::array(); // used on queue_ only
     SerialQueue queue_{"com.veltra.profile-persistence"};
 };
 

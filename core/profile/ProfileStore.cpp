@@ -58,6 +58,7 @@ ProfileStore::ProfileStore(MainQueue& queue, NotificationCenter& notifications,
         for (auto& profile : loaded.profiles) {
             profiles_.push_back(normalized(std::move(profile)));
         }
+        persistence_->setBase(profiles_);
     }
     if (!profiles_.empty()) {
         selectedProfileID_ = profiles_.front().id;

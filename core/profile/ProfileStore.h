@@ -18,7 +18,8 @@ namespace veltra {
 struct ReleaseManifest;
 
 // Owns the profiles and the current selection. Lives on the main queue: every member is called
-// there, and observers are told of each change there. Edits are saved in the background.
+// there, and observers are told of each change there. Edits are saved in the background, and a
+// save keeps what other processes changed in the file meanwhile (see ProfilePersistence).
 class ProfileStore {
 public:
     // The path "/dev/null" makes a store that never reads or writes a file.
@@ -39,6 +40,7 @@ public:
     const ProjectProfile* selectedProfile() const;
     const ProjectProfile* find(const Uuid& id) const;
     // Set when the file on disk could not be used at start: what was wrong, where the copy is.
+    // Nothing is saved then.
     const std::optional<std::string>& loadProblem() const { return loadProblem_; }
 
     void add(ProjectProfile profile);

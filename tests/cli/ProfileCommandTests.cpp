@@ -165,15 +165,40 @@ TEST_F(ProfileCommandTest, ReleasesListNewestFirstWithWebsiteWording) {
               dumpJson(Json::array({newer.toJson(), older.toJson()})) + "\n");
 }
 
-TEST_F(ProfileCommandTest, UnreadableFileIsReportedAndKept) {
+TEST_F(ProfileCommandTest, UnreadableFileStopsEveryCommandAndIsKept) {
     testing::writeFile(file, "not json");
-    const auto result = veltra({"profile", "create", "Foo", "--bundle-id", "com.example.foo"});
-    EXPECT_EQ(result.exitCode, 0);
-    EXPECT_TRUE(result.errorOutput.starts_with("Warning: The profile file " + file.string() +
-                                               " could not be read (profiles: not valid JSON"))
-        << result.errorOutput;
-    EXPECT_NE(result.errorOutput.find("It was kept as " + file.string() + ".unreadable-"),
-              std::string::npos);
+    const auto aside = [&] {
+        std::vector<std::string> found;
+        for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
+            if (entry.path().filename().string().starts_with("profiles.json.unreadable-")) {
+                found.push_back(entry.path().string());
+            }
+        }
+        return found;
+    };
+    for (const auto& arguments : std::vector<std::vector<std::string>>{
+             {"profile", "list"},
+             {"profile", "show", "Foo"},
+             {"profile", "create", "Foo", "--bundle-id", "com.example.foo"},
+             {"profile", "set", "Foo", "name=Bar"},
+             {"profile", "list", "--json"}}) {
+        SCOPED_TRACE(arguments[1]);
+        const auto result = veltra(arguments);
+        EXPECT_EQ(result.exitCode, 1);
+        EXPECT_EQ(result.output, "");
+        ASSERT_EQ(aside().size(), 1u) << "one copy however often it is read";
+        EXPECT_TRUE(result.errorOutput.starts_with("Error: The profile file " + file.string() +
+                                                   " could not be read (profiles: not valid JSON"))
+            << result.errorOutput;
+        EXPECT_TRUE(result.errorOutput.ends_with(
+            "). A copy is kept as " + aside()[0] +
+            ". Fix the file or move it away; until then Veltra changes nothing in it.\n"))
+            << result.errorOutput;
+        EXPECT_EQ(readFile(file), "not json");
+    }
+    // Moved away, the next command starts a new file.
+    std::filesystem::rename(file, dir / "broken.json");
+    EXPECT_EQ(veltra({"profile", "create", "Foo", "--bundle-id", "com.example.foo"}).exitCode, 0);
     EXPECT_EQ(profilesFromJson(parseJson(readFile(file))).at(0).name, "Foo");
 }
 

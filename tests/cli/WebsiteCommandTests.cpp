@@ -9,6 +9,10 @@
 #include "core/support/FileUtilities.h"
 #include "core/support/JsonReader.h"
 
+#include <atomic>
+#include <chrono>
+#include <thread>
+
 #include <gtest/gtest.h>
 
 namespace veltra {
@@ -168,6 +172,45 @@ TEST_F(WebsiteCommands, SiteThatNeverUpdatesNeedsAttention) {
         << watched.output;
     EXPECT_NE(veltra({"releases", "Acme"}).output.find("Uploaded; live website needs checking"),
               std::string::npos);
+}
+
+// A watcher saving every check and a `profile set` from another process: the file keeps both.
+TEST_F(WebsiteCommands, WatcherAndProfileSetKeepEachOthersChanges) {
+    publishOnPush(false);
+    deployRelease();
+    const auto profiles = dir / "profiles.json";
+    const auto publication = [&] {
+        return dumpJson(
+            parseJson(readFile(profiles))[0]["recentReleases"][0]["websitePublication"]);
+    };
+    std::atomic<bool> done = false;
+    ProcessResult watched;
+    std::jthread watcher([&] {
+        watched = veltra(
+            {"website", "check", "Acme", "--watch", "--interval", "0.1", "--timeout", "300"});
+        done = true;
+    });
+    // Waits for the watcher's next save, however slow the machine.
+    const auto nextSave = [&](const std::string& before) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(2);
+        while (!done && publication() == before && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return publication();
+    };
+    const auto checked = nextSave(publication());
+    const auto set = veltra({"profile", "set", "Acme", "sparkle.minimumSystemVersion=14.2"});
+    ASSERT_EQ(set.exitCode, 0) << set.errorOutput;
+    nextSave(checked);
+    ASSERT_FALSE(done) << watched.output << watched.errorOutput;
+    // The site goes live: the watcher records it and stops.
+    testing::git(origin, {"--work-tree=" + served.string(), "checkout", "-f", "main", "--", "."});
+    watcher.join();
+    EXPECT_EQ(watched.exitCode, 0) << watched.output << watched.errorOutput;
+    const auto profile = profilesFromJson(parseJson(readFile(profiles))).at(0);
+    EXPECT_EQ(profile.sparkle.minimumSystemVersion, "14.2");
+    EXPECT_EQ(profile.recentReleases->at(0).websitePublication->state,
+              WebsitePublicationState::live);
 }
 
 } // namespace

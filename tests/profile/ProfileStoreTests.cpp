@@ -76,43 +76,127 @@ TEST_F(ProfileStoreTest, MemoryOnlyStoreTouchesNoFile) {
     EXPECT_TRUE(S_ISCHR(info.st_mode));
 }
 
-TEST_F(ProfileStoreTest, UnreadableFileIsKeptAsideNeverLost) {
+TEST_F(ProfileStoreTest, UnreadableFileIsKeptAsideAndNeverWrittenOver) {
     struct Row {
         const char* name;
         std::string contents;
         const char* reason;
     };
     const std::vector<Row> rows{
-        {"not JSON", "[{\"id\": broken", "not valid JSON"},
+        {"not JSON", "[{\"id\": broken", "profiles: not valid JSON"},
         {"a profile missing a key", R"([{"id":"5B0E1F2A-9C3D-4E5F-8A7B-6C5D4E3F2A1B"}])",
          "profiles[0].name: missing"},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        std::filesystem::remove_all(dir.path());
-        std::filesystem::create_directories(dir.path());
-        testing::writeFile(file, row.contents);
-        {
-            ProfileStore store(queue, notifications, file);
-            EXPECT_TRUE(store.profiles().empty());
-            ASSERT_TRUE(store.loadProblem());
-            const auto& problem = *store.loadProblem();
-            EXPECT_NE(problem.find(row.reason), std::string::npos) << problem;
-            EXPECT_NE(problem.find(file.string()), std::string::npos) << problem;
-            // The original is still in place until a change replaces it.
-            EXPECT_EQ(readFile(file), row.contents);
-            store.add(ProjectProfile::create("New", "com.example.new"));
-        }
+    const auto copies = [&] {
         std::vector<std::filesystem::path> aside;
         for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
             if (entry.path().filename().string().starts_with("profiles.json.unreadable-")) {
                 aside.push_back(entry.path());
             }
         }
-        ASSERT_EQ(aside.size(), 1u);
-        EXPECT_EQ(readFile(aside[0]), row.contents);
-        EXPECT_EQ(fileProfiles().at(0).name, "New");
+        return aside;
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        std::filesystem::remove_all(dir.path());
+        std::filesystem::create_directories(dir.path());
+        testing::writeFile(file, row.contents);
+        for (int opening = 0; opening < 3; ++opening) {
+            ProfileStore store(queue, notifications, file);
+            EXPECT_TRUE(store.profiles().empty());
+            ASSERT_TRUE(store.loadProblem());
+            ASSERT_EQ(copies().size(), 1u) << "one copy per broken content";
+            const auto& problem = *store.loadProblem();
+            EXPECT_TRUE(problem.starts_with("The profile file " + file.string() +
+                                            " could not be read (" + row.reason))
+                << problem;
+            EXPECT_TRUE(problem.ends_with("). A copy is kept as " + copies()[0].string() +
+                                          ". Fix the file or move it away; until then Veltra "
+                                          "changes nothing in it."))
+                << problem;
+            store.add(ProjectProfile::create("New", "com.example.new"));
+            store.flush();
+            EXPECT_EQ(readFile(file), row.contents);
+        }
+        EXPECT_EQ(readFile(copies()[0]), row.contents);
+        EXPECT_EQ(std::filesystem::status(copies()[0]).permissions(),
+                  std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+        testing::writeFile(file, row.contents + " ");
+        ProfileStore changed(queue, notifications, file);
+        EXPECT_EQ(copies().size(), 2u) << "other broken content, another copy";
     }
+
+    // Broken by someone else after it was read: the save refuses and the file stays.
+    std::filesystem::remove_all(dir.path());
+    std::filesystem::create_directories(dir.path());
+    ProfileStore store(queue, notifications, file);
+    auto profile = ProjectProfile::create("Foo", "com.example.foo");
+    store.add(profile);
+    store.flush();
+    testing::writeFile(file, "{broken");
+    profile.name = "Bar";
+    store.update(profile);
+    store.flush();
+    const auto error = store.persistence()->lastError();
+    ASSERT_TRUE(error);
+    EXPECT_TRUE(error->ends_with(
+        "Fix the file or move it away; until then Veltra changes nothing in it. This change was "
+        "not saved."))
+        << *error;
+    EXPECT_EQ(readFile(file), "{broken");
+    EXPECT_EQ(copies().size(), 1u);
+}
+
+// Two stores on one file stand for two Veltra processes: each save keeps the other's changes.
+TEST_F(ProfileStoreTest, SavesKeepOtherStoresChangesAndUnknownFields) {
+    auto foo = ProjectProfile::create("Foo", "com.example.foo");
+    auto bar = ProjectProfile::create("Bar", "com.example.bar");
+    auto json = profilesToJson({foo, bar});
+    // Written by a newer version.
+    json[0]["futureField"] = Json::array({1, 2});
+    json[0]["webDeploy"]["cdnZone"] = "eu";
+    json[1]["recentReleases"] = Json::array({manifest("Bar", "1.0").toJson()});
+    json[1]["recentReleases"][0]["futureReleaseField"] = true;
+    testing::writeFile(file, dumpJson(json));
+
+    ProfileStore first(queue, notifications, file);
+    ProfileStore second(queue, notifications, file);
+    foo.name = "Foo renamed";
+    first.update(foo);
+    first.flush();
+    auto secondBar = *second.find(bar.id);
+    secondBar.sparkle.minimumSystemVersion = "14.0";
+    second.update(secondBar);
+    second.recordRelease(manifest("Foo", "2.0"), foo.id);
+    second.add(ProjectProfile::create("Baz", "com.example.baz"));
+    second.flush();
+    // The first store never saw the second's edits; its next save must not undo them.
+    foo.notarization.enabled = true;
+    first.update(foo);
+    first.remove(bar.id);
+    first.flush();
+
+    const auto saved = parseJson(readFile(file));
+    const auto profiles = profilesFromJson(saved);
+    ASSERT_EQ(profiles.size(), 2u);
+    EXPECT_EQ(profiles[0].name, "Foo renamed");
+    EXPECT_TRUE(profiles[0].notarization.enabled);
+    ASSERT_TRUE(profiles[0].recentReleases);
+    EXPECT_EQ(profiles[0].recentReleases->at(0).version, "2.0");
+    EXPECT_EQ(profiles[1].name, "Baz");
+    EXPECT_EQ(saved[0]["futureField"], Json::array({1, 2}));
+    EXPECT_EQ(saved[0]["webDeploy"]["cdnZone"], "eu");
+
+    // A newer version's field inside a release survives a change of that release.
+    testing::writeFile(file, dumpJson(json));
+    ProfileStore third(queue, notifications, file);
+    auto thirdBar = *third.find(bar.id);
+    thirdBar.recentReleases->at(0).releaseNotes = "Fixed";
+    third.update(thirdBar);
+    third.flush();
+    const auto release = parseJson(readFile(file))[1]["recentReleases"][0];
+    EXPECT_EQ(release["releaseNotes"], "Fixed");
+    EXPECT_EQ(release["futureReleaseField"], true);
 }
 
 TEST_F(ProfileStoreTest, FinishedReleasesAreRecordedNewestFirst) {

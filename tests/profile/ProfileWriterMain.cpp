@@ -9,6 +9,10 @@ int main(int argc, char** argv) {
         return 2;
     }
     veltra::ProfilePersistence persistence(argv[1]);
+    // Each generation replaces the one before, the killed writer's last one included.
+    if (persistence.load().problem) {
+        return 3;
+    }
     for (int generation = 1;; ++generation) {
         std::vector<veltra::ProjectProfile> profiles;
         for (int i = 0; i < 40; ++i) {
