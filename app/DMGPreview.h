@@ -1,7 +1,7 @@
 #pragma once
 
 #include "core/dmg/DMGInstallerLayout.h"
-#include "core/profile/DMGDesignConfig.h"
+#include "core/records/DMGDesignConfig.h"
 
 #include <QImage>
 #include <QWidget>

@@ -1,7 +1,7 @@
 #include "HistoryView.h"
 
 #include "RunView.h"
-#include "core/publishing/WebsitePublication.h"
+#include "core/records/WebsitePublication.h"
 
 #include <QDateTime>
 #include <QHBoxLayout>

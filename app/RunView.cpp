@@ -1,6 +1,6 @@
 #include "RunView.h"
 
-#include "core/publishing/WebsitePublication.h"
+#include "core/records/WebsitePublication.h"
 #include "core/support/FileUtilities.h"
 
 #include <QDesktopServices>

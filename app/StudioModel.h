@@ -6,7 +6,7 @@
 #include "ReleaseNotifications.h"
 #include "core/pipeline/PipelineManager.h"
 #include "core/profile/ProfileStore.h"
-#include "core/publishing/WebsitePublicationWatcher.h"
+#include "core/pipeline/WebsitePublicationWatcher.h"
 
 #include <QObject>
 #include <QSettings>

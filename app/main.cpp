@@ -1,6 +1,6 @@
 #include "MainWindow.h"
 #include "StudioScreenshots.h"
-#include "core/pipeline/DemoSandbox.h"
+#include "core/demo/DemoSandbox.h"
 #include "core/process/ProcessRunner.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/ResourceLocator.h"

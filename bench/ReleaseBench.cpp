@@ -3,7 +3,7 @@
 // Every tool (the stand-ins, git and the rest) runs through a wrapper that records when it ran; a
 // step's own time is its duration less the union of the tool runs inside it.
 
-#include "core/pipeline/DemoSandbox.h"
+#include "core/demo/DemoSandbox.h"
 #include "core/pipeline/PipelineManager.h"
 #include "core/process/ProcessRunner.h"
 #include "core/support/EventLoop.h"

@@ -1,7 +1,7 @@
 #include "Commands.h"
 #include "OpenStore.h"
 #include "PipelineViews.h"
-#include "core/pipeline/DemoSandbox.h"
+#include "core/demo/DemoSandbox.h"
 #include "core/support/ResourceLocator.h"
 
 #include <cstdlib>

@@ -3,7 +3,7 @@
 #include "CliContext.h"
 #include "OpenStore.h"
 #include "core/pipeline/PipelineManager.h"
-#include "core/publishing/WebsitePublicationWatcher.h"
+#include "core/pipeline/WebsitePublicationWatcher.h"
 
 namespace veltra::cli {
 

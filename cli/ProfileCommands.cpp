@@ -1,6 +1,6 @@
 #include "Commands.h"
 #include "OpenStore.h"
-#include "core/pipeline/ReleaseManifest.h"
+#include "core/records/ReleaseManifest.h"
 #include "core/profile/ProfileFieldEditor.h"
 #include "core/profile/ProfileStore.h"
 #include "core/support/EventLoop.h"

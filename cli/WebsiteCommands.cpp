@@ -6,7 +6,7 @@
 #include "core/publishing/ReleasePublishingPlan.h"
 #include "core/publishing/WebDeployer.h"
 #include "core/publishing/WebsiteCreator.h"
-#include "core/publishing/WebsitePublicationWatcher.h"
+#include "core/pipeline/WebsitePublicationWatcher.h"
 
 #include <algorithm>
 #include <memory>

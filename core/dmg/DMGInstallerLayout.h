@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/profile/DMGDesignConfig.h"
+#include "core/records/DMGDesignConfig.h"
 
 #include <array>
 #include <optional>

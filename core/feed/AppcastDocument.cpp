@@ -1,6 +1,6 @@
 #include "AppcastDocument.h"
 
-#include "ExpatDocument.h"
+#include "core/support/ExpatDocument.h"
 
 #include <cstdlib>
 #include <vector>

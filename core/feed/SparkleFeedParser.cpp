@@ -1,7 +1,7 @@
 #include "SparkleFeedParser.h"
 
-#include "ExpatDocument.h"
-#include "XMLEncoding.h"
+#include "core/support/ExpatDocument.h"
+#include "core/support/XMLEncoding.h"
 
 namespace veltra {
 

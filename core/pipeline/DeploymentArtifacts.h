@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/publishing/WebsitePublication.h"
+#include "core/records/WebsitePublication.h"
 
 #include <cstdint>
 #include <optional>

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "PipelineLogArchive.h"
-#include "ReleaseLogEntry.h"
+#include "core/records/ReleaseLogEntry.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -2,7 +2,7 @@
 
 #include "PipelineLogArchive.h"
 #include "PipelineLogInbox.h"
-#include "ReleaseLogEntry.h"
+#include "core/records/ReleaseLogEntry.h"
 #include "core/support/MainQueue.h"
 
 #include <chrono>

@@ -1,6 +1,6 @@
 #include "PipelineManager.h"
 
-#include "ReleaseCompletion.h"
+#include "core/records/ReleaseCompletion.h"
 #include "ReleaseRunRecord.h"
 #include "core/feed/ReleaseFeedValidator.h"
 #include "core/process/ProcessRunner.h"

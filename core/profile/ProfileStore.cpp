@@ -1,6 +1,6 @@
 #include "ProfileStore.h"
 
-#include "core/pipeline/ReleaseCompletion.h"
+#include "core/records/ReleaseCompletion.h"
 #include "core/support/FileUtilities.h"
 
 #include <algorithm>

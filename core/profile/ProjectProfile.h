@@ -1,11 +1,11 @@
 #pragma once
 
-#include "DMGDesignConfig.h"
-#include "GitHubReleaseConfig.h"
-#include "NotarizationConfig.h"
-#include "SparkleConfig.h"
-#include "WebDeployConfig.h"
-#include "core/pipeline/ReleaseManifest.h"
+#include "core/records/DMGDesignConfig.h"
+#include "core/records/GitHubReleaseConfig.h"
+#include "core/records/NotarizationConfig.h"
+#include "core/records/SparkleConfig.h"
+#include "core/records/WebDeployConfig.h"
+#include "core/records/ReleaseManifest.h"
 #include "core/support/JsonReader.h"
 #include "core/support/Uuid.h"
 

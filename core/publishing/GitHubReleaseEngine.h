@@ -1,7 +1,7 @@
 #pragma once
 
 #include "core/process/ProcessRunner.h"
-#include "core/profile/GitHubReleaseConfig.h"
+#include "core/records/GitHubReleaseConfig.h"
 #include "core/support/LogHandler.h"
 
 #include <filesystem>

@@ -1,10 +1,10 @@
 #pragma once
 
 #include "ReleasePublishingPlan.h"
-#include "WebsitePublication.h"
+#include "core/records/WebsitePublication.h"
 #include "WebsiteRepositoryInspector.h"
 #include "core/process/ProcessRunner.h"
-#include "core/profile/WebDeployConfig.h"
+#include "core/records/WebDeployConfig.h"
 #include "core/support/HttpClient.h"
 #include "core/support/LogHandler.h"
 

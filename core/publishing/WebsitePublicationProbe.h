@@ -1,6 +1,6 @@
 #pragma once
 
-#include "WebsitePublication.h"
+#include "core/records/WebsitePublication.h"
 
 #include <chrono>
 #include <condition_variable>

@@ -1,7 +1,7 @@
 #include "XcodeProjectDiscovery.h"
 
 #include "ProjectFileParser.h"
-#include "core/feed/ExpatDocument.h"
+#include "core/support/ExpatDocument.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/VeltraError.h"
 

@@ -158,7 +158,7 @@ TEST(SparkleFeedParser, TrimsTheUnicodeSpaceSet) {
 } // namespace veltra
 
 #include "core/feed/ReleaseFeedValidator.h"
-#include "core/feed/XMLEncoding.h"
+#include "core/support/XMLEncoding.h"
 #include "core/support/VeltraError.h"
 
 #include <iconv.h>

@@ -1,5 +1,5 @@
 #include "TestSupport.h"
-#include "core/pipeline/AppIconResolver.h"
+#include "core/dmg/AppIconResolver.h"
 #include "core/pipeline/SparkleAutoResolver.h"
 #include "core/support/FileUtilities.h"
 

@@ -3,7 +3,7 @@
 
 #include "AppleTools.h"
 #include "core/pipeline/PipelineManager.h"
-#include "core/pipeline/ReleaseCompletion.h"
+#include "core/records/ReleaseCompletion.h"
 #include "core/publishing/ReleaseNotificationEvent.h"
 #include "core/support/EventLoop.h"
 #include "core/support/FileDigest.h"

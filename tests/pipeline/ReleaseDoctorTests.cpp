@@ -4,7 +4,7 @@
 #include "AppleTools.h"
 #include "GitFixture.h"
 #include "core/feed/SparklePrivateKey.h"
-#include "core/pipeline/DemoSandbox.h"
+#include "core/demo/DemoSandbox.h"
 #include "core/pipeline/ReleaseDoctor.h"
 #include "core/support/FileUtilities.h"
 

@@ -3,7 +3,7 @@
 
 #include "AppleTools.h"
 #include "GitFixture.h"
-#include "core/pipeline/DemoSandbox.h"
+#include "core/demo/DemoSandbox.h"
 #include "core/pipeline/PipelineManager.h"
 #include "core/pipeline/ReleaseRunRecord.h"
 #include "core/profile/ProfileStore.h"

@@ -1,4 +1,4 @@
-#include "core/pipeline/StepStatus.h"
+#include "core/records/StepStatus.h"
 #include "core/profile/ProfileFieldEditor.h"
 #include "core/profile/ProjectProfile.h"
 #include "core/support/VeltraError.h"

@@ -1,5 +1,5 @@
 #include "TestSupport.h"
-#include "core/pipeline/ReleaseCompletion.h"
+#include "core/records/ReleaseCompletion.h"
 #include "core/process/ProcessExecutionError.h"
 #include "core/process/ProcessRunner.h"
 #include "core/profile/ProfileStore.h"

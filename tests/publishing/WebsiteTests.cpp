@@ -609,7 +609,7 @@ TEST_F(Website, GeneratedPageIsUpgradedOwnPageWithoutLinksIsLeftAlone) {
 } // namespace veltra
 
 #include "core/profile/ProfileStore.h"
-#include "core/publishing/WebsitePublicationWatcher.h"
+#include "core/pipeline/WebsitePublicationWatcher.h"
 #include "core/support/EventLoop.h"
 
 #include <any>

@@ -7,7 +7,7 @@
 #include "StudioModel.h"
 #include "StudioTestSupport.h"
 #include "TestSupport.h"
-#include "core/pipeline/DemoSandbox.h"
+#include "core/demo/DemoSandbox.h"
 
 #include <QDBusConnection>
 #include <QGuiApplication>

@@ -9,8 +9,8 @@
 #include "RunView.h"
 #include "StudioTestSupport.h"
 #include "core/dmg/DMGInstallerLayout.h"
-#include "core/pipeline/DemoSandbox.h"
-#include "core/publishing/WebsitePublication.h"
+#include "core/demo/DemoSandbox.h"
+#include "core/records/WebsitePublication.h"
 #include "core/support/FileUtilities.h"
 
 #include <QApplication>

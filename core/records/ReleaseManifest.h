@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/publishing/WebsitePublication.h"
+#include "WebsitePublication.h"
 #include "core/support/Date.h"
 #include "core/support/JsonReader.h"
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "ReleaseNotificationEvent.h"
-#include "WebsitePublicationProbe.h"
+#include "core/publishing/ReleaseNotificationEvent.h"
+#include "core/publishing/WebsitePublicationProbe.h"
 #include "core/support/MainQueue.h"
 #include "core/support/NotificationCenter.h"
 #include "core/support/Uuid.h"

@@ -1,6 +1,6 @@
 #include "XMLEncoding.h"
 
-#include "core/support/Text.h"
+#include "Text.h"
 
 #include <cerrno>
 #include <iconv.h>

@@ -1,6 +1,6 @@
 #include "BranchWorktree.h"
 
-#include "core/publishing/GitCommand.h"
+#include "GitCommand.h"
 #include "core/support/GitRefName.h"
 #include "core/support/Text.h"
 #include "core/support/Uuid.h"
