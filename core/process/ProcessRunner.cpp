@@ -21,6 +21,7 @@
 #include <poll.h>
 #include <spawn.h>
 #include <stdexcept>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <thread>
@@ -342,6 +343,7 @@ struct SpawnPlan {
     std::string executable;
     std::vector<std::string> argv;
     std::vector<std::string> envp;
+    bool foundOnPath = false; // a bare name the runner looked up itself
     std::optional<std::string> workingDirectory;
     int standardInput = -1; // -1: inherit
     // A pseudo-terminal to open as standard input and controlling terminal, in a new session.
@@ -399,12 +401,16 @@ int spawn(const SpawnPlan& plan, pid_t& pid) {
     }
     posix_spawnattr_setsigdefault(&attributes, &signals);
 
-    std::vector<char*> argv;
-    argv.reserve(plan.argv.size() + 1);
-    for (const auto& argument : plan.argv) {
-        argv.push_back(const_cast<char*>(argument.c_str()));
-    }
-    argv.push_back(nullptr);
+    const auto pointers = [](const std::vector<std::string>& strings) {
+        std::vector<char*> list;
+        list.reserve(strings.size() + 1);
+        for (const auto& text : strings) {
+            list.push_back(const_cast<char*>(text.c_str()));
+        }
+        list.push_back(nullptr);
+        return list;
+    };
+    auto argv = pointers(plan.argv);
     std::vector<char*> envp;
     envp.reserve(plan.envp.size() + 1);
     for (const auto& entry : plan.envp) {
@@ -412,8 +418,16 @@ int spawn(const SpawnPlan& plan, pid_t& pid) {
     }
     envp.push_back(nullptr);
 
-    const int result = ::posix_spawn(&pid, plan.executable.c_str(), &actions, &attributes,
-                                     argv.data(), envp.data());
+    int result = ::posix_spawn(&pid, plan.executable.c_str(), &actions, &attributes, argv.data(),
+                               envp.data());
+    if (result == ENOEXEC && plan.foundOnPath) {
+        // A script without "#!": env's execvp hands it to /bin/sh, so env it is.
+        std::vector<std::string> viaEnv{"/usr/bin/env"};
+        viaEnv.insert(viaEnv.end(), plan.argv.begin(), plan.argv.end());
+        argv = pointers(viaEnv);
+        result = ::posix_spawn(&pid, viaEnv.front().c_str(), &actions, &attributes, argv.data(),
+                               envp.data());
+    }
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     return result;
@@ -561,11 +575,50 @@ private:
 
 } // namespace
 
-ProcessRunner::Launch ProcessRunner::resolveLaunch(const std::string& command,
-                                                   const std::vector<std::string>& arguments) {
+namespace {
+
+// Where execvp would find `name` on `searchPath`: the first regular file the user may execute.
+// An empty folder in the list is the working directory, as for the shell.
+std::optional<std::string>
+findOnPath(const std::string& name, std::string_view searchPath,
+           const std::optional<std::filesystem::path>& workingDirectory) {
+    while (true) {
+        const auto colon = searchPath.find(':');
+        std::filesystem::path folder(searchPath.substr(0, colon));
+        if (folder.empty()) {
+            folder = ".";
+        }
+        if (folder.is_relative() && workingDirectory) {
+            folder = *workingDirectory / folder;
+        }
+        const auto candidate = (folder / name).string();
+        struct stat info {};
+        if (::stat(candidate.c_str(), &info) == 0 && S_ISREG(info.st_mode) &&
+            ::access(candidate.c_str(), X_OK) == 0) {
+            return folder.is_relative() ? (std::filesystem::current_path() / candidate).string()
+                                        : candidate;
+        }
+        if (colon == std::string_view::npos) {
+            return std::nullopt;
+        }
+        searchPath.remove_prefix(colon + 1);
+    }
+}
+
+} // namespace
+
+ProcessRunner::Launch
+ProcessRunner::resolveLaunch(const std::string& command, const std::vector<std::string>& arguments,
+                             std::optional<std::string_view> searchPath,
+                             const std::optional<std::filesystem::path>& workingDirectory) {
     Launch launch;
-    if (command.starts_with('/') || command.starts_with("./")) {
-        launch.executable = command;
+    std::optional<std::string> found;
+    if (searchPath && !command.empty() && command.find('/') == std::string::npos) {
+        found = findOnPath(command, *searchPath, workingDirectory);
+    }
+    if (command.starts_with('/') || command.starts_with("./") || found) {
+        // One exec instead of two: env would find the same file on the same PATH.
+        launch.executable = found.value_or(command);
         launch.argv.reserve(arguments.size() + 1);
         launch.argv.push_back(command);
     } else {
@@ -644,17 +697,22 @@ ProcessResult ProcessRunner::run(const ProcessRequest& request, std::stop_token 
 
     SpawnPlan plan;
     plan.displayName = request.command;
-    auto launch = resolveLaunch(request.command, request.arguments);
+    const auto environment = childEnvironment(applicationEnvironment(), request.environment);
+    for (const auto& [key, value] : environment) {
+        plan.envp.push_back(key + "=" + value);
+    }
+    const auto path = environment.find("PATH");
+    auto launch = resolveLaunch(
+        request.command, request.arguments,
+        path == environment.end() ? std::nullopt : std::optional<std::string_view>(path->second),
+        request.currentDirectory);
     plan.executable = std::move(launch.executable);
+    plan.foundOnPath = plan.executable != request.command && plan.executable != "/usr/bin/env";
     if (plan.executable.starts_with("./")) {
         // Relative to the caller's directory, not the child's working directory.
         plan.executable = (std::filesystem::current_path() / plan.executable).lexically_normal();
     }
     plan.argv = std::move(launch.argv);
-    for (const auto& [key, value] :
-         childEnvironment(applicationEnvironment(), request.environment)) {
-        plan.envp.push_back(key + "=" + value);
-    }
     if (request.currentDirectory) {
         plan.workingDirectory = request.currentDirectory->string();
     }

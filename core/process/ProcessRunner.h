@@ -67,9 +67,14 @@ public:
         std::string executable;
         std::vector<std::string> argv; // including argv[0]
     };
-    // Paths starting with "/" or "./" run directly; anything else runs as /usr/bin/env <name>.
+    // Paths starting with "/" or "./" run directly. A bare name found on `searchPath` (the
+    // child's PATH; its relative folders from `workingDirectory`, as in the child) runs directly
+    // as the file found there; anything else runs as /usr/bin/env <name>, so that a tool that
+    // cannot be found fails exactly as env reports it.
     static Launch resolveLaunch(const std::string& command,
-                                const std::vector<std::string>& arguments);
+                                const std::vector<std::string>& arguments,
+                                std::optional<std::string_view> searchPath = std::nullopt,
+                                const std::optional<std::filesystem::path>& workingDirectory = {});
     // The child's environment: `parent` with PATH prefixed (by $VELTRA_TOOL_PATH, then the fixed
     // folders), then `overrides` on top.
     static std::map<std::string, std::string>

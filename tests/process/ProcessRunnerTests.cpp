@@ -91,12 +91,34 @@ TEST(ProcessRunnerLaunch, ResolvesCommandsAndEnvironment) {
 }
 
 TEST_F(ProcessRunnerTest, BareNamesAreFoundOnTheChildsPath) {
-    testing::writeScript(dir / "veltra-probe", "printf 'probe:%s' \"$1\"");
+    testing::writeScript(dir / "veltra-probe", "printf 'probe:%s:%s' \"$0\" \"$1\"");
     ProcessRequest request{.command = "veltra-probe", .arguments = {"x y"}};
     request.environment["PATH"] = dir.path().string() + ":/usr/bin:/bin";
     const auto result = runner.run(request);
     EXPECT_EQ(result.exitCode, 0);
-    EXPECT_EQ(result.output, "probe:x y");
+    EXPECT_EQ(result.output, "probe:" + (dir / "veltra-probe").string() + ":x y");
+
+    // Looked up as execvp would: folders in order, skipping what is not an executable file;
+    // relative folders from the child's working directory.
+    std::filesystem::create_directories(dir / "first" / "veltra-probe");
+    testing::writeFile(dir / "second" / "veltra-probe", "not executable");
+    std::filesystem::create_directories(dir / "work" / "tools");
+    testing::writeScript(dir / "work" / "tools" / "veltra-probe", "printf relative");
+    const auto searched = (dir / "first").string() + "::" + (dir / "second").string() +
+                          ":tools:" + dir.path().string();
+    auto launch = ProcessRunner::resolveLaunch("veltra-probe", {"a"}, searched, dir / "work");
+    EXPECT_EQ(launch.executable, (dir / "work" / "tools" / "veltra-probe").string());
+    EXPECT_EQ(launch.argv, (std::vector<std::string>{"veltra-probe", "a"}));
+    request.environment["PATH"] = searched;
+    request.currentDirectory = dir / "work";
+    EXPECT_EQ(runner.run(request).output, "relative");
+
+    // A script without "#!" runs under /bin/sh, as env would run it.
+    testing::writeFile(dir / "plain" / "veltra-plain", "printf 'plain:%s' \"$1\"\n");
+    std::filesystem::permissions(dir / "plain" / "veltra-plain", std::filesystem::perms::owner_all);
+    request = ProcessRequest{.command = "veltra-plain", .arguments = {"z"}};
+    request.environment["PATH"] = (dir / "plain").string() + ":/usr/bin:/bin";
+    EXPECT_EQ(runner.run(request).output, "plain:z");
 
     // Without the caller's PATH the prefixed one is used, so plain tools resolve.
     const auto missing = runner.run("veltra-no-such-tool", {});
