@@ -16,6 +16,7 @@
 #include "core/signing/NotarizationEngine.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/Text.h"
+#include "core/support/VeltraError.h"
 #include "core/xcode/VersionManager.h"
 #include "core/xcode/VersionValidation.h"
 #include "core/xcode/XcodeProjectDiscovery.h"
@@ -465,9 +466,21 @@ public:
 
     void reload() override {
         WizardPage::reload();
-        model_.background().run<std::vector<SigningCertificate>>(
-            this, [](std::stop_token stop) { return CertificateScanner().scanIdentities(stop); },
-            [this](std::vector<SigningCertificate> found) {
+        struct Scan {
+            std::vector<SigningCertificate> found;
+            std::optional<std::string> problem;
+        };
+        model_.background().run<Scan>(
+            this,
+            [](std::stop_token stop) {
+                try {
+                    return Scan{CertificateScanner().scanIdentities(stop), std::nullopt};
+                } catch (const VeltraError& failed) {
+                    return Scan{{}, failed.message()};
+                }
+            },
+            [this](Scan scan) {
+                auto& found = scan.found;
                 std::stable_sort(found.begin(), found.end(), [](const auto& a, const auto& b) {
                     return a.isDeveloperID && !b.isDeveloperID;
                 });
@@ -477,7 +490,9 @@ public:
                     item->setData(Qt::UserRole, qs(identity.name));
                     item->setToolTip(qs(identity.hash));
                 }
-                if (found.empty()) {
+                if (scan.problem) {
+                    new QListWidgetItem(qs(*scan.problem), identities_);
+                } else if (found.empty()) {
                     new QListWidgetItem(QStringLiteral("No code-signing identity in the keychain"),
                                         identities_);
                 }

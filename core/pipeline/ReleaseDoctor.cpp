@@ -216,7 +216,14 @@ std::vector<DoctorFinding> ReleaseDoctor::signing(const ProjectProfile* profile,
                                                   std::stop_token stop) const {
     CertificateScanner scanner;
     scanner.runner = runner;
-    const auto identities = scanner.scanIdentities(stop);
+    std::vector<SigningCertificate> identities;
+    try {
+        identities = scanner.scanIdentities(stop);
+    } catch (const VeltraError& failed) {
+        return {finding("Signing", Verdict::problem, failed.message(),
+                        "Run 'security find-identity -v -p codesigning' in Terminal and fix what "
+                        "it reports (an unlocked login keychain is needed).")};
+    }
     std::vector<const SigningCertificate*> developerID;
     std::map<std::string, int> names;
     for (const auto& identity : identities) {

@@ -107,18 +107,16 @@ std::vector<SigningCertificate> CertificateScanner::parseIdentities(std::string_
 }
 
 std::vector<SigningCertificate> CertificateScanner::scanIdentities(std::stop_token stop) const {
-    try {
-        const auto result =
-            runner.run("security", {"find-identity", "-v", "-p", "codesigning"}, stop);
-        if (result.exitCode != 0) {
-            return {};
-        }
-        return parseIdentities(result.output);
-    } catch (const CancellationError&) {
-        throw;
-    } catch (const std::exception&) {
-        return {};
+    const auto result = runner.run("security", {"find-identity", "-v", "-p", "codesigning"}, stop);
+    if (result.exitCode != 0) {
+        const std::string said(
+            trimWhitespace(result.errorOutput.empty() ? result.output : result.errorOutput));
+        throw VeltraError(
+            "Veltra.Signing", identitiesUnreadable,
+            "Could not list the code-signing identities (security find-identity exited with " +
+                std::to_string(result.exitCode) + (said.empty() ? ")" : "): " + said));
     }
+    return parseIdentities(result.output);
 }
 
 std::optional<CertificateScanner::DetectedTeamInfo>

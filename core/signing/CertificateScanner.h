@@ -37,7 +37,12 @@ public:
         std::string source{};
     };
 
-    // Valid code-signing identities in the tool's order; empty when the tool fails.
+    // The error code when the keychains cannot be listed.
+    static constexpr int identitiesUnreadable = 1;
+
+    // Valid code-signing identities in the tool's order; empty when there are none. Throws
+    // VeltraError (identitiesUnreadable, with the tool's words) when the tool fails, so "none"
+    // is never said for a tool that could not look.
     std::vector<SigningCertificate> scanIdentities(std::stop_token stop = {}) const;
     std::optional<DetectedTeamInfo> detectBestTeamInfo(std::stop_token stop = {}) const;
     // The tool's answer, for the caller to judge (a wrong password is a non-zero exit).

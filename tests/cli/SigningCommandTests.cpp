@@ -33,7 +33,11 @@ TEST(IdentitiesCommand, ListsAndSuggestsATeam) {
     const auto none =
         runVeltra({"identities", "--best-team"}, standIns({{"VELTRA_FAKE_SECURITY", "fail"}}));
     EXPECT_EQ(none.exitCode, 1);
-    EXPECT_EQ(none.output, "No signing identity names a team.\n");
+    EXPECT_EQ(none.output, "");
+    EXPECT_EQ(
+        none.errorOutput,
+        "Error: Could not list the code-signing identities (security find-identity exited with 1): "
+        "security: SecKeychainCopySearchList: A default keychain could not be found.\n");
 }
 
 TEST(NotaryCommand, StoresChecksAndNotarizes) {

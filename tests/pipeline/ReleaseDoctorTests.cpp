@@ -3,8 +3,8 @@
 
 #include "AppleTools.h"
 #include "GitFixture.h"
-#include "core/feed/SparklePrivateKey.h"
 #include "core/demo/DemoSandbox.h"
+#include "core/feed/SparklePrivateKey.h"
 #include "core/pipeline/ReleaseDoctor.h"
 #include "core/support/FileUtilities.h"
 
@@ -145,6 +145,14 @@ TEST_F(Doctor, SigningIdentitiesAndTheirCertificates) {
     found = doctor.signing(nullptr);
     EXPECT_EQ(verdicts(found), "Signing:ok Signing:warning Certificate:ok ");
     EXPECT_EQ(found[1].found, std::string("'") + developerID + "' names 2 identities");
+
+    // A keychain that cannot be listed is a problem of its own, not "no identity".
+    fake("VELTRA_FAKE_SECURITY", "fail");
+    found = doctor.signing(nullptr);
+    EXPECT_EQ(verdicts(found), "Signing:problem ");
+    EXPECT_EQ(found[0].found,
+              "Could not list the code-signing identities (security find-identity exited with 1): "
+              "security: SecKeychainCopySearchList: A default keychain could not be found.");
 }
 
 TEST_F(Doctor, NotaryProfileAndTimeLimit) {

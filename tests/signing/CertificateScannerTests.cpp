@@ -99,9 +99,19 @@ TEST_F(CertificateScannerRun, ScansTheKeychains) {
                                       {"find-identity", "-v", "-p", "codesigning"}}));
     EXPECT_EQ(CertificateScanner().detectBestTeamInfo()->teamID, "AB12CD34EF");
 
+    // A tool that could not look is not "no identities".
     fake("VELTRA_FAKE_SECURITY", "fail");
-    EXPECT_TRUE(CertificateScanner().scanIdentities().empty());
-    EXPECT_FALSE(CertificateScanner().detectBestTeamInfo().has_value());
+    try {
+        CertificateScanner().scanIdentities();
+        FAIL() << "a failed scan listed identities";
+    } catch (const VeltraError& error) {
+        EXPECT_EQ(error.code(), CertificateScanner::identitiesUnreadable);
+        EXPECT_EQ(
+            error.message(),
+            "Could not list the code-signing identities (security find-identity exited with 1): "
+            "security: SecKeychainCopySearchList: A default keychain could not be found.");
+    }
+    EXPECT_THROW(CertificateScanner().detectBestTeamInfo(), VeltraError);
 }
 
 TEST_F(CertificateScannerRun, ImportsACertificateBundle) {
