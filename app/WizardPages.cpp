@@ -4,6 +4,7 @@
 #include "core/dmg/DMGBackgroundRenderer.h"
 #include "core/dmg/DMGBuilder.h"
 #include "core/feed/BuildNumber.h"
+#include "core/feed/NewestBuild.h"
 #include "core/feed/PublishedFeedReader.h"
 #include "core/feed/SparkleFeedParser.h"
 #include "core/feed/SparklePrivateKey.h"
@@ -480,15 +481,12 @@ public:
                 }
             },
             [this](Scan scan) {
-                auto& found = scan.found;
-                std::stable_sort(found.begin(), found.end(), [](const auto& a, const auto& b) {
-                    return a.isDeveloperID && !b.isDeveloperID;
-                });
+                const auto& found = scan.found;
                 identities_->clear();
-                for (const auto& identity : found) {
-                    auto* item = new QListWidgetItem(qs(identity.name), identities_);
-                    item->setData(Qt::UserRole, qs(identity.name));
-                    item->setToolTip(qs(identity.hash));
+                for (const auto* identity : CertificateScanner::byPreference(found)) {
+                    auto* item = new QListWidgetItem(qs(identity->name), identities_);
+                    item->setData(Qt::UserRole, qs(identity->name));
+                    item->setToolTip(qs(identity->hash));
                 }
                 if (scan.problem) {
                     new QListWidgetItem(qs(*scan.problem), identities_);
@@ -828,14 +826,8 @@ std::string latestBuild(const std::string& feed) {
     if (!items) {
         return "the feed cannot be read";
     }
-    std::optional<std::int64_t> best;
-    for (const auto& item : *items) {
-        const auto build = BuildNumber::parse(item.version);
-        if (build.isValid() && (!best || build.value > *best)) {
-            best = build.value;
-        }
-    }
-    return best ? "latest build " + std::to_string(*best) : "no release yet";
+    const auto newest = newestBuild(*items);
+    return newest ? "latest build " + std::to_string(newest->build) : "no release yet";
 }
 
 class SparklePage final : public WizardPage {

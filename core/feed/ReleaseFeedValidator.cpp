@@ -1,6 +1,7 @@
 #include "ReleaseFeedValidator.h"
 
 #include "BuildNumber.h"
+#include "NewestBuild.h"
 #include "ReleaseFeedFailure.h"
 #include "SparkleFeedParser.h"
 
@@ -21,7 +22,7 @@ void ReleaseFeedValidator::validateNextBuild(std::string_view feedData, std::int
         }
         throw releaseFeedError("The update feed is invalid. Repair it before releasing.");
     }
-    std::optional<std::int64_t> highest;
+    // Unlike a reader, the writer refuses a feed it could not order the new item into.
     for (const auto& item : *items) {
         if (item.version.empty()) {
             continue;
@@ -34,12 +35,11 @@ void ReleaseFeedValidator::validateNextBuild(std::string_view feedData, std::int
             build.value == std::numeric_limits<std::int64_t>::max()) {
             throw releaseFeedError("The feed build number is too large.");
         }
-        highest = std::max(highest.value_or(build.value), build.value);
     }
-    if (highest && newBuild <= *highest) {
+    if (const auto newest = newestBuild(*items); newest && newBuild <= newest->build) {
         throw releaseFeedError(fmt::format(
             "Build {} has already been published or is too low. Use build {} or higher.", newBuild,
-            *highest + 1));
+            newest->build + 1));
     }
 }
 

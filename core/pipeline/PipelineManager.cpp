@@ -1,12 +1,12 @@
 #include "PipelineManager.h"
 
-#include "core/records/ReleaseCompletion.h"
 #include "ReleaseRunRecord.h"
 #include "core/feed/ReleaseFeedValidator.h"
 #include "core/process/ProcessRunner.h"
 #include "core/publishing/GitCommand.h"
 #include "core/publishing/ReleaseNotificationEvent.h"
 #include "core/publishing/ReleasePublishingPlan.h"
+#include "core/records/ReleaseCompletion.h"
 #include "core/support/FileDigest.h"
 #include "core/support/FileLock.h"
 #include "core/support/FileUtilities.h"
@@ -553,29 +553,15 @@ void PipelineManager::chooseIdentity(RunState& run) {
     if (!notarization.signingIdentity.empty()) {
         run.identity = notarization.signingIdentity;
     } else if (notarization.enabled) {
-        const SigningCertificate* chosen = nullptr;
-        for (const auto& certificate : certificates()) {
-            if (certificate.isDeveloperID) {
-                chosen = &certificate;
-                break;
-            }
-        }
-        if (chosen != nullptr) {
+        const auto* chosen = CertificateScanner::preferredIdentity(certificates());
+        if (chosen == nullptr) {
+            log("Warning: Notarization enabled but no signing certificate found. Build will "
+                "likely fail at Apple.",
+                true);
+        } else if (chosen->isDeveloperID) {
             log("Success: Auto-detected Developer ID: " + chosen->name);
         } else {
-            for (const auto& certificate : certificates()) {
-                if (certificate.isDevelopment) {
-                    chosen = &certificate;
-                    break;
-                }
-            }
-            if (chosen != nullptr) {
-                log("Success: Auto-detected development signing identity: " + chosen->name);
-            } else {
-                log("Warning: Notarization enabled but no signing certificate found. Build will "
-                    "likely fail at Apple.",
-                    true);
-            }
+            log("Success: Auto-detected development signing identity: " + chosen->name);
         }
         if (chosen != nullptr) {
             run.identity = chosen->name;

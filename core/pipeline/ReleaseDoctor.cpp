@@ -2,6 +2,7 @@
 
 #include "SparkleAutoResolver.h"
 #include "core/feed/BuildNumber.h"
+#include "core/feed/NewestBuild.h"
 #include "core/feed/PublishedFeedReader.h"
 #include "core/feed/SparkleFeedParser.h"
 #include "core/feed/SparklePrivateKey.h"
@@ -9,6 +10,7 @@
 #include "core/publishing/ReleasePublishingPlan.h"
 #include "core/publishing/WebDeployer.h"
 #include "core/publishing/WebsiteRepositoryInspector.h"
+#include "core/signing/CertificateExpiry.h"
 #include "core/signing/CertificateScanner.h"
 #include "core/signing/NotarizationEngine.h"
 #include "core/support/Base64.h"
@@ -16,15 +18,13 @@
 #include "core/support/Text.h"
 #include "core/support/VeltraError.h"
 #include "core/xcode/VersionManager.h"
+#include "core/xcode/XcodeToolsVerdict.h"
 
 #include <algorithm>
 #include <condition_variable>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <openssl/asn1.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
 #include <sys/statvfs.h>
 #include <thread>
 
@@ -165,15 +165,21 @@ DoctorFinding ReleaseDoctor::xcode(std::stop_token stop) const {
                        selectXcode);
     }
     const std::string folder(trimWhitespace(selected.output));
-    if (contains(folder, "CommandLineTools")) {
-        return finding("Xcode", Verdict::problem,
-                       "Only the command-line tools are selected (" + folder +
-                           "); archiving needs the full Xcode",
-                       selectXcode);
+    using Kind = XcodeToolsVerdict::Kind;
+    const auto onlyCommandLineTools = finding("Xcode", Verdict::problem,
+                                              "Only the command-line tools are selected (" +
+                                                  folder + "); archiving needs the full Xcode",
+                                              selectXcode);
+    if (XcodeToolsVerdict::judge(folder).kind == Kind::commandLineToolsOnly) {
+        return onlyCommandLineTools;
     }
     const auto version = runner.run("xcodebuild", {"-version"}, stop);
-    if (version.exitCode != 0) {
-        const auto said = firstLine(combinedOutput(version));
+    const auto verdict = XcodeToolsVerdict::judge(folder, &version);
+    if (verdict.kind == Kind::commandLineToolsOnly) {
+        return onlyCommandLineTools;
+    }
+    if (verdict.kind == Kind::xcodebuildFails) {
+        const auto said = firstLine(verdict.said);
         return finding("Xcode", Verdict::problem,
                        "xcodebuild does not run" + (said.empty() ? std::string() : ": " + said),
                        contains(said, "license")
@@ -189,27 +195,6 @@ DoctorFinding ReleaseDoctor::xcode(std::stop_token stop) const {
         }
     }
     return finding("Xcode", Verdict::ok, name + " at " + folder);
-}
-
-std::vector<std::int64_t> ReleaseDoctor::daysUntilExpiry(std::string_view pem) {
-    std::vector<std::int64_t> days;
-    const std::unique_ptr<BIO, decltype(&BIO_free)> input(
-        BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), &BIO_free);
-    if (!input) {
-        return days;
-    }
-    while (X509* raw = PEM_read_bio_X509(input.get(), nullptr, nullptr, nullptr)) {
-        const std::unique_ptr<X509, decltype(&X509_free)> certificate(raw, &X509_free);
-        int dayCount = 0;
-        int seconds = 0;
-        if (ASN1_TIME_diff(&dayCount, &seconds, nullptr, X509_get0_notAfter(raw)) == 1) {
-            // Whole days, cut toward zero; what expired within the last day counts as a day.
-            const auto total = static_cast<std::int64_t>(dayCount) * 86400 + seconds;
-            const auto whole = total / 86400;
-            days.push_back(total < 0 && whole == 0 ? -1 : whole);
-        }
-    }
-    return days;
 }
 
 std::vector<DoctorFinding> ReleaseDoctor::signing(const ProjectProfile* profile,
@@ -269,8 +254,8 @@ std::vector<DoctorFinding> ReleaseDoctor::signing(const ProjectProfile* profile,
         checked[identity->name] = true;
         const auto pem =
             runner.run("security", {"find-certificate", "-c", identity->name, "-p"}, stop);
-        const auto days =
-            pem.exitCode == 0 ? daysUntilExpiry(pem.output) : std::vector<std::int64_t>{};
+        const auto days = pem.exitCode == 0 ? certificateDaysUntilExpiry(pem.output)
+                                            : std::vector<std::int64_t>{};
         if (days.empty()) {
             found.push_back(
                 finding("Certificate", Verdict::warning,
@@ -451,10 +436,8 @@ std::vector<DoctorFinding> ReleaseDoctor::website(const ProjectProfile& profile,
                                         url + " is not a feed Sparkle can read",
                                         "Publish a valid appcast.xml at that address."));
             } else {
-                for (const auto& item : *items) {
-                    if (const auto build = BuildNumber::parse(item.version); build.isValid()) {
-                        liveBuild = std::max(liveBuild.value_or(build.value), build.value);
-                    }
+                if (const auto newest = newestBuild(*items)) {
+                    liveBuild = newest->build;
                 }
                 found.push_back(
                     finding("Live feed", Verdict::ok,

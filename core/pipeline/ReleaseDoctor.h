@@ -54,9 +54,6 @@ public:
     DoctorFinding github(const ProjectProfile* profile, std::stop_token stop = {}) const;
     DoctorFinding disk(const ProjectProfile* profile) const;
 
-    // Whole days from now until each certificate in `pem` expires (negative once expired).
-    static std::vector<std::int64_t> daysUntilExpiry(std::string_view pem);
-
 private:
     std::vector<DoctorFinding>
     limited(const std::string& name,

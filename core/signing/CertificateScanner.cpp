@@ -121,21 +121,38 @@ std::vector<SigningCertificate> CertificateScanner::scanIdentities(std::stop_tok
 
 std::optional<CertificateScanner::DetectedTeamInfo>
 CertificateScanner::bestTeam(const std::vector<SigningCertificate>& all) {
-    const auto pick = [&](auto&& wanted, const char* source) -> std::optional<DetectedTeamInfo> {
-        for (const auto& certificate : all) {
-            if (certificate.teamID && wanted(certificate)) {
-                return DetectedTeamInfo{*certificate.teamID, certificate.accountName, source};
-            }
+    for (const auto* certificate : byPreference(all)) {
+        if (certificate->teamID) {
+            return DetectedTeamInfo{*certificate->teamID, certificate->accountName,
+                                    certificate->isDeveloperID   ? "Developer ID"
+                                    : certificate->isDevelopment ? "Apple Development"
+                                                                 : "Signing Identity"};
         }
-        return std::nullopt;
+    }
+    return std::nullopt;
+}
+
+std::vector<const SigningCertificate*>
+CertificateScanner::byPreference(const std::vector<SigningCertificate>& all) {
+    std::vector<const SigningCertificate*> ordered;
+    ordered.reserve(all.size());
+    for (const auto& certificate : all) {
+        ordered.push_back(&certificate);
+    }
+    const auto rank = [](const SigningCertificate* certificate) {
+        return certificate->isDeveloperID ? 0 : certificate->isDevelopment ? 1 : 2;
     };
-    if (auto found = pick([](const auto& c) { return c.isDeveloperID; }, "Developer ID")) {
-        return found;
-    }
-    if (auto found = pick([](const auto& c) { return c.isDevelopment; }, "Apple Development")) {
-        return found;
-    }
-    return pick([](const auto&) { return true; }, "Signing Identity");
+    std::stable_sort(ordered.begin(), ordered.end(),
+                     [&](const auto* a, const auto* b) { return rank(a) < rank(b); });
+    return ordered;
+}
+
+const SigningCertificate*
+CertificateScanner::preferredIdentity(const std::vector<SigningCertificate>& all) {
+    const auto ordered = byPreference(all);
+    return !ordered.empty() && (ordered.front()->isDeveloperID || ordered.front()->isDevelopment)
+               ? ordered.front()
+               : nullptr;
 }
 
 std::optional<CertificateScanner::DetectedTeamInfo>

@@ -53,6 +53,14 @@ public:
 
     // The identities listed in `security find-identity` output.
     static std::vector<SigningCertificate> parseIdentities(std::string_view output);
+    // The identities Veltra would sign with, in order: Developer ID (users can open a notarized
+    // app only with one), then Apple Development, then the rest; the keychain's order within each.
+    static std::vector<const SigningCertificate*>
+    byPreference(const std::vector<SigningCertificate>& all);
+    // The identity a release signs with when the profile names none: the first Developer ID,
+    // else the first Apple Development one; nothing otherwise.
+    static const SigningCertificate* preferredIdentity(const std::vector<SigningCertificate>& all);
+    // The team of the first identity in preference order that names one.
     static std::optional<DetectedTeamInfo> bestTeam(const std::vector<SigningCertificate>& all);
 };
 

@@ -1,6 +1,7 @@
 #include "VersionManager.h"
 
 #include "core/feed/BuildNumber.h"
+#include "core/feed/NewestBuild.h"
 #include "core/feed/SparkleFeedParser.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/VeltraError.h"
@@ -282,24 +283,11 @@ VersionInfo VersionManager::readVersionInfo(const std::filesystem::path& project
             items = SparkleFeedParser::parse(readFile(expandTilde(*appcastPath)));
         } catch (const VeltraError&) {
         }
-        const SparkleFeedItem* newest = nullptr;
-        std::int64_t newestBuild = 0;
-        if (!items) {
-            items.emplace();
-        }
-        for (const auto& item : *items) {
-            // Items whose build is not a number cannot be ordered; they are passed over.
-            const auto build = BuildNumber::parse(item.version);
-            if (build.isValid() && (newest == nullptr || build.value > newestBuild)) {
-                newest = &item;
-                newestBuild = build.value;
-            }
-        }
-        if (newest != nullptr) {
-            info.lastPublishedVersion = newest->shortVersion;
-            if (newestBuild >= 1) {
-                info.lastPublishedBuild = newestBuild;
-                highest = newestBuild;
+        if (const auto newest = items ? newestBuild(*items) : std::nullopt) {
+            info.lastPublishedVersion = newest->item->shortVersion;
+            if (newest->build >= 1) {
+                info.lastPublishedBuild = newest->build;
+                highest = newest->build;
             }
         }
     }

@@ -1,5 +1,6 @@
 #include "XcodeEnvironment.h"
 
+#include "XcodeToolsVerdict.h"
 #include "core/support/Text.h"
 #include "core/support/VeltraError.h"
 
@@ -36,7 +37,8 @@ void XcodeEnvironmentValidator::validate(std::stop_token stop) const {
                           "Xcode Command Line Tools are missing. Run 'xcode-select --install' in "
                           "Terminal or install Xcode.");
     }
-    if (directory.find("CommandLineTools") != std::string::npos) {
+    using Kind = XcodeToolsVerdict::Kind;
+    if (XcodeToolsVerdict::judge(directory).kind == Kind::commandLineToolsOnly) {
         throw VeltraError("Veltra", 412, commandLineToolsMessage);
     }
     ProcessResult version;
@@ -48,17 +50,16 @@ void XcodeEnvironmentValidator::validate(std::stop_token stop) const {
         version.exitCode = -1;
         version.errorOutput = error.what();
     }
-    const auto output = combinedOutput(version);
-    if (output.find("requires Xcode") != std::string::npos ||
-        output.find("CommandLineTools") != std::string::npos) {
+    const auto verdict = XcodeToolsVerdict::judge(directory, &version);
+    if (verdict.kind == Kind::commandLineToolsOnly) {
         throw VeltraError("Veltra", 412, commandLineToolsMessage);
     }
-    if (version.exitCode != 0) {
-        const auto& said = output;
+    if (verdict.kind == Kind::xcodebuildFails) {
         throw VeltraError("Veltra", 500,
                           "Xcode configuration issue: " +
-                              (said.empty() ? std::string("xcodebuild could not be executed.")
-                                            : std::string(said)) +
+                              (verdict.said.empty()
+                                   ? std::string("xcodebuild could not be executed.")
+                                   : verdict.said) +
                               "\n\n" + instruction);
     }
 }

@@ -3,14 +3,12 @@
 
 #include "AppleTools.h"
 #include "GitFixture.h"
+#include "TestCertificates.h"
 #include "core/demo/DemoSandbox.h"
 #include "core/feed/SparklePrivateKey.h"
 #include "core/pipeline/ReleaseDoctor.h"
 #include "core/support/FileUtilities.h"
 
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
 #include <sys/statvfs.h>
 
 #include <gtest/gtest.h>
@@ -20,32 +18,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-
-// A self-signed certificate named `name` that expires `days` from now (in the past when negative).
-std::string certificate(const std::string& name, long days) {
-    EVP_PKEY* key = EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519");
-    X509* cert = X509_new();
-    X509_set_version(cert, 2);
-    ASN1_INTEGER_set(X509_get_serialNumber(cert), 1);
-    X509_gmtime_adj(X509_getm_notBefore(cert), -400L * 86400);
-    // Half a day over, so whole days count the same however long the test takes.
-    X509_gmtime_adj(X509_getm_notAfter(cert), days * 86400 + (days < 0 ? -43200 : 43200));
-    X509_NAME* subject = X509_get_subject_name(cert);
-    X509_NAME_add_entry_by_txt(subject, "CN", MBSTRING_UTF8,
-                               reinterpret_cast<const unsigned char*>(name.c_str()), -1, -1, 0);
-    X509_set_issuer_name(cert, subject);
-    X509_set_pubkey(cert, key);
-    X509_sign(cert, key, nullptr);
-    BIO* out = BIO_new(BIO_s_mem());
-    PEM_write_bio_X509(out, cert);
-    char* data = nullptr;
-    const auto size = BIO_get_mem_data(out, &data);
-    std::string pem(data, static_cast<std::size_t>(size));
-    BIO_free(out);
-    X509_free(cert);
-    EVP_PKEY_free(key);
-    return pem;
-}
 
 const DoctorFinding* find(const std::vector<DoctorFinding>& all, const std::string& check) {
     for (const auto& finding : all) {
@@ -108,20 +80,20 @@ TEST_F(Doctor, XcodeMustBeTheFullXcode) {
 }
 
 TEST_F(Doctor, SigningIdentitiesAndTheirCertificates) {
-    certificates(certificate(developerID, 200));
+    certificates(testing::certificate(developerID, 200));
     auto found = doctor.signing(nullptr);
     EXPECT_EQ(verdicts(found), "Signing:ok Certificate:ok ");
     EXPECT_EQ(found[1].found, std::string("'") + developerID + "' valid for 200 more days");
     const auto asked = runsOf("security").back();
     EXPECT_EQ(asked, (std::vector<std::string>{"find-certificate", "-c", developerID, "-p"}));
 
-    certificates(certificate(developerID, 12));
+    certificates(testing::certificate(developerID, 12));
     found = doctor.signing(nullptr);
     EXPECT_EQ(verdicts(found), "Signing:ok Certificate:warning ");
     EXPECT_EQ(found[1].found, std::string("'") + developerID + "' expires in 12 days");
 
     // Of two certificates under one name, the one that ends first decides.
-    certificates(certificate(developerID, 300) + certificate(developerID, -3));
+    certificates(testing::certificate(developerID, 300) + testing::certificate(developerID, -3));
     found = doctor.signing(nullptr);
     EXPECT_EQ(verdicts(found), "Signing:ok Certificate:problem ");
     EXPECT_EQ(found[1].found, std::string("'") + developerID + "' expired 3 days ago");
@@ -138,7 +110,7 @@ TEST_F(Doctor, SigningIdentitiesAndTheirCertificates) {
     EXPECT_EQ(verdicts(doctor.signing(&profile)), "Signing:problem ");
 
     // One name for two identities.
-    certificates(certificate(developerID, 200));
+    certificates(testing::certificate(developerID, 200));
     identities(std::string("  1) 0123456789ABCDEF0123456789ABCDEF01234567 \"") + developerID +
                "\"\n  2) 1123456789ABCDEF0123456789ABCDEF01234567 \"" + developerID +
                "\"\n     2 valid identities found\n");

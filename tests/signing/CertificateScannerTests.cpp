@@ -1,4 +1,6 @@
 #include "AppleTools.h"
+#include "TestCertificates.h"
+#include "core/signing/CertificateExpiry.h"
 #include "core/signing/CertificateScanner.h"
 #include "core/support/VeltraError.h"
 
@@ -88,6 +90,68 @@ TEST(CertificateScanner, BestTeamPrefersDeveloperID) {
         "Signing Identity");
     EXPECT_FALSE(CertificateScanner::bestTeam({identity("-")}).has_value());
     EXPECT_FALSE(CertificateScanner::bestTeam({}).has_value());
+}
+
+// The one rule the pipeline, the team suggestion and the Studio's list share.
+TEST(CertificateScanner, PreferenceOrderAndTheIdentityReleasesUse) {
+    struct Row {
+        const char* name;
+        std::vector<const char*> keychain;
+        std::vector<std::string> ordered;
+        const char* chosen;
+    };
+    const char* dev = "Apple Development: Jane (AAAAAAAAAA)";
+    const char* devID1 = "Developer ID Application: Acme (BBBBBBBBBB)";
+    const char* devID2 = "Developer ID Application: Other (CCCCCCCCCC)";
+    const char* distribution = "Apple Distribution: Jane (DDDDDDDDDD)";
+    const std::vector<Row> rows{
+        {"none", {}, {}, nullptr},
+        {"Developer ID before development, keychain order within",
+         {dev, devID1, distribution, devID2},
+         {devID1, devID2, dev, distribution},
+         devID1},
+        {"development when there is no Developer ID",
+         {distribution, dev},
+         {dev, distribution},
+         dev},
+        {"nothing a release may sign with", {distribution, "-"}, {distribution, "-"}, nullptr},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        std::vector<SigningCertificate> all;
+        for (const auto* name : row.keychain) {
+            all.push_back(identity(name));
+        }
+        std::vector<std::string> ordered;
+        for (const auto* certificate : CertificateScanner::byPreference(all)) {
+            ordered.push_back(certificate->name);
+        }
+        EXPECT_EQ(ordered, row.ordered);
+        const auto* chosen = CertificateScanner::preferredIdentity(all);
+        EXPECT_EQ(chosen ? chosen->name : std::string("none"),
+                  row.chosen ? row.chosen : std::string("none"));
+    }
+}
+
+TEST(CertificateExpiry, WholeDaysForEachCertificate) {
+    struct Row {
+        const char* name;
+        std::string pem;
+        std::vector<std::int64_t> days;
+    };
+    const std::vector<Row> rows{
+        {"nothing", "", {}},
+        {"not a certificate", "-----BEGIN CERTIFICATE-----\nnot base64\n", {}},
+        {"valid", testing::certificate("A", 200), {200}},
+        {"expired", testing::certificate("A", -3), {-3}},
+        {"each in order",
+         testing::certificate("A", 12) + testing::certificate("B", 400),
+         {12, 400}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(certificateDaysUntilExpiry(row.pem), row.days);
+    }
 }
 
 class CertificateScannerRun : public testing::AppleToolsTest {};

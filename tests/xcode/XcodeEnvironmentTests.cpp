@@ -2,6 +2,7 @@
 #include "core/support/VeltraError.h"
 #include "core/xcode/XcodeBuildSettings.h"
 #include "core/xcode/XcodeEnvironment.h"
+#include "core/xcode/XcodeToolsVerdict.h"
 
 #include <gtest/gtest.h>
 
@@ -15,6 +16,49 @@ const std::string instruction =
     "Run this command in Terminal to point to Xcode:\nsudo xcode-select -s "
     "/Applications/Xcode.app/Contents/Developer\n(or select Xcode in Xcode ➔ Settings ➔ "
     "Locations ➔ Command Line Tools).";
+
+// What the release's check and the doctor both conclude from the two tools' answers.
+TEST(XcodeToolsVerdict, FullXcodeCommandLineToolsOrAFailingXcodebuild) {
+    using Kind = XcodeToolsVerdict::Kind;
+    struct Row {
+        const char* name;
+        const char* folder;
+        std::optional<ProcessResult> version;
+        Kind kind;
+        const char* said;
+    };
+    const auto answered = [](int status, std::string output, std::string errors) {
+        ProcessResult result;
+        result.exitCode = status;
+        result.output = std::move(output);
+        result.errorOutput = std::move(errors);
+        return result;
+    };
+    const char* xcode = "/Applications/Xcode.app/Contents/Developer";
+    const std::vector<Row> rows{
+        {"folder of the command-line tools, before xcodebuild runs",
+         "/Library/Developer/CommandLineTools", std::nullopt, Kind::commandLineToolsOnly, ""},
+        {"a folder alone says nothing more", xcode, std::nullopt, Kind::fullXcode, ""},
+        {"full Xcode", xcode, answered(0, "Xcode 16.2\nBuild version 16C5032a\n", ""),
+         Kind::fullXcode, ""},
+        {"xcodebuild of the command-line tools", "/usr/local/dev",
+         answered(1, "",
+                  "xcode-select: error: tool 'xcodebuild' requires Xcode, but active developer "
+                  "directory '/Library/Developer/CommandLineTools' is a command line tools "
+                  "instance\n"),
+         Kind::commandLineToolsOnly, ""},
+        {"license not accepted", xcode,
+         answered(69, "", "  You have not agreed to the Xcode license agreements.\n"),
+         Kind::xcodebuildFails, "You have not agreed to the Xcode license agreements."},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const auto verdict =
+            XcodeToolsVerdict::judge(row.folder, row.version ? &*row.version : nullptr);
+        EXPECT_EQ(verdict.kind, row.kind);
+        EXPECT_EQ(verdict.said, row.said);
+    }
+}
 
 class XcodeEnvironmentTest : public testing::AppleToolsTest {
 protected:
