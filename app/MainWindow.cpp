@@ -220,7 +220,7 @@ void MainWindow::createFromProject(const QString& path) {
             }
         }
         auto profile = ProjectProfile::create(appName, info.bundleIdentifier.value_or(""));
-        profile.sourceProjectPath = info.projectURL.string();
+        profile.sourceProjectPath = info.projectPath.string();
         profile.selectedScheme = info.defaultScheme;
         if (info.developmentTeam) {
             profile.notarization.developerTeamID = *info.developmentTeam;

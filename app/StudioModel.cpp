@@ -92,7 +92,7 @@ std::optional<std::string> StudioModel::startRelease() {
     ReleaseRequest request;
     request.profile = *profile;
     if (profile->sourceProjectPath && profile->sourceProjectPath->ends_with(".app")) {
-        request.appURL = expandTilde(*profile->sourceProjectPath);
+        request.appPath = expandTilde(*profile->sourceProjectPath);
     }
     const auto& chosen = choices(profile->id);
     if (!chosen.version.empty()) {

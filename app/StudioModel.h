@@ -5,8 +5,8 @@
 #include "QtSystemSounds.h"
 #include "ReleaseNotifications.h"
 #include "core/pipeline/PipelineManager.h"
-#include "core/profile/ProfileStore.h"
 #include "core/pipeline/WebsitePublicationWatcher.h"
+#include "core/profile/ProfileStore.h"
 
 #include <QObject>
 #include <QSettings>
@@ -24,7 +24,7 @@ class StudioModel final : public QObject, private PipelineObserver {
     Q_OBJECT
 public:
     struct Options {
-        std::filesystem::path profilesFile = ProfileStore::defaultURL();
+        std::filesystem::path profilesFile = ProfileStore::defaultPath();
         // The user-defaults store; the platform's when empty.
         QString settingsFile{};
         // How often and how long a pushed release is checked on the live site.

@@ -709,8 +709,8 @@ private:
             return;
         }
         DMGBuildOptions options;
-        options.appURL = str(app);
-        options.outputDMGURL =
+        options.appPath = str(app);
+        options.outputDMGPath =
             expanded(selected->outputDirectory) / (selected->appName + "-test.dmg");
         options.config = selected->dmgDesign;
         setStatus(buildStatus_, QStringLiteral("Building the test image…"), false);
@@ -718,14 +718,14 @@ private:
             this,
             [options](std::stop_token stop) -> std::optional<std::string> {
                 try {
-                    fs::create_directories(options.outputDMGURL.parent_path());
+                    fs::create_directories(options.outputDMGPath.parent_path());
                     DMGBuilder().build(options, {}, stop);
                     return std::nullopt;
                 } catch (const std::exception& error) {
                     return std::string("Error: ") + error.what();
                 }
             },
-            [this, out = options.outputDMGURL](std::optional<std::string> problem) {
+            [this, out = options.outputDMGPath](std::optional<std::string> problem) {
                 setStatus(buildStatus_,
                           problem ? qs(*problem) : QStringLiteral("Built ") + qs(out.string()),
                           problem.has_value());

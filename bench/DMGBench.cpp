@@ -76,13 +76,13 @@ void BM_DMGBuildOneGiBApp(benchmark::State& state) {
     withStandIns();
     const auto& app = bigApp();
     DMGBuildOptions options;
-    options.appURL = app;
-    options.outputDMGURL = app.parent_path() / "Big.dmg";
+    options.appPath = app;
+    options.outputDMGPath = app.parent_path() / "Big.dmg";
     options.config.volumeName = "Big";
     for (auto _ : state) {
         DMGBuilder().build(options);
     }
-    fs::remove(options.outputDMGURL);
+    fs::remove(options.outputDMGPath);
 }
 BENCHMARK(BM_DMGBuildOneGiBApp)->Unit(benchmark::kSecond)->Iterations(2)->UseRealTime();
 

@@ -46,27 +46,27 @@ void addBuild(CLI::App& group, CliContext& context) {
     command->callback([&context, app, profile, output, identity] {
         OpenStore store(context);
         const auto& chosen = store.find(*profile);
-        const std::filesystem::path appURL = expandTilde(standardizePath(*app));
-        if (!std::filesystem::is_directory(appURL)) {
-            throw failure("No app at " + appURL.string() + ".");
+        const std::filesystem::path appPath = expandTilde(standardizePath(*app));
+        if (!std::filesystem::is_directory(appPath)) {
+            throw failure("No app at " + appPath.string() + ".");
         }
         DMGBuildOptions options;
-        options.appURL = appURL;
+        options.appPath = appPath;
         options.config = chosen.dmgDesign;
         if (!identity->empty()) {
             options.signingIdentity = *identity;
         }
-        const auto name = appURL.stem().string();
-        const auto version = appVersion(appURL);
+        const auto name = appPath.stem().string();
+        const auto version = appVersion(appPath);
         if (options.config.volumeName.empty()) {
             options.config.volumeName = version.empty() ? name : name + " " + version;
         }
         if (!output->empty()) {
-            options.outputDMGURL = expandTilde(*output);
+            options.outputDMGPath = expandTilde(*output);
         } else {
             const auto folder = expandTilde(chosen.outputDirectory);
             std::filesystem::create_directories(folder);
-            options.outputDMGURL =
+            options.outputDMGPath =
                 folder / (version.empty() ? name + ".dmg" : name + "-" + version + ".dmg");
         }
         LinePrinter print(context.out);

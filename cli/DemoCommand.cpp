@@ -92,7 +92,7 @@ void addDemoCommand(CLI::App& app, CliContext& context) {
             root = fs::absolute(expandTilde(standardizePath(*keep)));
         }
         say("Sandbox: " + root.string());
-        DemoSandbox sandbox(root, *sample / "Sample", {}, say);
+        DemoSandbox sandbox(root, *sample / "Sample", say);
 
         // The demo's own profile file: the user's profiles are never touched.
         CliContext demoContext{context.out, context.err, context.stop,

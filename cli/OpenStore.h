@@ -26,7 +26,7 @@ public:
         : notifications_(loop_),
           store_(loop_, notifications_,
                  context.profilesPath.empty()
-                     ? ProfileStore::defaultURL()
+                     ? ProfileStore::defaultPath()
                      : std::filesystem::path(expandTilde(context.profilesPath))) {
         // Listing a file that could not be read would show a wrong picture, and saving over
         // it would lose what it holds.

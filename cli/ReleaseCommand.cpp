@@ -42,7 +42,7 @@ void addReleaseCommand(CLI::App& app, CliContext& context) {
                 throw failure("--version, --build and --branch set what is built from the "
                               "project; an app given with --app is shipped as it is.");
             }
-            request.appURL = std::filesystem::absolute(expandTilde(standardizePath(*appPath)));
+            request.appPath = std::filesystem::absolute(expandTilde(standardizePath(*appPath)));
         }
         if (!notesFile->empty()) {
             request.notes = readFile(expandTilde(*notesFile));

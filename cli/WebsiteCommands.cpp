@@ -3,10 +3,10 @@
 #include "LinePrinter.h"
 #include "OpenStore.h"
 #include "core/feed/SparkleFeedParser.h"
+#include "core/pipeline/WebsitePublicationWatcher.h"
 #include "core/publishing/ReleasePublishingPlan.h"
 #include "core/publishing/WebDeployer.h"
 #include "core/publishing/WebsiteCreator.h"
-#include "core/pipeline/WebsitePublicationWatcher.h"
 
 #include <algorithm>
 #include <memory>
@@ -31,8 +31,8 @@ void addDelivery(CLI::App& app, CliContext& context) {
         if (*json) {
             Json out{{"log", lines}, {"delivers", plan.has_value()}};
             if (plan) {
-                out["websiteRepoURL"] = plan->websiteRepoURL.string();
-                out["appcastURL"] = plan->appcastURL.string();
+                out["websiteRepoURL"] = plan->websiteRepoPath.string();
+                out["appcastURL"] = plan->appcastPath.string();
                 out["publicAppcastURL"] = plan->publicAppcastURL;
                 out["downloadBaseURL"] = plan->downloadBaseURL;
                 out["downloadURLPattern"] = plan->downloadURLPattern;
@@ -51,8 +51,8 @@ void addDelivery(CLI::App& app, CliContext& context) {
         const auto orUnset = [](const std::string& text) {
             return text.empty() ? std::string("(no site address set)") : text;
         };
-        context.out << "Repository:    " << plan->websiteRepoURL.string() << '\n'
-                    << "Feed file:     " << plan->appcastURL.string() << '\n'
+        context.out << "Repository:    " << plan->websiteRepoPath.string() << '\n'
+                    << "Feed file:     " << plan->appcastPath.string() << '\n'
                     << "Feed address:  " << orUnset(plan->publicAppcastURL) << '\n'
                     << "Download:      " << orUnset(plan->downloadURL(appName + ".dmg")) << '\n'
                     << "Notes:         " << orUnset(plan->releaseNotesURL(appName)) << '\n';
@@ -128,16 +128,16 @@ void addDeploy(CLI::App& group, CliContext& context) {
                           "or create one with 'veltra website init'.");
         }
         WebDeployRelease release;
-        release.dmgURL = expandTilde(*dmg);
+        release.dmgPath = expandTilde(*dmg);
         release.appName = chosen.appName.empty() ? chosen.name : chosen.appName;
         release.version = *version;
         release.build = *build;
         release.notes = notesFile->empty() ? std::string() : readFile(expandTilde(*notesFile));
-        release.size = static_cast<std::int64_t>(std::filesystem::file_size(release.dmgURL));
+        release.size = static_cast<std::int64_t>(std::filesystem::file_size(release.dmgPath));
         release.signature = *signature;
         // The image replaces the one every update points to: the feed going out with it must
         // offer exactly this file, or every user's update fails its signature check.
-        const auto feedPath = feedFile->empty() ? plan->appcastURL : expandTilde(*feedFile);
+        const auto feedPath = feedFile->empty() ? plan->appcastPath : expandTilde(*feedFile);
         std::error_code missing;
         const auto feedText =
             std::filesystem::exists(feedPath, missing) ? readFile(feedPath) : std::string();
@@ -165,7 +165,7 @@ void addDeploy(CLI::App& group, CliContext& context) {
                 "offers it with --feed FILE.");
         }
         if (!feedFile->empty()) {
-            writeFileAtomically(plan->appcastURL, feedText);
+            writeFileAtomically(plan->appcastPath, feedText);
         }
         const auto publication =
             WebDeployer().deploy(chosen.webDeploy, *plan, release, std::ref(print), context.stop);

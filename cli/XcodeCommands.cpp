@@ -25,7 +25,7 @@ std::string schemeOrDefault(const XcodeProjectInfo& info, const std::string& giv
     if (!info.defaultScheme) {
         throw VeltraError("Veltra", 404,
                           fmt::format("{} has no shared scheme. Give one with --scheme.",
-                                      info.projectURL.filename().string()));
+                                      info.projectPath.filename().string()));
     }
     return *info.defaultScheme;
 }
@@ -56,7 +56,7 @@ void addInfo(CLI::App& group, CliContext& context) {
             for (const auto& project : info.missingProjects) {
                 missing.push_back(project.string());
             }
-            const Json out{{"projectURL", info.projectURL.string()},
+            const Json out{{"projectURL", info.projectPath.string()},
                            {"isWorkspace", info.isWorkspace},
                            {"name", info.name},
                            {"schemes", info.schemes},
@@ -73,7 +73,7 @@ void addInfo(CLI::App& group, CliContext& context) {
         }
         context.out << fmt::format("{}:{}{}\n", info.isWorkspace ? "Workspace" : "Project",
                                    info.isWorkspace ? "      " : "        ",
-                                   info.projectURL.string());
+                                   info.projectPath.string());
         for (const auto& project : info.missingProjects) {
             context.out << fmt::format("Not on disk:    {}\n", project.string());
         }
@@ -139,8 +139,7 @@ void addArchive(CLI::App& app, CliContext& context) {
             buildOption->count() > 0 ? std::optional(releaseBuildArgument(*build)) : std::nullopt;
         LinePrinter print(context.out);
         const auto built = XcodeArchiver().archiveAndExport(
-            info, chosen, info.developmentTeam,
-            identity->empty() ? std::nullopt : std::optional(*identity),
+            info, chosen, identity->empty() ? std::nullopt : std::optional(*identity),
             version->empty() ? std::nullopt : std::optional(*version), buildNumber,
             [&print](const std::string& line) { print(line); }, context.stop);
         print(built.string());
@@ -157,7 +156,7 @@ void addInspect(CLI::App& app, CliContext& context) {
     command->callback([&context, path, json] {
         const auto info = AppInspector().inspect(*path, context.stop);
         if (*json) {
-            const Json out{{"appURL", info.appURL.string()},
+            const Json out{{"appURL", info.appPath.string()},
                            {"bundleIdentifier", info.bundleIdentifier},
                            {"displayName", info.displayName},
                            {"version", info.version},

@@ -77,7 +77,7 @@ protected:
     XcodeProjectInfo scratchProject() {
         std::filesystem::create_directories(dir / "Acme.xcodeproj");
         XcodeProjectInfo info;
-        info.projectURL = dir / "Acme.xcodeproj";
+        info.projectPath = dir / "Acme.xcodeproj";
         info.name = "Acme";
         return info;
     }

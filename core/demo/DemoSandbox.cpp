@@ -21,9 +21,8 @@ void replaceOnce(std::string& text, std::string_view from, std::string_view to) 
     text.replace(at, from.size(), to);
 }
 
-void git(const ProcessRunner& runner, const fs::path& directory, std::vector<std::string> arguments,
-         const std::string& what) {
-    const auto result = GitCommand::run(runner, directory, std::move(arguments), {}, 120);
+void git(const fs::path& directory, std::vector<std::string> arguments, const std::string& what) {
+    const auto result = GitCommand::run(directory, std::move(arguments), {}, 120);
     if (result.exitCode != 0) {
         throw GitCommand::failure(what, result);
     }
@@ -31,8 +30,7 @@ void git(const ProcessRunner& runner, const fs::path& directory, std::vector<std
 
 } // namespace
 
-DemoSandbox::DemoSandbox(const fs::path& root, const fs::path& sample, ProcessRunner runner,
-                         const LogHandler& log)
+DemoSandbox::DemoSandbox(const fs::path& root, const fs::path& sample, const LogHandler& log)
     : root_(fs::absolute(root)) {
     const auto say = [&](const std::string& line) {
         if (log) {
@@ -65,19 +63,19 @@ DemoSandbox::DemoSandbox(const fs::path& root, const fs::path& sample, ProcessRu
                 "<key>SUPublicEDKey</key>\n\t<string>" + publicKey_ + "</string>");
     writeFileAtomically(plistPath, plist);
     const auto appRepository = root_ / "Sample";
-    git(runner, appRepository, {"init", "--quiet", "--initial-branch=main"},
+    git(appRepository, {"init", "--quiet", "--initial-branch=main"},
         "Could not create the sample's repository");
-    git(runner, appRepository, {"add", "--all"}, "Could not add the sample's files");
-    auto commit = GitCommand::identityFallback(runner, appRepository);
+    git(appRepository, {"add", "--all"}, "Could not add the sample's files");
+    auto commit = GitCommand::identityFallback(appRepository);
     commit.insert(commit.end(), {"commit", "--quiet", "-m", "Sample app"});
-    git(runner, appRepository, commit, "Could not commit the sample");
+    git(appRepository, commit, "Could not commit the sample");
 
     // The hosting service: a bare origin that publishes main into the served folder.
-    git(runner, root_, {"init", "--quiet", "--bare", "--initial-branch=main", origin().string()},
+    git(root_, {"init", "--quiet", "--bare", "--initial-branch=main", origin().string()},
         "Could not create the website's origin");
     // The served folder reaches the hook through the repository's configuration, never pasted
     // into the script: the sandbox may live under any path the user names.
-    git(runner, origin(), {"config", "--end-of-options", "veltra.servedFolder", served().string()},
+    git(origin(), {"config", "--end-of-options", "veltra.servedFolder", served().string()},
         "Could not configure the website's origin");
     const auto hook = origin() / "hooks" / "post-receive";
     writeFileAtomically(hook,
@@ -111,9 +109,8 @@ DemoSandbox::DemoSandbox(const fs::path& root, const fs::path& sample, ProcessRu
     profile_.hasCompletedInitialSetup = true;
 
     WebsiteCreator creator;
-    creator.runner = runner;
     creator.create(website(), profile_, origin().string(), log);
-    git(runner, website(), {"push", "--quiet", "-u", "origin", "main"},
+    git(website(), {"push", "--quiet", "-u", "origin", "main"},
         "Could not publish the new website");
     say("Website repository " + website().string() + " pushed to " + origin().string());
 }

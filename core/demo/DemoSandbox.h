@@ -19,7 +19,7 @@ public:
     // Builds the sandbox in `root` (missing or empty) from the sample project folder `sample`
     // (holding Sample.xcodeproj). Throws VeltraError when `root` holds files or a step fails.
     DemoSandbox(const std::filesystem::path& root, const std::filesystem::path& sample,
-                ProcessRunner runner = {}, const LogHandler& log = {});
+                const LogHandler& log = {});
 
     const std::filesystem::path& root() const { return root_; }
     std::filesystem::path project() const { return root_ / "Sample" / "Sample.xcodeproj"; }

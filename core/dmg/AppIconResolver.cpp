@@ -9,6 +9,12 @@
 namespace veltra {
 namespace {
 
+// Stateless: tests substitute tools through PATH, never the runner.
+const ProcessRunner runner;
+
+} // namespace
+namespace {
+
 constexpr std::string_view pngSignature = "\x89PNG\r\n\x1a\n";
 
 std::uint32_t bigEndian32(std::string_view data, std::size_t at) {

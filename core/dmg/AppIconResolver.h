@@ -13,8 +13,6 @@ namespace veltra {
 // The app's icon as PNG bytes, for the download page.
 class AppIconResolver {
 public:
-    ProcessRunner runner;
-
     // The icon file's largest PNG entry; on macOS `sips` converts an .icns without one. Nothing
     // when there is no icon or it cannot be read.
     std::optional<std::string> pngData(const std::optional<std::filesystem::path>& iconURL,

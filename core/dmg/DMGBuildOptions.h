@@ -11,9 +11,9 @@ namespace veltra {
 // What one disk image is built from and where it goes.
 struct DMGBuildOptions {
     // The exported .app bundle to pack.
-    std::filesystem::path appURL;
+    std::filesystem::path appPath;
     // Where the finished compressed image is written (an existing file is replaced).
-    std::filesystem::path outputDMGURL;
+    std::filesystem::path outputDMGPath;
     DMGDesignConfig config;
     // A code-signing identity; absent or empty leaves the image unsigned.
     std::optional<std::string> signingIdentity;

@@ -15,6 +15,12 @@
 namespace veltra {
 namespace {
 
+// Stateless: tests substitute tools through PATH, never the runner.
+const ProcessRunner runner;
+
+} // namespace
+namespace {
+
 constexpr const char* stagedBackground = ".background/background.png";
 
 // File-system steps fail with the file manager's own description.
@@ -68,8 +74,8 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
             stop);
     };
     const auto& config = options.config;
-    const auto appName = options.appURL.filename().string();
-    const auto displayName = options.appURL.stem().string();
+    const auto appName = options.appPath.filename().string();
+    const auto displayName = options.appPath.stem().string();
     const auto volumeName = config.volumeName.empty() ? displayName : config.volumeName;
     const auto temporary =
         temporaryDirectory.empty() ? std::filesystem::temp_directory_path() : temporaryDirectory;
@@ -79,12 +85,12 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
     work.mountPoint = temporary / ("veltra_volume_" + Uuid::random().string());
 
     fileStep([&] {
-        if (std::filesystem::exists(std::filesystem::symlink_status(options.outputDMGURL))) {
-            std::filesystem::remove(options.outputDMGURL);
+        if (std::filesystem::exists(std::filesystem::symlink_status(options.outputDMGPath))) {
+            std::filesystem::remove(options.outputDMGPath);
         }
         std::filesystem::create_directories(work.staging);
     });
-    copyItem(options.appURL, work.staging / appName);
+    copyItem(options.appPath, work.staging / appName);
     if (config.hideExtension) {
         try {
             setExtensionHidden(work.staging / appName, true);
@@ -193,7 +199,7 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
     say("Compressing disk image with " + config.compressionFormat + "...");
     const auto converted =
         run({"convert", work.intermediate.string(), "-format", config.compressionFormat, "-o",
-             options.outputDMGURL.string(), "-quiet"},
+             options.outputDMGPath.string(), "-quiet"},
             std::nullopt, "hdiutil");
     if (converted.exitCode != 0) {
         throw VeltraError("Veltra", 500, "Failed to compress disk image: " + errorText(converted));
@@ -202,7 +208,7 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
     if (options.signingIdentity && !options.signingIdentity->empty()) {
         say("Signing DMG with " + *options.signingIdentity + "...");
         const auto signedImage = run({"--force", "--sign", *options.signingIdentity, "--timestamp",
-                                      options.outputDMGURL.string()},
+                                      options.outputDMGPath.string()},
                                      std::nullopt, "codesign");
         if (signedImage.exitCode == 0) {
             say("Success: Code signature applied to DMG");
@@ -210,7 +216,7 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
             say("Warning: Could not sign the DMG: " + errorText(signedImage));
         }
     }
-    say("Success: Successfully built DMG: " + options.outputDMGURL.string());
+    say("Success: Successfully built DMG: " + options.outputDMGPath.string());
 }
 
 void DMGBuilder::forceDetach(const std::filesystem::path& mountPoint) const {

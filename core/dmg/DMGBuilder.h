@@ -15,12 +15,11 @@ namespace veltra {
 // mounted for the Finder layout, detached, compressed and optionally signed.
 class DMGBuilder {
 public:
-    ProcessRunner runner;
     DSStoreWriter dsStoreWriter;
     // Where work files go; the system's temporary folder when empty.
     std::filesystem::path temporaryDirectory;
 
-    // On success the image exists at options.outputDMGURL. Throws VeltraError (code 500, the
+    // On success the image exists at options.outputDMGPath. Throws VeltraError (code 500, the
     // domain and text of the failing step), the file system's VeltraError ("POSIX"), or
     // CancellationError; an attached image is always detached and work files removed first.
     void build(const DMGBuildOptions& options, const LogHandler& log = {},

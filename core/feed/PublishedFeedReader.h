@@ -15,7 +15,6 @@ namespace veltra {
 // are ReleaseFeedFailure.
 class PublishedFeedReader {
 public:
-    ProcessRunner runner{};
     HttpClient http{};
     // Seconds for each git command and for the live fetch.
     double gitTimeout = 120;

@@ -15,6 +15,12 @@
 #include <fmt/format.h>
 
 namespace veltra {
+namespace {
+
+// Stateless: tests substitute tools through PATH, never the runner.
+const ProcessRunner runner;
+
+} // namespace
 
 namespace {
 

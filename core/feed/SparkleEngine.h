@@ -31,7 +31,6 @@ public:
     static constexpr std::string_view defaultPrivateKeyPath = "~/.sparkle/ed25519_priv";
     static constexpr std::string_view keyFolder = "~/.sparkle";
 
-    ProcessRunner runner{};
     // Receives each progress line.
     std::function<void(const std::string&)> log{};
     // The sign_update the profile names ("~" expanded); used when set, an error when it is not

@@ -45,8 +45,8 @@ std::vector<ReleaseLogEntry> PipelineLogInbox::drain(std::uint64_t upTo) {
 
 PipelineLogStream::PipelineLogStream(MainQueue& queue) : queue_(queue) {}
 
-PipelineLogStream::PipelineLogStream(MainQueue& queue, std::filesystem::path archiveURL)
-    : queue_(queue), archive_(std::move(archiveURL)) {}
+PipelineLogStream::PipelineLogStream(MainQueue& queue, std::filesystem::path archivePath)
+    : queue_(queue), archive_(std::move(archivePath)) {}
 
 void PipelineLogStream::log(std::string text, bool isError) {
     text = redactURLCredentials(text);

@@ -26,7 +26,7 @@ public:
     static constexpr MainQueue::Clock::duration inboxPollInterval = std::chrono::milliseconds(100);
 
     explicit PipelineLogStream(MainQueue& queue);
-    PipelineLogStream(MainQueue& queue, std::filesystem::path archiveURL);
+    PipelineLogStream(MainQueue& queue, std::filesystem::path archivePath);
 
     void log(std::string text, bool isError = false);
     const std::vector<ReleaseLogEntry>& logs() const { return logs_; }

@@ -82,23 +82,18 @@ std::vector<PipelineStep> PipelineManager::stepList(bool buildsFromProject) {
     struct Row {
         const char* id;
         const char* title;
-        const char* icon;
         bool always;
     };
     static constexpr Row rows[] = {
-        {"version", "Sync Version", "arrow.triangle.2.circlepath", false},
-        {"archive", "Archive & Build App", "hammer.fill", false},
-        {"inspect", "Inspect App", "magnifyingglass", true},
-        {"notes", "Save Release Notes (.md)", "doc.text.fill", true},
-        {"dmg", "Build Styled Retina DMG", "shippingbox.fill", true},
-        {"notarize", "Apple Notarize", "lock.shield.fill", false},
-        {"sparkle", "Sign Sparkle Feed", "sparkles", false},
-        {"deploy", "Deploy to Website", "globe", false},
+        {"version", "Sync Version", false},       {"archive", "Archive & Build App", false},
+        {"inspect", "Inspect App", true},         {"notes", "Save Release Notes (.md)", true},
+        {"dmg", "Build Styled Retina DMG", true}, {"notarize", "Apple Notarize", false},
+        {"sparkle", "Sign Sparkle Feed", false},  {"deploy", "Deploy to Website", false},
     };
     std::vector<PipelineStep> steps;
     for (const auto& row : rows) {
         if (row.always || buildsFromProject) {
-            steps.push_back(PipelineStep{row.id, row.title, row.icon, StepStatus::pending, "", {}});
+            steps.push_back(PipelineStep{row.id, row.title, StepStatus::pending, "", {}});
         }
     }
     return steps;
@@ -166,7 +161,7 @@ void PipelineManager::run(ReleaseRequest request) {
     if (isRunning_) {
         return;
     }
-    const bool fromProject = !request.appURL && buildsFromProject(request.profile);
+    const bool fromProject = !request.appPath && buildsFromProject(request.profile);
     steps_ = stepList(fromProject);
     stepStarts_.assign(steps_.size(), Clock::time_point{});
     errorMessage_.reset();
@@ -248,7 +243,7 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
     const auto& profile = request.profile;
     RunState run(request, stop);
     run.appName = profile.appName.empty() ? profile.name : profile.appName;
-    run.fromProject = !request.appURL && buildsFromProject(profile);
+    run.fromProject = !request.appPath && buildsFromProject(profile);
     std::optional<BranchWorktree> worktree;
     // Posted only once the worktree and build folder are gone, so a finished run leaves nothing.
     std::function<void()> finish;
@@ -319,8 +314,8 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
             throw VeltraError("Veltra", 400,
                               "Only a release built from the project can be resumed; ship the "
                               "app again instead.");
-        } else if (request.appURL) {
-            run.app = *request.appURL;
+        } else if (request.appPath) {
+            run.app = *request.appPath;
             log("Releasing " + run.appName + " (Build " + plistString(run.app, "CFBundleVersion") +
                 ")");
             log("App source: " + run.app.string());
@@ -591,8 +586,7 @@ void PipelineManager::archiveStage(RunState& run, std::optional<BranchWorktree>&
     updateStep("archive", StepStatus::running, "Archiving with Xcode...");
     auto project = *run.project;
     if (run.request.branch) {
-        worktree.emplace(xcodeArchiver.runner, project, *run.request.branch, temporaryDirectory,
-                         run.stop);
+        worktree.emplace(project, *run.request.branch, temporaryDirectory, run.stop);
         project = worktree->project();
         log("   Building committed app branch '" + *run.request.branch +
             "' from a temporary worktree; local app edits excluded");
@@ -621,12 +615,8 @@ void PipelineManager::archiveStage(RunState& run, std::optional<BranchWorktree>&
     chooseIdentity(run);
     log("   Compiling Release Build...");
     run.app = xcodeArchiver.archiveAndExport(
-        info, scheme,
-        profile.notarization.developerTeamID.empty()
-            ? std::nullopt
-            : std::optional<std::string>(profile.notarization.developerTeamID),
-        run.identity, run.version, run.build, [this](const std::string& line) { log(line); },
-        run.stop);
+        info, scheme, run.identity, run.version, run.build,
+        [this](const std::string& line) { log(line); }, run.stop);
     // <temp>/veltra_build_<UUID>/ExportedApp/<name>.app
     run.buildFolder = run.app.parent_path().parent_path();
     updateStep("archive", StepStatus::succeeded, "Built " + run.app.filename().string());
@@ -722,7 +712,7 @@ void PipelineManager::dmgStage(RunState& run) {
     log("\n[3/6] Packaging Disk Image (DMG)");
     updateStep("dmg", StepStatus::running, "Packaging disk image...");
     DMGBuildOptions options;
-    options.appURL = run.app;
+    options.appPath = run.app;
     const auto finalPath = run.filesDirectory / (releaseFileStem(run, false) + ".dmg");
     // Built in a work folder beside it under its own name (codesign names a signed image after
     // its file), and moved into place only once built: a failed or cancelled build leaves the
@@ -736,7 +726,7 @@ void PipelineManager::dmgStage(RunState& run) {
         }
     } removeWork{work};
     std::filesystem::create_directories(work);
-    options.outputDMGURL = work / finalPath.filename();
+    options.outputDMGPath = work / finalPath.filename();
     options.config = profile.dmgDesign;
     if (options.config.volumeName.empty()) {
         options.config.volumeName = run.appName + " " + run.info.version;
@@ -753,7 +743,7 @@ void PipelineManager::dmgStage(RunState& run) {
     if (run.stop.stop_requested()) {
         throw CancellationError();
     }
-    std::filesystem::rename(options.outputDMGURL, finalPath);
+    std::filesystem::rename(options.outputDMGPath, finalPath);
     run.dmg = finalPath;
     run.artifacts.dmgSize = static_cast<std::int64_t>(std::filesystem::file_size(run.dmg));
     updateStep("dmg", StepStatus::succeeded, megabytes(run.artifacts.dmgSize));
@@ -836,7 +826,7 @@ void PipelineManager::sparkleStage(RunState& run) {
     release.minimumSystemVersion = profile.sparkle.minimumSystemVersion;
     release.releaseNotesURL = run.delivery->releaseNotesURL(run.appName);
     // Written to a temporary file and renamed: a cancelled run never leaves half a feed.
-    engine.updateFeed(run.delivery->appcastURL, release);
+    engine.updateFeed(run.delivery->appcastPath, release);
     run.artifacts.sparkleSignature = signed_.signature;
     log("Success: Sparkle appcast.xml updated for v" + run.info.version);
     updateStep("sparkle", StepStatus::succeeded,
@@ -863,12 +853,12 @@ void PipelineManager::deployStage(RunState& run) {
         throw VeltraError("Veltra", 400, "Missing Sparkle signature; upload stopped.");
     }
     ReleaseFeedValidator::verifyWrittenFeed(
-        readFile(run.delivery->appcastURL),
+        readFile(run.delivery->appcastPath),
         ExpectedFeedItem{run.info.version, run.info.build,
                          run.delivery->downloadURL(run.appName + ".dmg"),
                          *run.artifacts.sparkleSignature, std::to_string(run.artifacts.dmgSize)});
     WebDeployRelease release;
-    release.dmgURL = run.dmg;
+    release.dmgPath = run.dmg;
     release.appName = run.appName;
     release.version = run.info.version;
     release.build = run.info.build;
@@ -898,15 +888,14 @@ void PipelineManager::deployStage(RunState& run) {
 }
 
 void PipelineManager::useWebsiteClone(RunState& run) {
-    const auto& repository = run.delivery->websiteRepoURL;
+    const auto& repository = run.delivery->websiteRepoPath;
     const auto branch = WebDeployer::branch(run.request.profile.webDeploy);
     const auto base =
         temporaryDirectory.empty() ? std::filesystem::temp_directory_path() : temporaryDirectory;
     const auto clone = base / ("veltra_dryrun_" + Uuid::random().string());
     run.websiteClone = clone;
     const auto cloned = GitCommand::run(
-        webDeployer.runner, base,
-        {"clone", "--quiet", "--branch=" + branch, "--", repository.string(), clone.string()},
+        base, {"clone", "--quiet", "--branch=" + branch, "--", repository.string(), clone.string()},
         run.stop);
     if (cloned.exitCode != 0) {
         throw GitCommand::failure("Could not clone the website repository for the dry run", cloned);
@@ -914,14 +903,14 @@ void PipelineManager::useWebsiteClone(RunState& run) {
     // The feed and the deploy use the clone's files in the same places.
     std::error_code error;
     const auto relative =
-        std::filesystem::weakly_canonical(run.delivery->appcastURL, error)
+        std::filesystem::weakly_canonical(run.delivery->appcastPath, error)
             .lexically_relative(std::filesystem::weakly_canonical(repository, error));
-    run.delivery->appcastURL =
+    run.delivery->appcastPath =
         relative.empty() || relative.begin()->string() == ".."
             ? clone / ReleasePublishingPlan::downloadsFolder(run.request.profile.webDeploy) /
                   "appcast.xml"
             : clone / relative;
-    run.delivery->websiteRepoURL = clone;
+    run.delivery->websiteRepoPath = clone;
     log("   Dry run: the feed is signed and written, and the deploy committed, in a temporary "
         "clone of the website repository that is never pushed: " +
         clone.string());

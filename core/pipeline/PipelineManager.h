@@ -1,20 +1,20 @@
 #pragma once
 
-#include "core/dmg/AppIconResolver.h"
-#include "core/publishing/BranchWorktree.h"
 #include "DeploymentArtifacts.h"
 #include "PipelineLogStream.h"
-#include "core/records/PipelineStep.h"
-#include "core/records/ReleaseLogEntry.h"
-#include "core/records/ReleaseManifest.h"
 #include "SparkleAutoResolver.h"
+#include "WebsitePublicationWatcher.h"
+#include "core/dmg/AppIconResolver.h"
 #include "core/dmg/DMGBuilder.h"
 #include "core/feed/PublishedFeedReader.h"
 #include "core/feed/SparkleEngine.h"
 #include "core/profile/ProjectProfile.h"
+#include "core/publishing/BranchWorktree.h"
 #include "core/publishing/GitHubReleaseEngine.h"
 #include "core/publishing/WebDeployer.h"
-#include "WebsitePublicationWatcher.h"
+#include "core/records/PipelineStep.h"
+#include "core/records/ReleaseLogEntry.h"
+#include "core/records/ReleaseManifest.h"
 #include "core/signing/CertificateScanner.h"
 #include "core/signing/NotarizationEngine.h"
 #include "core/support/MainQueue.h"
@@ -57,7 +57,7 @@ public:
 struct ReleaseRequest {
     ProjectProfile profile{};
     // Ship this already built app instead of building the profile's project.
-    std::optional<std::filesystem::path> appURL{};
+    std::optional<std::filesystem::path> appPath{};
     // Release notes in Markdown; the default text when absent.
     std::optional<std::string> notes{};
     // The project's version and build for this release; the project's next suggestion when

@@ -33,6 +33,12 @@
 namespace veltra {
 namespace {
 
+// Stateless: tests substitute tools through PATH, never the runner.
+const ProcessRunner runner;
+
+} // namespace
+namespace {
+
 namespace fs = std::filesystem;
 using Verdict = DoctorVerdict;
 
@@ -200,7 +206,6 @@ DoctorFinding ReleaseDoctor::xcode(std::stop_token stop) const {
 std::vector<DoctorFinding> ReleaseDoctor::signing(const ProjectProfile* profile,
                                                   std::stop_token stop) const {
     CertificateScanner scanner;
-    scanner.runner = runner;
     std::vector<SigningCertificate> identities;
     try {
         identities = scanner.scanIdentities(stop);
@@ -297,7 +302,6 @@ DoctorFinding ReleaseDoctor::notarization(const ProjectProfile& profile,
                        "set notarization.keychainProfileName.");
     }
     NotarizationEngine engine;
-    engine.runner = runner;
     const auto answer =
         engine.checkCredentials(name, std::chrono::duration<double>(timeLimit).count(), stop);
     if (answer.exitCode != 0) {
@@ -395,7 +399,6 @@ std::vector<DoctorFinding> ReleaseDoctor::website(const ProjectProfile& profile,
     }
     const auto branch = WebDeployer::branch(profile.webDeploy);
     WebsiteRepositoryInspector inspector;
-    inspector.runner = runner;
     const auto status = inspector.inspect(*repository, branch, stop);
     if (status.blocker) {
         found.push_back(finding("Website", Verdict::problem, *status.blocker));
@@ -405,9 +408,9 @@ std::vector<DoctorFinding> ReleaseDoctor::website(const ProjectProfile& profile,
                             repository->string() + " on '" + branch + "', origin " +
                                 status.originURL.value_or("")));
 
-    const auto remote = GitCommand::run(
-        runner, *repository, {"ls-remote", "--heads", "--end-of-options", "origin", branch}, stop,
-        std::chrono::duration<double>(timeLimit).count());
+    const auto remote =
+        GitCommand::run(*repository, {"ls-remote", "--heads", "--end-of-options", "origin", branch},
+                        stop, std::chrono::duration<double>(timeLimit).count());
     if (remote.exitCode != 0) {
         const auto error = GitCommand::failure("origin cannot be reached", remote);
         found.push_back(finding("Website origin", Verdict::problem, error.what(),
@@ -419,7 +422,6 @@ std::vector<DoctorFinding> ReleaseDoctor::website(const ProjectProfile& profile,
     }
 
     PublishedFeedReader reader;
-    reader.runner = runner;
     reader.httpTimeout = std::chrono::duration<double>(timeLimit).count();
     const auto url = ReleasePublishingPlan::publicAddresses(profile).publicAppcastURL;
     std::optional<std::int64_t> liveBuild;

@@ -33,7 +33,6 @@ struct DoctorFinding {
 // and the others still run.
 class ReleaseDoctor {
 public:
-    ProcessRunner runner{};
     std::chrono::milliseconds timeLimit{std::chrono::seconds(20)};
     // Where releases are built (the disk check); the system's temporary folder when empty.
     std::filesystem::path temporaryDirectory{};

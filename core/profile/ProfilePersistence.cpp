@@ -16,7 +16,7 @@ namespace {
 constexpr auto privateFile =
     std::filesystem::perms::owner_read | std::filesystem::perms::owner_write;
 
-std::filesystem::path lockURL(const std::filesystem::path& url) {
+std::filesystem::path lockFileFor(const std::filesystem::path& url) {
     auto lock = url;
     lock += ".lock";
     return lock;
@@ -128,15 +128,15 @@ FileRead readProfileFile(const std::filesystem::path& url) {
 
 } // namespace
 
-ProfilePersistence::ProfilePersistence(std::filesystem::path url) : url_(std::move(url)) {}
+ProfilePersistence::ProfilePersistence(std::filesystem::path url) : file_(std::move(url)) {}
 
 ProfileLoadResult ProfilePersistence::load() {
     ProfileLoadResult result;
     queue_.sync([&] {
         try {
-            const auto lock = FileLock::lock(lockURL(url_));
-            removeLeftoverTemporaries(url_);
-            auto read = readProfileFile(url_);
+            const auto lock = FileLock::lock(lockFileFor(file_));
+            removeLeftoverTemporaries(file_);
+            auto read = readProfileFile(file_);
             result.problem = std::move(read.problem);
             if (read.contents) {
                 result.profiles = std::move(read.contents->profiles);
@@ -194,10 +194,10 @@ void ProfilePersistence::writePending() {
 }
 
 void ProfilePersistence::save(const std::vector<ProjectProfile>& profiles) {
-    createPrivateDirectories(url_.parent_path());
-    const auto lock = FileLock::lock(lockURL(url_));
+    createPrivateDirectories(file_.parent_path());
+    const auto lock = FileLock::lock(lockFileFor(file_));
     auto mine = profilesToJson(profiles);
-    auto current = readProfileFile(url_);
+    auto current = readProfileFile(file_);
     if (current.problem) {
         throw VeltraError("Veltra.Profile", 2, *current.problem + " This change was not saved.");
     }
@@ -206,7 +206,7 @@ void ProfilePersistence::save(const std::vector<ProjectProfile>& profiles) {
                       ? mergeProfileChanges(base_, mine, std::move(current.contents->json))
                       : mine;
     // 0600 whatever an older version left: the file holds the deploy hook's address.
-    writeFileAtomically(url_, dumpJson(merged), privateFile);
+    writeFileAtomically(file_, dumpJson(merged), privateFile);
     base_ = std::move(mine);
 }
 

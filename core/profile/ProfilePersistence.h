@@ -28,7 +28,7 @@ class ProfilePersistence {
 public:
     explicit ProfilePersistence(std::filesystem::path url);
 
-    const std::filesystem::path& url() const { return url_; }
+    const std::filesystem::path& file() const { return file_; }
     // Reads and decodes the file on the queue. A file that exists but cannot be used is copied
     // aside ("<name>.unreadable-<timestamp>", once per distinct content) and never written over.
     ProfileLoadResult load();
@@ -49,7 +49,7 @@ private:
     void writePending();
     void save(const std::vector<ProjectProfile>& profiles);
 
-    std::filesystem::path url_;
+    std::filesystem::path file_;
     mutable std::mutex lock_;
     std::optional<std::vector<ProjectProfile>> pending_;
     bool scheduled_ = false;

@@ -33,26 +33,26 @@ ProjectProfile normalized(ProjectProfile profile) {
 
 } // namespace
 
-std::filesystem::path ProfileStore::defaultURL() {
+std::filesystem::path ProfileStore::defaultPath() {
     return homeDirectory() / ".veltra" / "profiles.json";
 }
 
 ProfileStore::ProfileStore(MainQueue& queue, NotificationCenter& notifications,
-                           std::filesystem::path storeURL)
-    : queue_(queue), storeURL_(std::move(storeURL)) {
-    if (storeURL_ != "/dev/null") {
+                           std::filesystem::path storePath)
+    : queue_(queue), storePath_(std::move(storePath)) {
+    if (storePath_ != "/dev/null") {
         try {
-            createPrivateDirectories(storeURL_.parent_path());
+            createPrivateDirectories(storePath_.parent_path());
             // Veltra's own folder is kept private even when an older version made it 0755; a
             // folder the user named for the file is theirs to set.
-            if (storeURL_.parent_path() == defaultURL().parent_path()) {
-                std::filesystem::permissions(storeURL_.parent_path(),
+            if (storePath_.parent_path() == defaultPath().parent_path()) {
+                std::filesystem::permissions(storePath_.parent_path(),
                                              std::filesystem::perms::owner_all);
             }
         } catch (const std::exception&) {
             // a folder that cannot be made shows up as a write error later
         }
-        persistence_ = std::make_unique<ProfilePersistence>(storeURL_);
+        persistence_ = std::make_unique<ProfilePersistence>(storePath_);
         auto loaded = persistence_->load();
         loadProblem_ = std::move(loaded.problem);
         for (auto& profile : loaded.profiles) {

@@ -24,16 +24,16 @@ class ProfileStore {
 public:
     // The path "/dev/null" makes a store that never reads or writes a file.
     ProfileStore(MainQueue& queue, NotificationCenter& notifications,
-                 std::filesystem::path storeURL = defaultURL());
+                 std::filesystem::path storePath = defaultPath());
     ProfileStore(const ProfileStore&) = delete;
     ProfileStore& operator=(const ProfileStore&) = delete;
     // Writes what is still pending.
     ~ProfileStore();
 
     // ~/.veltra/profiles.json
-    static std::filesystem::path defaultURL();
+    static std::filesystem::path defaultPath();
 
-    const std::filesystem::path& storeURL() const { return storeURL_; }
+    const std::filesystem::path& storePath() const { return storePath_; }
     bool isMemoryOnly() const { return !persistence_; }
     const std::vector<ProjectProfile>& profiles() const { return profiles_; }
     std::optional<Uuid> selectedProfileID() const { return selectedProfileID_; }
@@ -68,7 +68,7 @@ private:
     ProjectProfile* profileWithID(const Uuid& id);
 
     [[maybe_unused]] MainQueue& queue_; // checked in debug builds
-    std::filesystem::path storeURL_;
+    std::filesystem::path storePath_;
     std::unique_ptr<ProfilePersistence> persistence_;
     std::vector<ProjectProfile> profiles_;
     std::optional<Uuid> selectedProfileID_;

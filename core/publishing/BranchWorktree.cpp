@@ -10,16 +10,13 @@ namespace veltra {
 
 namespace fs = std::filesystem;
 
-BranchWorktree::BranchWorktree(ProcessRunner runner, const fs::path& project,
-                               const std::string& branch, const fs::path& temporaryDirectory,
-                               std::stop_token stop)
-    : runner_(std::move(runner)) {
+BranchWorktree::BranchWorktree(const fs::path& project, const std::string& branch,
+                               const fs::path& temporaryDirectory, std::stop_token stop) {
     if (const auto problem = gitBranchNameError(branch)) {
         throw VeltraError("Veltra", 400, *problem);
     }
     const auto projectFolder = project.parent_path();
-    const auto root =
-        GitCommand::run(runner_, projectFolder, {"rev-parse", "--show-toplevel"}, stop, 60);
+    const auto root = GitCommand::run(projectFolder, {"rev-parse", "--show-toplevel"}, stop, 60);
     if (root.exitCode != 0) {
         throw VeltraError("Veltra", 404,
                           "The app project at " + project.string() +
@@ -28,8 +25,8 @@ BranchWorktree::BranchWorktree(ProcessRunner runner, const fs::path& project,
     }
     repository_ = fs::path(std::string(trimWhitespace(root.output)));
     const auto verified = GitCommand::run(
-        runner_, repository_,
-        {"rev-parse", "--verify", "--quiet", "--end-of-options", branch + "^{commit}"}, stop, 60);
+        repository_, {"rev-parse", "--verify", "--quiet", "--end-of-options", branch + "^{commit}"},
+        stop, 60);
     if (verified.exitCode != 0) {
         throw VeltraError("Veltra", 404,
                           "The app branch '" + branch + "' does not exist in " +
@@ -38,8 +35,8 @@ BranchWorktree::BranchWorktree(ProcessRunner runner, const fs::path& project,
     const auto base = temporaryDirectory.empty() ? fs::temp_directory_path() : temporaryDirectory;
     folder_ = base / ("veltra_branch_" + Uuid::random().string());
     const auto added = GitCommand::run(
-        runner_, repository_,
-        {"worktree", "add", "--detach", "--end-of-options", folder_.string(), branch}, stop, 300);
+        repository_, {"worktree", "add", "--detach", "--end-of-options", folder_.string(), branch},
+        stop, 300);
     if (added.exitCode != 0) {
         throw GitCommand::failure("Could not check out app branch '" + branch + "'", added);
     }
@@ -53,9 +50,8 @@ BranchWorktree::BranchWorktree(ProcessRunner runner, const fs::path& project,
 BranchWorktree::~BranchWorktree() {
     // Never cancelled: the folder goes even when the run was stopped.
     try {
-        GitCommand::run(runner_, repository_, {"worktree", "remove", "--force", folder_.string()},
-                        {}, 120);
-        GitCommand::run(runner_, repository_, {"worktree", "prune"}, {}, 120);
+        GitCommand::run(repository_, {"worktree", "remove", "--force", folder_.string()}, {}, 120);
+        GitCommand::run(repository_, {"worktree", "prune"}, {}, 120);
     } catch (const std::exception&) {
     }
     std::error_code ignored;

@@ -15,9 +15,8 @@ class BranchWorktree {
 public:
     // Throws VeltraError ("Veltra", 404) when the project is not in a git repository or the
     // branch does not exist, with git's words.
-    BranchWorktree(ProcessRunner runner, const std::filesystem::path& project,
-                   const std::string& branch, const std::filesystem::path& temporaryDirectory,
-                   std::stop_token stop = {});
+    BranchWorktree(const std::filesystem::path& project, const std::string& branch,
+                   const std::filesystem::path& temporaryDirectory, std::stop_token stop = {});
     BranchWorktree(const BranchWorktree&) = delete;
     BranchWorktree& operator=(const BranchWorktree&) = delete;
     ~BranchWorktree();
@@ -27,7 +26,6 @@ public:
     const std::filesystem::path& folder() const { return folder_; }
 
 private:
-    ProcessRunner runner_;
     std::filesystem::path repository_;
     std::filesystem::path folder_;
     std::filesystem::path project_;

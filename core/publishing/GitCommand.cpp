@@ -5,6 +5,12 @@
 #include <atomic>
 
 namespace veltra {
+namespace {
+
+// Stateless: tests substitute tools through PATH, never the runner.
+const ProcessRunner runner;
+
+} // namespace
 
 namespace {
 
@@ -13,7 +19,7 @@ std::atomic<int> runningGitCommands{0};
 
 } // namespace
 
-ProcessResult GitCommand::run(const ProcessRunner& runner, const std::filesystem::path& repository,
+ProcessResult GitCommand::run(const std::filesystem::path& repository,
                               std::vector<std::string> arguments, std::stop_token stop,
                               std::optional<double> timeout,
                               std::function<void(std::string_view)> onOutput) {
@@ -45,10 +51,9 @@ ProcessResult GitCommand::run(const ProcessRunner& runner, const std::filesystem
     }
 }
 
-std::vector<std::string> GitCommand::identityFallback(const ProcessRunner& runner,
-                                                      const std::filesystem::path& repository,
+std::vector<std::string> GitCommand::identityFallback(const std::filesystem::path& repository,
                                                       std::stop_token stop) {
-    const auto email = run(runner, repository, {"config", "user.email"}, stop, 30);
+    const auto email = run(repository, {"config", "user.email"}, stop, 30);
     if (!trimWhitespace(email.output).empty()) {
         return {};
     }

@@ -18,7 +18,7 @@ class GitCommand {
 public:
     static constexpr double defaultTimeout = 300;
 
-    static ProcessResult run(const ProcessRunner& runner, const std::filesystem::path& repository,
+    static ProcessResult run(const std::filesystem::path& repository,
                              std::vector<std::string> arguments, std::stop_token stop = {},
                              std::optional<double> timeout = defaultTimeout,
                              std::function<void(std::string_view)> onOutput = {});
@@ -30,8 +30,7 @@ public:
 
     // Arguments that go before a commit's own when the repository has no author identity
     // (a fresh machine): git would refuse the commit otherwise. Empty when one is set.
-    static std::vector<std::string> identityFallback(const ProcessRunner& runner,
-                                                     const std::filesystem::path& repository,
+    static std::vector<std::string> identityFallback(const std::filesystem::path& repository,
                                                      std::stop_token stop = {});
 };
 

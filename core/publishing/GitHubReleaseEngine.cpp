@@ -6,15 +6,21 @@
 #include <mutex>
 
 namespace veltra {
+namespace {
+
+// Stateless: tests substitute tools through PATH, never the runner.
+const ProcessRunner runner;
+
+} // namespace
 
 std::vector<std::string> GitHubReleaseEngine::arguments(const GitHubReleaseConfig& config,
-                                                        const std::filesystem::path& dmgURL,
+                                                        const std::filesystem::path& dmgPath,
                                                         const std::string& appName,
                                                         const std::string& version,
                                                         const std::filesystem::path& notesFile) {
-    std::vector<std::string> list{"release",       "create",          "v" + version,
-                                  dmgURL.string(), "--title",         appName + " v" + version,
-                                  "--notes-file",  notesFile.string()};
+    std::vector<std::string> list{"release",        "create",          "v" + version,
+                                  dmgPath.string(), "--title",         appName + " v" + version,
+                                  "--notes-file",   notesFile.string()};
     // Not trimmed: a repository of blanks is passed on for gh to refuse.
     if (!config.repoOwnerAndName.empty()) {
         list.insert(list.end(), {"--repo", config.repoOwnerAndName});
@@ -26,7 +32,7 @@ std::vector<std::string> GitHubReleaseEngine::arguments(const GitHubReleaseConfi
 }
 
 void GitHubReleaseEngine::publish(const GitHubReleaseConfig& config,
-                                  const std::filesystem::path& dmgURL, const std::string& appName,
+                                  const std::filesystem::path& dmgPath, const std::string& appName,
                                   const std::string& version, const std::string& notes,
                                   const LogHandler& log, std::stop_token stop) const {
     if (!config.enabled) {
@@ -52,7 +58,7 @@ void GitHubReleaseEngine::publish(const GitHubReleaseConfig& config,
     std::mutex lock;
     std::string pending;
     ProcessRequest request{.command = "gh",
-                           .arguments = arguments(config, dmgURL, appName, version, notesFile)};
+                           .arguments = arguments(config, dmgPath, appName, version, notesFile)};
     if (log) {
         request.onOutput = [&](std::string_view chunk) {
             const std::lock_guard guard(lock);

@@ -14,19 +14,17 @@ namespace veltra {
 // Publishes a finished release as a GitHub release with the disk image attached, through `gh`.
 class GitHubReleaseEngine {
 public:
-    ProcessRunner runner;
-
     // Does nothing when the configuration is off. Throws VeltraError ("Veltra", 404) when `gh`
     // is not installed and ("Veltra", 500, "GitHub release failed: " + gh's error output) when
     // the release cannot be created; the runner's own errors pass through.
-    void publish(const GitHubReleaseConfig& config, const std::filesystem::path& dmgURL,
+    void publish(const GitHubReleaseConfig& config, const std::filesystem::path& dmgPath,
                  const std::string& appName, const std::string& version, const std::string& notes,
                  const LogHandler& log = {}, std::stop_token stop = {}) const;
 
     // `gh`'s arguments for that release, in the order the tool is given them; the notes are
     // read from `notesFile`.
     static std::vector<std::string> arguments(const GitHubReleaseConfig& config,
-                                              const std::filesystem::path& dmgURL,
+                                              const std::filesystem::path& dmgPath,
                                               const std::string& appName,
                                               const std::string& version,
                                               const std::filesystem::path& notesFile);

@@ -11,6 +11,12 @@
 namespace veltra {
 namespace {
 
+// Stateless: tests substitute tools through PATH, never the runner.
+const ProcessRunner runner;
+
+} // namespace
+namespace {
+
 constexpr std::string_view fallbackBullet =
     "- **General Improvements**: Performance optimizations and stability refinements.";
 

@@ -15,8 +15,6 @@ namespace veltra {
 // repository: conventional-commit prefixes become labels, housekeeping commits are left out.
 class ReleaseNotesGenerator {
 public:
-    ProcessRunner runner;
-
     // Never fails: a history that cannot be read (no repository, no commits yet) gives the
     // general-improvements bullet, with an "Info: " line saying why.
     std::string generate(const std::filesystem::path& repository,

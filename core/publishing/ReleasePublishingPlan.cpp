@@ -194,8 +194,8 @@ std::optional<ResolvedDeliveryConfig> ReleasePublishingPlan::resolve(const Proje
         return std::nullopt;
     }
     auto delivery = publicAddresses(profile);
-    delivery.websiteRepoURL = *repository;
-    delivery.appcastURL = *repository / downloadsFolder(profile.webDeploy) / "appcast.xml";
+    delivery.websiteRepoPath = *repository;
+    delivery.appcastPath = *repository / downloadsFolder(profile.webDeploy) / "appcast.xml";
     return delivery;
 }
 

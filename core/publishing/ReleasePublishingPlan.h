@@ -14,9 +14,9 @@ namespace veltra {
 // its feed, disk image and notes. The feed file lives in the downloads folder, so the file that
 // is pushed is the file the live check fetches.
 struct ResolvedDeliveryConfig {
-    std::filesystem::path websiteRepoURL;
+    std::filesystem::path websiteRepoPath;
     // <repository>/<downloads>/appcast.xml
-    std::filesystem::path appcastURL;
+    std::filesystem::path appcastPath;
     // The downloads folder's address + "appcast.xml"; empty when no site address is set.
     std::string publicAppcastURL;
     // Ends in "/"; empty when no site address is set.

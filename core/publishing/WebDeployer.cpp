@@ -15,6 +15,12 @@
 namespace veltra {
 namespace {
 
+// Stateless: tests substitute tools through PATH, never the runner.
+const ProcessRunner runner;
+
+} // namespace
+namespace {
+
 template <typename Operation> void fileStep(Operation&& operation) {
     try {
         operation();
@@ -95,8 +101,8 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
         }
     };
     checkFileName(release.appName);
-    const auto repository = delivery.websiteRepoURL.empty() ? expandTilde(config.websiteRepoPath)
-                                                            : delivery.websiteRepoURL;
+    const auto repository = delivery.websiteRepoPath.empty() ? expandTilde(config.websiteRepoPath)
+                                                             : delivery.websiteRepoPath;
     if (const auto problem = containmentProblem(repository, config, release.appName)) {
         throw VeltraError("Veltra", 400, *problem);
     }
@@ -106,8 +112,8 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
     }
     const auto git = [&](std::vector<std::string> arguments,
                          std::function<void(std::string_view)> onOutput = {}) {
-        return GitCommand::run(runner, repository, std::move(arguments), stop,
-                               GitCommand::defaultTimeout, std::move(onOutput));
+        return GitCommand::run(repository, std::move(arguments), stop, GitCommand::defaultTimeout,
+                               std::move(onOutput));
     };
 
     // 1. The repository, cloned when it is missing and a remote is known.
@@ -161,9 +167,9 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
         if (std::filesystem::exists(std::filesystem::symlink_status(downloads / dmgName))) {
             std::filesystem::remove(downloads / dmgName);
         }
-        std::filesystem::copy_file(release.dmgURL, downloads / dmgName);
+        std::filesystem::copy_file(release.dmgPath, downloads / dmgName);
     });
-    say("Success: Copied " + release.dmgURL.filename().string() + " to " + downloadsPath + "/" +
+    say("Success: Copied " + release.dmgPath.filename().string() + " to " + downloadsPath + "/" +
         dmgName);
     writeFileAtomically(downloads / notesName, release.notes);
     say("Success: Wrote release notes to " + downloadsPath + "/" + notesName);
@@ -220,7 +226,7 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
             "commit", "--only", "-m",
             commitSubject(release.appName, release.version, release.build), "--"};
         commit.insert(commit.end(), paths.begin(), paths.end());
-        const auto identity = GitCommand::identityFallback(runner, repository, stop);
+        const auto identity = GitCommand::identityFallback(repository, stop);
         commit.insert(commit.begin(), identity.begin(), identity.end());
         // With untracked files about, git words an empty commit "nothing added to commit".
         if (const auto committed = git(commit);

@@ -1,10 +1,10 @@
 #pragma once
 
 #include "ReleasePublishingPlan.h"
-#include "core/records/WebsitePublication.h"
 #include "WebsiteRepositoryInspector.h"
 #include "core/process/ProcessRunner.h"
 #include "core/records/WebDeployConfig.h"
+#include "core/records/WebsitePublication.h"
 #include "core/support/HttpClient.h"
 #include "core/support/LogHandler.h"
 
@@ -18,7 +18,7 @@ namespace veltra {
 
 // One release as the website receives it.
 struct WebDeployRelease {
-    std::filesystem::path dmgURL;
+    std::filesystem::path dmgPath;
     std::string appName;
     std::string version;
     std::string build;
@@ -35,7 +35,6 @@ struct WebDeployRelease {
 // deploy hook, and hands back the publication to watch.
 class WebDeployer {
 public:
-    ProcessRunner runner;
     WebsiteRepositoryInspector repositoryInspector;
     HttpClient session;
     // Commit the release and stop there: no origin check, push or hook (a dry run).

@@ -10,6 +10,12 @@
 #include "core/support/VeltraError.h"
 
 namespace veltra {
+namespace {
+
+// Stateless: tests substitute tools through PATH, never the runner.
+const ProcessRunner runner;
+
+} // namespace
 
 void WebsiteCreator::create(const std::filesystem::path& folder, const ProjectProfile& profile,
                             const std::optional<std::string>& remote, const LogHandler& log,
@@ -36,7 +42,7 @@ void WebsiteCreator::create(const std::filesystem::path& folder, const ProjectPr
     const auto site = std::string(trimWhitespace(web.siteURL));
 
     const auto git = [&](std::vector<std::string> arguments, const std::string& what) {
-        const auto result = GitCommand::run(runner, folder, std::move(arguments), stop);
+        const auto result = GitCommand::run(folder, std::move(arguments), stop);
         if (result.exitCode != 0) {
             throw GitCommand::failure(what, result);
         }
@@ -56,7 +62,7 @@ void WebsiteCreator::create(const std::filesystem::path& folder, const ProjectPr
     git({"add", "--", page, downloads + "/appcast.xml"}, "Could not stage the website");
     std::vector<std::string> commit{"commit", "--quiet", "-m",
                                     "Create the download website for " + appName};
-    const auto identity = GitCommand::identityFallback(runner, folder, stop);
+    const auto identity = GitCommand::identityFallback(folder, stop);
     commit.insert(commit.begin(), identity.begin(), identity.end());
     git(commit, "Could not commit the website");
     say("Success: Committed the website on branch " + branch);

@@ -16,8 +16,6 @@ namespace veltra {
 // origin when an address is given.
 class WebsiteCreator {
 public:
-    ProcessRunner runner;
-
     // `folder` must not exist or be empty. Throws VeltraError ("Veltra", 409) otherwise, and
     // git's failures with the shared git failure text.
     void create(const std::filesystem::path& folder, const ProjectProfile& profile,

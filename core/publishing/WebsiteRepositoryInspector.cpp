@@ -12,6 +12,12 @@
 namespace veltra {
 namespace {
 
+// Stateless: tests substitute tools through PATH, never the runner.
+const ProcessRunner runner;
+
+} // namespace
+namespace {
+
 std::string trimmed(const std::string& text) {
     return std::string(trimWhitespace(text));
 }
@@ -31,7 +37,7 @@ WebsiteRepositoryStatus WebsiteRepositoryInspector::inspect(const std::filesyste
         return status;
     }
     const auto git = [&](std::vector<std::string> arguments) {
-        return GitCommand::run(runner, repository, std::move(arguments), stop, timeout);
+        return GitCommand::run(repository, std::move(arguments), stop, timeout);
     };
     try {
         // One rev-parse answers the root and where the in-progress markers live: every git
@@ -123,7 +129,7 @@ std::optional<std::string> WebsiteRepositoryInspector::releaseBlocker(
     std::stop_token stop) const {
     const auto where = repository.string();
     const auto git = [&](std::vector<std::string> arguments) {
-        return GitCommand::run(runner, repository, std::move(arguments), stop, timeout);
+        return GitCommand::run(repository, std::move(arguments), stop, timeout);
     };
     // What origin has, as last fetched. A branch origin never had is published whole by the
     // first release: the site is new.

@@ -24,7 +24,6 @@ struct WebsiteRepositoryStatus {
 // has an origin remote.
 class WebsiteRepositoryInspector {
 public:
-    ProcessRunner runner;
     // Each git query's limit.
     double timeout = 30;
 

@@ -11,7 +11,6 @@ namespace veltra {
 struct PipelineStep {
     std::string id; // "version", "archive", "inspect", "notes", "dmg", "notarize", ...
     std::string title;
-    std::string iconName;
     StepStatus status = StepStatus::pending;
     std::string message;
     std::optional<double> duration; // seconds, once the step has ended

@@ -14,6 +14,12 @@
 namespace veltra {
 namespace {
 
+// Stateless: tests substitute tools through PATH, never the runner.
+const ProcessRunner runner;
+
+} // namespace
+namespace {
+
 std::string randomPassword() {
     std::array<std::uint8_t, 24> bytes{};
     if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1) {
@@ -56,7 +62,7 @@ std::vector<SigningCertificate> CIKeychain::setup(const std::filesystem::path& p
     };
     // Commands that carry a password read it from standard input, never from argv.
     const auto securityWithSecret = [&](const std::vector<std::string>& arguments) {
-        return runSecurityCommand(runner, arguments, stop);
+        return runSecurityCommand(arguments, stop);
     };
     const auto keychainPassword = randomPassword();
     if (const auto made = securityWithSecret({"create-keychain", "-p", keychainPassword, name});

@@ -18,8 +18,6 @@ class CIKeychain {
 public:
     static constexpr std::string_view defaultName = "veltra-ci.keychain-db";
 
-    ProcessRunner runner{};
-
     // The identities the new keychain offers for code signing. Throws VeltraError ("Veltra",
     // security's exit status) with security's words when a step fails; a keychain made before
     // the failure is deleted again. Neither password appears in a message.

@@ -8,6 +8,12 @@
 #include <cctype>
 
 namespace veltra {
+namespace {
+
+// Stateless: tests substitute tools through PATH, never the runner.
+const ProcessRunner runner;
+
+} // namespace
 
 namespace {
 
@@ -163,8 +169,8 @@ CertificateScanner::detectBestTeamInfo(std::stop_token stop) const {
 ProcessResult CertificateScanner::importP12(const std::filesystem::path& file,
                                             const std::string& password,
                                             std::stop_token stop) const {
-    return runSecurityCommand(
-        runner, {"import", file.string(), "-P", password, "-T", "/usr/bin/codesign"}, stop);
+    return runSecurityCommand({"import", file.string(), "-P", password, "-T", "/usr/bin/codesign"},
+                              stop);
 }
 
 void CertificateScanner::openXcodeSettings() {
@@ -186,7 +192,6 @@ void CertificateScanner::openXcodeSettings() {
     end tell
 end tell)";
     try {
-        const ProcessRunner runner;
         runner.run("open", {"-b", "com.apple.dt.Xcode"});
         runner.run("osascript", {"-e", script});
     } catch (const std::exception&) {

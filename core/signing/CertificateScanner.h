@@ -28,8 +28,6 @@ struct SigningCertificate {
 
 class CertificateScanner {
 public:
-    ProcessRunner runner{};
-
     struct DetectedTeamInfo {
         std::string teamID{};
         std::optional<std::string> accountName{};

@@ -6,6 +6,12 @@
 #include <algorithm>
 
 namespace veltra {
+namespace {
+
+// Stateless: tests substitute tools through PATH, never the runner.
+const ProcessRunner runner;
+
+} // namespace
 
 NotaryFailure::Kind NotaryFailure::classify(std::string_view output) {
     const auto lower = asciiLowercase(output);
@@ -144,8 +150,8 @@ bool NotarizationEngine::credentialsExist(const std::string& keychainProfile,
 
 namespace {
 
-void staple(const ProcessRunner& runner, const std::filesystem::path& file,
-            const std::function<void(const std::string&)>& log, std::stop_token stop) {
+void staple(const std::filesystem::path& file, const std::function<void(const std::string&)>& log,
+            std::stop_token stop) {
     const auto name = file.filename().string();
     log("   Stapling Gatekeeper ticket to " + name + "...");
     const auto stapled = runner.run("xcrun", {"stapler", "staple", file.string()}, stop);
@@ -192,7 +198,7 @@ void NotarizationEngine::notarize(const std::filesystem::path& file,
     if (result.exitCode != 0 || contains(output, "status: Invalid")) {
         throw VeltraError("Veltra", 502, "Notarization failed or was marked Invalid:\n" + output);
     }
-    staple(runner, file, log, stop);
+    staple(file, log, stop);
 }
 
 std::optional<std::string> NotarizationEngine::submissionID(std::string_view output) {
@@ -238,7 +244,7 @@ void NotarizationEngine::finishSubmission(const std::filesystem::path& file,
                           "Notarization failed or was marked Invalid:\n" + combinedOutput(answer));
     }
     log("   Success: Submission " + submissionID + " was accepted");
-    staple(runner, file, log, stop);
+    staple(file, log, stop);
 }
 
 } // namespace veltra

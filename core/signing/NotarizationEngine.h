@@ -41,8 +41,6 @@ private:
 // Sends files to Apple's notary service and staples the ticket, naming only a keychain profile.
 class NotarizationEngine {
 public:
-    ProcessRunner runner{};
-
     // Throws VeltraError 401 with the tool's words when the credentials cannot be stored. The
     // password is typed at notarytool's own prompt on a pseudo-terminal, never passed as an
     // argument.

@@ -3,6 +3,12 @@
 #include "core/support/VeltraError.h"
 
 namespace veltra {
+namespace {
+
+// Stateless: tests substitute tools through PATH, never the runner.
+const ProcessRunner runner;
+
+} // namespace
 
 std::string securityInputLine(const std::vector<std::string>& arguments) {
     std::string line;
@@ -26,8 +32,7 @@ std::string securityInputLine(const std::vector<std::string>& arguments) {
     return line + "\n";
 }
 
-ProcessResult runSecurityCommand(const ProcessRunner& runner,
-                                 const std::vector<std::string>& arguments, std::stop_token stop) {
+ProcessResult runSecurityCommand(const std::vector<std::string>& arguments, std::stop_token stop) {
     ProcessRequest request;
     request.command = "security";
     request.arguments = {"-i"};

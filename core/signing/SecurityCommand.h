@@ -13,8 +13,7 @@ namespace veltra {
 // status that command's own. security's "<command>: returned N" trailer is taken off the
 // errors. Throws VeltraError ("Veltra", 22) when an argument holds a line break or NUL, which
 // one input line cannot carry.
-ProcessResult runSecurityCommand(const ProcessRunner& runner,
-                                 const std::vector<std::string>& arguments,
+ProcessResult runSecurityCommand(const std::vector<std::string>& arguments,
                                  std::stop_token stop = {});
 
 // The input line for `security -i`: each argument in double quotes with `"` and `\` escaped,

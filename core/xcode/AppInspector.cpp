@@ -89,7 +89,7 @@ AppInfo AppInspector::inspect(const fs::path& app, std::stop_token stop) const {
         throw VeltraError("Veltra", 400, "Invalid Info.plist inside " + app.filename().string());
     }
     AppInfo info;
-    info.appURL = app;
+    info.appPath = app;
     info.bundleIdentifier = stringValue(plist, "CFBundleIdentifier").value_or("unknown.bundle.id");
     info.displayName =
         stringValue(plist, "CFBundleDisplayName")

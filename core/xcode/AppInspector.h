@@ -13,7 +13,7 @@ namespace veltra {
 
 // The facts of a built application that a release shows and checks.
 struct AppInfo {
-    std::filesystem::path appURL{};
+    std::filesystem::path appPath{};
     std::string bundleIdentifier{};
     std::string displayName{};
     std::string version{};

@@ -46,8 +46,6 @@ public:
 
 class VersionManager : public VersionManaging {
 public:
-    ProcessRunner runner{};
-
     VersionInfo readVersionInfo(const std::filesystem::path& project,
                                 const std::optional<std::string>& appcastPath) const override;
     std::future<VersionInfo>

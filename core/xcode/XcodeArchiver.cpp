@@ -17,6 +17,12 @@
 #include <fmt/format.h>
 
 namespace veltra {
+namespace {
+
+// Stateless: tests substitute tools through PATH, never the runner.
+const ProcessRunner runner;
+
+} // namespace
 
 namespace fs = std::filesystem;
 
@@ -133,7 +139,7 @@ std::vector<std::string> XcodeArchiver::archiveArguments(
     const XcodeProjectInfo& project, const std::string& scheme, const fs::path& archivePath,
     const std::optional<std::string>& marketingVersion, std::optional<std::int64_t> buildNumber) {
     std::vector<std::string> arguments{project.isWorkspace ? "-workspace" : "-project",
-                                       project.projectURL.string(),
+                                       project.projectPath.string(),
                                        "-scheme",
                                        scheme,
                                        "-configuration",
@@ -286,7 +292,6 @@ int XcodeArchiver::signInsideOut(const fs::path& app, const std::string& identit
 }
 
 fs::path XcodeArchiver::archiveAndExport(const XcodeProjectInfo& project, const std::string& scheme,
-                                         const std::optional<std::string>& /*teamID*/,
                                          const std::optional<std::string>& signingIdentity,
                                          const std::optional<std::string>& marketingVersion,
                                          std::optional<std::int64_t> buildNumber,

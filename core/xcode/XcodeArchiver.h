@@ -42,19 +42,20 @@ private:
 // Archives the user's project in Release, lifts the .app out of the archive and re-signs it.
 class XcodeArchiver {
 public:
-    ProcessRunner runner{};
     // Reads the Release settings for the Info.plist check that precedes every build.
     std::shared_ptr<const XcodeBuildSettingsReading> settingsReader =
         std::make_shared<XcodeBuildSettingsReader>();
 
     // Returns the .app in "<temp>/veltra_build_<UUID>/ExportedApp". Throws VeltraError (500 the
     // archive failed, 404 no app in it, the Info.plist check's message, file-system errors) or
-    // CancellationError. `teamID` is only the caller's bookkeeping: signing is by identity.
-    std::filesystem::path archiveAndExport(
-        const XcodeProjectInfo& project, const std::string& scheme,
-        const std::optional<std::string>& teamID, const std::optional<std::string>& signingIdentity,
-        const std::optional<std::string>& marketingVersion, std::optional<std::int64_t> buildNumber,
-        const LogHandler& onLog, std::stop_token stop = {}) const;
+    // CancellationError. Signing is by identity alone (the team is the identity's).
+    std::filesystem::path archiveAndExport(const XcodeProjectInfo& project,
+                                           const std::string& scheme,
+                                           const std::optional<std::string>& signingIdentity,
+                                           const std::optional<std::string>& marketingVersion,
+                                           std::optional<std::int64_t> buildNumber,
+                                           const LogHandler& onLog,
+                                           std::stop_token stop = {}) const;
 
     static std::vector<std::string>
     archiveArguments(const XcodeProjectInfo& project, const std::string& scheme,

@@ -11,6 +11,12 @@
 #include <nlohmann/json.hpp>
 
 namespace veltra {
+namespace {
+
+// Stateless: tests substitute tools through PATH, never the runner.
+const ProcessRunner runner;
+
+} // namespace
 
 namespace fs = std::filesystem;
 
@@ -23,7 +29,7 @@ BuildSettingsError::BuildSettingsError(Kind kind, std::string output)
 std::vector<std::string> XcodeBuildSettingsReader::arguments(const XcodeProjectInfo& project,
                                                              const std::string& scheme) {
     return {project.isWorkspace ? "-workspace" : "-project",
-            project.projectURL.string(),
+            project.projectPath.string(),
             "-scheme",
             scheme,
             "-configuration",

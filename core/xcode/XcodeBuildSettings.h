@@ -45,8 +45,6 @@ public:
 
 class XcodeBuildSettingsReader : public XcodeBuildSettingsReading {
 public:
-    ProcessRunner runner{};
-
     std::vector<TargetSettings> releaseBuildSettings(const XcodeProjectInfo& project,
                                                      const std::string& scheme,
                                                      std::stop_token stop) const override;

@@ -5,6 +5,12 @@
 #include "core/support/VeltraError.h"
 
 namespace veltra {
+namespace {
+
+// Stateless: tests substitute tools through PATH, never the runner.
+const ProcessRunner runner;
+
+} // namespace
 
 const std::string XcodeEnvironmentValidator::instruction =
     "Run this command in Terminal to point to Xcode:\nsudo xcode-select -s "

@@ -21,8 +21,6 @@ public:
 
 class DefaultXcodeEnvironmentReader : public XcodeEnvironmentReading {
 public:
-    ProcessRunner runner{};
-
     std::string developerDirectory(std::stop_token stop) const override;
     ProcessResult xcodeVersion(std::stop_token stop) const override;
 };

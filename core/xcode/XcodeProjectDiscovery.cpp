@@ -384,7 +384,7 @@ XcodeProjectInfo XcodeProjectDiscovery::discover(const fs::path& path) {
                           fmt::format("No Xcode project or workspace found at {}", path.string()));
     }
     XcodeProjectInfo info;
-    info.projectURL = *located;
+    info.projectPath = *located;
     info.isWorkspace = located->extension() == ".xcworkspace";
     info.name = located->stem().string();
     const auto folder = located->parent_path();

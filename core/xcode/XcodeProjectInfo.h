@@ -24,7 +24,7 @@ struct XcodeScheme {
 
 // What the rest of Veltra knows about the user's project.
 struct XcodeProjectInfo {
-    std::filesystem::path projectURL{};
+    std::filesystem::path projectPath{};
     bool isWorkspace = false;
     std::string name{};
     std::vector<std::string> schemes{};

@@ -46,8 +46,8 @@ protected:
                            contents / "Frameworks" / "Kit.framework" / "Kit");
         fs::create_directories(work);
         builder.temporaryDirectory = work;
-        options.appURL = app;
-        options.outputDMGURL = dir / "Acme-1.2.3.dmg";
+        options.appPath = app;
+        options.outputDMGPath = dir / "Acme-1.2.3.dmg";
         options.config.volumeName = "Acme 1.2.3";
         options.config.backgroundType = DMGBackgroundType::defaultTemplate;
     }
@@ -108,13 +108,13 @@ protected:
 };
 
 TEST_F(DMGBuilderRun, DefaultArtworkImageHoldsWhatAUserSees) {
-    testing::writeFile(options.outputDMGURL, "an older image");
+    testing::writeFile(options.outputDMGPath, "an older image");
     build();
     EXPECT_EQ(log, (Lines{"Applying default Veltra installer artwork...",
                           "Creating image volume 'Acme 1.2.3'...",
                           "Applying Finder layout on the mounted installer volume...",
                           "Compressing disk image with UDZO...",
-                          "Success: Successfully built DMG: " + options.outputDMGURL.string()}));
+                          "Success: Successfully built DMG: " + options.outputDMGPath.string()}));
     EXPECT_TRUE(leftovers().empty()) << leftovers().front();
 
     // The tools, exactly.
@@ -140,7 +140,7 @@ TEST_F(DMGBuilderRun, DefaultArtworkImageHoldsWhatAUserSees) {
               (Lines{"attach", "-mountpoint", "-nobrowse", "-noautoopen", "-readwrite"}));
     EXPECT_EQ(hdiutil[2], (Lines{"detach", attach[3]}));
     EXPECT_EQ(hdiutil[3], (Lines{"convert", intermediate, "-format", "UDZO", "-o",
-                                 options.outputDMGURL.string(), "-quiet"}));
+                                 options.outputDMGPath.string(), "-quiet"}));
     const auto sips = runsOf("sips");
     ASSERT_EQ(sips.size(), 1u);
     EXPECT_EQ(Lines(sips[0].begin(), sips[0].begin() + 9),
@@ -150,7 +150,7 @@ TEST_F(DMGBuilderRun, DefaultArtworkImageHoldsWhatAUserSees) {
     EXPECT_TRUE(runsOf("codesign").empty());
 
     // The older image was replaced; opening the new one shows the installer.
-    const auto volume = open(options.outputDMGURL);
+    const auto volume = open(options.outputDMGPath);
     const auto copy = volume / "Acme.app" / "Contents";
     EXPECT_EQ(readFile(copy / "MacOS" / "Acme"), "binary");
     EXPECT_EQ(fs::status(copy / "MacOS" / "Acme").permissions() & fs::perms::all,
@@ -211,7 +211,7 @@ TEST_F(DMGBuilderRun, CustomPictureIsStagedAndResizedMissingOneFallsBackToTheArt
     const auto sips = runsOf("sips");
     ASSERT_EQ(sips.size(), 1u);
     EXPECT_EQ(Lines(sips[0].begin(), sips[0].begin() + 3), (Lines{"-z", "801", "1321"}));
-    const auto volume = open(options.outputDMGURL);
+    const auto volume = open(options.outputDMGPath);
     const auto facts = ProcessRunner().run(
         ProcessRequest{.command = "sips",
                        .arguments = {"-g", "pixelWidth", "-g", "pixelHeight",
@@ -225,7 +225,7 @@ TEST_F(DMGBuilderRun, CustomPictureIsStagedAndResizedMissingOneFallsBackToTheArt
     log.clear();
     build();
     EXPECT_EQ(log.front(), "Applying default Veltra installer artwork...");
-    EXPECT_TRUE(fs::exists(open(options.outputDMGURL) / ".background" / "background.png"));
+    EXPECT_TRUE(fs::exists(open(options.outputDMGPath) / ".background" / "background.png"));
 }
 
 TEST_F(DMGBuilderRun, PlainImageHasOnlyTheAppAndApplications) {
@@ -236,11 +236,11 @@ TEST_F(DMGBuilderRun, PlainImageHasOnlyTheAppAndApplications) {
     EXPECT_EQ(log,
               (Lines{"Building plain unstyled Finder DMG...",
                      "Creating image volume 'Acme 1.2.3'...", "Compressing disk image with UDZO...",
-                     "Success: Successfully built DMG: " + options.outputDMGURL.string()}));
+                     "Success: Successfully built DMG: " + options.outputDMGPath.string()}));
     EXPECT_EQ(hdiutilVerbs(), (Lines{"create", "convert"}));
     EXPECT_TRUE(runsOf("sips").empty());
     EXPECT_TRUE(runsOf("codesign").empty());
-    const auto volume = open(options.outputDMGURL);
+    const auto volume = open(options.outputDMGPath);
     Lines entries;
     for (const auto& entry : fs::directory_iterator(volume)) {
         entries.push_back(entry.path().filename().string());
@@ -255,18 +255,18 @@ TEST_F(DMGBuilderRun, SigningIsLoggedAndNeverFailsTheBuild) {
     build();
     EXPECT_EQ(runsOf("codesign"),
               (std::vector<Lines>{{"--force", "--sign", *options.signingIdentity, "--timestamp",
-                                   options.outputDMGURL.string()}}));
+                                   options.outputDMGPath.string()}}));
     EXPECT_EQ(log[log.size() - 3], "Signing DMG with " + *options.signingIdentity + "...");
     EXPECT_EQ(log[log.size() - 2], "Success: Code signature applied to DMG");
 
     log.clear();
     fake("VELTRA_FAKE_CODESIGN", "internal");
     build();
-    EXPECT_TRUE(fs::exists(options.outputDMGURL));
+    EXPECT_TRUE(fs::exists(options.outputDMGPath));
     EXPECT_EQ(log[log.size() - 2],
               "Warning: Could not sign the DMG: Warning: unable to build chain to self-signed root "
               "for signer \"Developer ID Application: Jane Doe (AB12CD34EF)\"\n" +
-                  options.outputDMGURL.string() + ": errSecInternalComponent");
+                  options.outputDMGPath.string() + ": errSecInternalComponent");
 }
 
 TEST_F(DMGBuilderRun, ToolFailuresHaveTheirTextsAndAlwaysDetachAndCleanUp) {
@@ -311,7 +311,7 @@ TEST_F(DMGBuilderRun, ToolFailuresHaveTheirTextsAndAlwaysDetachAndCleanUp) {
         EXPECT_EQ(error.code(), 500);
         EXPECT_EQ(error.message(), row.message);
         EXPECT_EQ(hdiutilVerbs(), row.verbs);
-        EXPECT_FALSE(fs::exists(options.outputDMGURL));
+        EXPECT_FALSE(fs::exists(options.outputDMGPath));
         // Staging, intermediate image and artwork are gone; a volume still mounted (the forced
         // detach failed too) keeps its folder rather than being deleted under the mount.
         for (const auto& name : leftovers()) {
@@ -361,11 +361,11 @@ TEST_F(DMGBuilderRun, CancellingWhileMountedDetachesAndCleansUp) {
     canceller.join();
     EXPECT_EQ(hdiutilVerbs(), (Lines{"create", "attach", "detach -force"}));
     EXPECT_TRUE(leftovers().empty());
-    EXPECT_FALSE(fs::exists(options.outputDMGURL));
+    EXPECT_FALSE(fs::exists(options.outputDMGPath));
 }
 
 TEST_F(DMGBuilderRun, AppThatCannotBeCopiedFailsWithTheFileSystemsWords) {
-    options.appURL = dir / "missing" / "Acme.app";
+    options.appPath = dir / "missing" / "Acme.app";
     try {
         build();
         FAIL() << "built";

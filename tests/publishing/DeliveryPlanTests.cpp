@@ -130,8 +130,8 @@ TEST_F(DeliveryPlan, FeedLivesInTheDownloadsFolderOfTheRepository) {
     std::filesystem::create_directories(dir / "site");
     const auto plan = ReleasePublishingPlan::resolve(profile);
     ASSERT_TRUE(plan);
-    EXPECT_EQ(plan->websiteRepoURL, dir / "site");
-    EXPECT_EQ(plan->appcastURL, dir / "site" / "files" / "appcast.xml");
+    EXPECT_EQ(plan->websiteRepoPath, dir / "site");
+    EXPECT_EQ(plan->appcastPath, dir / "site" / "files" / "appcast.xml");
     EXPECT_EQ(plan->publicAppcastURL, "https://acme.test/files/appcast.xml");
 }
 

@@ -63,8 +63,8 @@ protected:
     ResolvedDeliveryConfig delivery() {
         profile.webDeploy = config;
         auto plan = ReleasePublishingPlan::publicAddresses(profile);
-        plan.websiteRepoURL = expandTilde(config.websiteRepoPath);
-        plan.appcastURL = plan.websiteRepoURL / "downloads" / "appcast.xml";
+        plan.websiteRepoPath = expandTilde(config.websiteRepoPath);
+        plan.appcastPath = plan.websiteRepoPath / "downloads" / "appcast.xml";
         return plan;
     }
 
@@ -72,12 +72,12 @@ protected:
     void writeFeed(const std::string& signature, const std::string& version = "1.2.3",
                    const std::string& build = "42") {
         const auto plan = delivery();
-        fs::create_directories(plan.appcastURL.parent_path());
+        fs::create_directories(plan.appcastPath.parent_path());
         auto text = appcast::stubFeed("Acme", config.siteURL);
         AppcastRelease item{version, build,  plan.downloadURL("Acme.dmg"), signature,
                             "5000",  "13.0", plan.releaseNotesURL("Acme")};
         text = *appcast::insertItem(text, appcast::itemText(item, appcast::rfc822Date(0)));
-        writeFileAtomically(plan.appcastURL, text);
+        writeFileAtomically(plan.appcastPath, text);
     }
 
     WebDeployRelease release() const {
@@ -513,7 +513,7 @@ TEST_F(Website, LiveCheckWantsTheWholeReleaseOnTheSite) {
     const auto publish = [&](const std::string& signature, std::size_t size) {
         fs::create_directories(served / "downloads");
         writeFeed(signature);
-        fs::copy_file(delivered.appcastURL, served / "downloads" / "appcast.xml",
+        fs::copy_file(delivered.appcastPath, served / "downloads" / "appcast.xml",
                       fs::copy_options::overwrite_existing);
         testing::writeFile(served / "downloads" / "Acme.dmg", std::string(size, 'd'));
     };
@@ -540,7 +540,7 @@ TEST_F(Website, LiveCheckWantsTheWholeReleaseOnTheSite) {
     publish("SIG==", 5000);
     publication.downloadURL = quirky.url("/downloads/Acme.dmg");
     writeFeed("SIG==");
-    auto text = readFile(delivered.appcastURL);
+    auto text = readFile(delivered.appcastPath);
     text.replace(text.find(delivered.downloadURL("Acme.dmg")),
                  delivered.downloadURL("Acme.dmg").size(), publication.downloadURL);
     testing::writeFile(served / "downloads" / "appcast.xml", text);
@@ -608,8 +608,8 @@ TEST_F(Website, GeneratedPageIsUpgradedOwnPageWithoutLinksIsLeftAlone) {
 } // namespace
 } // namespace veltra
 
-#include "core/profile/ProfileStore.h"
 #include "core/pipeline/WebsitePublicationWatcher.h"
+#include "core/profile/ProfileStore.h"
 #include "core/support/EventLoop.h"
 
 #include <any>
@@ -759,7 +759,7 @@ TEST_F(WebsiteWatch, ASiteThatKeepsServingTheOldFeedNeedsAttention) {
     // What the site serves: the previous release.
     fs::create_directories(served / "downloads");
     writeFeed("OLD==", "1.2.2", "41");
-    fs::copy_file(delivery().appcastURL, served / "downloads" / "appcast.xml");
+    fs::copy_file(delivery().appcastPath, served / "downloads" / "appcast.xml");
     release();
     WebsitePublicationWatcher watcher(loop, store, notifications, WebsitePublicationProbe::shared(),
                                       {std::chrono::milliseconds(50),
@@ -805,7 +805,7 @@ protected:
             }
             stop.request_stop();
         });
-        EXPECT_THROW(GitCommand::run(ProcessRunner(), repository, {mode}, stop.get_token(), 120,
+        EXPECT_THROW(GitCommand::run(repository, {mode}, stop.get_token(), 120,
                                      [&](std::string_view chunk) {
                                          if (chunk.find("ready") != std::string_view::npos) {
                                              ready = true;
@@ -836,7 +836,7 @@ TEST_F(StubbornGit, AKilledGitsIndexLockIsRemovedOnlyWhenItIsVeltrasOwn) {
     std::atomic<bool> otherReady = false;
     std::jthread running([&] {
         try {
-            GitCommand::run(ProcessRunner(), repository, {"wait"}, other.get_token(), 120,
+            GitCommand::run(repository, {"wait"}, other.get_token(), 120,
                             [&](std::string_view) { otherReady = true; });
         } catch (const CancellationError&) {
         }

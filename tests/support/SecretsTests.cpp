@@ -114,7 +114,7 @@ TEST(SecretFiles, VeltrasFolderAndProfileFileArePrivate) {
 
     ManualClockQueue queue;
     NotificationCenter notifications{queue};
-    ProfileStore store(queue, notifications, ProfileStore::defaultURL());
+    ProfileStore store(queue, notifications, ProfileStore::defaultPath());
     EXPECT_EQ(modeOf(home / ".veltra"), privateFolder);
     store.add(ProjectProfile::create("Acme", "com.example.acme"));
     store.flush();

@@ -17,7 +17,7 @@ protected:
     // A real archived app from the xcodebuild stand-in.
     fs::path builtApp() {
         const auto app = XcodeArchiver().archiveAndExport(scratchProject(), "Acme", std::nullopt,
-                                                          std::nullopt, "1.4.2", 42, {});
+                                                          "1.4.2", 42, {});
         const auto copy = dir / "Acme.app";
         fs::copy(app, copy, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
         fs::remove_all(app.parent_path().parent_path());
@@ -39,7 +39,7 @@ TEST_F(AppInspectorTest, ReadsABuiltApp) {
     fake("VELTRA_FAKE_FEED_URL", "https://acme.example.com/appcast.xml");
     const auto app = builtApp();
     const auto info = AppInspector().inspect(app);
-    EXPECT_EQ(info.appURL, app);
+    EXPECT_EQ(info.appPath, app);
     EXPECT_EQ(info.bundleIdentifier, "com.example.acme");
     EXPECT_EQ(info.displayName, "Acme");
     EXPECT_EQ(info.version, "1.4.2");

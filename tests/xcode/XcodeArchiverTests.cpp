@@ -132,7 +132,7 @@ TEST(XcodeArchiverSummary, FallbacksInOrder) {
 
 TEST(XcodeArchiverArguments, OverridesOnlyWhenGiven) {
     XcodeProjectInfo project;
-    project.projectURL = "/src/Acme.xcworkspace";
+    project.projectPath = "/src/Acme.xcworkspace";
     project.isWorkspace = true;
     EXPECT_EQ(XcodeArchiver::archiveArguments(project, "Acme", "/tmp/b/Acme.xcarchive", "", 0),
               (Lines{"-workspace", "/src/Acme.xcworkspace", "-scheme", "Acme", "-configuration",
@@ -186,7 +186,7 @@ protected:
                      const std::optional<std::string>& version = std::nullopt,
                      std::optional<std::int64_t> build = std::nullopt, std::stop_token stop = {}) {
         return XcodeArchiver().archiveAndExport(
-            project(), "Acme", "AB12CD34EF", identity, version, build,
+            project(), "Acme", identity, version, build,
             [this](const std::string& line) {
                 const std::lock_guard guard(lock);
                 log.push_back(line);

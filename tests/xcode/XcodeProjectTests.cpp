@@ -96,7 +96,7 @@ TEST(XcodeProjectDiscovery, EveryFixtureProject) {
     for (const auto& expected : all) {
         SCOPED_TRACE(expected.folder);
         const auto info = XcodeProjectDiscovery::discover(fixtures / expected.folder);
-        EXPECT_EQ(info.projectURL, fixtures / expected.folder / expected.project);
+        EXPECT_EQ(info.projectPath, fixtures / expected.folder / expected.project);
         EXPECT_EQ(info.isWorkspace, expected.isWorkspace);
         EXPECT_EQ(info.schemes, expected.schemes);
         EXPECT_EQ(info.defaultScheme, expected.defaultScheme);
@@ -104,7 +104,7 @@ TEST(XcodeProjectDiscovery, EveryFixtureProject) {
         EXPECT_EQ(info.developmentTeam, expected.developmentTeam);
         EXPECT_EQ(info.configurations, expected.configurations);
         // Naming the project itself gives the same answer as naming its folder.
-        EXPECT_EQ(XcodeProjectDiscovery::discover(info.projectURL).schemes, info.schemes);
+        EXPECT_EQ(XcodeProjectDiscovery::discover(info.projectPath).schemes, info.schemes);
     }
 }
 
@@ -179,7 +179,7 @@ TEST(XcodeProjectDiscovery, FindsAProjectOneFolderDownAndSaysWhenThereIsNone) {
     fs::copy(fixtures / "ice" / "Ice.xcodeproj", dir / "repo" / "macosx" / "Ice.xcodeproj",
              fs::copy_options::recursive);
     const auto info = XcodeProjectDiscovery::discover(dir / "repo");
-    EXPECT_EQ(info.projectURL, dir / "repo" / "macosx" / "Ice.xcodeproj");
+    EXPECT_EQ(info.projectPath, dir / "repo" / "macosx" / "Ice.xcodeproj");
     EXPECT_EQ(info.bundleIdentifier, "com.jordanbaird.Ice");
 }
 
