@@ -73,30 +73,16 @@ public:
 
     void reload() override {
         WizardPage::reload();
-        model_.background().run<std::pair<bool, std::string>>(
+        const auto* selected = profile();
+        const std::optional<ProjectProfile> shown =
+            selected != nullptr ? std::optional(*selected) : std::nullopt;
+        // The doctor's own check: the page says what `veltra doctor` would.
+        model_.background().run<DoctorFinding>(
             this,
-            [](std::stop_token stop) -> std::pair<bool, std::string> {
-                const std::string notInstalled = "gh is not installed. Install GitHub's "
-                                                 "command-line tool and run 'gh auth login'.";
-                try {
-                    const auto result = ProcessRunner().run("gh", {"--version"}, stop);
-                    if (result.exitCode == 127) {
-                        return {false, notInstalled};
-                    }
-                    if (result.exitCode == 0) {
-                        const auto text = result.output;
-                        return {true, text.substr(0, text.find('\n'))};
-                    }
-                    const auto words = trimWhitespace(result.errorOutput);
-                    return {false, "gh --version failed: " +
-                                       std::string(words.substr(0, words.find('\n')))};
-                } catch (const std::exception&) {
-                    return {false, notInstalled};
-                }
+            [shown](std::stop_token stop) {
+                return ReleaseDoctor().github(shown ? &*shown : nullptr, stop);
             },
-            [this](std::pair<bool, std::string> answer) {
-                setStatus(gh_, qs(answer.second), !answer.first);
-            });
+            [this](const DoctorFinding& finding) { showFinding(gh_, finding); });
     }
 
 private:

@@ -3,6 +3,7 @@
 #include "ProfileBinder.h"
 #include "core/feed/NewestBuild.h"
 #include "core/feed/SparkleFeedParser.h"
+#include "core/pipeline/ReleaseDoctor.h"
 #include "core/profile/ProjectProfile.h"
 #include "core/support/FileUtilities.h"
 
@@ -64,6 +65,14 @@ QWidget* pathChooser(ProfileBinder* binder, QLineEdit* edit, const std::string& 
     });
 }
 
+void showFinding(QLabel* label, const DoctorFinding& finding) {
+    auto text = QString::fromStdString(finding.found);
+    if (!finding.advice.empty()) {
+        text += QStringLiteral(" ") + QString::fromStdString(finding.advice);
+    }
+    setStatus(label, text, finding.verdict != DoctorVerdict::ok);
+}
+
 fs::path expanded(const std::string& path) {
     return expandTilde(path);
 }
@@ -78,13 +87,13 @@ fs::path sourceFolder(const ProjectProfile& profile) {
 }
 
 // The latest build a feed lists, or the reason it cannot be told.
-std::string latestBuild(const std::string& feed) {
+FeedSummary latestBuild(const std::string& feed) {
     const auto items = SparkleFeedParser::parse(feed);
     if (!items) {
-        return "the feed cannot be read";
+        return {"the feed cannot be read", true};
     }
     const auto newest = newestBuild(*items);
-    return newest ? "latest build " + std::to_string(newest->build) : "no release yet";
+    return {newest ? "latest build " + std::to_string(newest->build) : "no release yet", false};
 }
 
 } // namespace veltra::studio

@@ -10,8 +10,9 @@ class QLineEdit;
 class QWidget;
 
 namespace veltra {
+struct DoctorFinding;
 struct ProjectProfile;
-}
+} // namespace veltra
 
 // Small pieces the wizard pages share.
 namespace veltra::studio {
@@ -19,6 +20,8 @@ namespace veltra::studio {
 QString muted(const QString& text);
 void setStatus(QLabel* label, const QString& text, bool problem);
 QLabel* statusLabel();
+// A finding of the doctor: its text and advice, in the problem style unless it is ok.
+void showFinding(QLabel* label, const DoctorFinding& finding);
 class ProfileBinder;
 
 enum class PathKind { folder, file };
@@ -33,7 +36,11 @@ QWidget* withChooser(QLineEdit* edit, const std::function<void()>& choose,
 std::filesystem::path expanded(const std::string& path);
 // The folder whose git history the notes are drafted from: the project's.
 std::filesystem::path sourceFolder(const ProjectProfile& profile);
-// The latest build a feed lists, or the reason it cannot be told.
-std::string latestBuild(const std::string& feed);
+// What a page says of a feed: its latest build, or why that cannot be told.
+struct FeedSummary {
+    std::string text;
+    bool problem = false;
+};
+FeedSummary latestBuild(const std::string& feed);
 
 } // namespace veltra::studio

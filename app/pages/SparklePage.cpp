@@ -131,7 +131,7 @@ private:
         const auto branch = selected->webDeploy.gitBranch;
         const auto downloads = ReleasePublishingPlan::downloadsFolder(selected->webDeploy);
         const auto url = addresses.publicAppcastURL;
-        using Answer = std::pair<std::string, std::string>;
+        using Answer = std::pair<FeedSummary, FeedSummary>;
         model_.background().run<Answer>(
             this,
             [=](std::stop_token stop) {
@@ -139,34 +139,31 @@ private:
                 reader.httpTimeout = 15;
                 Answer answer;
                 if (url.empty()) {
-                    answer.first = "No site address is set (Website page).";
+                    answer.first = {"No site address is set (Website page).", true};
                 } else {
                     try {
-                        answer.first = url + ": " + latestBuild(reader.liveFeed(url, stop));
+                        answer.first = latestBuild(reader.liveFeed(url, stop));
+                        answer.first.text = url + ": " + answer.first.text;
                     } catch (const std::exception& error) {
-                        answer.first = error.what();
+                        answer.first = {error.what(), true};
                     }
                 }
                 if (!repository) {
-                    answer.second = "No website repository is set (Website page).";
+                    answer.second = {"No website repository is set (Website page).", true};
                 } else {
                     try {
                         answer.second =
-                            branch + ": " +
                             latestBuild(reader.committedFeed(*repository, branch, downloads, stop));
+                        answer.second.text = branch + ": " + answer.second.text;
                     } catch (const std::exception& error) {
-                        answer.second = error.what();
+                        answer.second = {error.what(), true};
                     }
                 }
                 return answer;
             },
-            [this](Answer answer) {
-                setStatus(liveStatus_, qs(answer.first),
-                          answer.first.find("latest build") == std::string::npos &&
-                              answer.first.find("no release yet") == std::string::npos);
-                setStatus(branchStatus_, qs(answer.second),
-                          answer.second.find("latest build") == std::string::npos &&
-                              answer.second.find("no release yet") == std::string::npos);
+            [this](const Answer& answer) {
+                setStatus(liveStatus_, qs(answer.first.text), answer.first.problem);
+                setStatus(branchStatus_, qs(answer.second.text), answer.second.problem);
             });
     }
 

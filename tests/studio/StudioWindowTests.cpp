@@ -4,12 +4,14 @@
 
 #include "AppleTools.h"
 #include "DMGPreview.h"
+#include "GitFixture.h"
 #include "HistoryView.h"
 #include "MainWindow.h"
 #include "RunView.h"
 #include "StudioTestSupport.h"
-#include "core/dmg/DMGInstallerLayout.h"
+#include "WizardPages.h"
 #include "core/demo/DemoSandbox.h"
+#include "core/dmg/DMGInstallerLayout.h"
 #include "core/records/WebsitePublication.h"
 #include "core/support/FileUtilities.h"
 
@@ -298,6 +300,77 @@ TEST_F(StudioWindow, TheProjectPageValidatesTheBuildAgainstTheFeedAsTheUserTypes
               QStringLiteral("The build number must be a whole number of 1 or more."));
     EXPECT_EQ(model->choices(selected().id).build, "six");
     EXPECT_EQ(model->startRelease(), "The build number must be a whole number of 1 or more.");
+}
+
+// A status label as the user sees it: its text, and whether it is in the problem style.
+std::pair<std::string, bool> shown(const QLabel* label) {
+    return {label->text().toStdString(), label->styleSheet().contains(QStringLiteral("#c62828"))};
+}
+
+TEST_F(StudioWindow, TheSigningPageOffersDeveloperIDFirstAndSaysWhenTheKeychainCannotBeRead) {
+    window->showStep(StudioStep::codeSigning);
+    auto* list = find<QListWidget>("identities");
+    ASSERT_TRUE(waitFor([&] { return list->count() == 2; }));
+    EXPECT_EQ(list->item(0)->text(),
+              QStringLiteral("Developer ID Application: Jane Doe (AB12CD34EF)"));
+    EXPECT_EQ(list->item(1)->text(), QStringLiteral("Apple Development: Jane Doe (ZY98XW76VU)"));
+
+    fake("VELTRA_FAKE_SECURITY", "fail");
+    find<WizardPage>("codeSigning")->reload();
+    ASSERT_TRUE(waitFor([&] { return list->count() == 1; }));
+    EXPECT_EQ(list->item(0)->text().toStdString(),
+              "Could not list the code-signing identities (security find-identity exited with "
+              "1): security: SecKeychainCopySearchList: A default keychain could not be found.");
+}
+
+TEST_F(StudioWindow, TheSparklePageReadsTheCommittedAndTheLiveFeed) {
+    window->showStep(StudioStep::sparkle);
+    auto* branch = find<QLabel>("branchFeedStatus");
+    auto* live = find<QLabel>("liveFeedStatus");
+    ASSERT_TRUE(waitFor([&] { return !branch->text().isEmpty() && !live->text().isEmpty(); }));
+    EXPECT_EQ(shown(branch), std::make_pair(std::string("main: no release yet"), false));
+    EXPECT_FALSE(shown(live).second) << shown(live).first;
+
+    // A published feed that is not a feed is a problem, not a build.
+    testing::writeFile(sandbox.website() / "downloads" / "appcast.xml", "<rss");
+    testing::git(sandbox.website(), {"commit", "--quiet", "-am", "Break the feed"});
+    testing::git(sandbox.website(), {"push", "--quiet", "origin", "main"});
+    branch->clear();
+    find<WizardPage>("sparkle")->reload();
+    ASSERT_TRUE(waitFor([&] { return !branch->text().isEmpty(); }));
+    EXPECT_EQ(shown(branch), std::make_pair(std::string("main: the feed cannot be read"), true));
+}
+
+TEST_F(StudioWindow, TheGitHubPageShowsTheDoctorsFinding) {
+    window->showStep(StudioStep::githubRelease);
+    auto* gh = find<QLabel>("ghStatus");
+    ASSERT_TRUE(waitFor([&] { return !gh->text().isEmpty(); }));
+    EXPECT_EQ(shown(gh), std::make_pair(std::string("gh is installed and logged in"), false));
+
+    fake("VELTRA_FAKE_GH", "not-logged-in");
+    gh->clear();
+    find<WizardPage>("githubRelease")->reload();
+    ASSERT_TRUE(waitFor([&] { return !gh->text().isEmpty(); }));
+    EXPECT_EQ(shown(gh).first, "gh is not logged in: You are not logged into any GitHub hosts. To "
+                               "log in, run: gh auth login Run 'gh auth login'.");
+    EXPECT_TRUE(shown(gh).second);
+}
+
+TEST_F(StudioWindow, TheWebsitePageSaysWhetherTheRepositoryCanBePushed) {
+    window->showStep(StudioStep::distributionSuccess);
+    auto* verdict = find<QLabel>("repositoryVerdict");
+    ASSERT_TRUE(waitFor([&] { return !verdict->text().isEmpty(); }));
+    EXPECT_EQ(shown(verdict),
+              std::make_pair("Ready to push: branch main to " + sandbox.origin().string(), false));
+
+    testing::git(sandbox.website(), {"switch", "--quiet", "-c", "draft"});
+    verdict->clear();
+    find<WizardPage>("distributionSuccess")->reload();
+    ASSERT_TRUE(waitFor([&] { return !verdict->text().isEmpty(); }));
+    EXPECT_NE(shown(verdict).first.find("is on branch 'draft', not the publishing branch 'main'"),
+              std::string::npos)
+        << shown(verdict).first;
+    EXPECT_TRUE(shown(verdict).second);
 }
 
 TEST_F(StudioWindow, PresetsSetTheWholeLayoutAndThePreviewDrawsTheIconsWhereFinderWill) {
