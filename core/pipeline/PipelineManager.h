@@ -116,7 +116,13 @@ public:
     static bool buildsFromProject(const ProjectProfile& profile);
     static std::string defaultNotes(const std::string& version);
 
-    // The engines, one each for the manager's life.
+    // Told to follow a pushed release until the live site serves it; none: nobody follows.
+    WebsitePublicationWatcher* watcher = nullptr;
+    // Where work folders go (the system's temporary folder when empty).
+    std::filesystem::path temporaryDirectory;
+
+private:
+    // The engines, one each for the manager's life; only the stages use them.
     VersionManager versionManager;
     XcodeArchiver xcodeArchiver;
     CertificateScanner certificateScanner;
@@ -128,12 +134,7 @@ public:
     PublishedFeedReader feedReader;
     WebDeployer webDeployer;
     GitHubReleaseEngine githubEngine;
-    // Told to follow a pushed release until the live site serves it; none: nobody follows.
-    WebsitePublicationWatcher* watcher = nullptr;
-    // Where work folders go (the system's temporary folder when empty).
-    std::filesystem::path temporaryDirectory;
 
-private:
     struct RunState;
     void execute(const ReleaseRequest& request, std::stop_token stop);
     void preflight(RunState& run);

@@ -1,5 +1,6 @@
 #include "ReleaseDoctor.h"
 
+#include "DoctorChecks.h"
 #include "SparkleAutoResolver.h"
 #include "core/feed/BuildNumber.h"
 #include "core/feed/NewestBuild.h"
@@ -33,24 +34,8 @@
 namespace veltra {
 namespace {
 
-// Stateless: tests substitute tools through PATH, never the runner.
-const ProcessRunner runner;
-
-} // namespace
-namespace {
-
 namespace fs = std::filesystem;
-using Verdict = DoctorVerdict;
-
-DoctorFinding finding(std::string check, Verdict verdict, std::string found,
-                      std::string advice = {}) {
-    return {std::move(check), verdict, std::move(found), std::move(advice)};
-}
-
-std::string firstLine(std::string_view text) {
-    text = trimWhitespace(text);
-    return std::string(text.substr(0, text.find('\n')));
-}
+using namespace doctor;
 
 std::string gibibytes(std::uint64_t bytes) {
     const auto mebibytes = static_cast<double>(bytes) / (1024.0 * 1024.0);
@@ -312,185 +297,6 @@ DoctorFinding ReleaseDoctor::notarization(const ProjectProfile& profile,
                        "Store it again with 'veltra notary store-credentials " + name + "'.");
     }
     return finding("Notarization", Verdict::ok, "Keychain profile '" + name + "' works");
-}
-
-std::vector<DoctorFinding> ReleaseDoctor::sparkle(const ProjectProfile& profile) const {
-    std::vector<DoctorFinding> found;
-    SparkleAppSettings app;
-    if (profile.sourceProjectPath && !profile.sourceProjectPath->empty()) {
-        app = SparkleAutoResolver::fromProject(
-            expandTilde(standardizePath(*profile.sourceProjectPath)));
-    }
-    if (!app.feedURL && !app.publicKey) {
-        found.push_back(finding("Sparkle", Verdict::warning,
-                                "The app carries neither SUFeedURL nor SUPublicEDKey",
-                                "Add both to the app's Info.plist (or build settings) so "
-                                "releases reach users as updates."));
-        return found;
-    }
-
-    // The key releases are signed with, and the key the app checks them against.
-    const auto& keyPath = profile.sparkle.privateKeyPath;
-    std::optional<std::string> ourKey;
-    if (keyPath.empty()) {
-        found.push_back(finding("Sparkle key", Verdict::problem, "No private key file is set",
-                                "Set sparkle.privateKeyPath to the key file Sparkle's "
-                                "generate_keys exported."));
-    } else {
-        const auto path = fs::path(expandTilde(standardizePath(keyPath)));
-        try {
-            const auto key = SparklePrivateKey::readFile(path);
-            ourKey = base64::encode(key.publicKey);
-            found.push_back(finding("Sparkle key", Verdict::ok,
-                                    path.string() + " reads; public key " + *ourKey));
-        } catch (const std::exception& error) {
-            found.push_back(finding("Sparkle key", Verdict::problem, error.what(),
-                                    "Export the key again with Sparkle's 'generate_keys -x "
-                                    "FILE' and point sparkle.privateKeyPath at it."));
-        }
-    }
-    if (!app.publicKey) {
-        found.push_back(finding("Sparkle key", Verdict::problem,
-                                "The app carries no SUPublicEDKey, so it accepts no update",
-                                "Add SUPublicEDKey" + (ourKey ? " = " + *ourKey : std::string()) +
-                                    " to the app's Info.plist."));
-    } else if (ourKey && *app.publicKey != *ourKey) {
-        found.push_back(finding(
-            "Sparkle key", Verdict::problem,
-            "The app's SUPublicEDKey (" + *app.publicKey + ") is not the key file's (" + *ourKey +
-                "); users could never update",
-            "Put the key file's public key into the app's SUPublicEDKey, or use the key file "
-            "that belongs to the shipped key."));
-    }
-
-    const auto expected = ReleasePublishingPlan::publicAddresses(profile).publicAppcastURL;
-    if (!app.feedURL) {
-        found.push_back(finding("Sparkle feed", Verdict::problem, "The app carries no SUFeedURL",
-                                "Add SUFeedURL" +
-                                    (expected.empty() ? std::string() : " = " + expected) +
-                                    " to the app's Info.plist."));
-    } else if (expected.empty()) {
-        found.push_back(
-            finding("Sparkle feed", Verdict::warning,
-                    "The app reads " + *app.feedURL + ", but the profile sets no website address",
-                    "Set webDeploy.siteURL so releases publish where the app reads."));
-    } else if (*app.feedURL != expected) {
-        found.push_back(
-            finding("Sparkle feed", Verdict::problem,
-                    "The app reads " + *app.feedURL + ", but releases publish " + expected,
-                    "Make the app's SUFeedURL and the profile's website address "
-                    "agree before releasing."));
-    } else {
-        found.push_back(finding("Sparkle feed", Verdict::ok, "The app reads " + expected));
-    }
-    return found;
-}
-
-std::vector<DoctorFinding> ReleaseDoctor::website(const ProjectProfile& profile,
-                                                  std::stop_token stop) const {
-    std::vector<DoctorFinding> found;
-    const auto repository = ReleasePublishingPlan::resolveRepository(profile);
-    if (!repository) {
-        found.push_back(finding("Website", Verdict::warning, "No website repository is found",
-                                "Set webDeploy.websiteRepoPath, or make one with 'veltra "
-                                "website init DIR --profile " +
-                                    profile.name + "'."));
-        return found;
-    }
-    const auto branch = WebDeployer::branch(profile.webDeploy);
-    WebsiteRepositoryInspector inspector;
-    const auto status = inspector.inspect(*repository, branch, stop);
-    if (status.blocker) {
-        found.push_back(finding("Website", Verdict::problem, *status.blocker));
-        return found;
-    }
-    found.push_back(finding("Website", Verdict::ok,
-                            repository->string() + " on '" + branch + "', origin " +
-                                status.originURL.value_or("")));
-
-    const auto remote =
-        GitCommand::run(*repository, {"ls-remote", "--heads", "--end-of-options", "origin", branch},
-                        stop, std::chrono::duration<double>(timeLimit).count());
-    if (remote.exitCode != 0) {
-        const auto error = GitCommand::failure("origin cannot be reached", remote);
-        found.push_back(finding("Website origin", Verdict::problem, error.what(),
-                                "Check the address and your credentials with 'git ls-remote "
-                                "origin' in " +
-                                    repository->string() + "."));
-    } else {
-        found.push_back(finding("Website origin", Verdict::ok, "origin answers"));
-    }
-
-    PublishedFeedReader reader;
-    reader.httpTimeout = std::chrono::duration<double>(timeLimit).count();
-    const auto url = ReleasePublishingPlan::publicAddresses(profile).publicAppcastURL;
-    std::optional<std::int64_t> liveBuild;
-    if (url.empty()) {
-        found.push_back(finding("Live feed", Verdict::warning,
-                                "The profile sets no website address",
-                                "Set webDeploy.siteURL so releases can be checked on the live "
-                                "site."));
-    } else {
-        try {
-            const auto items = SparkleFeedParser::parse(reader.liveFeed(url, stop));
-            if (!items) {
-                found.push_back(finding("Live feed", Verdict::problem,
-                                        url + " is not a feed Sparkle can read",
-                                        "Publish a valid appcast.xml at that address."));
-            } else {
-                if (const auto newest = newestBuild(*items)) {
-                    liveBuild = newest->build;
-                }
-                found.push_back(
-                    finding("Live feed", Verdict::ok,
-                            url + " reads" +
-                                (liveBuild ? ", newest build " + std::to_string(*liveBuild)
-                                           : std::string(", no release yet"))));
-            }
-        } catch (const CancellationError&) {
-            throw;
-        } catch (const std::exception& error) {
-            found.push_back(finding("Live feed", Verdict::warning,
-                                    url + " cannot be read: " + error.what(),
-                                    "Expected before the first release; otherwise check that the "
-                                    "site is published."));
-        }
-    }
-
-    if (profile.sourceProjectPath && !profile.sourceProjectPath->empty()) {
-        const auto appcast = repository.value() /
-                             ReleasePublishingPlan::downloadsFolder(profile.webDeploy) /
-                             "appcast.xml";
-        const auto info = VersionManager().readVersionInfo(
-            expandTilde(standardizePath(*profile.sourceProjectPath)),
-            fs::exists(appcast) ? std::optional<std::string>(appcast.string()) : std::nullopt);
-        auto next = info.nextSuggestedBuild;
-        if (liveBuild && *liveBuild >= next) {
-            next = *liveBuild + 1;
-        }
-        found.push_back(finding("Next build", Verdict::ok,
-                                fmt::format("The next release must use build {} or above "
-                                            "(the project has {})",
-                                            next, info.currentBuild)));
-    }
-    return found;
-}
-
-DoctorFinding ReleaseDoctor::github(const ProjectProfile* profile, std::stop_token stop) const {
-    const bool needed = profile != nullptr && profile->githubRelease.enabled;
-    if (runner.run(ProcessRequest{.command = "which", .arguments = {"gh"}}, stop).exitCode != 0) {
-        return finding("GitHub", needed ? Verdict::problem : Verdict::warning,
-                       "GitHub's command-line tool 'gh' is not installed",
-                       "Install it ('brew install gh'), then run 'gh auth login'.");
-    }
-    const auto status = runner.run(
-        ProcessRequest{.command = "gh", .arguments = {"auth", "status"}, .timeout = 30}, stop);
-    if (status.exitCode != 0) {
-        return finding("GitHub", needed ? Verdict::problem : Verdict::warning,
-                       "gh is not logged in: " + firstLine(combinedOutput(status)),
-                       "Run 'gh auth login'.");
-    }
-    return finding("GitHub", Verdict::ok, "gh is installed and logged in");
 }
 
 DoctorFinding ReleaseDoctor::disk(const ProjectProfile* profile) const {

@@ -1,5 +1,6 @@
 #include "TestSupport.h"
 #include "core/dmg/AppIconResolver.h"
+#include "core/pipeline/PostReleaseScript.h"
 #include "core/pipeline/SparkleAutoResolver.h"
 #include "core/support/FileUtilities.h"
 
@@ -31,6 +32,35 @@ std::string family(const std::vector<std::string>& entries) {
         body += e;
     }
     return "icns" + bigEndian(static_cast<std::uint32_t>(body.size() + 8)) + body;
+}
+
+TEST(PostReleaseScript, SeesTheReleasesFactsAndOnlyThose) {
+    ReleaseManifest manifest;
+    manifest.appName = "Acme";
+    manifest.version = "1.2";
+    manifest.buildNumber = "7";
+    manifest.sha256Checksum = "ab12";
+    manifest.dmgFileSize = 4096;
+    const std::map<std::string, std::string> base{{"VELTRA_APP_NAME", "Acme"},
+                                                  {"VELTRA_VERSION", "1.2"},
+                                                  {"VELTRA_BUILD", "7"},
+                                                  {"VELTRA_DMG_PATH", "/out/Acme-1.2.dmg"},
+                                                  {"VELTRA_DMG_SHA256", "ab12"},
+                                                  {"VELTRA_DMG_SIZE", "4096"},
+                                                  {"VELTRA_NOTES_PATH", "/out/Acme-1.2.md"}};
+    EXPECT_EQ(postReleaseEnvironment(manifest, "/out/Acme-1.2.dmg", "/out/Acme-1.2.md"), base);
+
+    // Signed and published: the signature and the public addresses too.
+    manifest.sparkleSignature = "SIG==";
+    WebsitePublication publication;
+    publication.downloadURL = "https://acme.example/downloads/Acme.dmg";
+    publication.feedURL = "https://acme.example/downloads/appcast.xml";
+    manifest.websitePublication = publication;
+    auto full = base;
+    full["VELTRA_SPARKLE_SIGNATURE"] = "SIG==";
+    full["VELTRA_DOWNLOAD_URL"] = publication.downloadURL;
+    full["VELTRA_FEED_URL"] = publication.feedURL;
+    EXPECT_EQ(postReleaseEnvironment(manifest, "/out/Acme-1.2.dmg", "/out/Acme-1.2.md"), full);
 }
 
 TEST(AppIcon, TheLargestPNGEntryWins) {

@@ -1,0 +1,186 @@
+#include "PipelineRunState.h"
+#include "ReleaseRunRecord.h"
+#include "core/feed/ReleaseFeedValidator.h"
+#include "core/process/ProcessRunner.h"
+#include "core/publishing/GitCommand.h"
+#include "core/publishing/ReleaseNotificationEvent.h"
+#include "core/publishing/ReleasePublishingPlan.h"
+#include "core/records/ReleaseCompletion.h"
+#include "core/support/FileDigest.h"
+#include "core/support/FileLock.h"
+#include "core/support/FileUtilities.h"
+#include "core/support/PathRules.h"
+#include "core/support/PropertyList.h"
+#include "core/support/Text.h"
+#include "core/support/Uuid.h"
+#include "core/support/VeltraError.h"
+#include "core/xcode/XcodeProjectDiscovery.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <ctime>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+// The stages that publish it: the signed feed, the website, GitHub.
+namespace veltra {
+
+void PipelineManager::sparkleStage(RunState& run) {
+    const auto& profile = run.request.profile;
+    log("\n[5/6] Sparkle Distribution Feed");
+    updateStep("sparkle", StepStatus::running, "Resolving website & feed...");
+    run.delivery =
+        ReleasePublishingPlan::resolve(profile, [this](const std::string& line) { log(line); });
+    if (!run.delivery) {
+        log("   \xE2\x86\xB7 Sparkle feed skipped (No website repository configured)");
+        updateStep("sparkle", StepStatus::skipped, "No website repo found");
+        return;
+    }
+    WebDeployer::checkFileName(run.appName);
+    if (run.request.dryRun) {
+        useWebsiteClone(run);
+    }
+    auto engine = sparkleEngine;
+    engine.log = [this](const std::string& line) { log("   " + line); };
+    if (profile.sparkle.signUpdatePath && !profile.sparkle.signUpdatePath->empty()) {
+        engine.configuredTool = expandTilde(*profile.sparkle.signUpdatePath);
+    }
+    if (run.project) {
+        engine.project = *run.project;
+    }
+    const auto signed_ =
+        engine.sign(run.dmg, run.appName, profile.sparkle.privateKeyPath, run.stop);
+    if (run.stop.stop_requested()) {
+        throw CancellationError();
+    }
+    AppcastRelease release;
+    release.shortVersion = run.info.version;
+    release.build = run.info.build;
+    // The website keeps one stable file name, which its download button links.
+    release.downloadURL = run.delivery->downloadURL(run.appName + ".dmg");
+    release.signature = signed_.signature;
+    release.length = signed_.length;
+    release.minimumSystemVersion = profile.sparkle.minimumSystemVersion;
+    release.releaseNotesURL = run.delivery->releaseNotesURL(run.appName);
+    // Written to a temporary file and renamed: a cancelled run never leaves half a feed.
+    engine.updateFeed(run.delivery->appcastPath, release);
+    run.artifacts.sparkleSignature = signed_.signature;
+    log("Success: Sparkle appcast.xml updated for v" + run.info.version);
+    updateStep("sparkle", StepStatus::succeeded,
+               "Signed (v" + run.info.version + " (Build " + run.info.build + "))");
+}
+
+void PipelineManager::deployStage(RunState& run) {
+    const auto& profile = run.request.profile;
+    log("\n[6/6] Deploying Release");
+    updateStep("deploy", StepStatus::running, "Syncing website & appcast...");
+    if (!run.delivery) {
+        log("   \xE2\x86\xB7 Website deployment skipped");
+        updateStep("deploy", StepStatus::skipped, "No website repo found");
+        publishToGitHub(run);
+        return;
+    }
+    if (!profile.webDeploy.gitCommitAndPush) {
+        updateStep("deploy", StepStatus::skipped, "Website not pushed");
+        publishToGitHub(run);
+        return;
+    }
+    const auto uploadStarted = Clock::now();
+    if (!run.artifacts.sparkleSignature || run.artifacts.sparkleSignature->empty()) {
+        throw VeltraError("Veltra", 400, "Missing Sparkle signature; upload stopped.");
+    }
+    ReleaseFeedValidator::verifyWrittenFeed(
+        readFile(run.delivery->appcastPath),
+        ExpectedFeedItem{run.info.version, run.info.build,
+                         run.delivery->downloadURL(run.appName + ".dmg"),
+                         *run.artifacts.sparkleSignature, std::to_string(run.artifacts.dmgSize)});
+    WebDeployRelease release;
+    release.dmgPath = run.dmg;
+    release.appName = run.appName;
+    release.version = run.info.version;
+    release.build = run.info.build;
+    release.notes = run.notes;
+    release.iconPNG = run.iconPNG;
+    release.signature = *run.artifacts.sparkleSignature;
+    release.size = run.artifacts.dmgSize;
+    auto deployer = webDeployer;
+    auto config = profile.webDeploy;
+    // The preflight checked, before building, that the commit carries only this release; the
+    // feed and files this run wrote since are its own.
+    deployer.checkRepositoryFirst = false;
+    if (run.websiteClone) {
+        deployer.commitOnly = true;
+        config.websiteRepoPath = run.websiteClone->string();
+    }
+    run.artifacts.websitePublication = deployer.deploy(
+        config, *run.delivery, release, [this](const std::string& line) { log(line); }, run.stop);
+    if (run.websiteClone) {
+        updateStep("deploy", StepStatus::succeeded, "Committed in a temporary clone; not pushed");
+        publishToGitHub(run);
+        return;
+    }
+    run.uploadSeconds = std::chrono::duration<double>(Clock::now() - uploadStarted).count();
+    updateStep("deploy", StepStatus::succeeded, "Uploaded; website publishing");
+    publishToGitHub(run);
+}
+
+void PipelineManager::useWebsiteClone(RunState& run) {
+    const auto& repository = run.delivery->websiteRepoPath;
+    const auto branch = WebDeployer::branch(run.request.profile.webDeploy);
+    const auto base =
+        temporaryDirectory.empty() ? std::filesystem::temp_directory_path() : temporaryDirectory;
+    const auto clone = base / ("veltra_dryrun_" + Uuid::random().string());
+    run.websiteClone = clone;
+    const auto cloned = GitCommand::run(
+        base, {"clone", "--quiet", "--branch=" + branch, "--", repository.string(), clone.string()},
+        run.stop);
+    if (cloned.exitCode != 0) {
+        throw GitCommand::failure("Could not clone the website repository for the dry run", cloned);
+    }
+    // The feed and the deploy use the clone's files in the same places.
+    std::error_code error;
+    const auto relative =
+        std::filesystem::weakly_canonical(run.delivery->appcastPath, error)
+            .lexically_relative(std::filesystem::weakly_canonical(repository, error));
+    run.delivery->appcastPath =
+        relative.empty() || relative.begin()->string() == ".."
+            ? clone / ReleasePublishingPlan::downloadsFolder(run.request.profile.webDeploy) /
+                  "appcast.xml"
+            : clone / relative;
+    run.delivery->websiteRepoPath = clone;
+    log("   Dry run: the feed is signed and written, and the deploy committed, in a temporary "
+        "clone of the website repository that is never pushed: " +
+        clone.string());
+}
+
+void PipelineManager::publishToGitHub(RunState& run) {
+    const auto& config = run.request.profile.githubRelease;
+    if (!config.enabled) {
+        return;
+    }
+    if (run.request.dryRun) {
+        // The notes file the run wrote holds the same text gh would be given.
+        auto words = GitHubReleaseEngine::arguments(config, run.dmg, run.appName, run.info.version,
+                                                    run.notesPath);
+        words.insert(words.begin(), "gh");
+        log("   Dry run: would run: " + shellCommandLine(words));
+        return;
+    }
+    log("   Publishing to GitHub Releases...");
+    try {
+        githubEngine.publish(
+            config, run.dmg, run.appName, run.info.version, run.notes,
+            [this](const std::string& line) { log(line); }, run.stop);
+        run.artifacts.githubPublicationSucceeded = true;
+    } catch (const CancellationError&) {
+        throw;
+    } catch (const std::exception& error) {
+        log(std::string("GitHub publication failed: ") + error.what(), true);
+        run.artifacts.githubPublicationSucceeded = false;
+    }
+}
+
+} // namespace veltra

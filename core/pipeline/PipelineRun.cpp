@@ -1,0 +1,304 @@
+#include "PipelineRunState.h"
+#include "ReleaseRunRecord.h"
+#include "core/feed/ReleaseFeedValidator.h"
+#include "core/process/ProcessRunner.h"
+#include "core/publishing/GitCommand.h"
+#include "core/publishing/ReleaseNotificationEvent.h"
+#include "core/publishing/ReleasePublishingPlan.h"
+#include "core/records/ReleaseCompletion.h"
+#include "core/support/FileDigest.h"
+#include "core/support/FileLock.h"
+#include "core/support/FileUtilities.h"
+#include "core/support/PathRules.h"
+#include "core/support/PropertyList.h"
+#include "core/support/Text.h"
+#include "core/support/Uuid.h"
+#include "core/support/VeltraError.h"
+#include "core/xcode/XcodeProjectDiscovery.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <ctime>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+// The worker's run: the checks before anything is built, then the stages in order.
+namespace veltra {
+
+void PipelineManager::execute(const ReleaseRequest& request, std::stop_token stop) {
+    const auto& profile = request.profile;
+    RunState run(request, stop);
+    run.appName = profile.appName.empty() ? profile.name : profile.appName;
+    run.fromProject = !request.appPath && buildsFromProject(profile);
+    std::optional<BranchWorktree> worktree;
+    // Posted only once the worktree and build folder are gone, so a finished run leaves nothing.
+    std::function<void()> finish;
+    std::optional<FileLock> releaseLock;
+    try {
+        // One release of a profile at a time, in any process: a second would take the same next
+        // build, write the same files and break the first one's resume state.
+        const auto lockPath = (releaseLockFolder.empty() ? homeDirectory() / ".veltra" / "locks"
+                                                         : releaseLockFolder) /
+                              (profile.id.string() + ".lock");
+        releaseLock = FileLock::tryLock(lockPath);
+        if (!releaseLock) {
+            const auto holder = std::string(trimWhitespace(FileLock::holder(lockPath)));
+            throw VeltraError("Veltra", 409,
+                              run.appName + " is already being released (" +
+                                  (holder.empty() ? std::string("by another process") : holder) +
+                                  ").");
+        }
+        {
+            const auto now = std::time(nullptr);
+            std::tm local{};
+            ::localtime_r(&now, &local);
+            char started[16] = {};
+            std::strftime(started, sizeof started, "%H:%M:%S", &local);
+            releaseLock->describeHolder("process " + std::to_string(::getpid()) + ", started " +
+                                        started);
+        }
+        // The app's name names every release file; a profile from an older version may hold one
+        // that would write outside the folders it belongs in.
+        if (const auto problem = fileNameProblem(run.appName)) {
+            throw VeltraError("Veltra", 400,
+                              "The app name '" + run.appName + "' cannot name release files: " +
+                                  *problem + ". Change appName in the profile.");
+        }
+        if (const auto repository = ReleasePublishingPlan::resolveRepository(profile)) {
+            if (const auto problem =
+                    WebDeployer::containmentProblem(*repository, profile.webDeploy, run.appName)) {
+                throw VeltraError("Veltra", 400, *problem);
+            }
+        }
+        run.outputDirectory = expandTilde(standardizePath(profile.outputDirectory));
+        if (run.fromProject) {
+            run.project = expandTilde(standardizePath(*profile.sourceProjectPath));
+            const auto suggested = versionManager.readVersionInfo(
+                *run.project, profile.sparkle.appcastPath.empty()
+                                  ? std::nullopt
+                                  : std::optional<std::string>(profile.sparkle.appcastPath));
+            run.version = request.version.value_or(suggested.currentVersion);
+            run.build = request.build ? request.build : suggested.nextSuggestedBuild;
+            if (request.resume) {
+                run.resumed = ReleaseRunRecord::load(run.outputDirectory);
+                if (!run.resumed || run.resumed->profileID != profile.id) {
+                    throw VeltraError("Veltra", 404,
+                                      "Nothing to resume for " + run.appName +
+                                          ": no stopped release is kept in " +
+                                          ReleaseRunRecord::folder(run.outputDirectory).string() +
+                                          ".");
+                }
+                run.version = run.resumed->version;
+                run.build = run.resumed->build;
+            }
+            log("Releasing " + run.appName + " (Build " + std::to_string(*run.build) + ")");
+            log("Source: " + run.project->string());
+            if (request.dryRun) {
+                log("Dry run: nothing leaves this machine and the project is left as it is.");
+            }
+        } else if (request.resume) {
+            throw VeltraError("Veltra", 400,
+                              "Only a release built from the project can be resumed; ship the "
+                              "app again instead.");
+        } else if (request.appPath) {
+            run.app = *request.appPath;
+            log("Releasing " + run.appName + " (Build " + plistString(run.app, "CFBundleVersion") +
+                ")");
+            log("App source: " + run.app.string());
+            if (!std::filesystem::is_directory(run.app)) {
+                throw VeltraError("Veltra", 404, "No app at " + run.app.string() + ".");
+            }
+        } else {
+            throw VeltraError("Veltra", 400,
+                              "This profile has no Xcode project or app to release. Choose the "
+                              "project in the profile, or give the built app.");
+        }
+        std::filesystem::create_directories(run.outputDirectory);
+        run.filesDirectory = run.outputDirectory;
+        if (request.dryRun) {
+            // A dry run never touches the output folder, where published files are kept.
+            auto pattern = ((temporaryDirectory.empty() ? std::filesystem::temp_directory_path()
+                                                        : temporaryDirectory) /
+                            "veltra-dryrun-files-XXXXXX")
+                               .string();
+            if (::mkdtemp(pattern.data()) == nullptr) {
+                throw VeltraError("POSIX", errno,
+                                  "Could not create a folder for the dry run's files in " +
+                                      pattern + ".");
+            }
+            run.filesDirectory = pattern;
+            log("Dry run: the image and notes go to " + pattern);
+        }
+
+        // Each stage counts as finished once it returns; a resumed run skips those its record
+        // kept (reuseKeptSteps restores what they made, checked unchanged).
+        const auto stage = [&run](const char* id, const std::function<void()>& work) {
+            if (!run.reuse(id)) {
+                work();
+            }
+            run.completed.emplace_back(id);
+        };
+        if (run.fromProject) {
+            preflight(run);
+            reuseKeptSteps(run);
+            stage("version", [&] { versionStage(run); });
+            stage("archive", [&] { archiveStage(run, worktree); });
+        }
+        // The kept app is inspected again: a read-only check that it is still what was signed.
+        inspectStage(run);
+        run.completed.emplace_back("inspect");
+        stage("notes", [&] { notesStage(run); });
+        stage("dmg", [&] { dmgStage(run); });
+        if (run.fromProject) {
+            stage("notarize", [&] { notarizeStage(run); });
+            stage("sparkle", [&] { sparkleStage(run); });
+            deployStage(run);
+            run.completed.emplace_back("deploy");
+            if (!request.dryRun) {
+                std::error_code ignored;
+                std::filesystem::remove_all(ReleaseRunRecord::folder(run.outputDirectory), ignored);
+            }
+        }
+        ReleaseManifest manifest;
+        manifest.appName = run.appName;
+        manifest.version = run.info.version;
+        manifest.buildNumber = run.info.build;
+        manifest.releaseDate = Date::now();
+        manifest.dmgURL = run.dmg.string();
+        manifest.dmgFileSize = run.artifacts.dmgSize;
+        manifest.sha256Checksum = sha256Hex(run.dmg);
+        manifest.sparkleSignature = run.artifacts.sparkleSignature;
+        manifest.releaseNotes = run.notes;
+        if (run.delivery && !run.delivery->releaseNotesURLPattern.empty()) {
+            manifest.notesURL = run.delivery->releaseNotesURL(run.appName);
+        }
+        manifest.websitePublication = run.artifacts.websitePublication;
+        manifest.monitoringReleaseID = run.runID;
+        manifest.wasNotarized = run.artifacts.wasNotarized;
+        manifest.githubPublicationSucceeded = run.artifacts.githubPublicationSucceeded;
+
+        const double elapsed = std::chrono::duration<double>(Clock::now() - run.started).count();
+        if (request.dryRun) {
+            manifest.websitePublication.reset();
+            dryRunSummary(run, elapsed);
+            finish = [this, manifest, id = profile.id] {
+                finishOnMain(manifest, std::nullopt, false, id, false);
+            };
+            throw DryRunFinished();
+        }
+        log(runSeparator);
+        log(run.uploadSeconds
+                ? fmt::format("Successfully packaged {} in {:.1f}s, uploaded in {:.1f}s. The "
+                              "website should update in a few minutes.",
+                              run.appName, elapsed - *run.uploadSeconds, *run.uploadSeconds)
+                : fmt::format("Successfully packaged {} in {:.1f}s!", run.appName, elapsed));
+        log("DMG:   " + run.dmg.string());
+        log("Notes: " + run.notesPath.string());
+        log(runSeparator);
+        runPostScript(run, manifest);
+        finish = [this, manifest, id = profile.id,
+                  watch = manifest.websitePublication.has_value()] {
+            finishOnMain(manifest, std::nullopt, false, id);
+            if (watch && watcher != nullptr) {
+                // After the store has recorded the release (the notification went first).
+                queue_.post([this, alive = std::weak_ptr<int>(lifetime_), id,
+                             releaseID = *manifest.monitoringReleaseID] {
+                    if (!alive.expired() && watcher != nullptr) {
+                        watcher->watch(id, releaseID);
+                    }
+                });
+            }
+        };
+    } catch (const DryRunFinished&) {
+    } catch (const CancellationError&) {
+        keepForResume(run);
+        finish = [this, id = profile.id] { finishOnMain(std::nullopt, std::nullopt, true, id); };
+    } catch (const std::exception& error) {
+        keepForResume(run);
+        finish = [this, message = std::string(error.what()), id = profile.id, runID = run.runID,
+                  appName = run.appName,
+                  version = run.info.version.empty() ? run.version : run.info.version] {
+            finishOnMain(std::nullopt, message, false, id);
+            notifications_.post(
+                std::string(ReleaseNotificationEvent::notificationName),
+                ReleaseNotificationEvent{id, runID, appName, version,
+                                         ReleaseNotificationEvent::Outcome::failed});
+        };
+    }
+    worktree.reset();
+    std::error_code ignored;
+    if (run.buildFolder) {
+        std::filesystem::remove_all(*run.buildFolder, ignored);
+    }
+    if (run.websiteClone) {
+        std::filesystem::remove_all(*run.websiteClone, ignored);
+    }
+    post(std::move(finish));
+}
+
+void PipelineManager::preflight(RunState& run) {
+    const auto& profile = run.request.profile;
+    log("Checking the publishing branch and live feed before building...");
+    run.embedded = SparkleAutoResolver::fromProject(*run.project);
+    // An app that carries a feed address expects its updates there.
+    run.updatesConfigured = run.embedded.feedURL.has_value();
+    const auto repository = ReleasePublishingPlan::resolveRepository(profile);
+    if (run.updatesConfigured) {
+        if (!profile.webDeploy.gitCommitAndPush) {
+            throw VeltraError("Veltra", 400,
+                              "Sparkle updates are configured, but automatic website publishing "
+                              "is off. Enable Git commit and push so Veltra can publish and "
+                              "verify the appcast, or distribute the release manually.");
+        }
+        if (!repository) {
+            throw VeltraError("Veltra", 400,
+                              "Sparkle updates are configured, but Veltra could not find the "
+                              "website repository to publish the appcast and DMG.");
+        }
+        if (!run.build) {
+            throw VeltraError("Veltra", 400,
+                              "Choose a build number before releasing Sparkle updates.");
+        }
+        const auto expected = ReleasePublishingPlan::publicAddresses(profile).publicAppcastURL;
+        if (*run.embedded.feedURL != expected) {
+            throw VeltraError(
+                "Veltra", 400,
+                "The Sparkle feed URL embedded in this app (" + *run.embedded.feedURL +
+                    ") does not match the appcast Veltra will deploy (" +
+                    (expected.empty() ? std::string("no website URL set") : expected) +
+                    "). Sync the website URL with the Sparkle URL pattern before releasing.");
+        }
+    }
+    if (repository && profile.webDeploy.gitCommitAndPush) {
+        const auto branch = WebDeployer::branch(profile.webDeploy);
+        const auto status = webDeployer.repositoryInspector.inspect(*repository, branch, run.stop);
+        if (status.blocker) {
+            throw VeltraError("Veltra", 409, *status.blocker);
+        }
+        // Before anything is built: the release must not carry private commits or edits. A
+        // resumed run's files at the release's paths are its own, from the attempt that stopped.
+        if (const auto blocker = webDeployer.repositoryInspector.releaseBlocker(
+                *repository, branch,
+                run.resumed ? std::vector<std::string>()
+                            : WebDeployer::releasePaths(profile.webDeploy, run.appName, true),
+                WebDeployer::commitSubject(run.appName, run.version,
+                                           std::to_string(run.build.value_or(0))),
+                run.stop)) {
+            throw VeltraError("Veltra", 409, *blocker);
+        }
+        const auto addresses = ReleasePublishingPlan::publicAddresses(profile);
+        const auto feed = feedReader.committedFeedCheckedAgainstLive(
+            *repository, branch, ReleasePublishingPlan::downloadsFolder(profile.webDeploy),
+            addresses.publicAppcastURL, run.stop);
+        if (run.build) {
+            ReleaseFeedValidator::validateNextBuild(feed, *run.build);
+        }
+        log("   Success: Publishing branch '" + branch + "' is ready for build " +
+            std::to_string(run.build.value_or(0)));
+    }
+}
+
+} // namespace veltra
