@@ -29,7 +29,7 @@
 namespace veltra {
 
 void PipelineManager::versionStage(RunState& run) {
-    updateStep("version", StepStatus::running, "Syncing version...");
+    updateStep(StepID::version, StepStatus::running, "Syncing version...");
     // The version reaches the project file or xcodebuild's overrides either way.
     if (const auto error = VersionManager::versionError(run.version)) {
         throw VeltraError("Veltra", 400, *error);
@@ -39,7 +39,7 @@ void PipelineManager::versionStage(RunState& run) {
         // The archiver gives xcodebuild the version and build as overrides either way.
         log("Info: Dry run: v" + run.version + " (build " + std::to_string(run.build.value_or(0)) +
             ") goes to xcodebuild as overrides; the project is not written");
-        updateStep("version", StepStatus::succeeded, label + ", not written");
+        updateStep(StepID::version, StepStatus::succeeded, label + ", not written");
         return;
     }
     const auto applied = versionManager.apply(run.version, run.build, *run.project);
@@ -48,7 +48,7 @@ void PipelineManager::versionStage(RunState& run) {
     }
     log("Success: Info.plist synchronized (v" + run.version + ", build " +
         std::to_string(run.build.value_or(0)) + ")");
-    updateStep("version", StepStatus::succeeded,
+    updateStep(StepID::version, StepStatus::succeeded,
                "v" + run.version + " (" + std::to_string(run.build.value_or(0)) + ")");
 }
 
@@ -99,7 +99,7 @@ void PipelineManager::chooseIdentity(RunState& run) {
 void PipelineManager::archiveStage(RunState& run, std::optional<BranchWorktree>& worktree) {
     const auto& profile = run.request.profile;
     log("\n[1/6] Building Xcode Archive");
-    updateStep("archive", StepStatus::running, "Archiving with Xcode...");
+    updateStep(StepID::archive, StepStatus::running, "Archiving with Xcode...");
     auto project = *run.project;
     if (run.request.branch) {
         worktree.emplace(project, *run.request.branch, temporaryDirectory, run.stop);
@@ -135,12 +135,12 @@ void PipelineManager::archiveStage(RunState& run, std::optional<BranchWorktree>&
         [this](const std::string& line) { log(line); }, run.stop);
     // <temp>/veltra_build_<UUID>/ExportedApp/<name>.app
     run.buildFolder = run.app.parent_path().parent_path();
-    updateStep("archive", StepStatus::succeeded, "Built " + run.app.filename().string());
+    updateStep(StepID::archive, StepStatus::succeeded, "Built " + run.app.filename().string());
 }
 
 void PipelineManager::inspectStage(RunState& run) {
     log("\n[2/6] Codesigning & Verifying Application Bundle");
-    updateStep("inspect", StepStatus::running, "Inspecting metadata & signatures...");
+    updateStep(StepID::inspect, StepStatus::running, "Inspecting metadata & signatures...");
     run.info = inspector.inspect(run.app, run.stop);
     post([this, info = run.info] { appInfo_ = info; });
     const auto& info = run.info;
@@ -184,7 +184,8 @@ void PipelineManager::inspectStage(RunState& run) {
         }
     }
     run.iconPNG = appIconResolver.pngData(info.iconURL, run.stop);
-    updateStep("inspect", StepStatus::succeeded, "v" + info.version + " (" + info.build + ")");
+    updateStep(StepID::inspect, StepStatus::succeeded,
+               "v" + info.version + " (" + info.build + ")");
 }
 
 std::string PipelineManager::releaseFileStem(const RunState& run, bool warn) {

@@ -50,20 +50,25 @@ PipelineManager::~PipelineManager() {
 
 std::vector<PipelineStep> PipelineManager::stepList(bool buildsFromProject) {
     struct Row {
-        const char* id;
+        StepID id;
         const char* title;
         bool always;
     };
     static constexpr Row rows[] = {
-        {"version", "Sync Version", false},       {"archive", "Archive & Build App", false},
-        {"inspect", "Inspect App", true},         {"notes", "Save Release Notes (.md)", true},
-        {"dmg", "Build Styled Retina DMG", true}, {"notarize", "Apple Notarize", false},
-        {"sparkle", "Sign Sparkle Feed", false},  {"deploy", "Deploy to Website", false},
+        {StepID::version, "Sync Version", false},
+        {StepID::archive, "Archive & Build App", false},
+        {StepID::inspect, "Inspect App", true},
+        {StepID::notes, "Save Release Notes (.md)", true},
+        {StepID::dmg, "Build Styled Retina DMG", true},
+        {StepID::notarize, "Apple Notarize", false},
+        {StepID::sparkle, "Sign Sparkle Feed", false},
+        {StepID::deploy, "Deploy to Website", false},
     };
     std::vector<PipelineStep> steps;
     for (const auto& row : rows) {
         if (row.always || buildsFromProject) {
-            steps.push_back(PipelineStep{row.id, row.title, StepStatus::pending, "", {}});
+            steps.push_back(PipelineStep{
+                std::string(rawValue(row.id)), row.title, StepStatus::pending, "", {}});
         }
     }
     return steps;
@@ -95,9 +100,9 @@ void PipelineManager::log(std::string text, bool isError) {
     logStream_.inbox().append(std::move(text), isError);
 }
 
-void PipelineManager::updateStep(const std::string& id, StepStatus status,
-                                 const std::string& message) {
-    post([this, id, status, message, logged = logStream_.inbox().appended()] {
+void PipelineManager::updateStep(StepID which, StepStatus status, const std::string& message) {
+    post([this, id = std::string(rawValue(which)), status, message,
+          logged = logStream_.inbox().appended()] {
         for (std::size_t index = 0; index < steps_.size(); ++index) {
             auto& step = steps_[index];
             if (step.id != id) {

@@ -158,7 +158,7 @@ private:
     void useWebsiteClone(RunState& run);
     void keepForResume(RunState& run);
     void reuseKeptSteps(RunState& run);
-    void updateStep(const std::string& id, StepStatus status, const std::string& message);
+    void updateStep(StepID id, StepStatus status, const std::string& message);
     void log(std::string text, bool isError = false);
     void post(std::function<void()> work);
 

@@ -29,18 +29,18 @@
 namespace veltra {
 
 void PipelineManager::notesStage(RunState& run) {
-    updateStep("notes", StepStatus::running, "Exporting release notes...");
+    updateStep(StepID::notes, StepStatus::running, "Exporting release notes...");
     run.notesPath = run.filesDirectory / (releaseFileStem(run, true) + ".md");
     run.notes = run.request.notes.value_or(defaultNotes(run.info.version));
     writeFileAtomically(run.notesPath, run.notes);
     log("   Success: Release notes saved to " + run.notesPath.string());
-    updateStep("notes", StepStatus::succeeded, "Saved " + run.notesPath.filename().string());
+    updateStep(StepID::notes, StepStatus::succeeded, "Saved " + run.notesPath.filename().string());
 }
 
 void PipelineManager::dmgStage(RunState& run) {
     const auto& profile = run.request.profile;
     log("\n[3/6] Packaging Disk Image (DMG)");
-    updateStep("dmg", StepStatus::running, "Packaging disk image...");
+    updateStep(StepID::dmg, StepStatus::running, "Packaging disk image...");
     DMGBuildOptions options;
     options.appPath = run.app;
     const auto finalPath = run.filesDirectory / (releaseFileStem(run, false) + ".dmg");
@@ -76,28 +76,30 @@ void PipelineManager::dmgStage(RunState& run) {
     std::filesystem::rename(options.outputDMGPath, finalPath);
     run.dmg = finalPath;
     run.artifacts.dmgSize = static_cast<std::int64_t>(std::filesystem::file_size(run.dmg));
-    updateStep("dmg", StepStatus::succeeded, megabytes(run.artifacts.dmgSize));
+    updateStep(StepID::dmg, StepStatus::succeeded, megabytes(run.artifacts.dmgSize));
 }
 
 void PipelineManager::notarizeStage(RunState& run) {
     const auto& notarization = run.request.profile.notarization;
     log("\n[4/6] Apple Gatekeeper Notarization");
     if (!notarization.enabled) {
-        updateStep("notarize", StepStatus::skipped, "Notarization skipped (Local testing mode)");
+        updateStep(StepID::notarize, StepStatus::skipped,
+                   "Notarization skipped (Local testing mode)");
         return;
     }
     if (run.developmentIdentity) {
-        updateStep("notarize", StepStatus::skipped, "Notarization skipped (Development identity)");
+        updateStep(StepID::notarize, StepStatus::skipped,
+                   "Notarization skipped (Development identity)");
         return;
     }
     if (run.request.dryRun) {
         log("   Dry run: would submit " + run.dmg.filename().string() +
             " to Apple's notary service with keychain profile '" +
             notarization.keychainProfileName + "', then staple the ticket");
-        updateStep("notarize", StepStatus::skipped, "Not submitted (dry run)");
+        updateStep(StepID::notarize, StepStatus::skipped, "Not submitted (dry run)");
         return;
     }
-    updateStep("notarize", StepStatus::running, "Submitting to Apple...");
+    updateStep(StepID::notarize, StepStatus::running, "Submitting to Apple...");
     auto engine = notarizer;
     // Known before the wait, so a stopped run can look the submission up instead of sending it
     // again. Written on the tool's reader thread, read after the run has joined it.
@@ -115,7 +117,7 @@ void PipelineManager::notarizeStage(RunState& run) {
     run.artifacts.wasNotarized = true;
     // Stapling changed the image.
     run.artifacts.dmgSize = static_cast<std::int64_t>(std::filesystem::file_size(run.dmg));
-    updateStep("notarize", StepStatus::succeeded, "Notarized");
+    updateStep(StepID::notarize, StepStatus::succeeded, "Notarized");
 }
 
 } // namespace veltra

@@ -31,12 +31,12 @@ namespace veltra {
 void PipelineManager::sparkleStage(RunState& run) {
     const auto& profile = run.request.profile;
     log("\n[5/6] Sparkle Distribution Feed");
-    updateStep("sparkle", StepStatus::running, "Resolving website & feed...");
+    updateStep(StepID::sparkle, StepStatus::running, "Resolving website & feed...");
     run.delivery =
         ReleasePublishingPlan::resolve(profile, [this](const std::string& line) { log(line); });
     if (!run.delivery) {
         log("   \xE2\x86\xB7 Sparkle feed skipped (No website repository configured)");
-        updateStep("sparkle", StepStatus::skipped, "No website repo found");
+        updateStep(StepID::sparkle, StepStatus::skipped, "No website repo found");
         return;
     }
     WebDeployer::checkFileName(run.appName);
@@ -69,22 +69,22 @@ void PipelineManager::sparkleStage(RunState& run) {
     engine.updateFeed(run.delivery->appcastPath, release);
     run.artifacts.sparkleSignature = signed_.signature;
     log("Success: Sparkle appcast.xml updated for v" + run.info.version);
-    updateStep("sparkle", StepStatus::succeeded,
+    updateStep(StepID::sparkle, StepStatus::succeeded,
                "Signed (v" + run.info.version + " (Build " + run.info.build + "))");
 }
 
 void PipelineManager::deployStage(RunState& run) {
     const auto& profile = run.request.profile;
     log("\n[6/6] Deploying Release");
-    updateStep("deploy", StepStatus::running, "Syncing website & appcast...");
+    updateStep(StepID::deploy, StepStatus::running, "Syncing website & appcast...");
     if (!run.delivery) {
         log("   \xE2\x86\xB7 Website deployment skipped");
-        updateStep("deploy", StepStatus::skipped, "No website repo found");
+        updateStep(StepID::deploy, StepStatus::skipped, "No website repo found");
         publishToGitHub(run);
         return;
     }
     if (!profile.webDeploy.gitCommitAndPush) {
-        updateStep("deploy", StepStatus::skipped, "Website not pushed");
+        updateStep(StepID::deploy, StepStatus::skipped, "Website not pushed");
         publishToGitHub(run);
         return;
     }
@@ -118,12 +118,13 @@ void PipelineManager::deployStage(RunState& run) {
     run.artifacts.websitePublication = deployer.deploy(
         config, *run.delivery, release, [this](const std::string& line) { log(line); }, run.stop);
     if (run.websiteClone) {
-        updateStep("deploy", StepStatus::succeeded, "Committed in a temporary clone; not pushed");
+        updateStep(StepID::deploy, StepStatus::succeeded,
+                   "Committed in a temporary clone; not pushed");
         publishToGitHub(run);
         return;
     }
     run.uploadSeconds = std::chrono::duration<double>(Clock::now() - uploadStarted).count();
-    updateStep("deploy", StepStatus::succeeded, "Uploaded; website publishing");
+    updateStep(StepID::deploy, StepStatus::succeeded, "Uploaded; website publishing");
     publishToGitHub(run);
 }
 

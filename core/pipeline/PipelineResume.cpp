@@ -35,7 +35,7 @@ void PipelineManager::reuseKeptSteps(RunState& run) {
     const auto& kept = *run.resumed;
     const auto steps = stepList(true);
     const auto first = std::find_if(steps.begin(), steps.end(), [&kept](const auto& step) {
-        return !kept.completed(step.id) && step.id != "inspect";
+        return !kept.completed(step.id) && step.id != rawValue(StepID::inspect);
     });
     log("Resuming the stopped release of " + run.appName + " v" + kept.version + " (Build " +
         std::to_string(kept.build) + ") from '" +
@@ -45,7 +45,7 @@ void PipelineManager::reuseKeptSteps(RunState& run) {
                            what + " changed since the release stopped, so it cannot be reused. "
                                   "Start the release again without --resume.");
     };
-    if (kept.completed("archive")) {
+    if (kept.completed(StepID::archive)) {
         if (!kept.app || !std::filesystem::is_directory(*kept.app) ||
             ReleaseRunRecord::signatureDigest(*kept.app) != kept.appSignature) {
             throw changed("The kept app");
@@ -55,11 +55,11 @@ void PipelineManager::reuseKeptSteps(RunState& run) {
         chooseIdentity(run);
         log("   Success: Reusing the signed app " + run.app.filename().string());
     }
-    if (kept.completed("notes") && kept.notesPath) {
+    if (kept.completed(StepID::notes) && kept.notesPath) {
         run.notesPath = *kept.notesPath;
         run.notes = kept.notes;
     }
-    if (kept.completed("dmg")) {
+    if (kept.completed(StepID::dmg)) {
         if (!kept.dmg || !std::filesystem::is_regular_file(*kept.dmg) ||
             sha256Hex(*kept.dmg) != kept.dmgSHA256) {
             throw changed("The disk image");
@@ -69,13 +69,15 @@ void PipelineManager::reuseKeptSteps(RunState& run) {
         log("   Success: Reusing " + run.dmg.filename().string() + " (SHA-256 unchanged)");
     }
     run.artifacts.wasNotarized = kept.wasNotarized;
-    if (kept.completed("sparkle")) {
+    if (kept.completed(StepID::sparkle)) {
         run.delivery = ReleasePublishingPlan::resolve(run.request.profile);
         run.artifacts.sparkleSignature = kept.sparkleSignature;
     }
-    for (const auto& id : kept.completedSteps) {
-        if (id != "inspect" && id != "deploy") {
-            updateStep(id, StepStatus::succeeded, "Kept from the stopped run");
+    for (const auto& raw : kept.completedSteps) {
+        // A record from a newer version may name a step this one does not have.
+        const auto id = stepID(raw);
+        if (id && *id != StepID::inspect && *id != StepID::deploy) {
+            updateStep(*id, StepStatus::succeeded, "Kept from the stopped run");
         }
     }
 }
@@ -92,8 +94,8 @@ void PipelineManager::keepForResume(RunState& run) {
         record.version = run.version;
         record.build = *run.build;
         record.completedSteps = run.completed;
-        const auto has = [&record](const char* step) { return record.completed(step); };
-        if (has("archive") && !run.app.empty()) {
+        const auto has = [&record](StepID step) { return record.completed(step); };
+        if (has(StepID::archive) && !run.app.empty()) {
             auto kept = folder / run.app.filename();
             if (run.app != kept) {
                 // Out of the build folder, which goes with this run.
@@ -105,11 +107,11 @@ void PipelineManager::keepForResume(RunState& run) {
             record.appSignature = ReleaseRunRecord::signatureDigest(kept);
             record.identity = run.identity;
         }
-        if (has("notes")) {
+        if (has(StepID::notes)) {
             record.notesPath = run.notesPath;
             record.notes = run.notes;
         }
-        if (has("dmg")) {
+        if (has(StepID::dmg)) {
             record.dmg = run.dmg;
             record.dmgSHA256 = sha256Hex(run.dmg);
             record.dmgSize = run.artifacts.dmgSize;

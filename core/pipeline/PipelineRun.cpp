@@ -135,28 +135,28 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
 
         // Each stage counts as finished once it returns; a resumed run skips those its record
         // kept (reuseKeptSteps restores what they made, checked unchanged).
-        const auto stage = [&run](const char* id, const std::function<void()>& work) {
+        const auto stage = [&run](StepID id, const std::function<void()>& work) {
             if (!run.reuse(id)) {
                 work();
             }
-            run.completed.emplace_back(id);
+            run.completed.emplace_back(rawValue(id));
         };
         if (run.fromProject) {
             preflight(run);
             reuseKeptSteps(run);
-            stage("version", [&] { versionStage(run); });
-            stage("archive", [&] { archiveStage(run, worktree); });
+            stage(StepID::version, [&] { versionStage(run); });
+            stage(StepID::archive, [&] { archiveStage(run, worktree); });
         }
         // The kept app is inspected again: a read-only check that it is still what was signed.
         inspectStage(run);
-        run.completed.emplace_back("inspect");
-        stage("notes", [&] { notesStage(run); });
-        stage("dmg", [&] { dmgStage(run); });
+        run.completed.emplace_back(rawValue(StepID::inspect));
+        stage(StepID::notes, [&] { notesStage(run); });
+        stage(StepID::dmg, [&] { dmgStage(run); });
         if (run.fromProject) {
-            stage("notarize", [&] { notarizeStage(run); });
-            stage("sparkle", [&] { sparkleStage(run); });
+            stage(StepID::notarize, [&] { notarizeStage(run); });
+            stage(StepID::sparkle, [&] { sparkleStage(run); });
             deployStage(run);
-            run.completed.emplace_back("deploy");
+            run.completed.emplace_back(rawValue(StepID::deploy));
             if (!request.dryRun) {
                 std::error_code ignored;
                 std::filesystem::remove_all(ReleaseRunRecord::folder(run.outputDirectory), ignored);

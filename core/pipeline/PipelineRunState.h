@@ -82,7 +82,7 @@ struct PipelineManager::RunState {
     std::vector<std::string> completed;
     std::optional<std::string> notarySubmissionID;
 
-    bool reuse(const char* step) const { return resumed && resumed->completed(step); }
+    bool reuse(StepID step) const { return resumed && resumed->completed(step); }
 };
 
 } // namespace veltra

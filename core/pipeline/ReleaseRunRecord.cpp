@@ -24,6 +24,10 @@ std::optional<fs::path> pathOrNothing(const std::optional<std::string>& text) {
 
 } // namespace
 
+bool ReleaseRunRecord::completed(StepID step) const {
+    return completed(std::string(rawValue(step)));
+}
+
 bool ReleaseRunRecord::completed(const std::string& step) const {
     return std::find(completedSteps.begin(), completedSteps.end(), step) != completedSteps.end();
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/records/PipelineStep.h"
 #include "core/support/JsonReader.h"
 #include "core/support/Uuid.h"
 
@@ -31,6 +32,7 @@ struct ReleaseRunRecord {
     bool wasNotarized = false;
     std::optional<std::string> sparkleSignature;
 
+    bool completed(StepID step) const;
     bool completed(const std::string& step) const;
 
     Json toJson() const;

@@ -4,8 +4,15 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace veltra {
+
+// The steps of a release run, in their order.
+enum class StepID { version, archive, inspect, notes, dmg, notarize, sparkle, deploy };
+// "version", "archive", ...: the step's id in step lists, logs and resume records.
+std::string_view rawValue(StepID id);
+std::optional<StepID> stepID(std::string_view raw);
 
 // One row of the visible step list of a release run.
 struct PipelineStep {

@@ -67,4 +67,27 @@ ReleaseManifest ReleaseManifest::fromJson(const Json& json, const std::string& p
     return manifest;
 }
 
+namespace {
+
+constexpr EnumNames<StepID, 8> stepNames{{
+    {StepID::version, "version"},
+    {StepID::archive, "archive"},
+    {StepID::inspect, "inspect"},
+    {StepID::notes, "notes"},
+    {StepID::dmg, "dmg"},
+    {StepID::notarize, "notarize"},
+    {StepID::sparkle, "sparkle"},
+    {StepID::deploy, "deploy"},
+}};
+
+} // namespace
+
+std::string_view rawValue(StepID id) {
+    return nameOf(stepNames, id);
+}
+
+std::optional<StepID> stepID(std::string_view raw) {
+    return valueOf(stepNames, raw);
+}
+
 } // namespace veltra
