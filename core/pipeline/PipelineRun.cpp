@@ -184,35 +184,35 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
         if (request.dryRun) {
             manifest.websitePublication.reset();
             dryRunSummary(run, elapsed);
+            // What follows a real release does not happen.
             finish = [this, manifest, id = profile.id] {
                 finishOnMain(manifest, std::nullopt, false, id, false);
             };
-            throw DryRunFinished();
+        } else {
+            log(runSeparator);
+            log(run.uploadSeconds
+                    ? fmt::format("Successfully packaged {} in {:.1f}s, uploaded in {:.1f}s. The "
+                                  "website should update in a few minutes.",
+                                  run.appName, elapsed - *run.uploadSeconds, *run.uploadSeconds)
+                    : fmt::format("Successfully packaged {} in {:.1f}s!", run.appName, elapsed));
+            log("DMG:   " + run.dmg.string());
+            log("Notes: " + run.notesPath.string());
+            log(runSeparator);
+            runPostScript(run, manifest);
+            finish = [this, manifest, id = profile.id,
+                      watch = manifest.websitePublication.has_value()] {
+                finishOnMain(manifest, std::nullopt, false, id);
+                if (watch && watcher != nullptr) {
+                    // After the store has recorded the release (the notification went first).
+                    queue_.post([this, alive = std::weak_ptr<int>(lifetime_), id,
+                                 releaseID = *manifest.monitoringReleaseID] {
+                        if (!alive.expired() && watcher != nullptr) {
+                            watcher->watch(id, releaseID);
+                        }
+                    });
+                }
+            };
         }
-        log(runSeparator);
-        log(run.uploadSeconds
-                ? fmt::format("Successfully packaged {} in {:.1f}s, uploaded in {:.1f}s. The "
-                              "website should update in a few minutes.",
-                              run.appName, elapsed - *run.uploadSeconds, *run.uploadSeconds)
-                : fmt::format("Successfully packaged {} in {:.1f}s!", run.appName, elapsed));
-        log("DMG:   " + run.dmg.string());
-        log("Notes: " + run.notesPath.string());
-        log(runSeparator);
-        runPostScript(run, manifest);
-        finish = [this, manifest, id = profile.id,
-                  watch = manifest.websitePublication.has_value()] {
-            finishOnMain(manifest, std::nullopt, false, id);
-            if (watch && watcher != nullptr) {
-                // After the store has recorded the release (the notification went first).
-                queue_.post([this, alive = std::weak_ptr<int>(lifetime_), id,
-                             releaseID = *manifest.monitoringReleaseID] {
-                    if (!alive.expired() && watcher != nullptr) {
-                        watcher->watch(id, releaseID);
-                    }
-                });
-            }
-        };
-    } catch (const DryRunFinished&) {
     } catch (const CancellationError&) {
         keepForResume(run);
         finish = [this, id = profile.id] { finishOnMain(std::nullopt, std::nullopt, true, id); };

@@ -40,9 +40,6 @@ inline std::string megabytes(std::int64_t bytes) {
     return fmt::format("{:.1f} MB", static_cast<double>(bytes) / 1e6);
 }
 
-// Ends a dry run once its summary is written: what follows a real release does not happen.
-struct DryRunFinished {};
-
 // One run's facts, shared by its stages on the worker thread.
 struct PipelineManager::RunState {
     RunState(const ReleaseRequest& r, std::stop_token s) : request(r), stop(std::move(s)) {}
