@@ -83,12 +83,12 @@ void reportFeed(CliContext& context, std::string_view data, bool json, const std
     }
     if (!items) {
         if (const auto encoding = SparkleFeedParser::unreadableEncoding(data)) {
-            throw VeltraError("Veltra", 400,
+            throw VeltraError("Veltra", errorCode::invalidSetup,
                               fmt::format("{} is not a usable update feed: it declares the "
                                           "encoding '{}', which cannot be read. Save it as UTF-8.",
                                           source, *encoding));
         }
-        throw VeltraError("Veltra", 400,
+        throw VeltraError("Veltra", errorCode::invalidSetup,
                           fmt::format("{} is not a usable update feed: it must be well-formed "
                                       "XML with an rss element and a channel.",
                                       source));
@@ -254,7 +254,7 @@ void addCommitted(CLI::App& group, CliContext& context) {
 std::int64_t releaseBuildArgument(const std::string& text) {
     const auto build = BuildNumber::parse(text);
     if (!build.isValid()) {
-        throw VeltraError("Veltra", 400, "Invalid release build number.");
+        throw VeltraError("Veltra", errorCode::invalidSetup, "Invalid release build number.");
     }
     return build.value;
 }

@@ -111,7 +111,7 @@ std::string readPassword(CliContext& context) {
         password.pop_back();
     }
     if (password.empty()) {
-        throw VeltraError("Veltra", 400, "No app-specific password given.");
+        throw VeltraError("Veltra", errorCode::invalidSetup, "No app-specific password given.");
     }
     return password;
 }
@@ -161,7 +161,7 @@ void addNotary(CLI::App& app, CliContext& context) {
         if (apiKey == appleID ||
             (apiKey && (o.key.empty() || o.keyID.empty() || o.issuer.empty())) ||
             (appleID && (o.appleID.empty() || o.teamID.empty()))) {
-            throw VeltraError("Veltra", 400,
+            throw VeltraError("Veltra", errorCode::invalidSetup,
                               "Give either --apple-id and --team-id (the password is typed, read "
                               "from standard input or from --password-env) or --key, --key-id "
                               "and --issuer.");
@@ -177,7 +177,7 @@ void addNotary(CLI::App& app, CliContext& context) {
         if (!o.passwordVariable.empty()) {
             password = takeSecretFromEnvironment(o.passwordVariable).value_or("");
             if (password.empty()) {
-                throw VeltraError("Veltra", 400,
+                throw VeltraError("Veltra", errorCode::invalidSetup,
                                   "The environment variable " + o.passwordVariable +
                                       " holds no app-specific password.");
             }
@@ -210,7 +210,8 @@ void addNotary(CLI::App& app, CliContext& context) {
         if (said.empty()) {
             said = "notarytool returned no diagnostic.";
         }
-        throw VeltraError("Veltra", 401, advice(NotaryFailure::classify(said)) + "\n" + said);
+        throw VeltraError("Veltra", errorCode::notAuthorized,
+                          advice(NotaryFailure::classify(said)) + "\n" + said);
     });
 }
 

@@ -93,7 +93,7 @@ void addSet(CLI::App& group, CliContext& context) {
         const std::optional<std::int64_t> newBuild =
             buildOption->count() > 0 ? std::optional(releaseBuildArgument(*build)) : std::nullopt;
         if (!VersionManager::projectFile(*project)) {
-            throw VeltraError("Veltra", 404,
+            throw VeltraError("Veltra", errorCode::notFound,
                               fmt::format("No Xcode project found at {}.", *project));
         }
         const auto result = VersionManager().apply(newVersion, newBuild, *project);

@@ -23,7 +23,7 @@ std::string schemeOrDefault(const XcodeProjectInfo& info, const std::string& giv
         return given;
     }
     if (!info.defaultScheme) {
-        throw VeltraError("Veltra", 404,
+        throw VeltraError("Veltra", errorCode::notFound,
                           fmt::format("{} has no shared scheme. Give one with --scheme.",
                                       info.projectPath.filename().string()));
     }
@@ -111,7 +111,7 @@ void addCheck(CLI::App& group, CliContext& context) {
         XcodeEnvironmentValidator().validate(context.stop);
         context.out << "Success: Xcode is the active developer directory\n";
         if (auto problem = XcodePlistValidator().validate(info, chosen, context.stop)) {
-            throw VeltraError("Veltra", 500, *problem);
+            throw VeltraError("Veltra", errorCode::toolFailed, *problem);
         }
         context.out << "Success: Release Info.plist paths verified for '" << chosen << "'\n";
     });

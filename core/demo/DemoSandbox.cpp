@@ -15,7 +15,7 @@ namespace fs = std::filesystem;
 void replaceOnce(std::string& text, std::string_view from, std::string_view to) {
     const auto at = text.find(from);
     if (at == std::string::npos) {
-        throw VeltraError("Veltra", 500,
+        throw VeltraError("Veltra", errorCode::toolFailed,
                           "The sample project's Info.plist has no '" + std::string(from) + "'.");
     }
     text.replace(at, from.size(), to);
@@ -38,12 +38,13 @@ DemoSandbox::DemoSandbox(const fs::path& root, const fs::path& sample, const Log
         }
     };
     if (fs::exists(root_) && !fs::is_empty(root_)) {
-        throw VeltraError("Veltra", 409,
+        throw VeltraError("Veltra", errorCode::conflict,
                           "The demo folder " + root_.string() +
                               " is not empty. Choose a new or empty folder.");
     }
     if (!fs::is_directory(sample / "Sample.xcodeproj")) {
-        throw VeltraError("Veltra", 404, "No sample project at " + sample.string() + ".");
+        throw VeltraError("Veltra", errorCode::notFound,
+                          "No sample project at " + sample.string() + ".");
     }
     fs::create_directories(served());
     fs::create_directories(releases());

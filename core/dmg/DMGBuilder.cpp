@@ -101,7 +101,8 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
     const auto link =
         run({"-s", "/Applications", (work.staging / "Applications").string()}, std::nullopt, "ln");
     if (link.exitCode != 0) {
-        throw VeltraError("Veltra", 500, "Failed to link Applications: " + errorText(link));
+        throw VeltraError("Veltra", errorCode::toolFailed,
+                          "Failed to link Applications: " + errorText(link));
     }
 
     // The background: none, the user's picture, or the default artwork.
@@ -149,14 +150,14 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
                               work.intermediate.string(), "-quiet"},
                              std::nullopt, "hdiutil");
     if (created.exitCode != 0) {
-        throw VeltraError("Veltra", 500,
+        throw VeltraError("Veltra", errorCode::toolFailed,
                           "Failed to create disk image volume: " + errorText(created));
     }
 
     if (type != DMGBackgroundType::plain) {
         if (!std::filesystem::is_regular_file(staged)) {
             throw VeltraError(
-                "Veltra.DMG", 500,
+                "Veltra.DMG", errorCode::toolFailed,
                 "The installer artwork could not be prepared. Check the artwork and rebuild.");
         }
         fileStep([&] { std::filesystem::create_directories(work.mountPoint); });
@@ -167,7 +168,7 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
                      "-nobrowse", "-noautoopen", "-readwrite"},
                     attachTimeout, "hdiutil");
             if (attach.exitCode != 0) {
-                throw VeltraError("Veltra.DMG", 500,
+                throw VeltraError("Veltra.DMG", errorCode::toolFailed,
                                   "Could not mount the installer to apply artwork: " +
                                       errorText(attach));
             }
@@ -178,7 +179,7 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
             dsStoreWriter.write(work.mountPoint, mounted, appName, stagedBackground);
             const auto detach = run({"detach", work.mountPoint.string()}, detachTimeout, "hdiutil");
             if (detach.exitCode != 0) {
-                throw VeltraError("Veltra.DMG", 500,
+                throw VeltraError("Veltra.DMG", errorCode::toolFailed,
                                   "Could not detach the installer after applying artwork: " +
                                       errorText(detach));
             }
@@ -202,7 +203,8 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
              options.outputDMGPath.string(), "-quiet"},
             std::nullopt, "hdiutil");
     if (converted.exitCode != 0) {
-        throw VeltraError("Veltra", 500, "Failed to compress disk image: " + errorText(converted));
+        throw VeltraError("Veltra", errorCode::toolFailed,
+                          "Failed to compress disk image: " + errorText(converted));
     }
 
     if (options.signingIdentity && !options.signingIdentity->empty()) {

@@ -188,7 +188,7 @@ void DSStoreWriter::write(const std::filesystem::path& volume, const DMGDesignCo
     try {
         layout(volume, config, appBundleName, backgroundVolumePath).writeFile(volume / ".DS_Store");
     } catch (const std::exception& error) {
-        throw VeltraError("Veltra.DMG", 500,
+        throw VeltraError("Veltra.DMG", errorCode::toolFailed,
                           std::string("Could not write the installer's Finder layout: ") +
                               error.what());
     }

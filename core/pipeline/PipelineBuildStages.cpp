@@ -32,7 +32,7 @@ void PipelineManager::versionStage(RunState& run) {
     updateStep(StepID::version, StepStatus::running, "Syncing version...");
     // The version reaches the project file or xcodebuild's overrides either way.
     if (const auto error = VersionManager::versionError(run.version)) {
-        throw VeltraError("Veltra", 400, *error);
+        throw VeltraError("Veltra", errorCode::invalidSetup, *error);
     }
     const auto label = "v" + run.version + " (" + std::to_string(run.build.value_or(0)) + ")";
     if (run.request.dryRun) {
@@ -115,7 +115,7 @@ void PipelineManager::archiveStage(RunState& run, std::optional<BranchWorktree>&
     if (!info.schemes.empty() &&
         std::find(info.schemes.begin(), info.schemes.end(), scheme) == info.schemes.end()) {
         if (run.request.branch) {
-            throw VeltraError("Veltra", 404,
+            throw VeltraError("Veltra", errorCode::notFound,
                               "The selected app branch does not contain the '" + scheme +
                                   "' Xcode scheme. Choose another branch or scheme before "
                                   "shipping.");
@@ -166,7 +166,7 @@ void PipelineManager::inspectStage(RunState& run) {
     log("   Success: Codesigned: " + signing);
     if (run.identity) {
         if (const auto problem = inspector.signatureProblem(run.app, run.stop)) {
-            throw VeltraError("Veltra", 500,
+            throw VeltraError("Veltra", errorCode::toolFailed,
                               "The re-signed app does not pass code signature verification: " +
                                   *problem);
         }
@@ -176,7 +176,7 @@ void PipelineManager::inspectStage(RunState& run) {
             ReleasePublishingPlan::publicAddresses(run.request.profile).publicAppcastURL;
         const auto found = SparkleAutoResolver::fromApp(run.app).feedURL;
         if (found != expected) {
-            throw VeltraError("Veltra", 400,
+            throw VeltraError("Veltra", errorCode::invalidSetup,
                               "The built app's Sparkle feed URL does not match this app's "
                               "release profile. Expected " +
                                   expected + ", found " + found.value_or("none") +

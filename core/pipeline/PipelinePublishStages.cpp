@@ -90,7 +90,8 @@ void PipelineManager::deployStage(RunState& run) {
     }
     const auto uploadStarted = Clock::now();
     if (!run.artifacts.sparkleSignature || run.artifacts.sparkleSignature->empty()) {
-        throw VeltraError("Veltra", 400, "Missing Sparkle signature; upload stopped.");
+        throw VeltraError("Veltra", errorCode::invalidSetup,
+                          "Missing Sparkle signature; upload stopped.");
     }
     ReleaseFeedValidator::verifyWrittenFeed(
         readFile(run.delivery->appcastPath),

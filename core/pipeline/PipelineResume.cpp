@@ -41,7 +41,7 @@ void PipelineManager::reuseKeptSteps(RunState& run) {
         std::to_string(kept.build) + ") from '" +
         (first == steps.end() ? std::string("the end") : first->title) + "'");
     const auto changed = [](const std::string& what) {
-        return VeltraError("Veltra", 409,
+        return VeltraError("Veltra", errorCode::conflict,
                            what + " changed since the release stopped, so it cannot be reused. "
                                   "Start the release again without --resume.");
     };

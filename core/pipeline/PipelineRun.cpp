@@ -46,7 +46,7 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
         releaseLock = FileLock::tryLock(lockPath);
         if (!releaseLock) {
             const auto holder = std::string(trimWhitespace(FileLock::holder(lockPath)));
-            throw VeltraError("Veltra", 409,
+            throw VeltraError("Veltra", errorCode::conflict,
                               run.appName + " is already being released (" +
                                   (holder.empty() ? std::string("by another process") : holder) +
                                   ").");
@@ -63,14 +63,14 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
         // The app's name names every release file; a profile from an older version may hold one
         // that would write outside the folders it belongs in.
         if (const auto problem = fileNameProblem(run.appName)) {
-            throw VeltraError("Veltra", 400,
+            throw VeltraError("Veltra", errorCode::invalidSetup,
                               "The app name '" + run.appName + "' cannot name release files: " +
                                   *problem + ". Change appName in the profile.");
         }
         if (const auto repository = ReleasePublishingPlan::resolveRepository(profile)) {
             if (const auto problem =
                     WebDeployer::containmentProblem(*repository, profile.webDeploy, run.appName)) {
-                throw VeltraError("Veltra", 400, *problem);
+                throw VeltraError("Veltra", errorCode::invalidSetup, *problem);
             }
         }
         run.outputDirectory = expandTilde(standardizePath(profile.outputDirectory));
@@ -85,7 +85,7 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
             if (request.resume) {
                 run.resumed = ReleaseRunRecord::load(run.outputDirectory);
                 if (!run.resumed || run.resumed->profileID != profile.id) {
-                    throw VeltraError("Veltra", 404,
+                    throw VeltraError("Veltra", errorCode::notFound,
                                       "Nothing to resume for " + run.appName +
                                           ": no stopped release is kept in " +
                                           ReleaseRunRecord::folder(run.outputDirectory).string() +
@@ -100,7 +100,7 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
                 log("Dry run: nothing leaves this machine and the project is left as it is.");
             }
         } else if (request.resume) {
-            throw VeltraError("Veltra", 400,
+            throw VeltraError("Veltra", errorCode::invalidSetup,
                               "Only a release built from the project can be resumed; ship the "
                               "app again instead.");
         } else if (request.appPath) {
@@ -109,10 +109,11 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
                 ")");
             log("App source: " + run.app.string());
             if (!std::filesystem::is_directory(run.app)) {
-                throw VeltraError("Veltra", 404, "No app at " + run.app.string() + ".");
+                throw VeltraError("Veltra", errorCode::notFound,
+                                  "No app at " + run.app.string() + ".");
             }
         } else {
-            throw VeltraError("Veltra", 400,
+            throw VeltraError("Veltra", errorCode::invalidSetup,
                               "This profile has no Xcode project or app to release. Choose the "
                               "project in the profile, or give the built app.");
         }
@@ -248,24 +249,24 @@ void PipelineManager::preflight(RunState& run) {
     const auto repository = ReleasePublishingPlan::resolveRepository(profile);
     if (run.updatesConfigured) {
         if (!profile.webDeploy.gitCommitAndPush) {
-            throw VeltraError("Veltra", 400,
+            throw VeltraError("Veltra", errorCode::invalidSetup,
                               "Sparkle updates are configured, but automatic website publishing "
                               "is off. Enable Git commit and push so Veltra can publish and "
                               "verify the appcast, or distribute the release manually.");
         }
         if (!repository) {
-            throw VeltraError("Veltra", 400,
+            throw VeltraError("Veltra", errorCode::invalidSetup,
                               "Sparkle updates are configured, but Veltra could not find the "
                               "website repository to publish the appcast and DMG.");
         }
         if (!run.build) {
-            throw VeltraError("Veltra", 400,
+            throw VeltraError("Veltra", errorCode::invalidSetup,
                               "Choose a build number before releasing Sparkle updates.");
         }
         const auto expected = ReleasePublishingPlan::publicAddresses(profile).publicAppcastURL;
         if (*run.embedded.feedURL != expected) {
             throw VeltraError(
-                "Veltra", 400,
+                "Veltra", errorCode::invalidSetup,
                 "The Sparkle feed URL embedded in this app (" + *run.embedded.feedURL +
                     ") does not match the appcast Veltra will deploy (" +
                     (expected.empty() ? std::string("no website URL set") : expected) +
@@ -276,7 +277,7 @@ void PipelineManager::preflight(RunState& run) {
         const auto branch = WebDeployer::branch(profile.webDeploy);
         const auto status = webDeployer.repositoryInspector.inspect(*repository, branch, run.stop);
         if (status.blocker) {
-            throw VeltraError("Veltra", 409, *status.blocker);
+            throw VeltraError("Veltra", errorCode::conflict, *status.blocker);
         }
         // Before anything is built: the release must not carry private commits or edits. A
         // resumed run's files at the release's paths are its own, from the attempt that stopped.
@@ -287,7 +288,7 @@ void PipelineManager::preflight(RunState& run) {
                 WebDeployer::commitSubject(run.appName, run.version,
                                            std::to_string(run.build.value_or(0))),
                 run.stop)) {
-            throw VeltraError("Veltra", 409, *blocker);
+            throw VeltraError("Veltra", errorCode::conflict, *blocker);
         }
         const auto addresses = ReleasePublishingPlan::publicAddresses(profile);
         const auto feed = feedReader.committedFeedCheckedAgainstLive(

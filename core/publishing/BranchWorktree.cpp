@@ -13,12 +13,12 @@ namespace fs = std::filesystem;
 BranchWorktree::BranchWorktree(const fs::path& project, const std::string& branch,
                                const fs::path& temporaryDirectory, std::stop_token stop) {
     if (const auto problem = gitBranchNameError(branch)) {
-        throw VeltraError("Veltra", 400, *problem);
+        throw VeltraError("Veltra", errorCode::invalidSetup, *problem);
     }
     const auto projectFolder = project.parent_path();
     const auto root = GitCommand::run(projectFolder, {"rev-parse", "--show-toplevel"}, stop, 60);
     if (root.exitCode != 0) {
-        throw VeltraError("Veltra", 404,
+        throw VeltraError("Veltra", errorCode::notFound,
                           "The app project at " + project.string() +
                               " is not in a git repository, so branch '" + branch +
                               "' cannot be built.");
@@ -28,7 +28,7 @@ BranchWorktree::BranchWorktree(const fs::path& project, const std::string& branc
         repository_, {"rev-parse", "--verify", "--quiet", "--end-of-options", branch + "^{commit}"},
         stop, 60);
     if (verified.exitCode != 0) {
-        throw VeltraError("Veltra", 404,
+        throw VeltraError("Veltra", errorCode::notFound,
                           "The app branch '" + branch + "' does not exist in " +
                               repository_.string() + ". Choose another branch before shipping.");
     }

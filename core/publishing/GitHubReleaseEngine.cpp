@@ -45,7 +45,7 @@ void GitHubReleaseEngine::publish(const GitHubReleaseConfig& config,
     };
     say("Publishing release v" + version + " to GitHub Releases...");
     if (runner.run(ProcessRequest{.command = "which", .arguments = {"gh"}}, stop).exitCode != 0) {
-        throw VeltraError("Veltra", 404,
+        throw VeltraError("Veltra", errorCode::notFound,
                           "GitHub CLI ('gh') is not installed. Install via 'brew install gh' or "
                           "disable GitHub Releases in profile.");
     }
@@ -77,7 +77,8 @@ void GitHubReleaseEngine::publish(const GitHubReleaseConfig& config,
         log(pending);
     }
     if (result.exitCode != 0) {
-        throw VeltraError("Veltra", 500, "GitHub release failed: " + result.errorOutput);
+        throw VeltraError("Veltra", errorCode::toolFailed,
+                          "GitHub release failed: " + result.errorOutput);
     }
     say("Success: Successfully published to GitHub Releases: v" + version);
 }

@@ -156,7 +156,7 @@ ReleasePublishingPlan::resolveRepository(const ProjectProfile& profile, const Lo
         if (const auto healed = candidate(profile)) {
             if (!healed->second) {
                 throw VeltraError(
-                    "Veltra", 404,
+                    "Veltra", errorCode::notFound,
                     "The website repository configured for " + appNameOf(profile) + " (" +
                         path.string() + ") does not exist, and " + healed->first.string() +
                         " is not " + appNameOf(profile) +

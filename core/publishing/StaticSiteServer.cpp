@@ -10,7 +10,8 @@ namespace veltra {
 StaticSiteServer::StaticSiteServer(const std::filesystem::path& folder, std::uint16_t port)
     : server_(std::make_unique<httplib::Server>()) {
     if (!server_->set_mount_point("/", folder.string(), {{"Cache-Control", "no-cache"}})) {
-        throw VeltraError("Veltra", 404, "No folder to serve at " + folder.string() + ".");
+        throw VeltraError("Veltra", errorCode::notFound,
+                          "No folder to serve at " + folder.string() + ".");
     }
     // "/" serves the download page, as a hosting service does.
     server_->set_file_extension_and_mimetype_mapping("xml", "application/xml");
@@ -23,7 +24,7 @@ StaticSiteServer::StaticSiteServer(const std::filesystem::path& folder, std::uin
         bound = server_->bind_to_port("127.0.0.1", port) ? port : -1;
     }
     if (bound <= 0) {
-        throw VeltraError("Veltra", 500,
+        throw VeltraError("Veltra", errorCode::toolFailed,
                           "The local web server could not listen on 127.0.0.1" +
                               (port == 0 ? std::string() : ":" + std::to_string(port)) + ".");
     }

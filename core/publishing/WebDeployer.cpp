@@ -57,7 +57,7 @@ std::string WebDeployer::commitSubject(const std::string& appName, const std::st
 
 void WebDeployer::checkFileName(const std::string& appName) {
     if (const auto problem = fileNameProblem(appName)) {
-        throw VeltraError("Veltra", 400,
+        throw VeltraError("Veltra", errorCode::invalidSetup,
                           "The app name '" + std::string(appName.c_str()) +
                               "' cannot name files in the website's downloads folder: " + *problem +
                               ". Use a name without '/', '\\', '..', a leading '.' or control "
@@ -104,11 +104,11 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
     const auto repository = delivery.websiteRepoPath.empty() ? expandTilde(config.websiteRepoPath)
                                                              : delivery.websiteRepoPath;
     if (const auto problem = containmentProblem(repository, config, release.appName)) {
-        throw VeltraError("Veltra", 400, *problem);
+        throw VeltraError("Veltra", errorCode::invalidSetup, *problem);
     }
     const auto publishingBranch = branch(config);
     if (const auto problem = gitBranchNameError(publishingBranch)) {
-        throw VeltraError("Veltra", 400, "The publishing branch " + *problem);
+        throw VeltraError("Veltra", errorCode::invalidSetup, "The publishing branch " + *problem);
     }
     const auto git = [&](std::vector<std::string> arguments,
                          std::function<void(std::string_view)> onOutput = {}) {
@@ -121,7 +121,7 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
     if (!std::filesystem::exists(repository, error)) {
         const auto remote = config.websiteRepoRemoteURL.value_or("");
         if (remote.empty()) {
-            throw VeltraError("Veltra", 404,
+            throw VeltraError("Veltra", errorCode::notFound,
                               "Website repo not found at " + repository.string() +
                                   " and no remote URL provided.");
         }
@@ -134,7 +134,7 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
                                       .timeout = GitCommand::defaultTimeout},
                        stop);
         if (cloned.exitCode != 0) {
-            throw VeltraError("Veltra", 404,
+            throw VeltraError("Veltra", errorCode::notFound,
                               "Website repo not found at " + repository.string() +
                                   " and cloning failed.");
         }
@@ -152,7 +152,7 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
                       repository, publishingBranch, releasePaths(config, release.appName, false),
                       commitSubject(release.appName, release.version, release.build), stop);
         if (blocker) {
-            throw VeltraError("Veltra", 409, *blocker);
+            throw VeltraError("Veltra", errorCode::conflict, *blocker);
         }
     }
 
@@ -208,7 +208,7 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
         if (!checkRepositoryFirst) {
             const auto status = repositoryInspector.inspect(repository, publishingBranch, stop);
             if (status.blocker) {
-                throw VeltraError("Veltra", 409, *status.blocker);
+                throw VeltraError("Veltra", errorCode::conflict, *status.blocker);
             }
         }
         std::vector<std::string> paths;
@@ -246,7 +246,7 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
             hasOrigin = hasOrigin || line == "origin";
         });
         if (!hasOrigin) {
-            throw VeltraError("Veltra", 404,
+            throw VeltraError("Veltra", errorCode::notFound,
                               "Release files were committed locally, but the website repository "
                               "has no origin remote. Configure a remote to publish the appcast "
                               "and DMG.");

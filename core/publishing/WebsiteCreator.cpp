@@ -29,7 +29,7 @@ void WebsiteCreator::create(const std::filesystem::path& folder, const ProjectPr
     WebDeployer::checkFileName(appName);
     std::error_code error;
     if (std::filesystem::exists(folder, error) && !std::filesystem::is_empty(folder, error)) {
-        throw VeltraError("Veltra", 409,
+        throw VeltraError("Veltra", errorCode::conflict,
                           "The folder " + folder.string() +
                               " is not empty. Choose a new folder for the website repository.");
     }

@@ -23,7 +23,8 @@ namespace {
 std::string randomPassword() {
     std::array<std::uint8_t, 24> bytes{};
     if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1) {
-        throw VeltraError("Veltra", 500, "Could not make a password for the keychain.");
+        throw VeltraError("Veltra", errorCode::toolFailed,
+                          "Could not make a password for the keychain.");
     }
     std::string text;
     for (const auto byte : bytes) {

@@ -119,7 +119,7 @@ void NotarizationEngine::store(ProcessRequest request, const std::string& keycha
     const auto result = runner.run(request, stop);
     if (result.exitCode != 0) {
         const auto err = trimWhitespace(result.errorOutput);
-        throw VeltraError("Veltra", 401,
+        throw VeltraError("Veltra", errorCode::notAuthorized,
                           std::string(err.empty() ? trimWhitespace(result.output) : err));
     }
     log("Success: Credentials stored under profile '" + keychainProfile + "'");
@@ -156,7 +156,8 @@ void staple(const std::filesystem::path& file, const std::function<void(const st
     log("   Stapling Gatekeeper ticket to " + name + "...");
     const auto stapled = runner.run("xcrun", {"stapler", "staple", file.string()}, stop);
     if (stapled.exitCode != 0) {
-        throw VeltraError("Veltra", 503, "Stapling failed: " + combinedOutput(stapled));
+        throw VeltraError("Veltra", errorCode::serviceUnavailable,
+                          "Stapling failed: " + combinedOutput(stapled));
     }
     log("   Success: Gatekeeper ticket successfully stapled to " + name);
 }
@@ -196,7 +197,8 @@ void NotarizationEngine::notarize(const std::filesystem::path& file,
     const auto output = result.output + "\n" + result.errorOutput;
     // The tool exits 0 on an Invalid verdict too; only the status line tells.
     if (result.exitCode != 0 || contains(output, "status: Invalid")) {
-        throw VeltraError("Veltra", 502, "Notarization failed or was marked Invalid:\n" + output);
+        throw VeltraError("Veltra", errorCode::badAnswer,
+                          "Notarization failed or was marked Invalid:\n" + output);
     }
     staple(file, log, stop);
 }
@@ -240,7 +242,7 @@ void NotarizationEngine::finishSubmission(const std::filesystem::path& file,
             stop);
     }
     if (answer.exitCode != 0 || status(answer) != "Accepted") {
-        throw VeltraError("Veltra", 502,
+        throw VeltraError("Veltra", errorCode::badAnswer,
                           "Notarization failed or was marked Invalid:\n" + combinedOutput(answer));
     }
     log("   Success: Submission " + submissionID + " was accepted");

@@ -28,7 +28,7 @@ constexpr int maxDepth = 256;
 
 nlohmann::json toJson(plist_t node, int depth) {
     if (depth > maxDepth) {
-        throw VeltraError("Veltra", 400, "The property list nests too deeply.");
+        throw VeltraError("Veltra", errorCode::invalidSetup, "The property list nests too deeply.");
     }
     switch (plist_get_node_type(node)) {
     case PLIST_BOOLEAN: {
@@ -115,7 +115,7 @@ nlohmann::json toJson(plist_t node, int depth) {
 
 nlohmann::json parsePropertyList(std::string_view bytes) {
     if (bytes.size() > UINT32_MAX) {
-        throw VeltraError("Veltra", 400, "The property list is too large.");
+        throw VeltraError("Veltra", errorCode::invalidSetup, "The property list is too large.");
     }
     plist_t raw = nullptr;
     const bool binary = bytes.starts_with("bplist00");
@@ -127,7 +127,7 @@ nlohmann::json parsePropertyList(std::string_view bytes) {
     }
     const PlistPointer root(raw);
     if (!root) {
-        throw VeltraError("Veltra", 400,
+        throw VeltraError("Veltra", errorCode::invalidSetup,
                           "The data couldn't be read because it isn't in the correct format.");
     }
     return toJson(root.get(), 0);
@@ -136,7 +136,8 @@ nlohmann::json parsePropertyList(std::string_view bytes) {
 nlohmann::json readPropertyListDictionary(const std::filesystem::path& path) {
     auto value = parsePropertyList(readFile(path));
     if (!value.is_object()) {
-        throw VeltraError("Veltra", 400, "The plist must contain a dictionary.");
+        throw VeltraError("Veltra", errorCode::invalidSetup,
+                          "The plist must contain a dictionary.");
     }
     return value;
 }

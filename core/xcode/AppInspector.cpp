@@ -80,13 +80,14 @@ std::optional<std::string> AppInspector::signatureProblem(const fs::path& app,
 AppInfo AppInspector::inspect(const fs::path& app, std::stop_token stop) const {
     std::error_code error;
     if (!fs::exists(app, error)) {
-        throw VeltraError("Veltra", 404, "App bundle not found at " + app.string());
+        throw VeltraError("Veltra", errorCode::notFound, "App bundle not found at " + app.string());
     }
     nlohmann::json plist;
     try {
         plist = readPropertyListDictionary(app / "Contents" / "Info.plist");
     } catch (const std::exception&) {
-        throw VeltraError("Veltra", 400, "Invalid Info.plist inside " + app.filename().string());
+        throw VeltraError("Veltra", errorCode::invalidSetup,
+                          "Invalid Info.plist inside " + app.filename().string());
     }
     AppInfo info;
     info.appPath = app;

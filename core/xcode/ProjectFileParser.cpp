@@ -34,7 +34,7 @@ private:
             line += text_[index] == '\n' ? 1u : 0u;
         }
         throw VeltraError(
-            "Veltra", 400,
+            "Veltra", errorCode::invalidSetup,
             fmt::format("The project file is not readable: {} on line {}.", what, line));
     }
 

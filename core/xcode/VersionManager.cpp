@@ -363,7 +363,7 @@ VersionApplyResult VersionManager::applyToText(std::string& text,
     const auto isVersionDigit = [](char c) { return isDigit(c) || c == '.'; };
     if (version) {
         if (const auto error = versionError(*version)) {
-            throw VeltraError("Veltra", 400, *error);
+            throw VeltraError("Veltra", errorCode::invalidSetup, *error);
         }
     }
     // '+' is no character an unquoted project value may hold.

@@ -308,7 +308,7 @@ fs::path XcodeArchiver::archiveAndExport(const XcodeProjectInfo& project, const 
     XcodePlistValidator validator;
     validator.reader = settingsReader;
     if (auto problem = validator.validate(project, scheme, stop)) {
-        throw VeltraError("Veltra", 500, *problem);
+        throw VeltraError("Veltra", errorCode::toolFailed, *problem);
     }
     log("   Success: Release Info.plist paths verified");
 
@@ -360,7 +360,7 @@ fs::path XcodeArchiver::archiveAndExport(const XcodeProjectInfo& project, const 
         if (written) {
             message += "\nFull build log: " + logFile.string();
         }
-        throw VeltraError("Veltra", 500, message);
+        throw VeltraError("Veltra", errorCode::toolFailed, message);
     }
 
     log("   Success: Xcode archive created successfully");
@@ -376,7 +376,7 @@ fs::path XcodeArchiver::archiveAndExport(const XcodeProjectInfo& project, const 
     }
     std::sort(apps.begin(), apps.end());
     if (apps.empty()) {
-        throw VeltraError("Veltra", 404,
+        throw VeltraError("Veltra", errorCode::notFound,
                           "Could not find built .app in archive at " + applications.string());
     }
     fs::create_directories(exportFolder);

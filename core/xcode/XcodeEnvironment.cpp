@@ -23,7 +23,8 @@ const std::string XcodeEnvironmentValidator::commandLineToolsMessage =
 std::string DefaultXcodeEnvironmentReader::developerDirectory(std::stop_token stop) const {
     const auto result = runner.run("xcode-select", {"-p"}, stop);
     if (result.exitCode != 0) {
-        throw VeltraError("Veltra", 404, std::string(trimWhitespace(result.errorOutput)));
+        throw VeltraError("Veltra", errorCode::notFound,
+                          std::string(trimWhitespace(result.errorOutput)));
     }
     return std::string(trimWhitespace(result.output));
 }
@@ -39,13 +40,13 @@ void XcodeEnvironmentValidator::validate(std::stop_token stop) const {
     } catch (const CancellationError&) {
         throw;
     } catch (const std::exception&) {
-        throw VeltraError("Veltra", 404,
+        throw VeltraError("Veltra", errorCode::notFound,
                           "Xcode Command Line Tools are missing. Run 'xcode-select --install' in "
                           "Terminal or install Xcode.");
     }
     using Kind = XcodeToolsVerdict::Kind;
     if (XcodeToolsVerdict::judge(directory).kind == Kind::commandLineToolsOnly) {
-        throw VeltraError("Veltra", 412, commandLineToolsMessage);
+        throw VeltraError("Veltra", errorCode::wrongTools, commandLineToolsMessage);
     }
     ProcessResult version;
     try {
@@ -58,10 +59,10 @@ void XcodeEnvironmentValidator::validate(std::stop_token stop) const {
     }
     const auto verdict = XcodeToolsVerdict::judge(directory, &version);
     if (verdict.kind == Kind::commandLineToolsOnly) {
-        throw VeltraError("Veltra", 412, commandLineToolsMessage);
+        throw VeltraError("Veltra", errorCode::wrongTools, commandLineToolsMessage);
     }
     if (verdict.kind == Kind::xcodebuildFails) {
-        throw VeltraError("Veltra", 500,
+        throw VeltraError("Veltra", errorCode::toolFailed,
                           "Xcode configuration issue: " +
                               (verdict.said.empty()
                                    ? std::string("xcodebuild could not be executed.")

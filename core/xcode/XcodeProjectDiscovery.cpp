@@ -252,7 +252,7 @@ XcodeScheme XcodeProjectDiscovery::parseScheme(std::string_view xml, std::string
     ExpatDocument document(context);
     XML_SetElementHandler(document.parser(), schemeStart, schemeEnd);
     if (!document.parse(xml)) {
-        throw VeltraError("Veltra", 400,
+        throw VeltraError("Veltra", errorCode::invalidSetup,
                           fmt::format("The scheme '{}' is not readable XML.", context.scheme.name));
     }
     return std::move(context.scheme);
@@ -265,7 +265,7 @@ std::vector<fs::path> XcodeProjectDiscovery::workspaceProjects(std::string_view 
     ExpatDocument document(context);
     XML_SetElementHandler(document.parser(), workspaceStart, workspaceEnd);
     if (!document.parse(xml)) {
-        throw VeltraError("Veltra", 400,
+        throw VeltraError("Veltra", errorCode::invalidSetup,
                           "The workspace's contents.xcworkspacedata is not readable XML.");
     }
     return std::move(context.projects);
@@ -380,7 +380,7 @@ std::optional<fs::path> XcodeProjectDiscovery::locate(const fs::path& path) {
 XcodeProjectInfo XcodeProjectDiscovery::discover(const fs::path& path) {
     const auto located = locate(path);
     if (!located) {
-        throw VeltraError("Veltra", 404,
+        throw VeltraError("Veltra", errorCode::notFound,
                           fmt::format("No Xcode project or workspace found at {}", path.string()));
     }
     XcodeProjectInfo info;
