@@ -3,9 +3,9 @@
 #include "core/records/DMGDesignConfig.h"
 #include "core/records/GitHubReleaseConfig.h"
 #include "core/records/NotarizationConfig.h"
+#include "core/records/ReleaseManifest.h"
 #include "core/records/SparkleConfig.h"
 #include "core/records/WebDeployConfig.h"
-#include "core/records/ReleaseManifest.h"
 #include "core/support/JsonReader.h"
 #include "core/support/Uuid.h"
 

@@ -158,8 +158,8 @@ TEST(SparkleFeedParser, TrimsTheUnicodeSpaceSet) {
 } // namespace veltra
 
 #include "core/feed/ReleaseFeedValidator.h"
-#include "core/support/XMLEncoding.h"
 #include "core/support/VeltraError.h"
+#include "core/support/XMLEncoding.h"
 
 #include <iconv.h>
 

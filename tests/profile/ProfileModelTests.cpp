@@ -1,6 +1,6 @@
-#include "core/records/StepStatus.h"
 #include "core/profile/ProfileFieldEditor.h"
 #include "core/profile/ProjectProfile.h"
+#include "core/records/StepStatus.h"
 #include "core/support/VeltraError.h"
 
 #include <gtest/gtest.h>
