@@ -29,7 +29,7 @@
 namespace veltra {
 
 void PipelineManager::dryRunSummary(RunState& run, double elapsed) {
-    log(runSeparator);
+    log(runSeparator());
     log(fmt::format("Dry run of {} finished in {:.1f}s. Nothing was published; a release would "
                     "publish:",
                     run.appName, elapsed));
@@ -57,7 +57,7 @@ void PipelineManager::dryRunSummary(RunState& run, double elapsed) {
         (run.request.profile.githubRelease.enabled ? "a release v" + run.info.version : "no"));
     log("DMG:   " + run.dmg.string());
     log("Notes: " + run.notesPath.string());
-    log(runSeparator);
+    log(runSeparator());
 }
 
 } // namespace veltra

@@ -190,7 +190,7 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
                 finishOnMain(manifest, std::nullopt, false, id, false);
             };
         } else {
-            log(runSeparator);
+            log(runSeparator());
             log(run.uploadSeconds
                     ? fmt::format("Successfully packaged {} in {:.1f}s, uploaded in {:.1f}s. The "
                                   "website should update in a few minutes.",
@@ -198,7 +198,7 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
                     : fmt::format("Successfully packaged {} in {:.1f}s!", run.appName, elapsed));
             log("DMG:   " + run.dmg.string());
             log("Notes: " + run.notesPath.string());
-            log(runSeparator);
+            log(runSeparator());
             runPostScript(run, manifest);
             finish = [this, manifest, id = profile.id,
                       watch = manifest.websitePublication.has_value()] {

@@ -16,13 +16,17 @@ namespace veltra {
 
 using Clock = std::chrono::steady_clock;
 
-inline const std::string runSeparator = "\n" + [] {
-    std::string line;
-    for (int i = 0; i < 53; ++i) {
-        line += "\xE2\x94\x81"; // U+2501
-    }
-    return line;
-}();
+// The rule that frames a run's summary.
+inline const std::string& runSeparator() {
+    static const std::string rule = [] {
+        std::string line(1, '\n');
+        for (int i = 0; i < 53; ++i) {
+            line += "\xE2\x94\x81"; // U+2501
+        }
+        return line;
+    }();
+    return rule;
+}
 
 // A string value of the app's Info.plist, "" when absent.
 inline std::string plistString(const std::filesystem::path& app, const char* key) {
