@@ -9,12 +9,6 @@
 namespace veltra {
 namespace {
 
-// Stateless: tests substitute tools through PATH, never the runner.
-const ProcessRunner runner;
-
-} // namespace
-namespace {
-
 constexpr std::string_view pngSignature = "\x89PNG\r\n\x1a\n";
 
 std::uint32_t bigEndian32(std::string_view data, std::size_t at) {
@@ -71,11 +65,11 @@ AppIconResolver::pngData(const std::optional<std::filesystem::path>& iconURL,
         // Older icon families keep their bitmaps in formats only the system reads.
         const auto out = std::filesystem::temp_directory_path() /
                          ("veltra_icon_" + Uuid::random().string() + ".png");
-        const auto result =
-            runner.run(ProcessRequest{.command = "/usr/bin/sips",
-                                      .arguments = {"-s", "format", "png", iconURL->string(),
-                                                    "--out", out.string()}},
-                       stop);
+        const auto result = ProcessRunner().run(
+            ProcessRequest{
+                .command = "/usr/bin/sips",
+                .arguments = {"-s", "format", "png", iconURL->string(), "--out", out.string()}},
+            stop);
         std::optional<std::string> png;
         if (result.exitCode == 0 && std::filesystem::exists(out)) {
             png = readFile(out);

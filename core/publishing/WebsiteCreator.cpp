@@ -10,12 +10,6 @@
 #include "core/support/VeltraError.h"
 
 namespace veltra {
-namespace {
-
-// Stateless: tests substitute tools through PATH, never the runner.
-const ProcessRunner runner;
-
-} // namespace
 
 void WebsiteCreator::create(const std::filesystem::path& folder, const ProjectProfile& profile,
                             const std::optional<std::string>& remote, const LogHandler& log,

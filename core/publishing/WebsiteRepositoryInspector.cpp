@@ -12,12 +12,6 @@
 namespace veltra {
 namespace {
 
-// Stateless: tests substitute tools through PATH, never the runner.
-const ProcessRunner runner;
-
-} // namespace
-namespace {
-
 std::string trimmed(const std::string& text) {
     return std::string(trimWhitespace(text));
 }

@@ -17,12 +17,6 @@
 // project.pbxproj files reach megabytes, so the patterns are matched by hand in one forward scan
 // each: they are simple enough that no match ever needs to back up.
 namespace veltra {
-namespace {
-
-// Stateless: tests substitute tools through PATH, never the runner.
-const ProcessRunner runner;
-
-} // namespace
 
 namespace {
 
