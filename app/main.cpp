@@ -36,7 +36,7 @@ std::unique_ptr<Demo> makeDemo(const QString& keep) {
     bool hasXcode = false;
 #ifdef __APPLE__
     try {
-        hasXcode = ProcessRunner().run("xcodebuild", {"-version"}).exitCode == 0;
+        hasXcode = ProcessRunner::run("xcodebuild", {"-version"}).exitCode == 0;
     } catch (const std::exception&) {
     }
 #endif

@@ -102,7 +102,7 @@ void BM_CpDashAOneGiBApp(benchmark::State& state) {
     const auto& app = bigApp();
     const auto copy = app.parent_path() / "Copy.app";
     for (auto _ : state) {
-        ProcessRunner().run("cp", {"-a", app.string(), copy.string()});
+        ProcessRunner::run("cp", {"-a", app.string(), copy.string()});
         state.PauseTiming();
         fs::remove_all(copy);
         state.ResumeTiming();

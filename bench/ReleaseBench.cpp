@@ -80,7 +80,7 @@ fs::path makeTimingWrappers(const fs::path& folder, const fs::path& times) {
                                                    {"ln", "/bin/ln"},
                                                    {"which", "/usr/bin/which"}};
     for (const auto& [name, real] : tools) {
-        const auto built = ProcessRunner().run(
+        const auto built = ProcessRunner::run(
             "cc", {"-O2", "-o", (folder / name).string(), "-DREAL=\"" + real + "\"",
                    "-DTIMES=\"" + times.string() + "\"", source.string()});
         if (built.exitCode != 0) {

@@ -100,8 +100,8 @@ void opensslPkeyutlSignRawin(benchmark::State& state) {
             out.write(chunk.data(), static_cast<std::streamsize>(chunk.size()));
         }
     }
-    veltra::ProcessRunner().run("openssl",
-                                {"genpkey", "-algorithm", "ed25519", "-out", key.string()});
+    veltra::ProcessRunner::run("openssl",
+                               {"genpkey", "-algorithm", "ed25519", "-out", key.string()});
     runTool(state, {"pkeyutl", "-sign", "-rawin", "-inkey", key.string(), "-in", part.string(),
                     "-out", "/dev/null"});
     state.counters["MiB_per_s"] =

@@ -39,7 +39,7 @@ private:
 bool hasXcode() {
 #ifdef __APPLE__
     try {
-        return ProcessRunner().run("xcodebuild", {"-version"}).exitCode == 0;
+        return ProcessRunner::run("xcodebuild", {"-version"}).exitCode == 0;
     } catch (const std::exception&) {
         return false;
     }

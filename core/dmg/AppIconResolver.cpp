@@ -65,7 +65,7 @@ AppIconResolver::pngData(const std::optional<std::filesystem::path>& iconURL,
         // Older icon families keep their bitmaps in formats only the system reads.
         const auto out = std::filesystem::temp_directory_path() /
                          ("veltra_icon_" + Uuid::random().string() + ".png");
-        const auto result = ProcessRunner().run(
+        const auto result = ProcessRunner::run(
             ProcessRequest{
                 .command = "/usr/bin/sips",
                 .arguments = {"-s", "format", "png", iconURL->string(), "--out", out.string()}},

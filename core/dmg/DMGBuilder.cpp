@@ -15,12 +15,6 @@
 namespace veltra {
 namespace {
 
-// Stateless: tests substitute tools through PATH, never the runner.
-const ProcessRunner runner;
-
-} // namespace
-namespace {
-
 constexpr const char* stagedBackground = ".background/background.png";
 
 // File-system steps fail with the file manager's own description.
@@ -69,7 +63,7 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
     };
     const auto run = [&](std::vector<std::string> arguments, std::optional<double> timeout,
                          const std::string& tool) {
-        return runner.run(
+        return ProcessRunner::run(
             ProcessRequest{.command = tool, .arguments = std::move(arguments), .timeout = timeout},
             stop);
     };
@@ -224,9 +218,9 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
 void DMGBuilder::forceDetach(const std::filesystem::path& mountPoint) const {
     // Clean-up runs even when the build was cancelled; its own result does not matter.
     try {
-        runner.run(ProcessRequest{.command = "hdiutil",
-                                  .arguments = {"detach", mountPoint.string(), "-force"},
-                                  .timeout = detachTimeout});
+        ProcessRunner::run(ProcessRequest{.command = "hdiutil",
+                                          .arguments = {"detach", mountPoint.string(), "-force"},
+                                          .timeout = detachTimeout});
     } catch (...) {
     }
 }

@@ -10,12 +10,6 @@
 #include <fmt/format.h>
 
 namespace veltra {
-namespace {
-
-// Stateless: tests substitute tools through PATH, never the runner.
-const ProcessRunner runner;
-
-} // namespace
 
 namespace {
 
@@ -63,7 +57,7 @@ std::string PublishedFeedReader::committedFeed(const std::filesystem::path& repo
         // A missing credential must fail, not wait for a prompt nobody sees.
         request.environment = {{"GIT_TERMINAL_PROMPT", "0"}};
         request.timeout = gitTimeout;
-        return runner.run(request, stop);
+        return ProcessRunner::run(request, stop);
     };
     const auto notRoot = [] {
         return ReleaseFeedFailure::websiteRepository(

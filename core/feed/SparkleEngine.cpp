@@ -15,12 +15,6 @@
 #include <fmt/format.h>
 
 namespace veltra {
-namespace {
-
-// Stateless: tests substitute tools through PATH, never the runner.
-const ProcessRunner runner;
-
-} // namespace
 
 namespace {
 
@@ -128,8 +122,8 @@ SparkleSignResult SparkleEngine::sign(const std::filesystem::path& dmg, const st
     emit(fmt::format("Signing Sparkle update for {}...", appName));
     const auto keyPath = expandTilde(privateKeyPath);
     if (const auto tool = locateSignUpdate(stop)) {
-        const auto result =
-            runner.run(tool->string(), {"--ed-key-file", keyPath.string(), dmg.string()}, stop);
+        const auto result = ProcessRunner::run(
+            tool->string(), {"--ed-key-file", keyPath.string(), dmg.string()}, stop);
         const auto signature = signatureFromToolOutput(result.output);
         if (result.exitCode != 0 || !signature) {
             // sign_update prints its errors on standard output.

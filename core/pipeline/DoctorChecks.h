@@ -13,9 +13,6 @@ namespace veltra::doctor {
 
 using Verdict = DoctorVerdict;
 
-// Stateless: tests substitute tools through PATH, never the runner.
-inline const ProcessRunner runner;
-
 inline DoctorFinding finding(std::string check, Verdict verdict, std::string found,
                              std::string advice = {}) {
     return {std::move(check), verdict, std::move(found), std::move(advice)};

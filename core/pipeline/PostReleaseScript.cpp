@@ -61,12 +61,12 @@ void PipelineManager::runPostScript(RunState& run, const ReleaseManifest& manife
     auto environment = postReleaseEnvironment(manifest, run.dmg, run.notesPath);
     try {
         const auto result =
-            ProcessRunner().run(ProcessRequest{.command = "/bin/sh",
-                                               .arguments = {"-c", *profile.customPostScript},
-                                               .currentDirectory = run.outputDirectory,
-                                               .environment = std::move(environment),
-                                               .onOutput = {}},
-                                run.stop);
+            ProcessRunner::run(ProcessRequest{.command = "/bin/sh",
+                                              .arguments = {"-c", *profile.customPostScript},
+                                              .currentDirectory = run.outputDirectory,
+                                              .environment = std::move(environment),
+                                              .onOutput = {}},
+                               run.stop);
         const std::string said(trimWhitespace(combinedOutput(result)));
         if (result.exitCode == 0) {
             log("   Success: Post-release script finished" +

@@ -145,7 +145,7 @@ std::vector<DoctorFinding> ReleaseDoctor::examine(const ProjectProfile* profile,
 }
 
 DoctorFinding ReleaseDoctor::xcode(std::stop_token stop) const {
-    const auto selected = runner.run("xcode-select", {"-p"}, stop);
+    const auto selected = ProcessRunner::run("xcode-select", {"-p"}, stop);
     if (selected.exitCode == 127) { // env found no such tool
         return finding("Xcode", Verdict::problem,
                        "Xcode's tools are not installed (no xcode-select)", selectXcode);
@@ -164,7 +164,7 @@ DoctorFinding ReleaseDoctor::xcode(std::stop_token stop) const {
     if (XcodeToolsVerdict::judge(folder).kind == Kind::commandLineToolsOnly) {
         return onlyCommandLineTools;
     }
-    const auto version = runner.run("xcodebuild", {"-version"}, stop);
+    const auto version = ProcessRunner::run("xcodebuild", {"-version"}, stop);
     const auto verdict = XcodeToolsVerdict::judge(folder, &version);
     if (verdict.kind == Kind::commandLineToolsOnly) {
         return onlyCommandLineTools;
@@ -243,7 +243,7 @@ std::vector<DoctorFinding> ReleaseDoctor::signing(const ProjectProfile* profile,
         }
         checked[identity->name] = true;
         const auto pem =
-            runner.run("security", {"find-certificate", "-c", identity->name, "-p"}, stop);
+            ProcessRunner::run("security", {"find-certificate", "-c", identity->name, "-p"}, stop);
         const auto days = pem.exitCode == 0 ? certificateDaysUntilExpiry(pem.output)
                                             : std::vector<std::int64_t>{};
         if (days.empty()) {

@@ -203,12 +203,13 @@ std::vector<DoctorFinding> ReleaseDoctor::website(const ProjectProfile& profile,
 
 DoctorFinding ReleaseDoctor::github(const ProjectProfile* profile, std::stop_token stop) const {
     const bool needed = profile != nullptr && profile->githubRelease.enabled;
-    if (runner.run(ProcessRequest{.command = "which", .arguments = {"gh"}}, stop).exitCode != 0) {
+    if (ProcessRunner::run(ProcessRequest{.command = "which", .arguments = {"gh"}}, stop)
+            .exitCode != 0) {
         return finding("GitHub", needed ? Verdict::problem : Verdict::warning,
                        "GitHub's command-line tool 'gh' is not installed",
                        "Install it ('brew install gh'), then run 'gh auth login'.");
     }
-    const auto status = runner.run(
+    const auto status = ProcessRunner::run(
         ProcessRequest{.command = "gh", .arguments = {"auth", "status"}, .timeout = 30}, stop);
     if (status.exitCode != 0) {
         return finding("GitHub", needed ? Verdict::problem : Verdict::warning,

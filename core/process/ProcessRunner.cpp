@@ -320,6 +320,7 @@ ProcessRunner::resolveLaunch(const std::string& command, const std::vector<std::
     if (command.starts_with('/') || command.starts_with("./") || found) {
         // One exec instead of two: env would find the same file on the same PATH.
         launch.executable = found.value_or(command);
+        launch.foundOnPath = found.has_value();
         launch.argv.reserve(arguments.size() + 1);
         launch.argv.push_back(command);
     } else {
@@ -378,14 +379,14 @@ std::optional<std::size_t> ProcessRunner::effectiveCaptureLimit(std::optional<lo
 }
 
 ProcessResult ProcessRunner::run(std::string command, std::vector<std::string> arguments,
-                                 std::stop_token stop) const {
+                                 std::stop_token stop) {
     ProcessRequest request;
     request.command = std::move(command);
     request.arguments = std::move(arguments);
     return run(request, std::move(stop));
 }
 
-ProcessResult ProcessRunner::run(const ProcessRequest& request, std::stop_token stop) const {
+ProcessResult ProcessRunner::run(const ProcessRequest& request, std::stop_token stop) {
     if (request.standardInput && request.standardInput->size() > maxStandardInput) {
         throw ProcessExecutionError::inputTooLarge();
     }
@@ -408,7 +409,7 @@ ProcessResult ProcessRunner::run(const ProcessRequest& request, std::stop_token 
         path == environment.end() ? std::nullopt : std::optional<std::string_view>(path->second),
         request.currentDirectory);
     plan.executable = std::move(launch.executable);
-    plan.foundOnPath = plan.executable != request.command && plan.executable != "/usr/bin/env";
+    plan.foundOnPath = launch.foundOnPath;
     if (plan.executable.starts_with("./")) {
         // Relative to the caller's directory, not the child's working directory.
         plan.executable = (std::filesystem::current_path() / plan.executable).lexically_normal();

@@ -59,13 +59,15 @@ public:
     // CancellationError when `stop` is requested (the tool's process group gets SIGTERM, and
     // SIGKILL after terminationGrace; the call returns once the tool has ended),
     // or VeltraError (domain "POSIX") when it cannot be launched. A non-zero exit is returned.
-    ProcessResult run(const ProcessRequest& request, std::stop_token stop = {}) const;
-    ProcessResult run(std::string command, std::vector<std::string> arguments,
-                      std::stop_token stop = {}) const;
+    // The runner keeps no state, so there is nothing to make or hold: ProcessRunner::run(...).
+    static ProcessResult run(const ProcessRequest& request, std::stop_token stop = {});
+    static ProcessResult run(std::string command, std::vector<std::string> arguments,
+                             std::stop_token stop = {});
 
     struct Launch {
         std::string executable;
         std::vector<std::string> argv; // including argv[0]
+        bool foundOnPath = false;      // a bare name looked up here, not by env
     };
     // Paths starting with "/" or "./" run directly. A bare name found on `searchPath` (the
     // child's PATH; its relative folders from `workingDirectory`, as in the child) runs directly

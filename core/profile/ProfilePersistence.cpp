@@ -33,11 +33,11 @@ std::filesystem::path asideName(const std::filesystem::path& url) {
     const auto stamp =
         fmt::format("{:04}{:02}{:02}-{:02}{:02}{:02}", local.tm_year + 1900, local.tm_mon + 1,
                     local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
-    auto candidate = url;
-    candidate += ".unreadable-" + stamp;
+    const auto first = url.parent_path() / (asidePrefix(url) + stamp);
+    auto candidate = first;
     for (int n = 2; std::filesystem::exists(candidate); ++n) {
-        candidate = url;
-        candidate += fmt::format(".unreadable-{}-{}", stamp, n);
+        candidate = first;
+        candidate += fmt::format("-{}", n);
     }
     return candidate;
 }
@@ -128,7 +128,7 @@ FileRead readProfileFile(const std::filesystem::path& url) {
 
 } // namespace
 
-ProfilePersistence::ProfilePersistence(std::filesystem::path url) : file_(std::move(url)) {}
+ProfilePersistence::ProfilePersistence(std::filesystem::path file) : file_(std::move(file)) {}
 
 ProfileLoadResult ProfilePersistence::load() {
     ProfileLoadResult result;
@@ -218,11 +218,6 @@ void ProfilePersistence::disable() {
     const std::lock_guard guard(lock_);
     disabled_ = true;
     pending_.reset();
-}
-
-bool ProfilePersistence::isDisabled() const {
-    const std::lock_guard guard(lock_);
-    return disabled_;
 }
 
 int ProfilePersistence::writeCount() const {

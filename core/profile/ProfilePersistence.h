@@ -26,7 +26,7 @@ struct ProfileLoadResult {
 // since its last read or save, and replaces it atomically.
 class ProfilePersistence {
 public:
-    explicit ProfilePersistence(std::filesystem::path url);
+    explicit ProfilePersistence(std::filesystem::path file);
 
     const std::filesystem::path& file() const { return file_; }
     // Reads and decodes the file on the queue. A file that exists but cannot be used is copied
@@ -38,14 +38,13 @@ public:
     void schedule(std::vector<ProjectProfile> profiles);
     // Waits until every scheduled list has been written.
     void flush();
-    // Saving stops for good (how a file that could not be read is protected).
-    void disable();
-    bool isDisabled() const;
     int writeCount() const;
     // The last write failure, if the last write failed.
     std::optional<std::string> lastError() const;
 
 private:
+    // Saving stops for good (how a file that could not be read is protected).
+    void disable();
     void writePending();
     void save(const std::vector<ProjectProfile>& profiles);
 

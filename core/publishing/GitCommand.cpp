@@ -5,12 +5,6 @@
 #include <atomic>
 
 namespace veltra {
-namespace {
-
-// Stateless: tests substitute tools through PATH, never the runner.
-const ProcessRunner runner;
-
-} // namespace
 
 namespace {
 
@@ -28,13 +22,14 @@ ProcessResult GitCommand::run(const std::filesystem::path& repository,
     const bool lockedBefore = std::filesystem::exists(indexLock, error);
     ++runningGitCommands;
     try {
-        auto result = runner.run(ProcessRequest{.command = "git",
-                                                .arguments = std::move(arguments),
-                                                .currentDirectory = repository,
-                                                .environment = {{"GIT_TERMINAL_PROMPT", "0"}},
-                                                .timeout = timeout,
-                                                .onOutput = std::move(onOutput)},
-                                 stop);
+        auto result =
+            ProcessRunner::run(ProcessRequest{.command = "git",
+                                              .arguments = std::move(arguments),
+                                              .currentDirectory = repository,
+                                              .environment = {{"GIT_TERMINAL_PROMPT", "0"}},
+                                              .timeout = timeout,
+                                              .onOutput = std::move(onOutput)},
+                               stop);
         --runningGitCommands;
         return result;
     } catch (const CancellationError&) {

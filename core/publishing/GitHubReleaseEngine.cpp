@@ -6,12 +6,6 @@
 #include <mutex>
 
 namespace veltra {
-namespace {
-
-// Stateless: tests substitute tools through PATH, never the runner.
-const ProcessRunner runner;
-
-} // namespace
 
 std::vector<std::string> GitHubReleaseEngine::arguments(const GitHubReleaseConfig& config,
                                                         const std::filesystem::path& dmgPath,
@@ -44,7 +38,8 @@ void GitHubReleaseEngine::publish(const GitHubReleaseConfig& config,
         }
     };
     say("Publishing release v" + version + " to GitHub Releases...");
-    if (runner.run(ProcessRequest{.command = "which", .arguments = {"gh"}}, stop).exitCode != 0) {
+    if (ProcessRunner::run(ProcessRequest{.command = "which", .arguments = {"gh"}}, stop)
+            .exitCode != 0) {
         throw VeltraError("Veltra", errorCode::notFound,
                           "GitHub CLI ('gh') is not installed. Install via 'brew install gh' or "
                           "disable GitHub Releases in profile.");
@@ -72,7 +67,7 @@ void GitHubReleaseEngine::publish(const GitHubReleaseConfig& config,
             }
         };
     }
-    const auto result = runner.run(request, stop);
+    const auto result = ProcessRunner::run(request, stop);
     if (log && !pending.empty()) {
         log(pending);
     }

@@ -11,12 +11,6 @@
 namespace veltra {
 namespace {
 
-// Stateless: tests substitute tools through PATH, never the runner.
-const ProcessRunner runner;
-
-} // namespace
-namespace {
-
 constexpr std::string_view fallbackBullet =
     "- **General Improvements**: Performance optimizations and stability refinements.";
 
@@ -97,12 +91,13 @@ std::string ReleaseNotesGenerator::generate(const std::filesystem::path& reposit
     }
     std::string subjects;
     try {
-        const auto result = runner.run(ProcessRequest{.command = "git",
-                                                      .arguments = std::move(arguments),
-                                                      .currentDirectory = repository,
-                                                      .environment = {{"GIT_TERMINAL_PROMPT", "0"}},
-                                                      .timeout = 30},
-                                       stop);
+        const auto result =
+            ProcessRunner::run(ProcessRequest{.command = "git",
+                                              .arguments = std::move(arguments),
+                                              .currentDirectory = repository,
+                                              .environment = {{"GIT_TERMINAL_PROMPT", "0"}},
+                                              .timeout = 30},
+                               stop);
         if (result.exitCode == 0) {
             subjects = result.output;
         } else {

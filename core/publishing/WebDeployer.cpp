@@ -15,12 +15,6 @@
 namespace veltra {
 namespace {
 
-// Stateless: tests substitute tools through PATH, never the runner.
-const ProcessRunner runner;
-
-} // namespace
-namespace {
-
 template <typename Operation> void fileStep(Operation&& operation) {
     try {
         operation();
@@ -126,13 +120,13 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
                                   " and no remote URL provided.");
         }
         say("Website repo not found \xE2\x80\x93 attempting to clone from " + remote + "...");
-        const auto cloned =
-            runner.run(ProcessRequest{.command = "git",
-                                      .arguments = {"clone", "--", remote, repository.string()},
-                                      .currentDirectory = homeDirectory(),
-                                      .environment = {{"GIT_TERMINAL_PROMPT", "0"}},
-                                      .timeout = GitCommand::defaultTimeout},
-                       stop);
+        const auto cloned = ProcessRunner::run(
+            ProcessRequest{.command = "git",
+                           .arguments = {"clone", "--", remote, repository.string()},
+                           .currentDirectory = homeDirectory(),
+                           .environment = {{"GIT_TERMINAL_PROMPT", "0"}},
+                           .timeout = GitCommand::defaultTimeout},
+            stop);
         if (cloned.exitCode != 0) {
             throw VeltraError("Veltra", errorCode::notFound,
                               "Website repo not found at " + repository.string() +

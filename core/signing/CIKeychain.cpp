@@ -14,12 +14,6 @@
 namespace veltra {
 namespace {
 
-// Stateless: tests substitute tools through PATH, never the runner.
-const ProcessRunner runner;
-
-} // namespace
-namespace {
-
 std::string randomPassword() {
     std::array<std::uint8_t, 24> bytes{};
     if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1) {
@@ -59,7 +53,7 @@ std::vector<SigningCertificate> CIKeychain::setup(const std::filesystem::path& p
                                                   const std::string& name,
                                                   std::stop_token stop) const {
     const auto security = [&](std::vector<std::string> arguments) {
-        return runner.run("security", std::move(arguments), stop);
+        return ProcessRunner::run("security", std::move(arguments), stop);
     };
     // Commands that carry a password read it from standard input, never from argv.
     const auto securityWithSecret = [&](const std::vector<std::string>& arguments) {
@@ -119,7 +113,7 @@ std::vector<SigningCertificate> CIKeychain::setup(const std::filesystem::path& p
 }
 
 void CIKeychain::teardown(const std::string& name, std::stop_token stop) const {
-    const auto deleted = runner.run("security", {"delete-keychain", name}, stop);
+    const auto deleted = ProcessRunner::run("security", {"delete-keychain", name}, stop);
     if (deleted.exitCode != 0) {
         throw failure("Could not delete keychain " + name, deleted);
     }

@@ -8,12 +8,6 @@
 #include <cctype>
 
 namespace veltra {
-namespace {
-
-// Stateless: tests substitute tools through PATH, never the runner.
-const ProcessRunner runner;
-
-} // namespace
 
 namespace {
 
@@ -113,7 +107,8 @@ std::vector<SigningCertificate> CertificateScanner::parseIdentities(std::string_
 }
 
 std::vector<SigningCertificate> CertificateScanner::scanIdentities(std::stop_token stop) const {
-    const auto result = runner.run("security", {"find-identity", "-v", "-p", "codesigning"}, stop);
+    const auto result =
+        ProcessRunner::run("security", {"find-identity", "-v", "-p", "codesigning"}, stop);
     if (result.exitCode != 0) {
         const std::string said(
             trimWhitespace(result.errorOutput.empty() ? result.output : result.errorOutput));
@@ -192,8 +187,8 @@ void CertificateScanner::openXcodeSettings() {
     end tell
 end tell)";
     try {
-        runner.run("open", {"-b", "com.apple.dt.Xcode"});
-        runner.run("osascript", {"-e", script});
+        ProcessRunner::run("open", {"-b", "com.apple.dt.Xcode"});
+        ProcessRunner::run("osascript", {"-e", script});
     } catch (const std::exception&) {
     }
 #endif

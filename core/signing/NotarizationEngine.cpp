@@ -6,12 +6,6 @@
 #include <algorithm>
 
 namespace veltra {
-namespace {
-
-// Stateless: tests substitute tools through PATH, never the runner.
-const ProcessRunner runner;
-
-} // namespace
 
 NotaryFailure::Kind NotaryFailure::classify(std::string_view output) {
     const auto lower = asciiLowercase(output);
@@ -116,7 +110,7 @@ void NotarizationEngine::store(ProcessRequest request, const std::string& keycha
     };
     log("Storing notarization credentials in macOS Keychain...");
     request.command = "xcrun";
-    const auto result = runner.run(request, stop);
+    const auto result = ProcessRunner::run(request, stop);
     if (result.exitCode != 0) {
         const auto err = trimWhitespace(result.errorOutput);
         throw VeltraError("Veltra", errorCode::notAuthorized,
@@ -133,7 +127,7 @@ ProcessResult NotarizationEngine::checkCredentials(const std::string& keychainPr
     request.arguments = {"notarytool",    "history",         "--keychain-profile",
                          keychainProfile, "--output-format", "json"};
     request.timeout = timeout;
-    return runner.run(request, stop);
+    return ProcessRunner::run(request, stop);
 }
 
 bool NotarizationEngine::credentialsExist(const std::string& keychainProfile,
@@ -154,7 +148,7 @@ void staple(const std::filesystem::path& file, const std::function<void(const st
             std::stop_token stop) {
     const auto name = file.filename().string();
     log("   Stapling Gatekeeper ticket to " + name + "...");
-    const auto stapled = runner.run("xcrun", {"stapler", "staple", file.string()}, stop);
+    const auto stapled = ProcessRunner::run("xcrun", {"stapler", "staple", file.string()}, stop);
     if (stapled.exitCode != 0) {
         throw VeltraError("Veltra", errorCode::serviceUnavailable,
                           "Stapling failed: " + combinedOutput(stapled));
@@ -193,7 +187,7 @@ void NotarizationEngine::notarize(const std::filesystem::path& file,
             }
         }
     };
-    const auto result = runner.run(submit, stop);
+    const auto result = ProcessRunner::run(submit, stop);
     const auto output = result.output + "\n" + result.errorOutput;
     // The tool exits 0 on an Invalid verdict too; only the status line tells.
     if (result.exitCode != 0 || contains(output, "status: Invalid")) {
@@ -224,7 +218,7 @@ void NotarizationEngine::finishSubmission(const std::filesystem::path& file,
     };
     log("   Looking up notarization submission " + submissionID + " (profile: '" + keychainProfile +
         "')...");
-    auto answer = runner.run(
+    auto answer = ProcessRunner::run(
         "xcrun", {"notarytool", "info", submissionID, "--keychain-profile", keychainProfile}, stop);
     const auto status = [](const ProcessResult& result) {
         std::string value;
@@ -237,7 +231,7 @@ void NotarizationEngine::finishSubmission(const std::filesystem::path& file,
     };
     if (answer.exitCode == 0 && status(answer) == "In Progress") {
         log("   Waiting for Apple to finish processing...");
-        answer = runner.run(
+        answer = ProcessRunner::run(
             "xcrun", {"notarytool", "wait", submissionID, "--keychain-profile", keychainProfile},
             stop);
     }

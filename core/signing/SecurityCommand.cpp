@@ -3,12 +3,6 @@
 #include "core/support/VeltraError.h"
 
 namespace veltra {
-namespace {
-
-// Stateless: tests substitute tools through PATH, never the runner.
-const ProcessRunner runner;
-
-} // namespace
 
 std::string securityInputLine(const std::vector<std::string>& arguments) {
     std::string line;
@@ -37,7 +31,7 @@ ProcessResult runSecurityCommand(const std::vector<std::string>& arguments, std:
     request.command = "security";
     request.arguments = {"-i"};
     request.standardInput = securityInputLine(arguments);
-    auto result = runner.run(request, std::move(stop));
+    auto result = ProcessRunner::run(request, std::move(stop));
     if (!arguments.empty()) {
         // The trailer names the command, not the cause; the line before it is security's own.
         const auto trailer = arguments.front() + ": returned ";

@@ -17,12 +17,6 @@
 #include <fmt/format.h>
 
 namespace veltra {
-namespace {
-
-// Stateless: tests substitute tools through PATH, never the runner.
-const ProcessRunner runner;
-
-} // namespace
 
 namespace fs = std::filesystem;
 
@@ -271,7 +265,7 @@ int XcodeArchiver::signInsideOut(const fs::path& app, const std::string& identit
                                  const LogHandler& onLog, std::stop_token stop) const {
     int warnings = 0;
     for (const auto& target : signingTargets(app)) {
-        const auto result = runner.run(
+        const auto result = ProcessRunner::run(
             "codesign",
             {"--force", "--sign", identity, "--options", "runtime", "--timestamp", target.string()},
             stop);
@@ -337,7 +331,7 @@ fs::path XcodeArchiver::archiveAndExport(const XcodeProjectInfo& project, const 
     request.arguments =
         archiveArguments(project, scheme, archivePath, marketingVersion, buildNumber);
     request.onOutput = [&tracker](std::string_view chunk) { tracker.consume(chunk); };
-    const auto result = runner.run(request, stop);
+    const auto result = ProcessRunner::run(request, stop);
 
     std::error_code missing;
     if (result.exitCode != 0 || !fs::exists(archivePath, missing)) {

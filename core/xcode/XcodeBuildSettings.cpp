@@ -11,12 +11,6 @@
 #include <nlohmann/json.hpp>
 
 namespace veltra {
-namespace {
-
-// Stateless: tests substitute tools through PATH, never the runner.
-const ProcessRunner runner;
-
-} // namespace
 
 namespace fs = std::filesystem;
 
@@ -131,7 +125,7 @@ std::vector<TargetSettings> XcodeBuildSettingsReader::releaseBuildSettings(
     const XcodeProjectInfo& project, const std::string& scheme, std::stop_token stop) const {
     ProcessResult result;
     try {
-        result = runner.run("xcodebuild", arguments(project, scheme), stop);
+        result = ProcessRunner::run("xcodebuild", arguments(project, scheme), stop);
     } catch (const VeltraError& error) {
         throw BuildSettingsError(BuildSettingsError::Kind::toolFailed, error.what());
     }

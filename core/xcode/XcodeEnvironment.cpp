@@ -5,12 +5,6 @@
 #include "core/support/VeltraError.h"
 
 namespace veltra {
-namespace {
-
-// Stateless: tests substitute tools through PATH, never the runner.
-const ProcessRunner runner;
-
-} // namespace
 
 const std::string XcodeEnvironmentValidator::instruction =
     "Run this command in Terminal to point to Xcode:\nsudo xcode-select -s "
@@ -21,7 +15,7 @@ const std::string XcodeEnvironmentValidator::commandLineToolsMessage =
     "Xcode is not selected as the active developer directory.\n\n" + instruction;
 
 std::string DefaultXcodeEnvironmentReader::developerDirectory(std::stop_token stop) const {
-    const auto result = runner.run("xcode-select", {"-p"}, stop);
+    const auto result = ProcessRunner::run("xcode-select", {"-p"}, stop);
     if (result.exitCode != 0) {
         throw VeltraError("Veltra", errorCode::notFound,
                           std::string(trimWhitespace(result.errorOutput)));
@@ -30,7 +24,7 @@ std::string DefaultXcodeEnvironmentReader::developerDirectory(std::stop_token st
 }
 
 ProcessResult DefaultXcodeEnvironmentReader::xcodeVersion(std::stop_token stop) const {
-    return runner.run("xcodebuild", {"-version"}, stop);
+    return ProcessRunner::run("xcodebuild", {"-version"}, stop);
 }
 
 void XcodeEnvironmentValidator::validate(std::stop_token stop) const {
