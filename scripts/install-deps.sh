@@ -5,13 +5,13 @@ set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build git pkg-config python3 python3-yaml
-  clang libclang-rt-14-dev clang-format
+  clang-19 libclang-rt-19-dev clang-format
   libgtest-dev libgmock-dev libbenchmark-dev
   libfmt-dev libcli11-dev nlohmann-json3-dev
   libssl-dev libsodium-dev libcurl4-openssl-dev libexpat1-dev
   libplist-dev libutf8proc-dev libcairo2-dev libpango1.0-dev libcpp-httplib-dev
   fonts-dejavu-core fonts-wqy-microhei
-  llvm-14
+  llvm-19
   qt6-base-dev qt6-base-dev-tools qt6-qpa-plugins libgl-dev
   xvfb xauth dbus-daemon
 )

@@ -53,7 +53,7 @@ echo "== install (release) and the demo from there"
 check_install build/release demo
 echo "== standard build (clang, Release) and install"
 cmake -S . -B build/standard-clang -G Ninja -DCMAKE_BUILD_TYPE=Release \
-  -DCMAKE_CXX_COMPILER=clang++ -DVELTRA_TESTS=OFF -DVELTRA_BENCH=OFF >/dev/null
+  -DCMAKE_CXX_COMPILER=clang++-19 -DVELTRA_TESTS=OFF -DVELTRA_BENCH=OFF >/dev/null
 cmake --build build/standard-clang -j "$jobs"
 check_install build/standard-clang
 

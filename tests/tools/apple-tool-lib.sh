@@ -28,13 +28,24 @@ pause() {
 
 # LLVM's lipo under the name this system gives it.
 lipo_tool() {
-    for candidate in llvm-lipo-14 llvm-lipo /usr/bin/lipo; do
+    for candidate in llvm-lipo-19 llvm-lipo-14 llvm-lipo /usr/bin/lipo; do
         if command -v "$candidate" >/dev/null 2>&1; then
             echo "$candidate"
             return
         fi
     done
-    echo llvm-lipo-14
+    echo llvm-lipo-19
+}
+
+# A clang that can target macOS (any version writes Mach-O objects).
+cross_compiler() {
+    for candidate in clang-19 clang; do
+        if command -v "$candidate" >/dev/null 2>&1; then
+            echo "$candidate"
+            return
+        fi
+    done
+    echo clang-19
 }
 
 # Real Mach-O files, built once per user and reused: thin arm64 and universal x86_64 + arm64.
@@ -43,8 +54,9 @@ macho_cache() {
     if [ ! -f "$cache/universal" ]; then
         work=$(mktemp -d) || return 1
         echo 'int main(void) { return 0; }' >"$work/main.c"
-        clang -target arm64-apple-macos11 -c "$work/main.c" -o "$work/arm64" &&
-            clang -target x86_64-apple-macos11 -c "$work/main.c" -o "$work/x86_64" &&
+        compiler=$(cross_compiler)
+        "$compiler" -target arm64-apple-macos11 -c "$work/main.c" -o "$work/arm64" &&
+            "$compiler" -target x86_64-apple-macos11 -c "$work/main.c" -o "$work/x86_64" &&
             "$(lipo_tool)" -create "$work/x86_64" "$work/arm64" -output "$work/universal" &&
             mkdir -p "$cache" &&
             mv "$work/arm64" "$cache/arm64.$$" && mv "$cache/arm64.$$" "$cache/arm64" &&
