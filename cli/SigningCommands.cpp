@@ -59,7 +59,11 @@ void addIdentities(CLI::App& app, CliContext& context) {
             context.exitStatus = team ? 0 : 1;
             return;
         }
-        const auto identities = scanner.scanIdentities(context.stop);
+        const auto scanned = scanner.scanIdentities(context.stop);
+        if (!scanned) {
+            throw scanned.error();
+        }
+        const auto& identities = *scanned;
         if (*json) {
             Json out = Json::array();
             for (const auto& certificate : identities) {

@@ -161,11 +161,9 @@ public:
         model_.background().run<Scan>(
             this,
             [](std::stop_token stop) {
-                try {
-                    return Scan{CertificateScanner().scanIdentities(stop), std::nullopt};
-                } catch (const VeltraError& failed) {
-                    return Scan{{}, failed.message()};
-                }
+                auto scanned = CertificateScanner().scanIdentities(stop);
+                return scanned ? Scan{std::move(*scanned), std::nullopt}
+                               : Scan{{}, scanned.error().message()};
             },
             [this](Scan scan) {
                 const auto& found = scan.found;

@@ -35,14 +35,12 @@ void PipelineManager::versionStage(RunState& run) {
         throw VeltraError("Veltra", errorCode::invalidSetup, *error);
     }
     const auto label = "v" + run.version + " (" + std::to_string(run.build.value_or(0)) + ")";
-    if (run.request.dryRun) {
-        // The archiver gives xcodebuild the version and build as overrides either way.
-        log("Info: Dry run: v" + run.version + " (build " + std::to_string(run.build.value_or(0)) +
-            ") goes to xcodebuild as overrides; the project is not written");
+    if (run.dryRun) {
+        run.dryRun->versionNotWritten(run.version, run.build.value_or(0));
         updateStep(StepID::version, StepStatus::succeeded, label + ", not written");
         return;
     }
-    const auto applied = versionManager.apply(run.version, run.build, *run.project);
+    const auto applied = run.engines.versionManager.apply(run.version, run.build, *run.project);
     for (const auto& notice : applied.notices) {
         log("Info: Version notice: " + notice);
     }
@@ -57,7 +55,11 @@ void PipelineManager::chooseIdentity(RunState& run) {
     std::optional<std::vector<SigningCertificate>> scanned;
     const auto certificates = [&]() -> const std::vector<SigningCertificate>& {
         if (!scanned) {
-            scanned = certificateScanner.scanIdentities(run.stop);
+            auto all = run.engines.certificateScanner.scanIdentities(run.stop);
+            if (!all) {
+                throw all.error();
+            }
+            scanned = std::move(*all);
         }
         return *scanned;
     };
@@ -130,7 +132,7 @@ void PipelineManager::archiveStage(RunState& run, std::optional<BranchWorktree>&
     }
     chooseIdentity(run);
     log("   Compiling Release Build...");
-    run.app = xcodeArchiver.archiveAndExport(
+    run.app = run.engines.xcodeArchiver.archiveAndExport(
         info, scheme, run.identity, run.version, run.build,
         [this](const std::string& line) { log(line); }, run.stop);
     // <temp>/veltra_build_<UUID>/ExportedApp/<name>.app
@@ -141,7 +143,7 @@ void PipelineManager::archiveStage(RunState& run, std::optional<BranchWorktree>&
 void PipelineManager::inspectStage(RunState& run) {
     log("\n[2/6] Codesigning & Verifying Application Bundle");
     updateStep(StepID::inspect, StepStatus::running, "Inspecting metadata & signatures...");
-    run.info = inspector.inspect(run.app, run.stop);
+    run.info = run.engines.inspector.inspect(run.app, run.stop);
     post([this, info = run.info] { appInfo_ = info; });
     const auto& info = run.info;
     log("   Success: Name: " + info.displayName);
@@ -165,7 +167,7 @@ void PipelineManager::inspectStage(RunState& run) {
     }
     log("   Success: Codesigned: " + signing);
     if (run.identity) {
-        if (const auto problem = inspector.signatureProblem(run.app, run.stop)) {
+        if (const auto problem = run.engines.inspector.signatureProblem(run.app, run.stop)) {
             throw VeltraError("Veltra", errorCode::toolFailed,
                               "The re-signed app does not pass code signature verification: " +
                                   *problem);
@@ -183,7 +185,7 @@ void PipelineManager::inspectStage(RunState& run) {
                                   ". Update the Sparkle download URL pattern and try again.");
         }
     }
-    run.iconPNG = appIconResolver.pngData(info.iconURL, run.stop);
+    run.iconPNG = run.engines.appIconResolver.pngData(info.iconURL, run.stop);
     updateStep(StepID::inspect, StepStatus::succeeded,
                "v" + info.version + " (" + info.build + ")");
 }

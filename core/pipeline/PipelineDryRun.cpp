@@ -1,33 +1,94 @@
+#include "PipelineDryRun.h"
+
 #include "PipelineRunState.h"
-#include "ReleaseRunRecord.h"
-#include "core/feed/ReleaseFeedValidator.h"
-#include "core/process/ProcessRunner.h"
 #include "core/publishing/GitCommand.h"
-#include "core/publishing/ReleaseNotificationEvent.h"
+#include "core/publishing/GitHubReleaseEngine.h"
 #include "core/publishing/ReleasePublishingPlan.h"
-#include "core/records/ReleaseCompletion.h"
-#include "core/support/FileDigest.h"
-#include "core/support/FileLock.h"
-#include "core/support/FileUtilities.h"
-#include "core/support/PathRules.h"
-#include "core/support/PropertyList.h"
 #include "core/support/Text.h"
 #include "core/support/Uuid.h"
 #include "core/support/VeltraError.h"
-#include "core/xcode/XcodeProjectDiscovery.h"
 
-#include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstdlib>
-#include <ctime>
+#include <string>
+#include <system_error>
 #include <unistd.h>
 
 #include <fmt/format.h>
 
-// What a dry run says instead of releasing.
 namespace veltra {
 
+DryRun::DryRun(const std::filesystem::path& temporaryBase, Log log)
+    : base_(temporaryBase.empty() ? std::filesystem::temp_directory_path() : temporaryBase),
+      log_(std::move(log)) {
+    auto pattern = (base_ / "veltra-dryrun-files-XXXXXX").string();
+    if (::mkdtemp(pattern.data()) == nullptr) {
+        throw VeltraError("POSIX", errno,
+                          "Could not create a folder for the dry run's files in " + pattern + ".");
+    }
+    files_ = pattern;
+    log_("Dry run: the image and notes go to " + pattern);
+}
+
+DryRun::~DryRun() {
+    if (clone_) {
+        std::error_code ignored;
+        std::filesystem::remove_all(*clone_, ignored);
+    }
+}
+
+void DryRun::useWebsiteClone(ResolvedDeliveryConfig& delivery, const WebDeployConfig& deploy,
+                             std::stop_token stop) {
+    const auto repository = delivery.websiteRepoPath;
+    const auto branch = WebDeployer::branch(deploy);
+    const auto clone = base_ / ("veltra_dryrun_" + Uuid::random().string());
+    // Set first, so a clone that fails halfway is removed too.
+    clone_ = clone;
+    const auto cloned = GitCommand::run(
+        base_,
+        {"clone", "--quiet", "--branch=" + branch, "--", repository.string(), clone.string()},
+        stop);
+    if (cloned.exitCode != 0) {
+        throw GitCommand::failure("Could not clone the website repository for the dry run", cloned);
+    }
+    // The feed and the deploy use the clone's files in the same places.
+    std::error_code error;
+    const auto relative =
+        std::filesystem::weakly_canonical(delivery.appcastPath, error)
+            .lexically_relative(std::filesystem::weakly_canonical(repository, error));
+    delivery.appcastPath =
+        relative.empty() || relative.begin()->string() == ".."
+            ? clone / ReleasePublishingPlan::downloadsFolder(deploy) / "appcast.xml"
+            : clone / relative;
+    delivery.websiteRepoPath = clone;
+    log_("   Dry run: the feed is signed and written, and the deploy committed, in a temporary "
+         "clone of the website repository that is never pushed: " +
+         clone.string());
+}
+
+void DryRun::versionNotWritten(const std::string& version, std::int64_t build) const {
+    // The archiver gives xcodebuild the version and build as overrides either way.
+    log_("Info: Dry run: v" + version + " (build " + std::to_string(build) +
+         ") goes to xcodebuild as overrides; the project is not written");
+}
+
+void DryRun::notarizationNotSubmitted(const std::filesystem::path& dmg,
+                                      const std::string& keychainProfile) const {
+    log_("   Dry run: would submit " + dmg.filename().string() +
+         " to Apple's notary service with keychain profile '" + keychainProfile +
+         "', then staple the ticket");
+}
+
+void DryRun::gitHubNotPublished(const GitHubReleaseConfig& config, const std::filesystem::path& dmg,
+                                const std::string& appName, const std::string& version,
+                                const std::filesystem::path& notes) const {
+    // The notes file the run wrote holds the same text gh would be given.
+    auto words = GitHubReleaseEngine::arguments(config, dmg, appName, version, notes);
+    words.insert(words.begin(), "gh");
+    log_("   Dry run: would run: " + shellCommandLine(words));
+}
+
+// What a dry run says instead of releasing.
 void PipelineManager::dryRunSummary(RunState& run, double elapsed) {
     log(runSeparator());
     log(fmt::format("Dry run of {} finished in {:.1f}s. Nothing was published; a release would "

@@ -1,27 +1,14 @@
 #pragma once
 
-#include "DeploymentArtifacts.h"
 #include "PipelineLogStream.h"
-#include "SparkleAutoResolver.h"
 #include "WebsitePublicationWatcher.h"
-#include "core/dmg/AppIconResolver.h"
-#include "core/dmg/DMGBuilder.h"
-#include "core/feed/PublishedFeedReader.h"
-#include "core/feed/SparkleEngine.h"
 #include "core/profile/ProjectProfile.h"
-#include "core/publishing/BranchWorktree.h"
-#include "core/publishing/GitHubReleaseEngine.h"
-#include "core/publishing/WebDeployer.h"
 #include "core/records/PipelineStep.h"
 #include "core/records/ReleaseLogEntry.h"
 #include "core/records/ReleaseManifest.h"
-#include "core/signing/CertificateScanner.h"
-#include "core/signing/NotarizationEngine.h"
 #include "core/support/MainQueue.h"
 #include "core/support/NotificationCenter.h"
 #include "core/xcode/AppInspector.h"
-#include "core/xcode/VersionManager.h"
-#include "core/xcode/XcodeArchiver.h"
 
 #include <chrono>
 #include <filesystem>
@@ -34,6 +21,7 @@
 
 namespace veltra {
 
+class BranchWorktree;
 class PipelineManager;
 
 // Told of the pipeline's published state as it changes, on the main queue.
@@ -122,19 +110,6 @@ public:
     std::filesystem::path temporaryDirectory;
 
 private:
-    // The engines, one each for the manager's life; only the stages use them.
-    VersionManager versionManager;
-    XcodeArchiver xcodeArchiver;
-    CertificateScanner certificateScanner;
-    AppInspector inspector;
-    AppIconResolver appIconResolver;
-    DMGBuilder dmgBuilder;
-    NotarizationEngine notarizer;
-    SparkleEngine sparkleEngine;
-    PublishedFeedReader feedReader;
-    WebDeployer webDeployer;
-    GitHubReleaseEngine githubEngine;
-
     struct RunState;
     void execute(const ReleaseRequest& request, std::stop_token stop);
     void preflight(RunState& run);
@@ -155,7 +130,6 @@ private:
     void finishOnMain(std::optional<ReleaseManifest> manifest, std::optional<std::string> error,
                       bool cancelled, std::optional<Uuid> profileID, bool record = true);
     void dryRunSummary(RunState& run, double elapsed);
-    void useWebsiteClone(RunState& run);
     void keepForResume(RunState& run);
     void reuseKeptSteps(RunState& run);
     void updateStep(StepID id, StepStatus status, const std::string& message);

@@ -64,7 +64,7 @@ void PipelineManager::dmgStage(RunState& run) {
     if (run.identity) {
         options.signingIdentity = run.identity;
     }
-    auto builder = dmgBuilder;
+    auto& builder = run.engines.dmgBuilder;
     if (builder.temporaryDirectory.empty()) {
         builder.temporaryDirectory = temporaryDirectory;
     }
@@ -92,15 +92,13 @@ void PipelineManager::notarizeStage(RunState& run) {
                    "Notarization skipped (Development identity)");
         return;
     }
-    if (run.request.dryRun) {
-        log("   Dry run: would submit " + run.dmg.filename().string() +
-            " to Apple's notary service with keychain profile '" +
-            notarization.keychainProfileName + "', then staple the ticket");
+    if (run.dryRun) {
+        run.dryRun->notarizationNotSubmitted(run.dmg, notarization.keychainProfileName);
         updateStep(StepID::notarize, StepStatus::skipped, "Not submitted (dry run)");
         return;
     }
     updateStep(StepID::notarize, StepStatus::running, "Submitting to Apple...");
-    auto engine = notarizer;
+    auto& engine = run.engines.notarizer;
     // Known before the wait, so a stopped run can look the submission up instead of sending it
     // again. Written on the tool's reader thread, read after the run has joined it.
     engine.onSubmissionID = [&run](const std::string& id) { run.notarySubmissionID = id; };

@@ -40,10 +40,10 @@ void PipelineManager::sparkleStage(RunState& run) {
         return;
     }
     WebDeployer::checkFileName(run.appName);
-    if (run.request.dryRun) {
-        useWebsiteClone(run);
+    if (run.dryRun) {
+        run.dryRun->useWebsiteClone(*run.delivery, profile.webDeploy, run.stop);
     }
-    auto engine = sparkleEngine;
+    auto& engine = run.engines.sparkleEngine;
     engine.log = [this](const std::string& line) { log("   " + line); };
     if (profile.sparkle.signUpdatePath && !profile.sparkle.signUpdatePath->empty()) {
         engine.configuredTool = expandTilde(*profile.sparkle.signUpdatePath);
@@ -107,18 +107,18 @@ void PipelineManager::deployStage(RunState& run) {
     release.iconPNG = run.iconPNG;
     release.signature = *run.artifacts.sparkleSignature;
     release.size = run.artifacts.dmgSize;
-    auto deployer = webDeployer;
+    auto& deployer = run.engines.webDeployer;
     auto config = profile.webDeploy;
     // The preflight checked, before building, that the commit carries only this release; the
     // feed and files this run wrote since are its own.
     deployer.checkRepositoryFirst = false;
-    if (run.websiteClone) {
+    if (run.dryRun) {
         deployer.commitOnly = true;
-        config.websiteRepoPath = run.websiteClone->string();
+        config.websiteRepoPath = run.dryRun->websiteClone()->string();
     }
     run.artifacts.websitePublication = deployer.deploy(
         config, *run.delivery, release, [this](const std::string& line) { log(line); }, run.stop);
-    if (run.websiteClone) {
+    if (run.dryRun) {
         updateStep(StepID::deploy, StepStatus::succeeded,
                    "Committed in a temporary clone; not pushed");
         publishToGitHub(run);
@@ -129,51 +129,19 @@ void PipelineManager::deployStage(RunState& run) {
     publishToGitHub(run);
 }
 
-void PipelineManager::useWebsiteClone(RunState& run) {
-    const auto& repository = run.delivery->websiteRepoPath;
-    const auto branch = WebDeployer::branch(run.request.profile.webDeploy);
-    const auto base =
-        temporaryDirectory.empty() ? std::filesystem::temp_directory_path() : temporaryDirectory;
-    const auto clone = base / ("veltra_dryrun_" + Uuid::random().string());
-    run.websiteClone = clone;
-    const auto cloned = GitCommand::run(
-        base, {"clone", "--quiet", "--branch=" + branch, "--", repository.string(), clone.string()},
-        run.stop);
-    if (cloned.exitCode != 0) {
-        throw GitCommand::failure("Could not clone the website repository for the dry run", cloned);
-    }
-    // The feed and the deploy use the clone's files in the same places.
-    std::error_code error;
-    const auto relative =
-        std::filesystem::weakly_canonical(run.delivery->appcastPath, error)
-            .lexically_relative(std::filesystem::weakly_canonical(repository, error));
-    run.delivery->appcastPath =
-        relative.empty() || relative.begin()->string() == ".."
-            ? clone / ReleasePublishingPlan::downloadsFolder(run.request.profile.webDeploy) /
-                  "appcast.xml"
-            : clone / relative;
-    run.delivery->websiteRepoPath = clone;
-    log("   Dry run: the feed is signed and written, and the deploy committed, in a temporary "
-        "clone of the website repository that is never pushed: " +
-        clone.string());
-}
-
 void PipelineManager::publishToGitHub(RunState& run) {
     const auto& config = run.request.profile.githubRelease;
     if (!config.enabled) {
         return;
     }
-    if (run.request.dryRun) {
-        // The notes file the run wrote holds the same text gh would be given.
-        auto words = GitHubReleaseEngine::arguments(config, run.dmg, run.appName, run.info.version,
-                                                    run.notesPath);
-        words.insert(words.begin(), "gh");
-        log("   Dry run: would run: " + shellCommandLine(words));
+    if (run.dryRun) {
+        run.dryRun->gitHubNotPublished(config, run.dmg, run.appName, run.info.version,
+                                       run.notesPath);
         return;
     }
     log("   Publishing to GitHub Releases...");
     try {
-        githubEngine.publish(
+        run.engines.githubEngine.publish(
             config, run.dmg, run.appName, run.info.version, run.notes,
             [this](const std::string& line) { log(line); }, run.stop);
         run.artifacts.githubPublicationSucceeded = true;

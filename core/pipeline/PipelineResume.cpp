@@ -84,7 +84,7 @@ void PipelineManager::reuseKeptSteps(RunState& run) {
 
 void PipelineManager::keepForResume(RunState& run) {
     // Nothing finished, nothing to reuse (a refusal by preflight is not worth resuming).
-    if (!run.fromProject || run.request.dryRun || !run.build || run.completed.empty()) {
+    if (!run.fromProject || run.dryRun || !run.build || run.completed.empty()) {
         return;
     }
     try {

@@ -76,12 +76,17 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
         run.outputDirectory = expandTilde(standardizePath(profile.outputDirectory));
         if (run.fromProject) {
             run.project = expandTilde(standardizePath(*profile.sourceProjectPath));
-            const auto suggested = versionManager.readVersionInfo(
+            const auto suggested = run.engines.versionManager.readVersionInfo(
                 *run.project, profile.sparkle.appcastPath.empty()
                                   ? std::nullopt
                                   : std::optional<std::string>(profile.sparkle.appcastPath));
             run.version = request.version.value_or(suggested.currentVersion);
             run.build = request.build ? request.build : suggested.nextSuggestedBuild;
+            if (request.resume && request.dryRun) {
+                // The kept steps skip the feed, and with it the clone a dry run deploys to.
+                throw VeltraError("Veltra", errorCode::invalidSetup,
+                                  "A stopped release resumes as it was, never as a dry run.");
+            }
             if (request.resume) {
                 run.resumed = ReleaseRunRecord::load(run.outputDirectory);
                 if (!run.resumed || run.resumed->profileID != profile.id) {
@@ -120,18 +125,8 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
         std::filesystem::create_directories(run.outputDirectory);
         run.filesDirectory = run.outputDirectory;
         if (request.dryRun) {
-            // A dry run never touches the output folder, where published files are kept.
-            auto pattern = ((temporaryDirectory.empty() ? std::filesystem::temp_directory_path()
-                                                        : temporaryDirectory) /
-                            "veltra-dryrun-files-XXXXXX")
-                               .string();
-            if (::mkdtemp(pattern.data()) == nullptr) {
-                throw VeltraError("POSIX", errno,
-                                  "Could not create a folder for the dry run's files in " +
-                                      pattern + ".");
-            }
-            run.filesDirectory = pattern;
-            log("Dry run: the image and notes go to " + pattern);
+            run.dryRun.emplace(temporaryDirectory, [this](const std::string& line) { log(line); });
+            run.filesDirectory = run.dryRun->filesDirectory();
         }
 
         // Each stage counts as finished once it returns; a resumed run skips those its record
@@ -158,7 +153,7 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
             stage(StepID::sparkle, [&] { sparkleStage(run); });
             deployStage(run);
             run.completed.emplace_back(rawValue(StepID::deploy));
-            if (!request.dryRun) {
+            if (!run.dryRun) {
                 std::error_code ignored;
                 std::filesystem::remove_all(ReleaseRunRecord::folder(run.outputDirectory), ignored);
             }
@@ -182,7 +177,7 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
         manifest.githubPublicationSucceeded = run.artifacts.githubPublicationSucceeded;
 
         const double elapsed = std::chrono::duration<double>(Clock::now() - run.started).count();
-        if (request.dryRun) {
+        if (run.dryRun) {
             manifest.websitePublication.reset();
             dryRunSummary(run, elapsed);
             // What follows a real release does not happen.
@@ -234,9 +229,7 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
     if (run.buildFolder) {
         std::filesystem::remove_all(*run.buildFolder, ignored);
     }
-    if (run.websiteClone) {
-        std::filesystem::remove_all(*run.websiteClone, ignored);
-    }
+    run.dryRun.reset();
     post(std::move(finish));
 }
 
@@ -275,13 +268,14 @@ void PipelineManager::preflight(RunState& run) {
     }
     if (repository && profile.webDeploy.gitCommitAndPush) {
         const auto branch = WebDeployer::branch(profile.webDeploy);
-        const auto status = webDeployer.repositoryInspector.inspect(*repository, branch, run.stop);
+        const auto status =
+            run.engines.webDeployer.repositoryInspector.inspect(*repository, branch, run.stop);
         if (status.blocker) {
             throw VeltraError("Veltra", errorCode::conflict, *status.blocker);
         }
         // Before anything is built: the release must not carry private commits or edits. A
         // resumed run's files at the release's paths are its own, from the attempt that stopped.
-        if (const auto blocker = webDeployer.repositoryInspector.releaseBlocker(
+        if (const auto blocker = run.engines.webDeployer.repositoryInspector.releaseBlocker(
                 *repository, branch,
                 run.resumed ? std::vector<std::string>()
                             : WebDeployer::releasePaths(profile.webDeploy, run.appName, true),
@@ -291,7 +285,7 @@ void PipelineManager::preflight(RunState& run) {
             throw VeltraError("Veltra", errorCode::conflict, *blocker);
         }
         const auto addresses = ReleasePublishingPlan::publicAddresses(profile);
-        const auto feed = feedReader.committedFeedCheckedAgainstLive(
+        const auto feed = run.engines.feedReader.committedFeedCheckedAgainstLive(
             *repository, branch, ReleasePublishingPlan::downloadsFolder(profile.webDeploy),
             addresses.publicAppcastURL, run.stop);
         if (run.build) {

@@ -2,10 +2,24 @@
 
 // What the stages of one run share on the worker thread; private to the pipeline.
 
+#include "DeploymentArtifacts.h"
+#include "PipelineDryRun.h"
 #include "PipelineManager.h"
 #include "ReleaseRunRecord.h"
+#include "SparkleAutoResolver.h"
+#include "core/dmg/AppIconResolver.h"
+#include "core/dmg/DMGBuilder.h"
+#include "core/feed/PublishedFeedReader.h"
+#include "core/feed/SparkleEngine.h"
+#include "core/publishing/BranchWorktree.h"
+#include "core/publishing/GitHubReleaseEngine.h"
+#include "core/publishing/WebDeployer.h"
+#include "core/signing/CertificateScanner.h"
+#include "core/signing/NotarizationEngine.h"
 #include "core/support/PropertyList.h"
 #include "core/support/Uuid.h"
+#include "core/xcode/VersionManager.h"
+#include "core/xcode/XcodeArchiver.h"
 
 #include <chrono>
 #include <string>
@@ -44,11 +58,28 @@ inline std::string megabytes(std::int64_t bytes) {
     return fmt::format("{:.1f} MB", static_cast<double>(bytes) / 1e6);
 }
 
+// The engines of one run: made with it and gone with it, so a stage can set one up (a log
+// sink, a callback) without reaching the next run.
+struct RunEngines {
+    VersionManager versionManager;
+    XcodeArchiver xcodeArchiver;
+    CertificateScanner certificateScanner;
+    AppInspector inspector;
+    AppIconResolver appIconResolver;
+    DMGBuilder dmgBuilder;
+    NotarizationEngine notarizer;
+    SparkleEngine sparkleEngine;
+    PublishedFeedReader feedReader;
+    WebDeployer webDeployer;
+    GitHubReleaseEngine githubEngine;
+};
+
 // One run's facts, shared by its stages on the worker thread.
 struct PipelineManager::RunState {
     RunState(const ReleaseRequest& r, std::stop_token s) : request(r), stop(std::move(s)) {}
     const ReleaseRequest& request;
     std::stop_token stop;
+    RunEngines engines;
     std::string appName;
     std::string runID = Uuid::random().string();
     Clock::time_point started = Clock::now();
@@ -66,8 +97,8 @@ struct PipelineManager::RunState {
     // Produced along the way.
     std::filesystem::path app;
     std::optional<std::filesystem::path> buildFolder;
-    // A dry run's clone of the website repository.
-    std::optional<std::filesystem::path> websiteClone;
+    // What a dry run does instead of what leaves the machine; none in a real run.
+    std::optional<DryRun> dryRun;
     AppInfo info;
     std::filesystem::path notesPath;
     // Where the image and notes go: the output folder, or a dry run's own temporary folder.

@@ -191,14 +191,13 @@ DoctorFinding ReleaseDoctor::xcode(std::stop_token stop) const {
 std::vector<DoctorFinding> ReleaseDoctor::signing(const ProjectProfile* profile,
                                                   std::stop_token stop) const {
     CertificateScanner scanner;
-    std::vector<SigningCertificate> identities;
-    try {
-        identities = scanner.scanIdentities(stop);
-    } catch (const VeltraError& failed) {
-        return {finding("Signing", Verdict::problem, failed.message(),
+    const auto scanned = scanner.scanIdentities(stop);
+    if (!scanned) {
+        return {finding("Signing", Verdict::problem, scanned.error().message(),
                         "Run 'security find-identity -v -p codesigning' in Terminal and fix what "
                         "it reports (an unlocked login keychain is needed).")};
     }
+    const auto& identities = *scanned;
     std::vector<const SigningCertificate*> developerID;
     std::map<std::string, int> names;
     for (const auto& identity : identities) {

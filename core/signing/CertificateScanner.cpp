@@ -106,16 +106,16 @@ std::vector<SigningCertificate> CertificateScanner::parseIdentities(std::string_
     return found;
 }
 
-std::vector<SigningCertificate> CertificateScanner::scanIdentities(std::stop_token stop) const {
+CertificateScanner::Identities CertificateScanner::scanIdentities(std::stop_token stop) const {
     const auto result =
         ProcessRunner::run("security", {"find-identity", "-v", "-p", "codesigning"}, stop);
     if (result.exitCode != 0) {
         const std::string said(
             trimWhitespace(result.errorOutput.empty() ? result.output : result.errorOutput));
-        throw VeltraError(
+        return std::unexpected(VeltraError(
             "Veltra.Signing", identitiesUnreadable,
             "Could not list the code-signing identities (security find-identity exited with " +
-                std::to_string(result.exitCode) + (said.empty() ? ")" : "): " + said));
+                std::to_string(result.exitCode) + (said.empty() ? ")" : "): " + said)));
     }
     return parseIdentities(result.output);
 }
@@ -158,7 +158,11 @@ CertificateScanner::preferredIdentity(const std::vector<SigningCertificate>& all
 
 std::optional<CertificateScanner::DetectedTeamInfo>
 CertificateScanner::detectBestTeamInfo(std::stop_token stop) const {
-    return bestTeam(scanIdentities(stop));
+    const auto all = scanIdentities(stop);
+    if (!all) {
+        throw all.error();
+    }
+    return bestTeam(*all);
 }
 
 ProcessResult CertificateScanner::importP12(const std::filesystem::path& file,

@@ -2,7 +2,9 @@
 
 #include "core/process/ProcessResult.h"
 #include "core/process/ProcessRunner.h"
+#include "core/support/VeltraError.h"
 
+#include <expected>
 #include <filesystem>
 #include <optional>
 #include <stop_token>
@@ -38,10 +40,12 @@ public:
     // The error code when the keychains cannot be listed.
     static constexpr int identitiesUnreadable = 1;
 
-    // Valid code-signing identities in the tool's order; empty when there are none. Throws
-    // VeltraError (identitiesUnreadable, with the tool's words) when the tool fails, so "none"
-    // is never said for a tool that could not look.
-    std::vector<SigningCertificate> scanIdentities(std::stop_token stop = {}) const;
+    // Valid code-signing identities in the tool's order; empty when there are none. When the
+    // tool fails, its words as an error (identitiesUnreadable), so "none" is never said for a
+    // tool that could not look.
+    using Identities = std::expected<std::vector<SigningCertificate>, VeltraError>;
+    Identities scanIdentities(std::stop_token stop = {}) const;
+    // Throws the scan's error.
     std::optional<DetectedTeamInfo> detectBestTeamInfo(std::stop_token stop = {}) const;
     // The tool's answer, for the caller to judge (a wrong password is a non-zero exit).
     ProcessResult importP12(const std::filesystem::path& file, const std::string& password,

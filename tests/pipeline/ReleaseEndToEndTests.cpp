@@ -11,6 +11,7 @@
 #include "core/support/FileLock.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/Uuid.h"
+#include "core/support/VeltraError.h"
 
 #include <atomic>
 #include <thread>
@@ -316,6 +317,14 @@ TEST_F(ReleaseRun, ACancelledNotarizationResumesWithoutASecondSubmission) {
     ReleaseRequest request;
     request.profile = profile;
     request.resume = true;
+    // Its kept steps would skip the dry run's clone, so the deploy would reach the real site.
+    request.dryRun = true;
+    pipeline.run(request);
+    ASSERT_TRUE(loop.runUntil([&] { return !pipeline.isRunning(); }, 300s));
+    ASSERT_EQ(failure(), "A stopped release resumes as it was, never as a dry run.");
+    ASSERT_TRUE(ReleaseRunRecord::load(sandbox.releases()));
+
+    request.dryRun = false;
     pipeline.run(request);
     ASSERT_TRUE(loop.runUntil([&] { return !pipeline.isRunning(); }, 300s));
     ASSERT_EQ(failure(), "");

@@ -158,23 +158,20 @@ class CertificateScannerRun : public testing::AppleToolsTest {};
 
 TEST_F(CertificateScannerRun, ScansTheKeychains) {
     const auto all = CertificateScanner().scanIdentities();
-    ASSERT_EQ(all.size(), 2u);
+    ASSERT_TRUE(all.has_value());
+    ASSERT_EQ(all->size(), 2u);
     EXPECT_EQ(runsOf("security"), (std::vector<std::vector<std::string>>{
                                       {"find-identity", "-v", "-p", "codesigning"}}));
     EXPECT_EQ(CertificateScanner().detectBestTeamInfo()->teamID, "AB12CD34EF");
 
     // A tool that could not look is not "no identities".
     fake("VELTRA_FAKE_SECURITY", "fail");
-    try {
-        CertificateScanner().scanIdentities();
-        FAIL() << "a failed scan listed identities";
-    } catch (const VeltraError& error) {
-        EXPECT_EQ(error.code(), CertificateScanner::identitiesUnreadable);
-        EXPECT_EQ(
-            error.message(),
-            "Could not list the code-signing identities (security find-identity exited with 1): "
-            "security: SecKeychainCopySearchList: A default keychain could not be found.");
-    }
+    const auto failed = CertificateScanner().scanIdentities();
+    ASSERT_FALSE(failed.has_value()) << "a failed scan listed identities";
+    EXPECT_EQ(failed.error().code(), CertificateScanner::identitiesUnreadable);
+    EXPECT_EQ(failed.error().message(),
+              "Could not list the code-signing identities (security find-identity exited with 1): "
+              "security: SecKeychainCopySearchList: A default keychain could not be found.");
     EXPECT_THROW(CertificateScanner().detectBestTeamInfo(), VeltraError);
 }
 
