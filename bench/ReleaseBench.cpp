@@ -7,6 +7,7 @@
 #include "core/pipeline/PipelineManager.h"
 #include "core/process/ProcessRunner.h"
 #include "core/support/EventLoop.h"
+#include "core/support/FileDigest.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/NotificationCenter.h"
 
@@ -145,6 +146,7 @@ void BM_ReleaseOfA200MiBApp(benchmark::State& state) {
     ::unsetenv("VELTRA_TOOL_LOG");
     std::map<std::string, double> own;
     double total = 0;
+    double hashing = 0;
     {
         DemoSandbox sandbox(root / "sandbox", fs::path(VELTRA_SOURCE_DIR) / "share/demo/Sample");
         EventLoop loop;
@@ -188,6 +190,11 @@ void BM_ReleaseOfA200MiBApp(benchmark::State& state) {
                 own[name] += seconds - toolSeconds(runs, from, to);
             }
             total += std::chrono::duration<double>(finished - began).count();
+            // The manifest's SHA-256 of the image, timed again on its own: with the feed's
+            // signature (the sparkle step) it is work that grows with the image.
+            const auto hashStarted = Clock::now();
+            benchmark::DoNotOptimize(sha256Hex(*pipeline.completedManifest()->dmgURL));
+            hashing += std::chrono::duration<double>(Clock::now() - hashStarted).count();
         }
     }
     for (const auto& [name, seconds] : own) {
@@ -200,6 +207,8 @@ void BM_ReleaseOfA200MiBApp(benchmark::State& state) {
     }
     state.counters["veltra_ms"] =
         benchmark::Counter(sum * 1000, benchmark::Counter::kAvgIterations);
+    state.counters["beyond_hashing_and_signing_ms"] = benchmark::Counter(
+        (sum - own["sparkle"] - hashing) * 1000, benchmark::Counter::kAvgIterations);
     state.counters["release_ms"] =
         benchmark::Counter(total * 1000, benchmark::Counter::kAvgIterations);
     std::error_code ignored;

@@ -84,7 +84,8 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
         }
         std::filesystem::create_directories(work.staging);
     });
-    copyItem(options.appPath, work.staging / appName);
+    // Read only by hdiutil; the extension flag goes on the staged bundle's own new folder.
+    copyItem(options.appPath, work.staging / appName, CopyUse::readOnly);
     if (config.hideExtension) {
         try {
             setExtensionHidden(work.staging / appName, true);
@@ -92,11 +93,12 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
             say("   Warning: " + error.message());
         }
     }
-    const auto link =
-        run({"-s", "/Applications", (work.staging / "Applications").string()}, std::nullopt, "ln");
-    if (link.exitCode != 0) {
+    std::error_code linked;
+    std::filesystem::create_directory_symlink("/Applications", work.staging / "Applications",
+                                              linked);
+    if (linked) {
         throw VeltraError("Veltra", errorCode::toolFailed,
-                          "Failed to link Applications: " + errorText(link));
+                          "Failed to link Applications: " + linked.message());
     }
 
     // The background: none, the user's picture, or the default artwork.

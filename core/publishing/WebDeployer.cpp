@@ -3,6 +3,7 @@
 #include "DownloadPageTemplate.h"
 #include "GitCommand.h"
 #include "core/feed/SparkleFeedParser.h"
+#include "core/support/FileCopy.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/GitRefName.h"
 #include "core/support/PathRules.h"
@@ -161,7 +162,8 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
         if (std::filesystem::exists(std::filesystem::symlink_status(downloads / dmgName))) {
             std::filesystem::remove(downloads / dmgName);
         }
-        std::filesystem::copy_file(release.dmgPath, downloads / dmgName);
+        // A clone where the volume offers one (APFS): the image is the largest file here.
+        copyItem(release.dmgPath, downloads / dmgName);
     });
     say("Success: Copied " + release.dmgPath.filename().string() + " to " + downloadsPath + "/" +
         dmgName);

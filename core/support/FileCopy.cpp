@@ -107,7 +107,7 @@ void keepTimes(const std::filesystem::path& to, const struct stat& info) {
     ::utimensat(AT_FDCWD, to.c_str(), times, AT_SYMLINK_NOFOLLOW);
 }
 
-void copyEntry(const std::filesystem::path& from, const std::filesystem::path& to) {
+void copyEntry(const std::filesystem::path& from, const std::filesystem::path& to, CopyUse use) {
     struct stat info {};
     if (::lstat(from.c_str(), &info) != 0) {
         fail("stat", from, errno);
@@ -131,7 +131,7 @@ void copyEntry(const std::filesystem::path& from, const std::filesystem::path& t
         std::error_code error;
         for (std::filesystem::directory_iterator it(from, error), end; !error && it != end;
              it.increment(error)) {
-            copyEntry(it->path(), to / it->path().filename());
+            copyEntry(it->path(), to / it->path().filename(), use);
         }
         if (error) {
             fail("list", from, error.value());
@@ -140,6 +140,10 @@ void copyEntry(const std::filesystem::path& from, const std::filesystem::path& t
         ::chmod(to.c_str(), mode);
         keepTimes(to, info);
     } else if (S_ISREG(info.st_mode)) {
+        // Another volume, or a system that refuses the link: the file is copied instead.
+        if (use == CopyUse::readOnly && ::link(from.c_str(), to.c_str()) == 0) {
+            return;
+        }
         const FileDescriptor in(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
         if (in.get() < 0) {
             fail("open", from, errno);
@@ -159,9 +163,24 @@ void copyEntry(const std::filesystem::path& from, const std::filesystem::path& t
     }
 }
 
+// A read-only folder already copied would keep its files from remove_all.
+void removePartialCopy(const std::filesystem::path& to) {
+    std::error_code ignored;
+    if (std::filesystem::is_directory(std::filesystem::symlink_status(to, ignored))) {
+        ::chmod(to.c_str(), S_IRWXU);
+        for (std::filesystem::recursive_directory_iterator it(to, ignored), end; it != end;
+             it.increment(ignored)) {
+            if (it->is_directory(ignored) && !it->is_symlink(ignored)) {
+                ::chmod(it->path().c_str(), S_IRWXU);
+            }
+        }
+    }
+    std::filesystem::remove_all(to, ignored);
+}
+
 } // namespace
 
-void copyItem(const std::filesystem::path& from, const std::filesystem::path& to) {
+void copyItem(const std::filesystem::path& from, const std::filesystem::path& to, CopyUse use) {
 #ifdef __APPLE__
     // One clone of the whole bundle on APFS; copyfile keeps everything on other volumes.
     if (::clonefile(from.c_str(), to.c_str(), CLONE_NOFOLLOW) == 0) {
@@ -173,10 +192,9 @@ void copyItem(const std::filesystem::path& from, const std::filesystem::path& to
     }
 #endif
     try {
-        copyEntry(from, to);
+        copyEntry(from, to, use);
     } catch (...) {
-        std::error_code ignored;
-        std::filesystem::remove_all(to, ignored);
+        removePartialCopy(to);
         throw;
     }
 }

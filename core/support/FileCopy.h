@@ -9,6 +9,11 @@ namespace veltra {
 // the cheapest way the system offers: a clone of the whole tree on macOS, a reflink or an
 // in-kernel copy per file elsewhere, a buffered copy as the last resort. Throws VeltraError
 // (domain "POSIX") naming the file that failed; a partial copy is removed.
-void copyItem(const std::filesystem::path& from, const std::filesystem::path& to);
+//
+// A copy that is only ever read (a disk image's staging folder) may share its files with the
+// original where the data would otherwise be copied: folders are new, files are hard links.
+enum class CopyUse { independent, readOnly };
+void copyItem(const std::filesystem::path& from, const std::filesystem::path& to,
+              CopyUse use = CopyUse::independent);
 
 } // namespace veltra

@@ -1,5 +1,6 @@
 #include "XcodeArchiver.h"
 
+#include "core/support/FileCopy.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/Text.h"
 #include "core/support/Uuid.h"
@@ -375,7 +376,12 @@ fs::path XcodeArchiver::archiveAndExport(const XcodeProjectInfo& project, const 
     }
     fs::create_directories(exportFolder);
     const auto app = exportFolder / apps.front().filename();
-    fs::copy(apps.front(), app, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+    // The archive is this run's scratch and goes with the build folder, so its app moves out
+    // instead of being copied (a copy only where the two folders are on different volumes).
+    fs::rename(apps.front(), app, error);
+    if (error) {
+        copyItem(apps.front(), app);
+    }
 
     if (!signingIdentity || signingIdentity->empty()) {
         log("   Success: Extracted " + app.filename().string() + "...");
