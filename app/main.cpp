@@ -1,7 +1,6 @@
 #include "MainWindow.h"
 #include "StudioScreenshots.h"
 #include "core/demo/DemoSandbox.h"
-#include "core/process/ProcessRunner.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/ResourceLocator.h"
 
@@ -28,22 +27,11 @@ struct Demo {
 
 std::unique_ptr<Demo> makeDemo(const QString& keep) {
     const auto sample = ResourceLocator::locate(ResourceLocator::Resource::demo);
-    const auto tools = ResourceLocator::locate(ResourceLocator::Resource::toolStandIns);
-    if (!sample || !tools) {
-        throw std::runtime_error("The demo's sample project and tool stand-ins are not installed "
-                                 "beside veltra-studio (share/veltra). Reinstall Veltra.");
+    if (!sample) {
+        throw std::runtime_error("The demo's sample project is not installed beside "
+                                 "veltra-studio (share/veltra/demo). Reinstall Veltra.");
     }
-    bool hasXcode = false;
-#ifdef __APPLE__
-    try {
-        hasXcode = ProcessRunner::run("xcodebuild", {"-version"}).exitCode == 0;
-    } catch (const std::exception&) {
-    }
-#endif
-    if (!hasXcode) {
-        // Every tool runs through the process runner, which puts this folder first on PATH.
-        ::setenv("VELTRA_TOOL_PATH", tools->c_str(), 1);
-    }
+    DemoSandbox::useStandInsUnlessXcode();
     auto demo = std::make_unique<Demo>();
     const auto root =
         keep.isEmpty() ? std::filesystem::path(str(demo->scratch.path())) : expandTilde(str(keep));

@@ -35,19 +35,6 @@ private:
     fs::path path_;
 };
 
-// Whether a full Xcode can archive the sample here.
-bool hasXcode() {
-#ifdef __APPLE__
-    try {
-        return ProcessRunner::run("xcodebuild", {"-version"}).exitCode == 0;
-    } catch (const std::exception&) {
-        return false;
-    }
-#else
-    return false;
-#endif
-}
-
 } // namespace
 
 void addDemoCommand(CLI::App& app, CliContext& context) {
@@ -67,20 +54,13 @@ void addDemoCommand(CLI::App& app, CliContext& context) {
             context.out << line << '\n' << std::flush;
             printed.push_back(line);
         };
-        if (hasXcode()) {
-            say("Demo: the sample app is archived by your Xcode, signed ad hoc, notarization off.");
-        } else {
-            const auto tools = ResourceLocator::locate(ResourceLocator::Resource::toolStandIns);
-            if (!tools) {
-                throw failure("This machine has no Xcode, and the stand-ins for Apple's tools "
-                              "are not installed beside veltra (share/veltra/tools).");
-            }
-            // Every tool runs through the process runner, which puts this folder first on PATH.
-            ::setenv("VELTRA_TOOL_PATH", tools->c_str(), 1);
+        if (const auto tools = DemoSandbox::useStandInsUnlessXcode()) {
             say("Demo: this machine has no Xcode, so Apple's tools are Veltra's stand-ins from " +
                 tools->string() +
                 ": they print what the real tools print and write real files; nothing is "
                 "compiled, signed or notarized by Apple.");
+        } else {
+            say("Demo: the sample app is archived by your Xcode, signed ad hoc, notarization off.");
         }
 
         std::optional<ScratchFolder> scratch;

@@ -5,6 +5,7 @@
 #include "core/publishing/WebsiteCreator.h"
 #include "core/support/FileCopy.h"
 #include "core/support/FileUtilities.h"
+#include "core/support/ResourceLocator.h"
 #include "core/support/VeltraError.h"
 
 namespace veltra {
@@ -114,6 +115,26 @@ DemoSandbox::DemoSandbox(const fs::path& root, const fs::path& sample, const Log
     git(website(), {"push", "--quiet", "-u", "origin", "main"},
         "Could not publish the new website");
     say("Website repository " + website().string() + " pushed to " + origin().string());
+}
+
+std::optional<std::filesystem::path> DemoSandbox::useStandInsUnlessXcode() {
+#ifdef __APPLE__
+    try {
+        if (ProcessRunner::run("xcodebuild", {"-version"}).exitCode == 0) {
+            return std::nullopt;
+        }
+    } catch (const std::exception&) {
+    }
+#endif
+    const auto tools = ResourceLocator::locate(ResourceLocator::Resource::toolStandIns);
+    if (!tools) {
+        throw VeltraError("Veltra", errorCode::notFound,
+                          "This machine has no Xcode, and the stand-ins for Apple's tools are not "
+                          "installed beside Veltra (share/veltra/tools). Reinstall Veltra.");
+    }
+    // Every tool runs through the process runner, which puts this folder first on PATH.
+    ::setenv("VELTRA_TOOL_PATH", tools->c_str(), 1);
+    return tools;
 }
 
 } // namespace veltra

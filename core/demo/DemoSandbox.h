@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <optional>
 
 namespace veltra {
 
@@ -34,6 +35,12 @@ public:
     // "http://127.0.0.1:<port>/"
     std::string siteURL() const { return server_->url(); }
     const ProjectProfile& profile() const { return profile_; }
+
+    // Which tools release the sample: a Mac's own Xcode when it answers, else the stand-ins
+    // installed beside Veltra (share/veltra/tools), which then go first on every tool's PATH.
+    // Returns the stand-ins' folder, or none for Xcode; throws VeltraError when there is
+    // neither.
+    static std::optional<std::filesystem::path> useStandInsUnlessXcode();
 
 private:
     std::filesystem::path root_;
