@@ -1,20 +1,11 @@
 #include "PipelineRunState.h"
-#include "ReleaseRunRecord.h"
 #include "core/feed/ReleaseFeedValidator.h"
 #include "core/process/ProcessRunner.h"
 #include "core/publishing/GitCommand.h"
-#include "core/publishing/ReleaseNotificationEvent.h"
 #include "core/publishing/ReleasePublishingPlan.h"
-#include "core/records/ReleaseCompletion.h"
-#include "core/support/FileDigest.h"
-#include "core/support/FileLock.h"
 #include "core/support/FileUtilities.h"
-#include "core/support/PathRules.h"
-#include "core/support/PropertyList.h"
-#include "core/support/Text.h"
 #include "core/support/Uuid.h"
 #include "core/support/VeltraError.h"
-#include "core/xcode/XcodeProjectDiscovery.h"
 
 #include <algorithm>
 #include <cctype>

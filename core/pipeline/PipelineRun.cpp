@@ -10,11 +10,9 @@
 #include "core/support/FileLock.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/PathRules.h"
-#include "core/support/PropertyList.h"
 #include "core/support/Text.h"
 #include "core/support/Uuid.h"
 #include "core/support/VeltraError.h"
-#include "core/xcode/XcodeProjectDiscovery.h"
 
 #include <algorithm>
 #include <cctype>
