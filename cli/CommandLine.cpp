@@ -27,6 +27,7 @@ int runCommandLine(const std::vector<std::string>& arguments, CliContext& contex
     addProfileCommands(app, context);
     addDSStoreCommands(app, context);
     addSignCommand(app, context);
+    addSparkleCommands(app, context);
     addAppcastCommands(app, context);
     addVersionCommands(app, context);
     addXcodeCommands(app, context);

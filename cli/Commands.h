@@ -16,6 +16,7 @@ std::int64_t releaseBuildArgument(const std::string& text);
 // the command line turns that into "Error: " + message and a non-zero exit status.
 void addDSStoreCommands(CLI::App& app, CliContext& context);
 void addSignCommand(CLI::App& app, CliContext& context);
+void addSparkleCommands(CLI::App& app, CliContext& context);
 void addAppcastCommands(CLI::App& app, CliContext& context);
 void addVersionCommands(CLI::App& app, CliContext& context);
 void addProfileCommands(CLI::App& app, CliContext& context);

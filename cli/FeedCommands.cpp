@@ -7,6 +7,7 @@
 #include "core/feed/ReleaseFeedValidator.h"
 #include "core/feed/SparkleEngine.h"
 #include "core/feed/SparkleFeedParser.h"
+#include "core/pipeline/SparkleKeys.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/VeltraError.h"
 
@@ -264,15 +265,21 @@ void addSignCommand(CLI::App& app, CliContext& context) {
         "sign",
         "Sign a file for Sparkle updates (EdDSA), printing what the feed's enclosure needs");
     auto file = std::make_shared<std::string>();
-    auto keyFile = std::make_shared<std::string>(SparkleEngine::defaultPrivateKeyPath);
+    auto keyFile = std::make_shared<std::string>();
+    auto account = std::make_shared<std::string>(SparkleKeys::defaultAccount);
     command->add_option("FILE", *file, "The file to sign (usually the disk image)")->required();
-    command
-        ->add_option("--ed-key-file", *keyFile,
-                     "Private key written by Sparkle's key tool (32-byte seed or the older "
-                     "96-byte form)")
+    command->add_option("--ed-key-file", *keyFile,
+                        "Private key written by Sparkle's key tool (32-byte seed or the older "
+                        "96-byte form); without it, the keychain's key, or ~/.sparkle/ACCOUNT_priv "
+                        "where there is no keychain");
+    command->add_option("--account", *account, "The keychain account naming the key")
         ->capture_default_str();
-    command->callback([&context, file, keyFile] {
-        const auto key = SparklePrivateKey::readFile(expandTilde(*keyFile));
+    command->callback([&context, file, keyFile, account] {
+        const auto location = SparkleKeys::locate(
+            *account, keyFile->empty()
+                          ? std::nullopt
+                          : std::optional<std::filesystem::path>(expandTilde(*keyFile)));
+        const auto key = SparkleKeys::load(location, context.stop);
         const auto result = NativeEd25519Signer::signFile(key, expandTilde(*file), context.stop);
         context.out << fmt::format("sparkle:edSignature=\"{}\" length=\"{}\"\n",
                                    result.signatureBase64(), result.length);

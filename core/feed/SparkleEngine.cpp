@@ -119,11 +119,39 @@ std::optional<std::string> SparkleEngine::signatureFromToolOutput(std::string_vi
 SparkleSignResult SparkleEngine::sign(const std::filesystem::path& dmg, const std::string& appName,
                                       const std::string& privateKeyPath,
                                       std::stop_token stop) const {
-    emit(fmt::format("Signing Sparkle update for {}...", appName));
     const auto keyPath = expandTilde(privateKeyPath);
+    return signWith(
+        dmg, appName, {"--ed-key-file", keyPath.string()},
+        [&] {
+            std::error_code error;
+            if (!std::filesystem::is_regular_file(keyPath, error)) {
+                throw VeltraError(domain, signingCode,
+                                  fmt::format("Could not generate Sparkle signature: sign_update "
+                                              "binary and private key at '{}' not available.",
+                                              keyPath.string()));
+            }
+            return SparklePrivateKey::readFile(keyPath);
+        },
+        "key at: " + keyPath.string(), std::move(stop));
+}
+
+SparkleSignResult SparkleEngine::sign(const std::filesystem::path& dmg, const std::string& appName,
+                                      const KeychainSigningKey& key, std::stop_token stop) const {
+    return signWith(dmg, appName, {"--account", key.account}, key.load,
+                    "the keychain's key (account " + key.account + ")", std::move(stop));
+}
+
+SparkleSignResult SparkleEngine::signWith(const std::filesystem::path& dmg,
+                                          const std::string& appName,
+                                          const std::vector<std::string>& toolKey,
+                                          const std::function<SparklePrivateKey()>& load,
+                                          const std::string& keyDescription,
+                                          std::stop_token stop) const {
+    emit(fmt::format("Signing Sparkle update for {}...", appName));
     if (const auto tool = locateSignUpdate(stop)) {
-        const auto result = ProcessRunner::run(
-            tool->string(), {"--ed-key-file", keyPath.string(), dmg.string()}, stop);
+        auto arguments = toolKey;
+        arguments.push_back(dmg.string());
+        const auto result = ProcessRunner::run(tool->string(), arguments, stop);
         const auto signature = signatureFromToolOutput(result.output);
         if (result.exitCode != 0 || !signature) {
             // sign_update prints its errors on standard output.
@@ -141,15 +169,8 @@ SparkleSignResult SparkleEngine::sign(const std::filesystem::path& dmg, const st
         }
         return {*signature, std::to_string(size)};
     }
-    std::error_code error;
-    if (!std::filesystem::is_regular_file(keyPath, error)) {
-        throw VeltraError(domain, signingCode,
-                          fmt::format("Could not generate Sparkle signature: sign_update binary "
-                                      "and private key at '{}' not available.",
-                                      keyPath.string()));
-    }
-    emit("Using native CryptoKit Ed25519 signer with key at: " + keyPath.string());
-    const auto key = SparklePrivateKey::readFile(keyPath);
+    const auto key = load();
+    emit("Using native CryptoKit Ed25519 signer with " + keyDescription);
     const auto signature = NativeEd25519Signer::signFile(key, dmg, stop);
     emit("Success: Native CryptoKit signature: " + signature.signatureBase64());
     return {signature.signatureBase64(), std::to_string(signature.length)};

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "AppcastDocument.h"
+#include "SparklePrivateKey.h"
 #include "core/process/ProcessRunner.h"
 
 #include <ctime>
@@ -21,6 +22,13 @@ struct SparkleSignResult {
     std::string length{};
 
     bool operator==(const SparkleSignResult&) const = default;
+};
+
+// A key kept in a keychain: sign_update reads it there itself (--account), the native signer
+// gets it through `load`, called only when it signs.
+struct KeychainSigningKey {
+    std::string account{};
+    std::function<SparklePrivateKey()> load{};
 };
 
 // Signs a release's disk image for Sparkle and announces it in the app's appcast.xml. Signs with
@@ -60,6 +68,9 @@ public:
     // Signs the disk image with the key at `privateKeyPath` ("~" expanded).
     SparkleSignResult sign(const std::filesystem::path& dmg, const std::string& appName,
                            const std::string& privateKeyPath, std::stop_token stop = {}) const;
+    // Signs it with a keychain's key.
+    SparkleSignResult sign(const std::filesystem::path& dmg, const std::string& appName,
+                           const KeychainSigningKey& key, std::stop_token stop = {}) const;
 
     // Puts the release first in the feed at `appcastPath` and rewrites it atomically, after
     // checking that the new text reads back with the release's values. The build number is
@@ -72,6 +83,14 @@ public:
 
     // The first sparkle:edSignature="…" value in sign_update's output.
     static std::optional<std::string> signatureFromToolOutput(std::string_view output);
+
+private:
+    // sign_update with `toolKey` (its options naming the key) when one is found, else the native
+    // signer with the key `load` gives, described as `keyDescription`.
+    SparkleSignResult signWith(const std::filesystem::path& dmg, const std::string& appName,
+                               const std::vector<std::string>& toolKey,
+                               const std::function<SparklePrivateKey()>& load,
+                               const std::string& keyDescription, std::stop_token stop) const;
 
 private:
     void emit(const std::string& line) const;

@@ -28,18 +28,27 @@ SparklePrivateKey::~SparklePrivateKey() {
     OPENSSL_cleanse(prefix.data(), prefix.size());
 }
 
-std::string SparklePrivateKey::createFile(const std::filesystem::path& path) {
-    if (std::filesystem::exists(path)) {
-        throw keyError("A Sparkle key already exists at " + path.string() + ".");
-    }
+std::string SparklePrivateKey::newSeedText() {
     std::array<std::uint8_t, 32> seed{};
     if (sodium_init() < 0) {
         throw keyError("The Ed25519 library could not start.");
     }
     randombytes_buf(seed.data(), seed.size());
-    const auto key = fromSeed(seed);
     auto text = base64::encode(seed);
     OPENSSL_cleanse(seed.data(), seed.size());
+    return text;
+}
+
+std::string SparklePrivateKey::publicKeyBase64() const {
+    return base64::encode(publicKey);
+}
+
+std::string SparklePrivateKey::createFile(const std::filesystem::path& path) {
+    if (std::filesystem::exists(path)) {
+        throw keyError("A Sparkle key already exists at " + path.string() + ".");
+    }
+    auto text = newSeedText();
+    const auto key = fromText(text, "just made");
     text += '\n';
     try {
         writeSecretFile(path, text);
@@ -51,7 +60,7 @@ std::string SparklePrivateKey::createFile(const std::filesystem::path& path) {
         throw;
     }
     OPENSSL_cleanse(text.data(), text.size());
-    return base64::encode(key.publicKey);
+    return key.publicKeyBase64();
 }
 
 SparklePrivateKey SparklePrivateKey::fromSeed(const std::array<std::uint8_t, 32>& seed) {
@@ -79,6 +88,10 @@ SparklePrivateKey SparklePrivateKey::readFile(const std::filesystem::path& path)
         throw keyError(
             fmt::format("Could not read the Sparkle private key at '{}'.", path.string()));
     }
+    return fromText(std::move(text), fmt::format("at '{}'", path.string()));
+}
+
+SparklePrivateKey SparklePrivateKey::fromText(std::string text, const std::string& where) {
     const auto isSpace = [](unsigned char c) { return std::isspace(c) != 0; };
     const auto begin = std::ranges::find_if_not(text, isSpace);
     const auto end =
@@ -86,8 +99,7 @@ SparklePrivateKey SparklePrivateKey::readFile(const std::filesystem::path& path)
     auto decoded = base64::decode(std::string_view(begin, end));
     OPENSSL_cleanse(text.data(), text.size());
     if (!decoded) {
-        throw keyError(
-            fmt::format("The Sparkle private key at '{}' is not base64 text.", path.string()));
+        throw keyError(fmt::format("The Sparkle private key {} is not base64 text.", where));
     }
     const auto size = decoded->size();
     SparklePrivateKey key;
@@ -103,9 +115,9 @@ SparklePrivateKey SparklePrivateKey::readFile(const std::filesystem::path& path)
     }
     OPENSSL_cleanse(decoded->data(), decoded->size());
     if (size != 32 && size != 96) {
-        throw keyError(fmt::format("The Sparkle private key at '{}' must decode to 32 bytes (a "
+        throw keyError(fmt::format("The Sparkle private key {} must decode to 32 bytes (a "
                                    "seed) or 96 bytes (the older expanded key), not {} bytes.",
-                                   path.string(), size));
+                                   where, size));
     }
     return key;
 }

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdint>
 #include <filesystem>
+#include <string>
 #include <string_view>
 
 namespace veltra {
@@ -19,7 +20,14 @@ struct SparklePrivateKey {
     // VeltraError naming the file (never its contents) when it cannot be read or decoded, or
     // decodes to another length.
     static SparklePrivateKey readFile(const std::filesystem::path& path);
+    // The same from the key's text kept elsewhere (a keychain item); `where` completes "The
+    // Sparkle private key ..." in errors ("in the keychain (account ed25519)").
+    static SparklePrivateKey fromText(std::string text, const std::string& where);
     static SparklePrivateKey fromSeed(const std::array<std::uint8_t, 32>& seed);
+    // A new random seed as Sparkle's key tool keeps it: base64, no line break. Wipe it after use.
+    static std::string newSeedText();
+    // The public key as an app's SUPublicEDKey carries it (base64 of 32 bytes).
+    std::string publicKeyBase64() const;
     // A new random key written as Sparkle 2.6's key tool writes it (base64 of the seed), readable
     // by its owner only; returns the public key in base64, as an app's SUPublicEDKey carries it.
     // Refuses to replace an existing file (VeltraError).

@@ -1,4 +1,5 @@
 #include "PipelineRunState.h"
+#include "SparkleKeys.h"
 #include "core/feed/ReleaseFeedValidator.h"
 #include "core/process/ProcessRunner.h"
 #include "core/publishing/GitCommand.h"
@@ -42,8 +43,21 @@ void PipelineManager::sparkleStage(RunState& run) {
     if (run.project) {
         engine.project = *run.project;
     }
-    const auto signed_ =
-        engine.sign(run.dmg, run.appName, profile.sparkle.privateKeyPath, run.stop);
+    const auto signed_ = [&] {
+        if (!profile.sparkle.privateKeyPath.empty()) {
+            return engine.sign(run.dmg, run.appName, profile.sparkle.privateKeyPath, run.stop);
+        }
+        // No key file named: the key Sparkle's own tools keep, as sign_update finds it.
+        const auto location = SparkleKeys::locate();
+        if (location.file) {
+            return engine.sign(run.dmg, run.appName, location.file->string(), run.stop);
+        }
+        return engine.sign(
+            run.dmg, run.appName,
+            KeychainSigningKey{location.account,
+                               [&] { return SparkleKeys::load(location, run.stop); }},
+            run.stop);
+    }();
     if (run.stop.stop_requested()) {
         throw CancellationError();
     }

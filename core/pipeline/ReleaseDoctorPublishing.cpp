@@ -1,6 +1,7 @@
 #include "DoctorChecks.h"
 #include "ReleaseDoctor.h"
 #include "SparkleAutoResolver.h"
+#include "SparkleKeys.h"
 #include "core/feed/BuildNumber.h"
 #include "core/feed/NewestBuild.h"
 #include "core/feed/PublishedFeedReader.h"
@@ -57,22 +58,23 @@ std::vector<DoctorFinding> ReleaseDoctor::sparkle(const ProjectProfile& profile)
     // The key releases are signed with, and the key the app checks them against.
     const auto& keyPath = profile.sparkle.privateKeyPath;
     std::optional<std::string> ourKey;
-    if (keyPath.empty()) {
-        found.push_back(finding("Sparkle key", Verdict::problem, "No private key file is set",
-                                "Set sparkle.privateKeyPath to the key file Sparkle's "
-                                "generate_keys exported."));
-    } else {
-        const auto path = fs::path(expandTilde(standardizePath(keyPath)));
-        try {
-            const auto key = SparklePrivateKey::readFile(path);
-            ourKey = base64::encode(key.publicKey);
-            found.push_back(finding("Sparkle key", Verdict::ok,
-                                    path.string() + " reads; public key " + *ourKey));
-        } catch (const std::exception& error) {
-            found.push_back(finding("Sparkle key", Verdict::problem, error.what(),
-                                    "Export the key again with Sparkle's 'generate_keys -x "
-                                    "FILE' and point sparkle.privateKeyPath at it."));
-        }
+    // No key file named: the key Sparkle's tools keep, which the release signs with then.
+    const auto location = keyPath.empty()
+                              ? SparkleKeys::locate()
+                              : SparkleKeyLocation{std::string(SparkleKeys::defaultAccount),
+                                                   fs::path(expandTilde(standardizePath(keyPath)))};
+    try {
+        const auto key = SparkleKeys::load(location);
+        ourKey = key.publicKeyBase64();
+        found.push_back(finding("Sparkle key", Verdict::ok,
+                                location.description() + " reads; public key " + *ourKey));
+    } catch (const std::exception& error) {
+        found.push_back(finding("Sparkle key", Verdict::problem, error.what(),
+                                keyPath.empty()
+                                    ? "Run 'veltra sparkle keys generate', or set "
+                                      "sparkle.privateKeyPath to a key file."
+                                    : "Export the key again ('veltra sparkle keys export --file "
+                                      "FILE') and point sparkle.privateKeyPath at it."));
     }
     if (!app.publicKey) {
         found.push_back(finding("Sparkle key", Verdict::problem,

@@ -378,6 +378,19 @@ std::optional<std::size_t> ProcessRunner::effectiveCaptureLimit(std::optional<lo
     return std::nullopt;
 }
 
+std::optional<std::filesystem::path> ProcessRunner::findTool(const std::string& name) {
+    const auto environment = childEnvironment(applicationEnvironment(), {});
+    const auto path = environment.find("PATH");
+    if (name.empty() || name.find('/') != std::string::npos || path == environment.end()) {
+        return std::nullopt;
+    }
+    auto launch = resolveLaunch(name, {}, path->second);
+    if (!launch.foundOnPath) {
+        return std::nullopt;
+    }
+    return std::filesystem::path(std::move(launch.executable));
+}
+
 ProcessResult ProcessRunner::run(std::string command, std::vector<std::string> arguments,
                                  std::stop_token stop) {
     ProcessRequest request;

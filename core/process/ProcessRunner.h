@@ -64,6 +64,9 @@ public:
     static ProcessResult run(std::string command, std::vector<std::string> arguments,
                              std::stop_token stop = {});
 
+    // Where a bare tool name would be found on a child's PATH; none when it would not.
+    static std::optional<std::filesystem::path> findTool(const std::string& name);
+
     struct Launch {
         std::string executable;
         std::vector<std::string> argv; // including argv[0]

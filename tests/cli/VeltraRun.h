@@ -18,7 +18,7 @@ inline ProcessResult runVeltra(std::vector<std::string> arguments,
     request.arguments = std::move(arguments);
     request.environment = std::move(environment);
     request.standardInput = std::move(standardInput);
-    return ProcessRunner().run(request);
+    return ProcessRunner::run(request);
 }
 
 } // namespace veltra::testing

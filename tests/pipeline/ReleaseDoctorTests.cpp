@@ -7,6 +7,7 @@
 #include "core/demo/DemoSandbox.h"
 #include "core/feed/SparklePrivateKey.h"
 #include "core/pipeline/ReleaseDoctor.h"
+#include "core/pipeline/SparkleKeys.h"
 #include "core/support/FileUtilities.h"
 
 #include <sys/statvfs.h>
@@ -174,6 +175,19 @@ TEST_F(DoctorWithSandbox, SparkleKeyAndFeedAgainstWhatTheAppCarries) {
     EXPECT_NE(found[1].found.find("is not the key file's"), std::string::npos);
     other.sparkle.privateKeyPath = (dir / "missing_key").string();
     EXPECT_EQ(verdicts(doctor.sparkle(other)), "Sparkle key:problem Sparkle feed:ok ");
+
+    // No key file named: the keychain's key, which a release then signs with.
+    fake("VELTRA_FAKE_KEYCHAIN_DIR", (dir / "keychains").string());
+    other.sparkle.privateKeyPath.clear();
+    found = doctor.sparkle(other);
+    EXPECT_EQ(verdicts(found), "Sparkle key:problem Sparkle feed:ok ");
+    EXPECT_EQ(found[0].advice, "Run 'veltra sparkle keys generate', or set "
+                               "sparkle.privateKeyPath to a key file.");
+    SparkleKeys::importFile(sandbox.privateKey(), "ed25519");
+    found = doctor.sparkle(other);
+    EXPECT_EQ(verdicts(found), "Sparkle key:ok Sparkle feed:ok ");
+    EXPECT_TRUE(found[0].found.starts_with("the login keychain (account ed25519) reads"))
+        << found[0].found;
 
     // The app reads one address, releases go to another.
     other = profile;

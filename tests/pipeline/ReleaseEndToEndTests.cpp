@@ -4,8 +4,10 @@
 #include "AppleTools.h"
 #include "GitFixture.h"
 #include "core/demo/DemoSandbox.h"
+#include "core/feed/NativeEd25519Signer.h"
 #include "core/pipeline/PipelineManager.h"
 #include "core/pipeline/ReleaseRunRecord.h"
+#include "core/pipeline/SparkleKeys.h"
 #include "core/profile/ProfileStore.h"
 #include "core/support/EventLoop.h"
 #include "core/support/FileLock.h"
@@ -200,6 +202,26 @@ TEST_F(ReleaseRun, AnEarlierReleasesFilesAreNeverReplaced) {
 
 // A dry run goes through every step without changing the project, the website repository or
 // its origin, says what it would publish, and records nothing.
+// A profile that names no key file signs with the key Sparkle's tools keep in the keychain.
+TEST_F(ReleaseRun, WithoutAKeyFileTheKeychainsKeySigns) {
+    fake("VELTRA_FAKE_KEYCHAIN_DIR", (dir / "keychains").string());
+    profile.sparkle.privateKeyPath.clear();
+    release();
+    EXPECT_EQ(failure(), "No Sparkle key for account ed25519 in the login keychain. Make "
+                         "one with 'veltra sparkle keys generate'.");
+
+    SparkleKeys::importFile(sandbox.privateKey(), "ed25519");
+    release();
+    ASSERT_EQ(failure(), "");
+    EXPECT_TRUE(logged("   Using native CryptoKit Ed25519 signer with the keychain's key (account "
+                       "ed25519)"));
+    const auto& manifest = *pipeline.completedManifest();
+    EXPECT_EQ(manifest.sparkleSignature,
+              NativeEd25519Signer::signFile(SparklePrivateKey::readFile(sandbox.privateKey()),
+                                            *manifest.dmgURL)
+                  .signatureBase64());
+}
+
 TEST_F(ReleaseRun, ADryRunChangesNothingAndSaysWhatItWouldPublish) {
     ProfileStore store(loop, notifications, dir / "profiles.json");
     store.add(profile);
