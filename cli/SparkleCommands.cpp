@@ -1,7 +1,9 @@
 #include "Commands.h"
 #include "OpenStore.h"
 #include "core/pipeline/SparkleKeys.h"
+#include "core/publishing/ReleasePublishingPlan.h"
 #include "core/support/FileUtilities.h"
+#include "core/xcode/SparkleProjectSetup.h"
 
 #include <memory>
 #include <optional>
@@ -97,10 +99,119 @@ void addImport(CLI::App& group, CliContext& context) {
     });
 }
 
+struct SetupOptions {
+    std::string profile;
+    std::string project;
+    std::string scheme;
+    std::string target;
+    std::string feedURL;
+    std::string publicKey;
+    bool dryRun = false;
+    bool force = false;
+};
+
+// The request from a profile, with the options given on top; or from the options alone.
+SparkleSetupRequest setupRequest(CliContext& context, const SetupOptions& options) {
+    SparkleSetupRequest request;
+    request.force = options.force;
+    if (!options.profile.empty()) {
+        OpenStore store(context);
+        const auto& profile = store.find(options.profile);
+        if (profile.sourceProjectPath) {
+            request.project = expandTilde(standardizePath(*profile.sourceProjectPath));
+        }
+        request.scheme = profile.selectedScheme;
+        request.feedURL = ReleasePublishingPlan::publicAddresses(profile).publicAppcastURL;
+        if (options.publicKey.empty()) {
+            const auto location =
+                profile.sparkle.privateKeyPath.empty()
+                    ? SparkleKeys::locate()
+                    : SparkleKeyLocation{
+                          std::string(SparkleKeys::defaultAccount),
+                          expandTilde(standardizePath(profile.sparkle.privateKeyPath))};
+            request.publicKey = SparkleKeys::load(location, context.stop).publicKeyBase64();
+        }
+    }
+    if (!options.project.empty()) {
+        request.project = fs::absolute(expandTilde(options.project));
+    }
+    if (!options.scheme.empty()) {
+        request.scheme = options.scheme;
+    }
+    if (!options.target.empty()) {
+        request.target = options.target;
+    }
+    if (!options.feedURL.empty()) {
+        request.feedURL = options.feedURL;
+    }
+    if (!options.publicKey.empty()) {
+        request.publicKey = options.publicKey;
+    }
+    if (request.project.empty()) {
+        throw failure("Name a profile whose source is an Xcode project, or give --project.");
+    }
+    if (request.feedURL.empty()) {
+        throw failure("No feed address: set the profile's website (webDeploy.siteURL), or give "
+                      "--feed-url.");
+    }
+    if (request.publicKey.empty()) {
+        throw failure("No public key: give --public-key, or make a key with 'veltra sparkle keys "
+                      "generate'.");
+    }
+    return request;
+}
+
+void addSetup(CLI::App& group, CliContext& context) {
+    auto* command = group.add_subcommand(
+        "setup", "Set an Xcode project up for Sparkle's updates: the package on the app target, "
+                 "SUFeedURL and SUPublicEDKey in its Info.plist");
+    auto options = std::make_shared<SetupOptions>();
+    command->add_option("NAME|ID", options->profile,
+                        "The profile whose project, feed address and key to use");
+    command->add_option("--project", options->project, "The .xcodeproj");
+    auto* scheme =
+        command->add_option("--scheme", options->scheme, "The scheme whose app target to set up");
+    auto* target = command->add_option("--target", options->target, "The app target to set up");
+    scheme->excludes(target);
+    command->add_option("--feed-url", options->feedURL, "The SUFeedURL the app reads");
+    command->add_option("--public-key", options->publicKey,
+                        "The SUPublicEDKey (from 'veltra sparkle keys show')");
+    command->add_flag("--dry-run", options->dryRun, "List what would change and change nothing");
+    command->add_flag("--force", options->force,
+                      "Replace a different SUFeedURL or SUPublicEDKey the app has");
+    command->callback([&context, options] {
+        const auto request = setupRequest(context, *options);
+        const auto plan = SparkleProjectSetup::plan(request);
+        if (plan.alreadySetUp()) {
+            context.out << plan.targetName << " is already set up for updates.\n";
+            return;
+        }
+        for (const auto& change : plan.changes) {
+            context.out << (options->dryRun ? "Would: " : "") << change << '\n';
+        }
+        for (const auto& conflict : plan.conflicts) {
+            context.err << "Warning: " << conflict << '\n';
+        }
+        if (!plan.conflicts.empty()) {
+            context.exitStatus = 1;
+        }
+        if (options->dryRun || plan.changes.empty()) {
+            return;
+        }
+        SparkleProjectSetup::apply(plan);
+        context.out << "\n"
+                    << plan.targetName
+                    << " is set up. Veltra writes no source code; to start Sparkle's updater, "
+                       "add:\n\n"
+                    << SparkleProjectSetup::swiftSnippet();
+    });
+}
+
 } // namespace
 
 void addSparkleCommands(CLI::App& app, CliContext& context) {
-    auto* group = app.add_subcommand("sparkle", "Sparkle update keys");
+    auto* group =
+        app.add_subcommand("sparkle", "Sparkle update keys, and setting a project up for updates");
     group->require_subcommand(1);
     auto* keys = group->add_subcommand(
         "keys", "Make, show, export and import the Ed25519 key that signs updates");
@@ -109,6 +220,7 @@ void addSparkleCommands(CLI::App& app, CliContext& context) {
     addShow(*keys, context);
     addExport(*keys, context);
     addImport(*keys, context);
+    addSetup(*group, context);
 }
 
 } // namespace veltra::cli

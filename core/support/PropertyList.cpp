@@ -142,4 +142,43 @@ nlohmann::json readPropertyListDictionary(const std::filesystem::path& path) {
     return value;
 }
 
+void setPropertyListStrings(const std::filesystem::path& path,
+                            const std::map<std::string, std::string>& values) {
+    std::string bytes;
+    if (std::filesystem::exists(path)) {
+        bytes = readFile(path);
+        // Checked here, so the writer below never meets a root it cannot set keys in.
+        readPropertyListDictionary(path);
+    } else {
+        bytes = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict/>\n"
+                "</plist>\n";
+    }
+    if (bytes.size() > UINT32_MAX) {
+        throw VeltraError("Veltra", errorCode::invalidSetup, "The property list is too large.");
+    }
+    plist_t raw = nullptr;
+    if (bytes.starts_with("bplist00")) {
+        plist_from_bin(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &raw);
+    } else {
+        plist_from_xml(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &raw);
+    }
+    const PlistPointer root(raw);
+    if (!root || plist_get_node_type(root.get()) != PLIST_DICT) {
+        throw VeltraError("Veltra", errorCode::invalidSetup,
+                          "The plist must contain a dictionary.");
+    }
+    for (const auto& [key, value] : values) {
+        plist_dict_set_item(root.get(), key.c_str(), plist_new_string(value.c_str()));
+    }
+    char* xml = nullptr;
+    std::uint32_t length = 0;
+    plist_to_xml(root.get(), &xml, &length);
+    if (xml == nullptr) {
+        throw VeltraError("Veltra", errorCode::invalidSetup,
+                          "The property list could not be written.");
+    }
+    const std::unique_ptr<char, CharFree> text(xml);
+    writeFileAtomically(path, std::string_view(text.get(), length));
+}
+
 } // namespace veltra

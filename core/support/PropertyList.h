@@ -1,6 +1,8 @@
 #pragma once
 
 #include <filesystem>
+#include <map>
+#include <string>
 #include <string_view>
 
 #include <nlohmann/json.hpp>
@@ -15,5 +17,11 @@ nlohmann::json parsePropertyList(std::string_view bytes);
 // The same for a file whose root must be a dictionary. The reason is "The plist must contain a
 // dictionary." for another root, and the file system's words when it cannot be read.
 nlohmann::json readPropertyListDictionary(const std::filesystem::path& path);
+
+// Sets string values in the dictionary of the property list at `path` (a new XML one when the
+// file does not exist) and writes it back as XML, atomically. Other keys keep their values.
+// Throws VeltraError when the file is not a dictionary property list or cannot be written.
+void setPropertyListStrings(const std::filesystem::path& path,
+                            const std::map<std::string, std::string>& values);
 
 } // namespace veltra

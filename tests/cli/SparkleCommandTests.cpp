@@ -1,5 +1,6 @@
 // Sparkle's signing key in the keychain (through the security stand-in, which records each item)
-// and in key files: made once, never replaced, shown, exported, imported and signed with.
+// and in key files: made once, never replaced, shown, exported, imported and signed with. And a
+// profile's project set up for updates from the command line.
 
 #include "AppleTools.h"
 #include "TestSupport.h"
@@ -9,6 +10,7 @@
 #include "core/support/Text.h"
 
 #include <algorithm>
+#include <map>
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>
@@ -145,6 +147,44 @@ TEST_F(SparkleKeyCommands, WithoutAKeychainTheKeyIsAPrivateFile) {
     const auto escaping = veltra({"sparkle", "keys", "generate", "--account", "../../escape"});
     EXPECT_EQ(escaping.exitCode, 1);
     EXPECT_FALSE(fs::exists(dir / "escape_priv"));
+}
+
+// The demo's profile: its app reads the sandbox's feed with the sandbox's key already, so the
+// setup adds only the package, once.
+TEST(SparkleSetupCommand, SetsUpAProfilesProjectOnceAndSaysWhatItDid) {
+    testing::TempDir dir;
+    const auto demo = testing::runVeltra({"demo", "--keep", (dir / "demo").string()});
+    ASSERT_EQ(demo.exitCode, 0) << demo.output << demo.errorOutput;
+    const std::map<std::string, std::string> environment{
+        {"VELTRA_PROFILES", (dir / "demo/profiles.json").string()}};
+    const auto project = dir / "demo/Sample/Sample.xcodeproj/project.pbxproj";
+    const auto before = readFile(project);
+
+    const auto dryRun =
+        testing::runVeltra({"sparkle", "setup", "Sample", "--dry-run"}, environment);
+    EXPECT_EQ(dryRun.exitCode, 0) << dryRun.errorOutput;
+    EXPECT_EQ(dryRun.output, "Would: Add the Sparkle package "
+                             "(https://github.com/sparkle-project/Sparkle, up to the next major "
+                             "version from 2.0.0) to the project\n"
+                             "Would: Add the Sparkle product to target Sample\n"
+                             "Would: Link Sparkle in target Sample's Frameworks phase\n");
+    EXPECT_EQ(readFile(project), before);
+
+    const auto setUp = testing::runVeltra({"sparkle", "setup", "Sample"}, environment);
+    EXPECT_EQ(setUp.exitCode, 0) << setUp.errorOutput;
+    EXPECT_TRUE(setUp.output.starts_with("Add the Sparkle package")) << setUp.output;
+    EXPECT_NE(setUp.output.find("Button(\"Check for Updates…\")"), std::string::npos);
+    EXPECT_NE(readFile(project).find("productName = Sparkle;"), std::string::npos);
+
+    const auto again = testing::runVeltra({"sparkle", "setup", "Sample"}, environment);
+    EXPECT_EQ(again.output, "Sample is already set up for updates.\n");
+
+    // A different key in the app is reported and kept.
+    const auto other =
+        testing::runVeltra({"sparkle", "setup", "Sample", "--public-key", "b3RoZXI="}, environment);
+    EXPECT_EQ(other.exitCode, 1);
+    EXPECT_TRUE(other.errorOutput.starts_with("Warning: SUPublicEDKey in Sample/Info.plist is "))
+        << other.errorOutput;
 }
 
 } // namespace
