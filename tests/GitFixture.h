@@ -21,7 +21,7 @@ inline std::string git(const std::filesystem::path& directory, std::vector<std::
         {"GIT_AUTHOR_NAME", "Jane Doe"},    {"GIT_AUTHOR_EMAIL", "jane@example.com"},
         {"GIT_COMMITTER_NAME", "Jane Doe"}, {"GIT_COMMITTER_EMAIL", "jane@example.com"},
         {"GIT_CONFIG_NOSYSTEM", "1"},       {"GIT_CONFIG_GLOBAL", "/dev/null"}};
-    const auto result = ProcessRunner().run(request);
+    const auto result = ProcessRunner::run(request);
     EXPECT_EQ(result.exitCode, 0) << "git " << request.arguments.front() << ": "
                                   << result.errorOutput;
     return result.output;

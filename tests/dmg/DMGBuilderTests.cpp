@@ -84,7 +84,7 @@ protected:
     // Opens a finished image as a user would: the stand-in attaches it at a folder.
     fs::path open(const fs::path& image) {
         const auto mount = dir / "opened";
-        const auto result = ProcessRunner().run(
+        const auto result = ProcessRunner::run(
             ProcessRequest{.command = "hdiutil",
                            .arguments = {"attach", image.string(), "-mountpoint", mount.string()}});
         EXPECT_EQ(result.exitCode, 0) << result.errorOutput;
@@ -164,7 +164,7 @@ TEST_F(DMGBuilderRun, DefaultArtworkImageHoldsWhatAUserSees) {
     EXPECT_EQ(fs::read_symlink(volume / "Applications"), "/Applications");
     EXPECT_TRUE(isExtensionHidden(volume / "Acme.app"));
 
-    const auto facts = ProcessRunner().run(
+    const auto facts = ProcessRunner::run(
         ProcessRequest{.command = "sips",
                        .arguments = {"-g", "pixelWidth", "-g", "pixelHeight", "-g", "dpiWidth",
                                      (volume / ".background" / "background.png").string()}});
@@ -212,7 +212,7 @@ TEST_F(DMGBuilderRun, CustomPictureIsStagedAndResizedMissingOneFallsBackToTheArt
     ASSERT_EQ(sips.size(), 1u);
     EXPECT_EQ(Lines(sips[0].begin(), sips[0].begin() + 3), (Lines{"-z", "801", "1321"}));
     const auto volume = open(options.outputDMGPath);
-    const auto facts = ProcessRunner().run(
+    const auto facts = ProcessRunner::run(
         ProcessRequest{.command = "sips",
                        .arguments = {"-g", "pixelWidth", "-g", "pixelHeight",
                                      (volume / ".background" / "background.png").string()}});

@@ -531,11 +531,14 @@ TEST_F(ReleaseRun, OneReleaseOfAProfileAtATime) {
     std::stop_source stop;
     std::atomic<bool> holding = false;
     std::jthread other([&] {
-        ProcessRequest request{.command = "flock",
-                               .arguments = {lockFile.string(), "sh", "-c", "echo held; sleep 60"}};
+        // -o: only flock itself holds the lock, so it is free once the runner has seen flock end
+        // (its shell and sleep, killed with it, may outlive it for a moment).
+        ProcessRequest request{
+            .command = "flock",
+            .arguments = {"-o", lockFile.string(), "sh", "-c", "echo held; sleep 60"}};
         request.onOutput = [&](std::string_view) { holding = true; };
         try {
-            ProcessRunner().run(request, stop.get_token());
+            ProcessRunner::run(request, stop.get_token());
         } catch (const CancellationError&) {
         }
     });
@@ -698,11 +701,10 @@ TEST_F(ReleaseRun, CancellingDuringEachLongStepLeavesNothingBehind) {
                       .find("veltra_branch_"),
                   std::string::npos);
         // No stand-in is still running in the test's folder.
-        EXPECT_EQ(
-            ProcessRunner()
-                .run(ProcessRequest{.command = "pgrep", .arguments = {"-f", dir.path().string()}})
-                .output,
-            "");
+        EXPECT_EQ(ProcessRunner::run(
+                      ProcessRequest{.command = "pgrep", .arguments = {"-f", dir.path().string()}})
+                      .output,
+                  "");
     }
 }
 

@@ -155,13 +155,13 @@ TEST_F(Website, InspectorNamesWhatBlocksACommit) {
     repo.commit("index.html", "<html>other</html>");
     git(repo.site, {"checkout", "--quiet", "main"});
     repo.commit("index.html", "<html>main</html>");
-    ProcessRunner().run(ProcessRequest{.command = "git",
-                                       .arguments = {"merge", "other"},
-                                       .currentDirectory = repo.site,
-                                       .environment = {{"GIT_AUTHOR_NAME", "J"},
-                                                       {"GIT_AUTHOR_EMAIL", "j@x"},
-                                                       {"GIT_COMMITTER_NAME", "J"},
-                                                       {"GIT_COMMITTER_EMAIL", "j@x"}}});
+    ProcessRunner::run(ProcessRequest{.command = "git",
+                                      .arguments = {"merge", "other"},
+                                      .currentDirectory = repo.site,
+                                      .environment = {{"GIT_AUTHOR_NAME", "J"},
+                                                      {"GIT_AUTHOR_EMAIL", "j@x"},
+                                                      {"GIT_COMMITTER_NAME", "J"},
+                                                      {"GIT_COMMITTER_EMAIL", "j@x"}}});
     EXPECT_EQ(inspector.inspect(repo.site, "main").blocker,
               "The website repository at " + where +
                   " has a merge in progress. Finish it with 'git merge --continue' or undo it "
@@ -169,7 +169,7 @@ TEST_F(Website, InspectorNamesWhatBlocksACommit) {
     git(repo.site, {"merge", "--abort"});
 
     // The same conflict as a rebase.
-    ProcessRunner().run(ProcessRequest{
+    ProcessRunner::run(ProcessRequest{
         .command = "git",
         .arguments = {"rebase", "other"},
         .currentDirectory = repo.site,

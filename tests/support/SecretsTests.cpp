@@ -165,7 +165,7 @@ TEST(GitBranchNames, AreJudgedAsGitJudgesThem) {
           "HEAD",         "a~1",        "a^",          "a:b",
           "a?",           "a*",         "a[",          "a\\b",
           "a.",           "a\x7f",      "x/y.",        "a/.lock"}) {
-        const auto git = ProcessRunner().run(ProcessRequest{
+        const auto git = ProcessRunner::run(ProcessRequest{
             .command = "git",
             .arguments = {"check-ref-format", "--branch", name},
             .currentDirectory = dir.path(),
@@ -198,7 +198,7 @@ TEST(ShellCommandLine, ReadsBackAsTheSameWords) {
     const auto line = shellCommandLine(words);
     EXPECT_TRUE(line.starts_with("gh plain-word_1.2:3@x%+,= 'two words' 'it'\\''s' ")) << line;
     TempDir dir;
-    const auto echoed = ProcessRunner().run(ProcessRequest{
+    const auto echoed = ProcessRunner::run(ProcessRequest{
         .command = "/bin/sh",
         .arguments = {"-c", "set -- " + line + "; for w in \"$@\"; do printf '[%s]' \"$w\"; done"},
         .currentDirectory = dir.path()});
