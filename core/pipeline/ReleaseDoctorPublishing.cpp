@@ -18,6 +18,7 @@
 #include "core/support/FileUtilities.h"
 #include "core/support/Text.h"
 #include "core/support/VeltraError.h"
+#include "core/xcode/SparklePackageSetup.h"
 #include "core/xcode/VersionManager.h"
 #include "core/xcode/XcodeToolsVerdict.h"
 
@@ -42,16 +43,38 @@ using namespace doctor;
 
 std::vector<DoctorFinding> ReleaseDoctor::sparkle(const ProjectProfile& profile) const {
     std::vector<DoctorFinding> found;
+    const auto setUp =
+        "Run '" + shellCommandLine({"veltra", "sparkle", "setup", profile.name}) + "'.";
     SparkleAppSettings app;
     if (profile.sourceProjectPath && !profile.sourceProjectPath->empty()) {
-        app = SparkleAutoResolver::fromProject(
-            expandTilde(standardizePath(*profile.sourceProjectPath)));
+        const auto project = fs::path(expandTilde(standardizePath(*profile.sourceProjectPath)));
+        app = SparkleAutoResolver::fromProject(project);
+        if (project.extension() == ".xcodeproj") {
+            // A project the setup cannot read is the archive's to report.
+            try {
+                const auto text = readFile(project / "project.pbxproj");
+                auto package = [&] {
+                    try {
+                        return SparklePackageSetup::plan(text, std::nullopt);
+                    } catch (const VeltraError&) {
+                        if (!profile.selectedScheme) {
+                            throw;
+                        }
+                        return SparklePackageSetup::plan(text, profile.selectedScheme);
+                    }
+                }();
+                if (!package.existing) {
+                    found.push_back(finding(
+                        "Sparkle", Verdict::problem,
+                        "Sparkle not in the project (target " + package.targetName + ")", setUp));
+                }
+            } catch (const VeltraError&) {
+            }
+        }
     }
     if (!app.feedURL && !app.publicKey) {
-        found.push_back(finding("Sparkle", Verdict::warning,
-                                "The app carries neither SUFeedURL nor SUPublicEDKey",
-                                "Add both to the app's Info.plist (or build settings) so "
-                                "releases reach users as updates."));
+        found.push_back(finding("Sparkle", Verdict::problem,
+                                "The app carries neither SUFeedURL nor SUPublicEDKey", setUp));
         return found;
     }
 
@@ -79,7 +102,8 @@ std::vector<DoctorFinding> ReleaseDoctor::sparkle(const ProjectProfile& profile)
     if (!app.publicKey) {
         found.push_back(finding("Sparkle key", Verdict::problem,
                                 "The app carries no SUPublicEDKey, so it accepts no update",
-                                "Add SUPublicEDKey" + (ourKey ? " = " + *ourKey : std::string()) +
+                                setUp + " It adds SUPublicEDKey" +
+                                    (ourKey ? " = " + *ourKey : std::string()) +
                                     " to the app's Info.plist."));
     } else if (ourKey && *app.publicKey != *ourKey) {
         found.push_back(finding(
@@ -93,7 +117,7 @@ std::vector<DoctorFinding> ReleaseDoctor::sparkle(const ProjectProfile& profile)
     const auto expected = ReleasePublishingPlan::publicAddresses(profile).publicAppcastURL;
     if (!app.feedURL) {
         found.push_back(finding("Sparkle feed", Verdict::problem, "The app carries no SUFeedURL",
-                                "Add SUFeedURL" +
+                                setUp + " It adds SUFeedURL" +
                                     (expected.empty() ? std::string() : " = " + expected) +
                                     " to the app's Info.plist."));
     } else if (expected.empty()) {

@@ -9,6 +9,7 @@
 #include "core/pipeline/ReleaseDoctor.h"
 #include "core/pipeline/SparkleKeys.h"
 #include "core/support/FileUtilities.h"
+#include "core/xcode/SparkleProjectSetup.h"
 
 #include <sys/statvfs.h>
 
@@ -162,7 +163,18 @@ protected:
 };
 
 TEST_F(DoctorWithSandbox, SparkleKeyAndFeedAgainstWhatTheAppCarries) {
+    // The sample has the keys but not the package; the setup is the fix the doctor names.
     auto found = doctor.sparkle(profile);
+    ASSERT_EQ(verdicts(found), "Sparkle:problem Sparkle key:ok Sparkle feed:ok ");
+    EXPECT_EQ(found[0].found, "Sparkle not in the project (target Sample)");
+    EXPECT_EQ(found[0].advice, "Run 'veltra sparkle setup Sample'.");
+    SparkleSetupRequest setup;
+    setup.project = sandbox.project();
+    setup.feedURL = sandbox.siteURL() + "downloads/appcast.xml";
+    setup.publicKey = sandbox.publicKey();
+    SparkleProjectSetup::apply(SparkleProjectSetup::plan(setup));
+
+    found = doctor.sparkle(profile);
     EXPECT_EQ(verdicts(found), "Sparkle key:ok Sparkle feed:ok ");
     EXPECT_EQ(found[1].found, "The app reads " + sandbox.siteURL() + "downloads/appcast.xml");
 
@@ -204,7 +216,9 @@ TEST_F(DoctorWithSandbox, SparkleKeyAndFeedAgainstWhatTheAppCarries) {
     const auto plist = sandbox.project().parent_path() / "Sample" / "Info.plist";
     testing::writeFile(plist, "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist "
                               "version=\"1.0\"><dict></dict></plist>\n");
-    EXPECT_EQ(verdicts(doctor.sparkle(profile)), "Sparkle:warning ");
+    found = doctor.sparkle(profile);
+    EXPECT_EQ(verdicts(found), "Sparkle:problem ");
+    EXPECT_EQ(found[0].advice, "Run 'veltra sparkle setup Sample'.");
 }
 
 TEST_F(DoctorWithSandbox, WebsiteOriginLiveFeedAndNextBuild) {
