@@ -1,5 +1,6 @@
 #include "Commands.h"
 #include "OpenStore.h"
+#include "core/pipeline/ProfileUpdatesSetup.h"
 #include "core/pipeline/SparkleKeys.h"
 #include "core/publishing/ReleasePublishingPlan.h"
 #include "core/support/FileUtilities.h"
@@ -113,25 +114,16 @@ struct SetupOptions {
 // The request from a profile, with the options given on top; or from the options alone.
 SparkleSetupRequest setupRequest(CliContext& context, const SetupOptions& options) {
     SparkleSetupRequest request;
-    request.force = options.force;
     if (!options.profile.empty()) {
         OpenStore store(context);
-        const auto& profile = store.find(options.profile);
-        if (profile.sourceProjectPath) {
-            request.project = expandTilde(standardizePath(*profile.sourceProjectPath));
-        }
-        request.scheme = profile.selectedScheme;
-        request.feedURL = ReleasePublishingPlan::publicAddresses(profile).publicAppcastURL;
-        if (options.publicKey.empty()) {
-            const auto location =
-                profile.sparkle.privateKeyPath.empty()
-                    ? SparkleKeys::locate()
-                    : SparkleKeyLocation{
-                          std::string(SparkleKeys::defaultAccount),
-                          expandTilde(standardizePath(profile.sparkle.privateKeyPath))};
-            request.publicKey = SparkleKeys::load(location, context.stop).publicKeyBase64();
-        }
+        const std::optional<fs::path> project =
+            options.project.empty() ? std::nullopt
+                                    : std::optional(fs::absolute(expandTilde(options.project)));
+        request = ProfileUpdatesSetup::request(
+            store.find(options.profile), context.stop, project,
+            options.publicKey.empty() ? std::nullopt : std::optional(options.publicKey));
     }
+    request.force = options.force;
     if (!options.project.empty()) {
         request.project = fs::absolute(expandTilde(options.project));
     }
@@ -190,7 +182,7 @@ void addSetup(CLI::App& group, CliContext& context) {
             context.out << (options->dryRun ? "Would: " : "") << change << '\n';
         }
         for (const auto& conflict : plan.conflicts) {
-            context.err << "Warning: " << conflict << '\n';
+            context.err << "Warning: " << conflict << "; --force replaces it\n";
         }
         if (!plan.conflicts.empty()) {
             context.exitStatus = 1;

@@ -13,15 +13,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-void replaceOnce(std::string& text, std::string_view from, std::string_view to) {
-    const auto at = text.find(from);
-    if (at == std::string::npos) {
-        throw VeltraError("Veltra", errorCode::toolFailed,
-                          "The sample project's Info.plist has no '" + std::string(from) + "'.");
-    }
-    text.replace(at, from.size(), to);
-}
-
 void git(const fs::path& directory, std::vector<std::string> arguments, const std::string& what) {
     const auto result = GitCommand::run(directory, std::move(arguments), {}, 120);
     if (result.exitCode != 0) {
@@ -52,18 +43,11 @@ DemoSandbox::DemoSandbox(const fs::path& root, const fs::path& sample, const Log
     server_ = std::make_unique<StaticSiteServer>(served());
     say("Serving " + served().string() + " at " + siteURL());
 
-    // The app: the sample in a repository of its own, carrying this sandbox's feed and key.
+    // The app: the sample in a repository of its own. It does not read updates yet: its first
+    // release sets it up for this sandbox's feed and key.
     copyItem(sample, root_ / "Sample");
     publicKey_ = SparklePrivateKey::createFile(privateKey());
     say("Made a Sparkle key for the demo: " + privateKey().string());
-    const auto plistPath = root_ / "Sample" / "Sample" / "Info.plist";
-    auto plist = readFile(plistPath);
-    const auto feedURL = siteURL() + "downloads/appcast.xml";
-    replaceOnce(plist, "<string>https://www.example.com/downloads/appcast.xml</string>",
-                "<string>" + feedURL + "</string>");
-    replaceOnce(plist, "<key>SUPublicEDKey</key>\n\t<string></string>",
-                "<key>SUPublicEDKey</key>\n\t<string>" + publicKey_ + "</string>");
-    writeFileAtomically(plistPath, plist);
     const auto appRepository = root_ / "Sample";
     git(appRepository, {"init", "--quiet", "--initial-branch=main"},
         "Could not create the sample's repository");

@@ -1,8 +1,10 @@
 #include "PipelineRunState.h"
+#include "ProfileUpdatesSetup.h"
 #include "core/process/ProcessRunner.h"
 #include "core/publishing/GitCommand.h"
 #include "core/publishing/ReleasePublishingPlan.h"
 #include "core/support/FileUtilities.h"
+#include "core/support/Text.h"
 #include "core/support/Uuid.h"
 #include "core/support/VeltraError.h"
 #include "core/xcode/XcodeProjectDiscovery.h"
@@ -119,7 +121,7 @@ void PipelineManager::archiveStage(RunState& run, std::optional<BranchWorktree>&
         scheme = other;
     }
     if (run.updatesConfigured) {
-        log("   Ensuring Sparkle framework is integrated into Xcode project...");
+        ensureSparkle(run, project, scheme, worktree.has_value());
     }
     chooseIdentity(run);
     log("   Compiling Release Build...");
@@ -129,6 +131,51 @@ void PipelineManager::archiveStage(RunState& run, std::optional<BranchWorktree>&
     // <temp>/veltra_build_<UUID>/ExportedApp/<name>.app
     run.buildFolder = run.app.parent_path().parent_path();
     updateStep(StepID::archive, StepStatus::succeeded, "Built " + run.app.filename().string());
+}
+
+void PipelineManager::ensureSparkle(RunState& run, const std::filesystem::path& project,
+                                    const std::string& scheme, bool inWorktree) {
+    log("   Ensuring Sparkle framework is integrated into Xcode project...");
+    const auto& profile = run.request.profile;
+    auto request = ProfileUpdatesSetup::request(profile, run.stop, project);
+    request.scheme = scheme;
+    const auto plan = [&] {
+        try {
+            return SparkleProjectSetup::plan(request);
+        } catch (const VeltraError& error) {
+            throw VeltraError(error.domain(), error.code(),
+                              "Veltra could not set the project up for Sparkle updates: " +
+                                  error.message());
+        }
+    }();
+    if (!plan.conflicts.empty()) {
+        std::string conflicts;
+        for (const auto& conflict : plan.conflicts) {
+            conflicts += (conflicts.empty() ? "" : "; ") + conflict;
+        }
+        throw VeltraError(
+            "Veltra", errorCode::invalidSetup,
+            "The app would refuse this release's update: " + conflicts + ". Run '" +
+                shellCommandLine({"veltra", "sparkle", "setup", profile.name, "--force"}) +
+                "' to give the app this profile's feed and key, or sign with the key it has.");
+    }
+    if (plan.alreadySetUp()) {
+        log("   Success: Sparkle already integrated");
+        return;
+    }
+    if (run.dryRun) {
+        run.dryRun->sparkleNotSetUp(plan.changes);
+        run.sparkleSetupPending = true;
+        return;
+    }
+    SparkleProjectSetup::apply(plan);
+    for (const auto& done : plan.done) {
+        log("   Success: " + done);
+    }
+    if (inWorktree) {
+        log("Info: The Sparkle set-up is in this build's worktree only; commit it on the app "
+            "branch to keep it");
+    }
 }
 
 void PipelineManager::inspectStage(RunState& run) {
@@ -168,7 +215,9 @@ void PipelineManager::inspectStage(RunState& run) {
         const auto expected =
             ReleasePublishingPlan::publicAddresses(run.request.profile).publicAppcastURL;
         const auto found = SparkleAutoResolver::fromApp(run.app).feedURL;
-        if (found != expected) {
+        if (!found && run.sparkleSetupPending) {
+            log("   Info: Dry run: the app has no SUFeedURL yet; a release adds " + expected);
+        } else if (found != expected) {
             throw VeltraError("Veltra", errorCode::invalidSetup,
                               "The built app's Sparkle feed URL does not match this app's "
                               "release profile. Expected " +

@@ -8,6 +8,7 @@
 #include "core/support/Uuid.h"
 #include "core/support/VeltraError.h"
 
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <string>
@@ -70,6 +71,16 @@ void DryRun::versionNotWritten(const std::string& version, std::int64_t build) c
     // The archiver gives xcodebuild the version and build as overrides either way.
     log_("Info: Dry run: v" + version + " (build " + std::to_string(build) +
          ") goes to xcodebuild as overrides; the project is not written");
+}
+
+void DryRun::sparkleNotSetUp(const std::vector<std::string>& changes) const {
+    for (auto change : changes) {
+        // "Add the Sparkle product …" reads on as "would add the Sparkle product …".
+        change.front() =
+            static_cast<char>(std::tolower(static_cast<unsigned char>(change.front())));
+        log_("   Dry run: would " + change);
+    }
+    log_("Info: Dry run: the project is not written, so this build has no Sparkle settings yet");
 }
 
 void DryRun::notarizationNotSubmitted(const std::filesystem::path& dmg,

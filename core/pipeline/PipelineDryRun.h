@@ -10,6 +10,7 @@
 #include <optional>
 #include <stop_token>
 #include <string>
+#include <vector>
 
 namespace veltra {
 
@@ -37,6 +38,7 @@ public:
                          std::stop_token stop);
     // What the stages would have done.
     void versionNotWritten(const std::string& version, std::int64_t build) const;
+    void sparkleNotSetUp(const std::vector<std::string>& changes) const;
     void notarizationNotSubmitted(const std::filesystem::path& dmg,
                                   const std::string& keychainProfile) const;
     void gitHubNotPublished(const GitHubReleaseConfig& config, const std::filesystem::path& dmg,

@@ -116,6 +116,8 @@ private:
     void versionStage(RunState& run);
     void chooseIdentity(RunState& run);
     void archiveStage(RunState& run, std::optional<BranchWorktree>& worktree);
+    void ensureSparkle(RunState& run, const std::filesystem::path& project,
+                       const std::string& scheme, bool inWorktree);
     // The image's and notes' name without extension; with `warn`, says so when the version was
     // released before under another build.
     std::string releaseFileStem(const RunState& run, bool warn);

@@ -44,11 +44,7 @@ void PipelineManager::sparkleStage(RunState& run) {
         engine.project = *run.project;
     }
     const auto signed_ = [&] {
-        if (!profile.sparkle.privateKeyPath.empty()) {
-            return engine.sign(run.dmg, run.appName, profile.sparkle.privateKeyPath, run.stop);
-        }
-        // No key file named: the key Sparkle's own tools keep, as sign_update finds it.
-        const auto location = SparkleKeys::locate();
+        const auto location = SparkleKeys::ofProfile(profile.sparkle);
         if (location.file) {
             return engine.sign(run.dmg, run.appName, location.file->string(), run.stop);
         }

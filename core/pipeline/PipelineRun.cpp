@@ -1,4 +1,5 @@
 #include "PipelineRunState.h"
+#include "ProfileUpdatesSetup.h"
 #include "ReleaseRunRecord.h"
 #include "core/feed/ReleaseFeedValidator.h"
 #include "core/process/ProcessRunner.h"
@@ -235,8 +236,9 @@ void PipelineManager::preflight(RunState& run) {
     const auto& profile = run.request.profile;
     log("Checking the publishing branch and live feed before building...");
     run.embedded = SparkleAutoResolver::fromProject(*run.project);
-    // An app that carries a feed address expects its updates there.
-    run.updatesConfigured = run.embedded.feedURL.has_value();
+    // An app that carries a feed address expects its updates there; a profile that keeps an
+    // appcast sets the app up for it.
+    run.updatesConfigured = ProfileUpdatesSetup::wanted(profile, run.embedded);
     const auto repository = ReleasePublishingPlan::resolveRepository(profile);
     if (run.updatesConfigured) {
         if (!profile.webDeploy.gitCommitAndPush) {
@@ -255,7 +257,7 @@ void PipelineManager::preflight(RunState& run) {
                               "Choose a build number before releasing Sparkle updates.");
         }
         const auto expected = ReleasePublishingPlan::publicAddresses(profile).publicAppcastURL;
-        if (*run.embedded.feedURL != expected) {
+        if (run.embedded.feedURL && *run.embedded.feedURL != expected) {
             throw VeltraError(
                 "Veltra", errorCode::invalidSetup,
                 "The Sparkle feed URL embedded in this app (" + *run.embedded.feedURL +

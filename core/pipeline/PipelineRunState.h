@@ -93,6 +93,8 @@ struct PipelineManager::RunState {
     bool developmentIdentity = false;
     SparkleAppSettings embedded;
     bool updatesConfigured = false;
+    // A dry run's app lacks the update settings a release would first add to the project.
+    bool sparkleSetupPending = false;
     std::optional<ResolvedDeliveryConfig> delivery;
     // Produced along the way.
     std::filesystem::path app;

@@ -18,7 +18,7 @@
 #include "core/support/FileUtilities.h"
 #include "core/support/Text.h"
 #include "core/support/VeltraError.h"
-#include "core/xcode/SparklePackageSetup.h"
+#include "core/xcode/SparkleProjectSetup.h"
 #include "core/xcode/VersionManager.h"
 #include "core/xcode/XcodeToolsVerdict.h"
 
@@ -49,27 +49,18 @@ std::vector<DoctorFinding> ReleaseDoctor::sparkle(const ProjectProfile& profile)
     if (profile.sourceProjectPath && !profile.sourceProjectPath->empty()) {
         const auto project = fs::path(expandTilde(standardizePath(*profile.sourceProjectPath)));
         app = SparkleAutoResolver::fromProject(project);
-        if (project.extension() == ".xcodeproj") {
-            // A project the setup cannot read is the archive's to report.
-            try {
-                const auto text = readFile(project / "project.pbxproj");
-                auto package = [&] {
-                    try {
-                        return SparklePackageSetup::plan(text, std::nullopt);
-                    } catch (const VeltraError&) {
-                        if (!profile.selectedScheme) {
-                            throw;
-                        }
-                        return SparklePackageSetup::plan(text, profile.selectedScheme);
-                    }
-                }();
-                if (!package.existing) {
-                    found.push_back(finding(
-                        "Sparkle", Verdict::problem,
-                        "Sparkle not in the project (target " + package.targetName + ")", setUp));
-                }
-            } catch (const VeltraError&) {
+        // A project the setup cannot read is the archive's to report.
+        try {
+            SparkleSetupRequest request;
+            request.project = project;
+            request.scheme = profile.selectedScheme;
+            const auto plan = SparkleProjectSetup::plan(request);
+            if (plan.addsPackage) {
+                found.push_back(
+                    finding("Sparkle", Verdict::problem,
+                            "Sparkle not in the project (target " + plan.targetName + ")", setUp));
             }
+        } catch (const VeltraError&) {
         }
     }
     if (!app.feedURL && !app.publicKey) {
@@ -82,10 +73,7 @@ std::vector<DoctorFinding> ReleaseDoctor::sparkle(const ProjectProfile& profile)
     const auto& keyPath = profile.sparkle.privateKeyPath;
     std::optional<std::string> ourKey;
     // No key file named: the key Sparkle's tools keep, which the release signs with then.
-    const auto location = keyPath.empty()
-                              ? SparkleKeys::locate()
-                              : SparkleKeyLocation{std::string(SparkleKeys::defaultAccount),
-                                                   fs::path(expandTilde(standardizePath(keyPath)))};
+    const auto location = SparkleKeys::ofProfile(profile.sparkle);
     try {
         const auto key = SparkleKeys::load(location);
         ourKey = key.publicKeyBase64();

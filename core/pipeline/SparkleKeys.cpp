@@ -63,6 +63,13 @@ SparkleKeyLocation SparkleKeys::locate(std::string account,
     return {std::move(account), std::move(file)};
 }
 
+SparkleKeyLocation SparkleKeys::ofProfile(const SparkleConfig& sparkle) {
+    if (sparkle.privateKeyPath.empty()) {
+        return locate();
+    }
+    return {std::string(defaultAccount), expandTilde(standardizePath(sparkle.privateKeyPath))};
+}
+
 std::string SparkleKeys::generate(const SparkleKeyLocation& location, std::stop_token stop) {
     if (location.file) {
         return SparklePrivateKey::createFile(*location.file);

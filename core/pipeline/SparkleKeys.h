@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/feed/SparklePrivateKey.h"
+#include "core/records/SparkleConfig.h"
 
 #include <filesystem>
 #include <optional>
@@ -33,6 +34,9 @@ public:
     // ~/.sparkle/<account>_priv (~/.sparkle/ed25519_priv for the default account).
     static SparkleKeyLocation locate(std::string account = std::string(defaultAccount),
                                      std::optional<std::filesystem::path> file = std::nullopt);
+    // The key a profile's releases are signed with: its key file, or when it names none the key
+    // Sparkle's tools keep (as sign_update finds it).
+    static SparkleKeyLocation ofProfile(const SparkleConfig& sparkle);
     // Makes a new key there and returns its public key. Never replaces a key (VeltraError).
     static std::string generate(const SparkleKeyLocation& location, std::stop_token stop = {});
     // The key kept there; VeltraError when there is none or it cannot be read.

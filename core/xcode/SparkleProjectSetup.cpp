@@ -3,7 +3,9 @@
 #include "ProjectFileParser.h"
 #include "ProjectText.h"
 #include "SparklePackageSetup.h"
+#include "XcodeProjectDiscovery.h"
 #include "core/support/FileUtilities.h"
+#include "core/support/PathRules.h"
 #include "core/support/PropertyList.h"
 #include "core/support/VeltraError.h"
 
@@ -117,31 +119,101 @@ std::string settingOf(const Configuration* target, const Configuration* project,
 
 } // namespace
 
-SparkleSetupPlan SparkleProjectSetup::plan(const SparkleSetupRequest& request) {
-    if (request.project.extension() != ".xcodeproj") {
-        throw setupError("Set up an Xcode project (.xcodeproj), not " + request.project.string() +
-                         ".");
+namespace {
+
+// The .xcodeproj and app target a request means: a workspace (or a folder holding one) gives
+// the project and target of the scheme that archives the app.
+struct SetupSubject {
+    fs::path project;
+    std::optional<std::string> target;
+    // A scheme Xcode made for a target is named after it: the target to take among several.
+    std::optional<std::string> targetByName;
+};
+
+SetupSubject projectAndTarget(const SparkleSetupRequest& request) {
+    auto project = request.project;
+    if (project.extension() == ".xcodeproj" && !fs::is_regular_file(project / "project.pbxproj")) {
+        throw setupError("No Xcode project at " + project.string() + ".");
     }
+    if (project.extension() != ".xcodeproj") {
+        const auto located = XcodeProjectDiscovery::locate(project);
+        if (!located) {
+            throw setupError("No Xcode project or workspace at " + project.string() + ".");
+        }
+        project = *located;
+    }
+    const auto info = XcodeProjectDiscovery::discover(project);
+    const XcodeScheme* scheme = nullptr;
+    if (request.scheme) {
+        scheme = info.scheme(*request.scheme);
+        if (scheme == nullptr && info.isWorkspace) {
+            throw setupError("The workspace " + info.name + " has no shared scheme named " +
+                             *request.scheme + ".");
+        }
+    } else if (info.isWorkspace && info.defaultScheme) {
+        scheme = info.scheme(*info.defaultScheme);
+    }
+    auto target = request.target;
+    if (!target && scheme != nullptr && scheme->appTarget) {
+        target = scheme->appTarget;
+    }
+    const auto byName = target ? std::nullopt : request.scheme;
+    if (!info.isWorkspace) {
+        return {project, target, byName};
+    }
+    if (const auto member = scheme != nullptr ? scheme->containerProject() : std::nullopt;
+        member && member->extension() == ".xcodeproj") {
+        return {*member, target, byName};
+    }
+    std::vector<fs::path> members;
+    for (const auto& member : info.projects) {
+        if (member.filename() != "Pods.xcodeproj" && fs::is_directory(member)) {
+            members.push_back(member);
+        }
+    }
+    if (members.size() != 1) {
+        throw setupError("The workspace " + info.name +
+                         " has no scheme that archives an application" +
+                         (members.empty() ? std::string(" and no project")
+                                          : std::string(" in one of its projects")) +
+                         "; name the scheme (--scheme) or the project.");
+    }
+    return {members.front(), target, byName};
+}
+
+} // namespace
+
+SparkleSetupPlan SparkleProjectSetup::plan(const SparkleSetupRequest& request) {
+    const auto subject = projectAndTarget(request);
     SparkleSetupPlan plan;
-    plan.projectFile = request.project / "project.pbxproj";
+    plan.projectFile = subject.project / "project.pbxproj";
     if (!fs::is_regular_file(plan.projectFile)) {
-        throw setupError("No Xcode project at " + request.project.string() + ".");
+        throw setupError("No Xcode project at " + subject.project.string() + ".");
     }
     const auto original = readFile(plan.projectFile);
     auto package = [&] {
         try {
-            return SparklePackageSetup::plan(original, request.target);
-        } catch (const VeltraError& error) {
-            // Several app targets: the scheme's, which Xcode names after its target.
-            if (request.target || !request.scheme ||
-                !error.message().starts_with("The project has several application targets")) {
-                throw;
+            try {
+                return SparklePackageSetup::plan(original, subject.target);
+            } catch (const VeltraError& error) {
+                if (!subject.targetByName ||
+                    !error.message().starts_with("The project has several application targets")) {
+                    throw;
+                }
+                return SparklePackageSetup::plan(original, subject.targetByName);
             }
-            return SparklePackageSetup::plan(original, request.scheme);
+        } catch (const VeltraError& error) {
+            // Said of this project by name: a workspace has several.
+            throw VeltraError(error.domain(), error.code(),
+                              subject.project.filename().string() + ": " + error.message());
         }
     }();
     plan.targetName = package.targetName;
     plan.changes = package.changes;
+    plan.addsPackage = !package.changes.empty();
+    if (plan.addsPackage) {
+        plan.done.push_back("Added the Sparkle package to " + plan.targetName);
+    }
     ProjectText text{std::move(package.text)};
 
     const auto project = parseProjectFile(text.text());
@@ -166,7 +238,7 @@ SparkleSetupPlan SparkleProjectSetup::plan(const SparkleSetupRequest& request) {
     const auto* release = releaseOf(targetConfigurations, targetDefault);
     const auto* projectRelease = releaseOf(projectConfigurations, projectDefault);
 
-    const auto folder = request.project.parent_path();
+    const auto folder = subject.project.parent_path();
     auto infoPlistSetting = withoutSourceRoot(settingOf(release, projectRelease, "INFOPLIST_FILE"));
     if (infoPlistSetting.empty()) {
         if (settingOf(release, projectRelease, "GENERATE_INFOPLIST_FILE") != "YES") {
@@ -181,8 +253,19 @@ SparkleSetupPlan SparkleProjectSetup::plan(const SparkleSetupRequest& request) {
         plan.changes.push_back("Set INFOPLIST_FILE = " + infoPlistSetting + " in target " +
                                plan.targetName +
                                "'s configurations (Xcode merges it with the generated keys)");
+        plan.done.push_back("Set INFOPLIST_FILE = " + infoPlistSetting + " in target " +
+                            plan.targetName);
+    }
+    // The project names the file it changes; it must not lead out of the project's folder.
+    if (relativePathProblem(infoPlistSetting)) {
+        throw setupError("Target " + plan.targetName + "'s Info.plist (" + infoPlistSetting +
+                         ") is outside the project's folder.");
     }
     plan.infoPlist = folder / infoPlistSetting;
+    if (!resolvesInside(plan.infoPlist, folder)) {
+        throw setupError("Target " + plan.targetName + "'s Info.plist (" + infoPlistSetting +
+                         ") leads out of the project's folder through a symbolic link.");
+    }
 
     Json current = Json::object();
     if (fs::exists(plan.infoPlist)) {
@@ -198,13 +281,15 @@ SparkleSetupPlan SparkleProjectSetup::plan(const SparkleSetupRequest& request) {
         if (has.empty()) {
             plan.plistValues[key] = wanted;
             plan.changes.push_back("Set " + key + " in " + infoPlistSetting);
+            plan.done.push_back("Set " + key + " in " + infoPlistSetting);
         } else if (request.force) {
             plan.plistValues[key] = wanted;
             plan.changes.push_back("Replace " + key + " in " + infoPlistSetting + " (was " + has +
                                    ")");
+            plan.done.push_back("Replaced " + key + " in " + infoPlistSetting);
         } else {
             plan.conflicts.push_back(key + " in " + infoPlistSetting + " is " + has + ", not " +
-                                     wanted + "; --force replaces it");
+                                     wanted);
         }
     }
     if (text.text() != original) {

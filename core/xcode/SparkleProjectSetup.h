@@ -9,9 +9,9 @@
 namespace veltra {
 
 struct SparkleSetupRequest {
-    // The .xcodeproj.
+    // The .xcodeproj, or a .xcworkspace (or a folder holding one), whose scheme names the project.
     std::filesystem::path project{};
-    // The app target; else the only one, else the one named like `scheme`.
+    // The app target; else the one `scheme` archives, else the only one.
     std::optional<std::string> target{};
     std::optional<std::string> scheme{};
     std::string feedURL{};
@@ -23,9 +23,13 @@ struct SparkleSetupRequest {
 // What setting a project up for updates changes, and the files as they become.
 struct SparkleSetupPlan {
     std::string targetName{};
-    // One line each, as the user reads them.
+    // The target gets Sparkle from nowhere yet: the setup adds the package.
+    bool addsPackage = false;
+    // One line each, as the user reads them before they are made ...
     std::vector<std::string> changes{};
-    // Different values the app has already, kept without --force, said as the doctor says them.
+    // ... and once they are ("Added the Sparkle package to Sample").
+    std::vector<std::string> done{};
+    // Different values the app has already, kept without `force`, said as the doctor says them.
     std::vector<std::string> conflicts{};
     std::filesystem::path projectFile{};
     // The project file's new text, when it changes.

@@ -20,6 +20,9 @@ struct XcodeScheme {
     std::optional<std::string> appTargetID{};
     // The .xcodeproj the app target lives in, as the scheme names it ("container:App.xcodeproj").
     std::optional<std::string> container{};
+
+    // The .xcodeproj that `container` names, resolved as Xcode resolves it.
+    std::optional<std::filesystem::path> containerProject() const;
 };
 
 // What the rest of Veltra knows about the user's project.

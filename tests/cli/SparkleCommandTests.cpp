@@ -6,6 +6,7 @@
 #include "TestSupport.h"
 #include "VeltraRun.h"
 #include "core/feed/SparklePrivateKey.h"
+#include "core/process/ProcessRunner.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/Text.h"
 
@@ -149,15 +150,20 @@ TEST_F(SparkleKeyCommands, WithoutAKeychainTheKeyIsAPrivateFile) {
     EXPECT_FALSE(fs::exists(dir / "escape_priv"));
 }
 
-// The demo's profile: its app reads the sandbox's feed with the sandbox's key already, so the
-// setup adds only the package, once.
+// The demo's profile. Its release set the sample up; undone, the command does it, once.
 TEST(SparkleSetupCommand, SetsUpAProfilesProjectOnceAndSaysWhatItDid) {
     testing::TempDir dir;
     const auto demo = testing::runVeltra({"demo", "--keep", (dir / "demo").string()});
     ASSERT_EQ(demo.exitCode, 0) << demo.output << demo.errorOutput;
+    EXPECT_NE(demo.output.find("Success: Added the Sparkle package to Sample\n"), std::string::npos)
+        << demo.output;
+    const auto sample = dir / "demo/Sample";
+    ASSERT_EQ(ProcessRunner::run("git", {"-C", sample.string(), "checkout", "--quiet", "--", "."})
+                  .exitCode,
+              0);
     const std::map<std::string, std::string> environment{
         {"VELTRA_PROFILES", (dir / "demo/profiles.json").string()}};
-    const auto project = dir / "demo/Sample/Sample.xcodeproj/project.pbxproj";
+    const auto project = sample / "Sample.xcodeproj/project.pbxproj";
     const auto before = readFile(project);
 
     const auto dryRun =
@@ -167,7 +173,9 @@ TEST(SparkleSetupCommand, SetsUpAProfilesProjectOnceAndSaysWhatItDid) {
                              "(https://github.com/sparkle-project/Sparkle, up to the next major "
                              "version from 2.0.0) to the project\n"
                              "Would: Add the Sparkle product to target Sample\n"
-                             "Would: Link Sparkle in target Sample's Frameworks phase\n");
+                             "Would: Link Sparkle in target Sample's Frameworks phase\n"
+                             "Would: Set SUFeedURL in Sample/Info.plist\n"
+                             "Would: Set SUPublicEDKey in Sample/Info.plist\n");
     EXPECT_EQ(readFile(project), before);
 
     const auto setUp = testing::runVeltra({"sparkle", "setup", "Sample"}, environment);

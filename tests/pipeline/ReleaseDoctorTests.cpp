@@ -163,11 +163,12 @@ protected:
 };
 
 TEST_F(DoctorWithSandbox, SparkleKeyAndFeedAgainstWhatTheAppCarries) {
-    // The sample has the keys but not the package; the setup is the fix the doctor names.
+    // The sample is not set up for updates; the setup is the fix the doctor names.
     auto found = doctor.sparkle(profile);
-    ASSERT_EQ(verdicts(found), "Sparkle:problem Sparkle key:ok Sparkle feed:ok ");
+    ASSERT_EQ(verdicts(found), "Sparkle:problem Sparkle:problem ");
     EXPECT_EQ(found[0].found, "Sparkle not in the project (target Sample)");
     EXPECT_EQ(found[0].advice, "Run 'veltra sparkle setup Sample'.");
+    EXPECT_EQ(found[1].found, "The app carries neither SUFeedURL nor SUPublicEDKey");
     SparkleSetupRequest setup;
     setup.project = sandbox.project();
     setup.feedURL = sandbox.siteURL() + "downloads/appcast.xml";

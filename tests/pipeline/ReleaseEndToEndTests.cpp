@@ -5,6 +5,7 @@
 #include "GitFixture.h"
 #include "core/demo/DemoSandbox.h"
 #include "core/feed/NativeEd25519Signer.h"
+#include "core/feed/SparklePrivateKey.h"
 #include "core/pipeline/PipelineManager.h"
 #include "core/pipeline/ReleaseRunRecord.h"
 #include "core/pipeline/SparkleKeys.h"
@@ -12,6 +13,7 @@
 #include "core/support/EventLoop.h"
 #include "core/support/FileLock.h"
 #include "core/support/FileUtilities.h"
+#include "core/support/PropertyList.h"
 #include "core/support/Uuid.h"
 #include "core/support/VeltraError.h"
 
@@ -112,6 +114,11 @@ TEST_F(ReleaseRun, EveryStepFromProjectToALiveRelease) {
     EXPECT_TRUE(logged("Checking the publishing branch and live feed before building..."));
     EXPECT_TRUE(logged("\n[1/6] Building Xcode Archive"));
     EXPECT_TRUE(logged("   Building current app working copy, including local project edits"));
+    // The sample did not read updates: the release set it up for the sandbox's feed and key.
+    EXPECT_TRUE(logged("   Ensuring Sparkle framework is integrated into Xcode project..."));
+    EXPECT_TRUE(logged("   Success: Added the Sparkle package to Sample"));
+    EXPECT_TRUE(logged("   Success: Set SUFeedURL in Sample/Info.plist"));
+    EXPECT_TRUE(logged("   Success: Set SUPublicEDKey in Sample/Info.plist"));
     EXPECT_TRUE(logged("\n[4/6] Apple Gatekeeper Notarization"));
     EXPECT_TRUE(logged("Success: Sparkle appcast.xml updated for v1.0"));
     EXPECT_TRUE(logged("\n[6/6] Deploying Release"));
@@ -153,6 +160,49 @@ TEST_F(ReleaseRun, EveryStepFromProjectToALiveRelease) {
               WebsitePublicationState::live);
     // Nothing of the build is left in the work folder.
     EXPECT_TRUE(fs::is_empty(dir / "tmp"));
+}
+
+// The archive step sets the app up for updates: a dry run only says what it would change, a
+// release changes it once, and an app that checks updates against another key is not released.
+TEST_F(ReleaseRun, TheArchiveStepSetsTheAppUpForUpdatesOnce) {
+    const auto pbxproj = sandbox.project() / "project.pbxproj";
+    const auto plist = sandbox.project().parent_path() / "Sample" / "Info.plist";
+    const auto before = std::vector{readFile(pbxproj), readFile(plist)};
+    ReleaseRequest request;
+    request.profile = profile;
+    request.build = 3;
+    request.dryRun = true;
+    pipeline.run(request);
+    ASSERT_TRUE(loop.runUntil([&] { return !pipeline.isRunning(); }, 300s));
+    ASSERT_EQ(failure(), "");
+    EXPECT_TRUE(logged("   Dry run: would add the Sparkle product to target Sample"));
+    EXPECT_TRUE(logged("   Dry run: would set SUPublicEDKey in Sample/Info.plist"));
+    EXPECT_TRUE(logged("   Info: Dry run: the app has no SUFeedURL yet; a release adds " +
+                       sandbox.siteURL() + "downloads/appcast.xml"));
+    EXPECT_EQ(before, (std::vector{readFile(pbxproj), readFile(plist)}));
+
+    release(4);
+    ASSERT_EQ(failure(), "");
+    EXPECT_TRUE(logged("   Success: Added the Sparkle package to Sample"));
+    EXPECT_EQ(readPropertyListDictionary(plist)["SUPublicEDKey"], sandbox.publicKey());
+    const auto setUp = readFile(pbxproj);
+    release(5);
+    ASSERT_EQ(failure(), "");
+    EXPECT_TRUE(logged("   Success: Sparkle already integrated"));
+    EXPECT_EQ(readFile(pbxproj).find("productName = Sparkle;"),
+              setUp.find("productName = Sparkle;"));
+
+    // Signed with a key the app does not carry, the update would be refused on every Mac.
+    const auto otherKey = SparklePrivateKey::createFile(dir / "other_priv");
+    profile.sparkle.privateKeyPath = (dir / "other_priv").string();
+    release(6);
+    EXPECT_EQ(pipeline.failedStepID(), "archive");
+    EXPECT_EQ(failure(), "The app would refuse this release's update: SUPublicEDKey in "
+                         "Sample/Info.plist is " +
+                             sandbox.publicKey() + ", not " + otherKey +
+                             ". Run 'veltra sparkle setup Sample --force' to give the app this "
+                             "profile's feed and key, or sign with the key it has.");
+    EXPECT_EQ(readPropertyListDictionary(plist)["SUPublicEDKey"], sandbox.publicKey());
 }
 
 // Releasing a version again keeps the files the earlier release names; a cancelled image step
@@ -447,6 +497,9 @@ TEST_F(ReleaseRun, PreflightRefusalsNameWhatToChange) {
              "(https://downloads.example.org/downloads/appcast.xml). Sync the website URL with "
              "the Sparkle URL pattern before releasing."},
     };
+    // An app that reads the sandbox's feed already.
+    setPropertyListStrings(sandbox.project().parent_path() / "Sample/Info.plist",
+                           {{"SUFeedURL", sandbox.siteURL() + "downloads/appcast.xml"}});
     const auto original = profile;
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);

@@ -91,13 +91,18 @@ TEST(SparkleProjectSetup, TheNamedInfoPlistKeepsADifferentValueUnlessForced) {
     const auto project = dir / "Sample.xcodeproj";
     const auto infoPlist = dir / "Sample/Info.plist";
 
-    // The sample reads example.com's feed and has an empty key.
+    // The app reads another feed already, and has an empty key.
+    setPropertyListStrings(
+        infoPlist,
+        {{"SUFeedURL", "https://www.example.com/downloads/appcast.xml"}, {"SUPublicEDKey", ""}});
     auto plan = SparkleProjectSetup::plan(requestFor(project));
     EXPECT_EQ(plan.conflicts,
               (std::vector<std::string>{"SUFeedURL in Sample/Info.plist is "
                                         "https://www.example.com/downloads/appcast.xml, not " +
-                                        std::string(feed) + "; --force replaces it"}));
+                                        std::string(feed)}));
     EXPECT_EQ(plan.changes.back(), "Set SUPublicEDKey in Sample/Info.plist");
+    EXPECT_EQ(plan.done, (std::vector<std::string>{"Added the Sparkle package to Sample",
+                                                   "Set SUPublicEDKey in Sample/Info.plist"}));
     SparkleProjectSetup::apply(plan);
     auto values = readPropertyListDictionary(infoPlist);
     EXPECT_EQ(values["SUFeedURL"], "https://www.example.com/downloads/appcast.xml");
@@ -128,8 +133,75 @@ TEST(SparkleProjectSetup, SaysWhatItCannotSetUp) {
     EXPECT_EQ(message(requestFor(dir / "Nope.xcodeproj")),
               "No Xcode project at " + (dir / "Nope.xcodeproj").string() + ".");
     EXPECT_EQ(message(requestFor(dir / "Acme.xcworkspace")),
-              "Set up an Xcode project (.xcodeproj), not " + (dir / "Acme.xcworkspace").string() +
-                  ".");
+              "No Xcode project or workspace at " + (dir / "Acme.xcworkspace").string() + ".");
+
+    // The project names the Info.plist it changes; it stays inside the project's folder.
+    fs::copy(fs::path(VELTRA_SOURCE_DIR) / "share/demo/Sample", dir / "App",
+             fs::copy_options::recursive);
+    const auto projectFile = dir / "App/Sample.xcodeproj/project.pbxproj";
+    auto text = readFile(projectFile);
+    const std::string named = "INFOPLIST_FILE = Sample/Info.plist;";
+    for (auto at = text.find(named); at != std::string::npos; at = text.find(named)) {
+        text.replace(at, named.size(), "INFOPLIST_FILE = \"../outside.plist\";");
+    }
+    writeFileAtomically(projectFile, text);
+    EXPECT_EQ(message(requestFor(dir / "App/Sample.xcodeproj")),
+              "Target Sample's Info.plist (../outside.plist) is outside the project's folder.");
+    EXPECT_FALSE(fs::exists(dir / "outside.plist"));
+}
+
+// A workspace: the scheme names the member project and its app target.
+TEST(SparkleProjectSetup, AWorkspaceSetsUpTheProjectAndTargetOfItsScheme) {
+    testing::TempDir dir;
+    fs::copy(fs::path(VELTRA_SOURCE_DIR) / "share/demo/Sample", dir / "App",
+             fs::copy_options::recursive);
+    fs::create_directories(dir / "Acme.xcworkspace");
+    // A CocoaPods workspace before `pod install`: its Pods project is not on disk yet.
+    writeFileAtomically(dir / "Acme.xcworkspace/contents.xcworkspacedata",
+                        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+                        "<Workspace version = \"1.0\">\n"
+                        "   <FileRef location = \"group:App/Sample.xcodeproj\"></FileRef>\n"
+                        "   <FileRef location = \"group:Pods/Pods.xcodeproj\"></FileRef>\n"
+                        "</Workspace>\n");
+    auto request = requestFor(dir / "Acme.xcworkspace");
+    request.scheme = "Sample";
+    auto plan = SparkleProjectSetup::plan(request);
+    EXPECT_EQ(plan.targetName, "Sample");
+    EXPECT_EQ(plan.projectFile, dir / "App/Sample.xcodeproj/project.pbxproj");
+    EXPECT_EQ(plan.infoPlist, dir / "App/Sample/Info.plist");
+    // Without a scheme, the workspace's own choice; the folder holding it says the same.
+    request.scheme.reset();
+    EXPECT_EQ(SparkleProjectSetup::plan(request).projectFile, plan.projectFile);
+    request.project = dir.path();
+    EXPECT_EQ(SparkleProjectSetup::plan(request).projectFile, plan.projectFile);
+
+    request.scheme = "Nightly";
+    try {
+        SparkleProjectSetup::plan(request);
+        ADD_FAILURE() << "planned for a scheme the workspace does not have";
+    } catch (const VeltraError& error) {
+        EXPECT_EQ(error.message(), "The workspace Acme has no shared scheme named Nightly.");
+    }
+}
+
+// A project with no app target is refused by name.
+TEST(SparkleProjectSetup, AProjectWithoutAnAppIsRefusedByName) {
+    testing::TempDir dir;
+    fs::copy(fs::path(VELTRA_SOURCE_DIR) / "share/demo/Sample", dir.path(),
+             fs::copy_options::recursive);
+    const auto projectFile = dir / "Sample.xcodeproj/project.pbxproj";
+    auto text = readFile(projectFile);
+    const auto type = std::string("\"com.apple.product-type.application\"");
+    text.replace(text.find(type), type.size(), "\"com.apple.product-type.framework\"");
+    writeFileAtomically(projectFile, text);
+    try {
+        SparkleProjectSetup::plan(requestFor(dir / "Sample.xcodeproj"));
+        ADD_FAILURE() << "planned for a project without an app";
+    } catch (const VeltraError& error) {
+        EXPECT_EQ(error.message(),
+                  "Sample.xcodeproj: The project has no application target to set up for "
+                  "updates.");
+    }
 }
 
 } // namespace
