@@ -1,73 +1,179 @@
-#include "DMGPreview.h"
 #include "PageWidgets.h"
 #include "Pages.h"
-#include "core/dmg/DMGBackgroundRenderer.h"
-#include "core/dmg/DMGBuilder.h"
-#include "core/feed/BuildNumber.h"
-#include "core/feed/NewestBuild.h"
 #include "core/feed/PublishedFeedReader.h"
-#include "core/feed/SparkleFeedParser.h"
-#include "core/feed/SparklePrivateKey.h"
-#include "core/pipeline/ReleaseDoctor.h"
-#include "core/profile/ProfileFieldEditor.h"
-#include "core/publishing/ReleaseNotesGenerator.h"
+#include "core/pipeline/ProfileUpdatesSetup.h"
+#include "core/pipeline/SparkleKeys.h"
 #include "core/publishing/ReleasePublishingPlan.h"
-#include "core/publishing/WebsiteRepositoryInspector.h"
-#include "core/signing/CertificateScanner.h"
-#include "core/signing/NotarizationEngine.h"
-#include "core/support/FileUtilities.h"
-#include "core/support/Text.h"
-#include "core/support/VeltraError.h"
-#include "core/xcode/VersionManager.h"
-#include "core/xcode/VersionValidation.h"
-#include "core/xcode/XcodeProjectDiscovery.h"
+#include "core/signing/KeychainItems.h"
+#include "core/xcode/SparkleProjectSetup.h"
 
 #include <QCheckBox>
-#include <QComboBox>
 #include <QDialog>
 #include <QDialogButtonBox>
-#include <QDragEnterEvent>
-#include <QDropEvent>
 #include <QFileDialog>
 #include <QFormLayout>
-#include <QGroupBox>
-#include <QHBoxLayout>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
-#include <QMimeData>
 #include <QPlainTextEdit>
 #include <QPushButton>
-#include <QScrollArea>
-#include <QSplitter>
-#include <QTextBrowser>
+#include <QRadioButton>
 #include <QVBoxLayout>
+
+#include <fmt/format.h>
 
 namespace veltra::studio {
 namespace {
 
 namespace fs = std::filesystem;
 
+QDialogButtonBox* okCancel(QDialog* dialog, const QString& ok) {
+    auto* buttons = new QDialogButtonBox(QDialogButtonBox::Ok | QDialogButtonBox::Cancel);
+    buttons->button(QDialogButtonBox::Ok)->setText(ok);
+    QObject::connect(buttons, &QDialogButtonBox::accepted, dialog, &QDialog::accept);
+    QObject::connect(buttons, &QDialogButtonBox::rejected, dialog, &QDialog::reject);
+    return buttons;
+}
+
+// Where a new key goes: the login keychain, where Sparkle's tools find it too, or a key file.
+class CreateKeyDialog final : public QDialog {
+public:
+    CreateKeyDialog(QWidget* parent, const QString& file) : QDialog(parent) {
+        setWindowTitle(QStringLiteral("Create a Sparkle Key"));
+        setObjectName(QStringLiteral("createKeyDialog"));
+        auto* layout = new QVBoxLayout(this);
+        keychain_ = new QRadioButton(QStringLiteral(
+            "In the login keychain (account ed25519), where Sparkle's tools find it"));
+        keychain_->setObjectName(QStringLiteral("keyInKeychain"));
+        keychain_->setEnabled(KeychainItems::available());
+        auto* inFile = new QRadioButton(QStringLiteral("In a key file only you can read:"));
+        inFile->setObjectName(QStringLiteral("keyInFile"));
+        file_ = new QLineEdit(file);
+        file_->setObjectName(QStringLiteral("keyFile"));
+        (keychain_->isEnabled() ? keychain_ : inFile)->setChecked(true);
+        layout->addWidget(keychain_);
+        layout->addWidget(inFile);
+        layout->addWidget(withChooser(file_, [this, inFile] {
+            const auto chosen = QFileDialog::getSaveFileName(
+                this, QStringLiteral("Save the new private key"), file_->text());
+            if (!chosen.isEmpty()) {
+                file_->setText(chosen);
+                inFile->setChecked(true);
+            }
+        }));
+        layout->addWidget(okCancel(this, QStringLiteral("Create Key")));
+    }
+
+    // None: the keychain.
+    std::optional<fs::path> file() const {
+        if (keychain_->isChecked()) {
+            return std::nullopt;
+        }
+        return expanded(str(file_->text().trimmed()));
+    }
+
+private:
+    QRadioButton* keychain_;
+    QLineEdit* file_;
+};
+
+// The changes a set-up would make, to apply or not.
+class SetUpUpdatesDialog final : public QDialog {
+public:
+    SetUpUpdatesDialog(QWidget* parent, const SparkleSetupPlan& plan) : QDialog(parent) {
+        setWindowTitle(QStringLiteral("Set Up Updates"));
+        setObjectName(QStringLiteral("setUpUpdatesDialog"));
+        auto* layout = new QVBoxLayout(this);
+        layout->addWidget(
+            new QLabel(qs("Veltra sets target " + plan.targetName + " up for Sparkle's updates:")));
+        auto* changes = new QListWidget;
+        changes->setObjectName(QStringLiteral("setUpChanges"));
+        for (const auto& change : plan.changes) {
+            changes->addItem(qs(change));
+        }
+        layout->addWidget(changes);
+        if (!plan.conflicts.empty()) {
+            auto* kept = new QLabel;
+            kept->setWordWrap(true);
+            QString text = QStringLiteral("The app has other values already:");
+            for (const auto& conflict : plan.conflicts) {
+                text += QStringLiteral("\n• ") + qs(conflict);
+            }
+            setStatus(kept, text, true);
+            layout->addWidget(kept);
+            replace_ = new QCheckBox(QStringLiteral("Replace them with this profile's"));
+            replace_->setObjectName(QStringLiteral("replaceConflicts"));
+            layout->addWidget(replace_);
+        }
+        layout->addWidget(new QLabel(QStringLiteral(
+            "Veltra writes no source code. To start Sparkle's updater, add to the app:")));
+        auto* swift = new QPlainTextEdit(qs(SparkleProjectSetup::swiftSnippet()));
+        swift->setObjectName(QStringLiteral("swiftSnippet"));
+        swift->setReadOnly(true);
+        layout->addWidget(swift);
+        layout->addWidget(okCancel(this, QStringLiteral("Set Up")));
+    }
+
+    bool replace() const { return replace_ != nullptr && replace_->isChecked(); }
+
+private:
+    QCheckBox* replace_ = nullptr;
+};
+
+// What the page shows of the project's set-up.
+struct SetupState {
+    std::optional<SparkleSetupRequest> request;
+    std::optional<SparkleSetupPlan> plan;
+    std::string problem;
+};
+
+SetupState planSetup(const ProjectProfile& profile, std::stop_token stop, bool force = false) {
+    SetupState state;
+    try {
+        state.request = ProfileUpdatesSetup::request(profile, std::move(stop));
+        state.request->force = force;
+        state.plan = SparkleProjectSetup::plan(*state.request);
+    } catch (const std::exception& error) {
+        state.problem = error.what();
+    }
+    return state;
+}
+
 class SparklePage final : public WizardPage {
 public:
     explicit SparklePage(StudioModel& model)
         : WizardPage(model, StudioStep::sparkle,
-                     QStringLiteral("Sparkle's update feed: the key that signs each disk image, "
-                                    "the appcast file and the public addresses it lists.")) {
+                     QStringLiteral("Sparkle's updates: the key that signs each disk image, "
+                                    "the app set up to check for them, and the feed.")) {
         auto* form = addForm(QStringLiteral("Signing key"));
         auto* key = binder_->line("sparkle.privateKeyPath");
+        key->setPlaceholderText(QStringLiteral("None: the login keychain's key"));
         binder_->addRow(form, QStringLiteral("Private key file:"),
-                        withChooser(
-                            key, [this] { createKey(); }, QStringLiteral("Create Key…")),
+                        pathChooser(binder_, key, "sparkle.privateKeyPath", PathKind::file,
+                                    QStringLiteral("Choose the private key file"), {},
+                                    [this] { refreshSetup(); }),
                         "sparkle.privateKeyPath");
         publicKey_ = new QLineEdit;
         publicKey_->setObjectName(QStringLiteral("publicKey"));
         publicKey_->setReadOnly(true);
-        publicKey_->setPlaceholderText(
-            QStringLiteral("Shown after Create Key: the app's SUPublicEDKey"));
+        publicKey_->setPlaceholderText(QStringLiteral("The app's SUPublicEDKey"));
         form->addRow(QStringLiteral("Public key:"), publicKey_);
+        auto* create = new QPushButton(QStringLiteral("Create Key…"));
+        create->setObjectName(QStringLiteral("createKey"));
+        connect(create, &QPushButton::clicked, this, [this] { createKey(); });
+        form->addRow(QString(), create);
         keyStatus_ = statusLabel();
+        keyStatus_->setObjectName(QStringLiteral("keyStatus"));
         form->addRow(QString(), keyStatus_);
+
+        auto* app = addForm(QStringLiteral("Updates in the app"));
+        setupStatus_ = statusLabel();
+        setupStatus_->setObjectName(QStringLiteral("updatesStatus"));
+        app->addRow(QStringLiteral("Project:"), setupStatus_);
+        auto* setUp = new QPushButton(QStringLiteral("Set Up Updates…"));
+        setUp->setObjectName(QStringLiteral("setUpUpdates"));
+        connect(setUp, &QPushButton::clicked, this, [this] { setUpUpdates(); });
+        app->addRow(QString(), setUp);
 
         auto* feed = addForm(QStringLiteral("Feed"));
         binder_->addRow(feed, QStringLiteral("Appcast file:"), binder_->line("sparkle.appcastPath"),
@@ -94,6 +200,7 @@ public:
     void reload() override {
         WizardPage::reload();
         checkFeeds();
+        refreshSetup();
     }
 
 private:
@@ -102,23 +209,115 @@ private:
         if (selected == nullptr) {
             return;
         }
-        const auto file =
-            QFileDialog::getSaveFileName(this, QStringLiteral("Save the new private key"),
-                                         qs(expanded(selected->sparkle.privateKeyPath).string()));
-        if (file.isEmpty()) {
+        const auto suggested = selected->sparkle.privateKeyPath.empty()
+                                   ? std::string("~/.sparkle/ed25519_priv")
+                                   : selected->sparkle.privateKeyPath;
+        CreateKeyDialog dialog(this, qs(suggested));
+        if (dialog.exec() != QDialog::Accepted) {
             return;
         }
-        try {
-            const auto publicKey = SparklePrivateKey::createFile(str(file));
-            binder_->set("sparkle.privateKeyPath", file);
-            publicKey_->setText(qs(publicKey));
-            setStatus(
-                keyStatus_,
-                QStringLiteral("Put the public key in the app's Info.plist as SUPublicEDKey."),
-                false);
-        } catch (const std::exception& error) {
-            setStatus(keyStatus_, qs(error.what()), true);
+        const auto file = dialog.file();
+        setStatus(keyStatus_, QStringLiteral("Creating the key…"), false);
+        struct Made {
+            std::string publicKey;
+            std::string problem;
+        };
+        model_.background().run<Made>(
+            this,
+            [file](std::stop_token stop) {
+                try {
+                    const auto location =
+                        SparkleKeys::locate(std::string(SparkleKeys::defaultAccount), file);
+                    return Made{SparkleKeys::generate(location, stop), {}};
+                } catch (const std::exception& error) {
+                    return Made{{}, error.what()};
+                }
+            },
+            [this, file](const Made& made) {
+                if (!made.problem.empty()) {
+                    setStatus(keyStatus_, qs(made.problem), true);
+                    return;
+                }
+                // No file: releases sign with the keychain's key.
+                binder_->set("sparkle.privateKeyPath", file ? qs(file->string()) : QString());
+                publicKey_->setText(qs(made.publicKey));
+                setStatus(
+                    keyStatus_,
+                    QStringLiteral("A new key. Set Up Updates puts its public key in the app."),
+                    false);
+                refreshSetup();
+            });
+    }
+
+    // The key's public key, and whether the project is set up for this profile's updates.
+    void refreshSetup() {
+        const auto* selected = profile();
+        if (selected == nullptr) {
+            return;
         }
+        model_.background().run<SetupState>(
+            this, [profile = *selected](std::stop_token stop) { return planSetup(profile, stop); },
+            [this](const SetupState& state) { showSetup(state); });
+    }
+
+    void showSetup(const SetupState& state) {
+        if (state.request) {
+            publicKey_->setText(qs(state.request->publicKey));
+        }
+        if (!state.plan) {
+            setStatus(setupStatus_, qs(state.problem), true);
+        } else if (state.plan->alreadySetUp()) {
+            setStatus(setupStatus_,
+                      qs("Set up: target " + state.plan->targetName + " has Sparkle and reads " +
+                         state.request->feedURL + " with this key."),
+                      false);
+        } else if (!state.plan->conflicts.empty()) {
+            setStatus(setupStatus_, qs(state.plan->conflicts.front()), true);
+        } else {
+            setStatus(
+                setupStatus_,
+                qs(fmt::format("Not set up: {} change{} for target {} (Set Up Updates lists "
+                               "them; a release makes them too).",
+                               state.plan->changes.size(),
+                               state.plan->changes.size() == 1 ? "" : "s", state.plan->targetName)),
+                true);
+        }
+    }
+
+    void setUpUpdates() {
+        const auto* selected = profile();
+        if (selected == nullptr) {
+            return;
+        }
+        model_.background().run<SetupState>(
+            this, [profile = *selected](std::stop_token stop) { return planSetup(profile, stop); },
+            [this](SetupState state) {
+                showSetup(state);
+                if (!state.plan || state.plan->alreadySetUp()) {
+                    return;
+                }
+                SetUpUpdatesDialog dialog(this, *state.plan);
+                if (dialog.exec() != QDialog::Accepted) {
+                    return;
+                }
+                auto request = *state.request;
+                request.force = dialog.replace();
+                model_.background().run<SetupState>(
+                    this,
+                    [request](std::stop_token) {
+                        SetupState done;
+                        done.request = request;
+                        try {
+                            SparkleProjectSetup::apply(SparkleProjectSetup::plan(request));
+                            done.request->force = false;
+                            done.plan = SparkleProjectSetup::plan(*done.request);
+                        } catch (const std::exception& error) {
+                            done.problem = error.what();
+                        }
+                        return done;
+                    },
+                    [this](const SetupState& done) { showSetup(done); });
+            });
     }
 
     void checkFeeds() {
@@ -169,6 +368,7 @@ private:
 
     QLineEdit* publicKey_;
     QLabel* keyStatus_;
+    QLabel* setupStatus_;
     QLabel* liveStatus_;
     QLabel* branchStatus_;
 };

@@ -14,8 +14,10 @@
 #include "core/dmg/DMGInstallerLayout.h"
 #include "core/records/WebsitePublication.h"
 #include "core/support/FileUtilities.h"
+#include "core/support/PropertyList.h"
 
 #include <QApplication>
+#include <QCheckBox>
 #include <QComboBox>
 #include <QDialog>
 #include <QDir>
@@ -25,6 +27,7 @@
 #include <QListWidget>
 #include <QPlainTextEdit>
 #include <QPushButton>
+#include <QRadioButton>
 #include <QScrollBar>
 #include <QTextBlock>
 #include <QTimer>
@@ -339,6 +342,102 @@ TEST_F(StudioWindow, TheSparklePageReadsTheCommittedAndTheLiveFeed) {
     find<WizardPage>("sparkle")->reload();
     ASSERT_TRUE(waitFor([&] { return !branch->text().isEmpty(); }));
     EXPECT_EQ(shown(branch), std::make_pair(std::string("main: the feed cannot be read"), true));
+}
+
+// Answers the next modal dialog, whenever it opens (a page may open it after background work).
+void answerNextDialog(const std::function<void(QDialog*)>& answer) {
+    auto* timer = new QTimer;
+    QObject::connect(timer, &QTimer::timeout, [timer, answer] {
+        if (auto* dialog = qobject_cast<QDialog*>(QApplication::activeModalWidget())) {
+            timer->stop();
+            timer->deleteLater();
+            answer(dialog);
+        }
+    });
+    timer->start(10);
+}
+
+// The page makes keys, says whether the project is set up for this profile's updates, and sets
+// it up after showing what changes.
+TEST_F(StudioWindow, TheSparklePageMakesKeysAndSetsTheAppUpForUpdates) {
+    const testing::ScopedEnvironment keychain("VELTRA_FAKE_KEYCHAIN_DIR",
+                                              (dir / "keychains").string());
+    const auto plist = sandbox.project().parent_path() / "Sample" / "Info.plist";
+    window->showStep(StudioStep::sparkle);
+    auto* status = find<QLabel>("updatesStatus");
+    auto* publicKey = find<QLineEdit>("publicKey");
+    ASSERT_TRUE(waitFor([&] { return !status->text().isEmpty(); }));
+    EXPECT_EQ(shown(status), std::make_pair(std::string("Not set up: 5 changes for target Sample "
+                                                        "(Set Up Updates lists them; a release "
+                                                        "makes them too)."),
+                                            true));
+    EXPECT_EQ(publicKey->text().toStdString(), sandbox.publicKey());
+
+    const auto setUp = [&](bool replace) {
+        std::vector<std::string> listed;
+        answerNextDialog([&](QDialog* dialog) {
+            auto* changes = dialog->findChild<QListWidget*>(QStringLiteral("setUpChanges"));
+            for (int i = 0; i < changes->count(); ++i) {
+                listed.push_back(changes->item(i)->text().toStdString());
+            }
+            if (replace) {
+                dialog->findChild<QCheckBox*>(QStringLiteral("replaceConflicts"))->setChecked(true);
+            }
+            dialog->accept();
+        });
+        status->clear();
+        find<QPushButton>("setUpUpdates")->click();
+        EXPECT_TRUE(waitFor([&] { return status->text().startsWith(QStringLiteral("Set up:")); }))
+            << status->text().toStdString();
+        return listed;
+    };
+    const auto listed = setUp(false);
+    ASSERT_EQ(listed.size(), 5u);
+    EXPECT_EQ(listed.back(), "Set SUPublicEDKey in Sample/Info.plist");
+    EXPECT_EQ(shown(status).first, "Set up: target Sample has Sparkle and reads " +
+                                       sandbox.siteURL() + "downloads/appcast.xml with this key.");
+    EXPECT_NE(readFile(sandbox.project() / "project.pbxproj").find("productName = Sparkle;"),
+              std::string::npos);
+    EXPECT_EQ(readPropertyListDictionary(plist)["SUPublicEDKey"], sandbox.publicKey());
+
+    // A new key in the keychain: releases sign with it, and the app still has the old one.
+    const auto createKey = [&](const std::function<void(QDialog*)>& choose) {
+        answerNextDialog([&](QDialog* dialog) {
+            choose(dialog);
+            dialog->accept();
+        });
+        find<QLabel>("keyStatus")->clear();
+        find<QPushButton>("createKey")->click();
+        EXPECT_TRUE(waitFor([&] {
+            const auto text = find<QLabel>("keyStatus")->text();
+            return !text.isEmpty() && !text.contains(QStringLiteral("Creating"));
+        }));
+    };
+    status->clear();
+    createKey([](QDialog* dialog) {
+        auto* keychainChoice = dialog->findChild<QRadioButton*>(QStringLiteral("keyInKeychain"));
+        ASSERT_TRUE(keychainChoice->isEnabled());
+        keychainChoice->setChecked(true);
+    });
+    EXPECT_EQ(selected().sparkle.privateKeyPath, "");
+    const auto newKey = publicKey->text().toStdString();
+    EXPECT_NE(newKey, sandbox.publicKey());
+    ASSERT_TRUE(waitFor([&] { return !status->text().isEmpty(); }));
+    EXPECT_EQ(shown(status), std::make_pair("SUPublicEDKey in Sample/Info.plist is " +
+                                                sandbox.publicKey() + ", not " + newKey,
+                                            true));
+    EXPECT_EQ(setUp(true), (std::vector<std::string>{}));
+    EXPECT_EQ(readPropertyListDictionary(plist)["SUPublicEDKey"], newKey);
+
+    // Or in a key file only its owner reads.
+    createKey([&](QDialog* dialog) {
+        dialog->findChild<QRadioButton*>(QStringLiteral("keyInFile"))->setChecked(true);
+        dialog->findChild<QLineEdit*>(QStringLiteral("keyFile"))
+            ->setText(QString::fromStdString((dir / "studio_priv").string()));
+    });
+    EXPECT_EQ(selected().sparkle.privateKeyPath, (dir / "studio_priv").string());
+    EXPECT_EQ(fs::status(dir / "studio_priv").permissions(),
+              fs::perms::owner_read | fs::perms::owner_write);
 }
 
 TEST_F(StudioWindow, TheGitHubPageShowsTheDoctorsFinding) {
