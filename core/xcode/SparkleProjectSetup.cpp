@@ -181,6 +181,60 @@ SetupSubject projectAndTarget(const SparkleSetupRequest& request) {
     return {members.front(), target, byName};
 }
 
+// A file made inside a folder that Xcode keeps in sync with the target would also be copied into
+// the app ("Multiple commands produce Info.plist"); Xcode excepts it from the target, so do we.
+void exceptFromSynchronizedFolder(ProjectText& text, const Json& objects,
+                                  const std::string& targetID, const Json& target,
+                                  const std::string& file, SparkleSetupPlan& plan) {
+    for (const auto& groupID : target.value("fileSystemSynchronizedGroups", Json::array())) {
+        const auto* group = objectOf(objects, groupID);
+        if (group == nullptr || stringOf(*group, "isa") != "PBXFileSystemSynchronizedRootGroup") {
+            continue;
+        }
+        const auto folder = stringOf(*group, "path");
+        if (folder.empty() || !file.starts_with(folder + "/")) {
+            continue;
+        }
+        const auto inside = file.substr(folder.size() + 1);
+        const auto what = inside + " out of the files target " + plan.targetName +
+                          " takes from its synchronized folder " + folder;
+        for (const auto& setID : group->value("exceptions", Json::array())) {
+            const auto* set = objectOf(objects, setID);
+            if (set == nullptr ||
+                stringOf(*set, "isa") != "PBXFileSystemSynchronizedBuildFileExceptionSet" ||
+                stringOf(*set, "target") != targetID) {
+                continue;
+            }
+            const auto excepted = set->value("membershipExceptions", Json::array());
+            if (std::ranges::find(excepted, Json(inside)) == excepted.end()) {
+                text.addToList(setID.get<std::string>(), "membershipExceptions",
+                               projectString(inside));
+                plan.changes.push_back("Leave " + what);
+                plan.done.push_back("Left " + what);
+            }
+            return;
+        }
+        const auto setID = ProjectText::newObjectID(text.text());
+        const auto comment =
+            " /* Exceptions for \"" + folder + "\" folder in \"" + plan.targetName + "\" target */";
+        text.addToSection("PBXFileSystemSynchronizedBuildFileExceptionSet", setID,
+                          "\t\t" + setID + comment +
+                              " = {\n"
+                              "\t\t\tisa = PBXFileSystemSynchronizedBuildFileExceptionSet;\n"
+                              "\t\t\tmembershipExceptions = (\n"
+                              "\t\t\t\t" +
+                              projectString(inside) +
+                              ",\n"
+                              "\t\t\t);\n"
+                              "\t\t\ttarget = " +
+                              targetID + " /* " + plan.targetName + " */;\n\t\t};\n");
+        text.addToList(groupID.get<std::string>(), "exceptions", setID + comment);
+        plan.changes.push_back("Leave " + what);
+        plan.done.push_back("Left " + what);
+        return;
+    }
+}
+
 } // namespace
 
 SparkleSetupPlan SparkleProjectSetup::plan(const SparkleSetupRequest& request) {
@@ -220,10 +274,12 @@ SparkleSetupPlan SparkleProjectSetup::plan(const SparkleSetupRequest& request) {
     const auto& objects = project["objects"];
     const auto* root = objectOf(objects, project["rootObject"]);
     const Json* target = nullptr;
+    std::string targetID;
     for (const auto& id : root == nullptr ? Json::array() : root->value("targets", Json::array())) {
         if (const auto* candidate = objectOf(objects, id);
             candidate != nullptr && stringOf(*candidate, "name") == plan.targetName) {
             target = candidate;
+            targetID = id.get<std::string>();
         }
     }
     if (target == nullptr) {
@@ -255,6 +311,7 @@ SparkleSetupPlan SparkleProjectSetup::plan(const SparkleSetupRequest& request) {
                                "'s configurations (Xcode merges it with the generated keys)");
         plan.done.push_back("Set INFOPLIST_FILE = " + infoPlistSetting + " in target " +
                             plan.targetName);
+        exceptFromSynchronizedFolder(text, objects, targetID, *target, infoPlistSetting, plan);
     }
     // The project names the file it changes; it must not lead out of the project's folder.
     if (relativePathProblem(infoPlistSetting)) {

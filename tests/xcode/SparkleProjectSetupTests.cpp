@@ -58,12 +58,15 @@ TEST(SparkleProjectSetup, ATargetThatGeneratesItsInfoPlistGetsOneWithTheTwoKeys)
     const auto plan = SparkleProjectSetup::plan(requestFor(project));
     EXPECT_EQ(plan.targetName, "neobee-session-player");
     EXPECT_TRUE(plan.conflicts.empty());
-    ASSERT_EQ(plan.changes.size(), 6u);
+    ASSERT_EQ(plan.changes.size(), 7u);
     EXPECT_EQ(plan.changes[3], "Set INFOPLIST_FILE = neobee-session-player/Info.plist in target "
                                "neobee-session-player's configurations (Xcode merges it with the "
                                "generated keys)");
-    EXPECT_EQ(plan.changes[4], "Set SUFeedURL in neobee-session-player/Info.plist");
-    EXPECT_EQ(plan.changes[5], "Set SUPublicEDKey in neobee-session-player/Info.plist");
+    // The folder Xcode keeps in sync with the target would copy the new file into the app too.
+    EXPECT_EQ(plan.changes[4], "Leave Info.plist out of the files target neobee-session-player "
+                               "takes from its synchronized folder neobee-session-player");
+    EXPECT_EQ(plan.changes[5], "Set SUFeedURL in neobee-session-player/Info.plist");
+    EXPECT_EQ(plan.changes[6], "Set SUPublicEDKey in neobee-session-player/Info.plist");
     // Planning writes nothing.
     EXPECT_EQ(readFile(project / "project.pbxproj"),
               readFile(fixture / project.filename() / "project.pbxproj"));
@@ -75,6 +78,19 @@ TEST(SparkleProjectSetup, ATargetThatGeneratesItsInfoPlistGetsOneWithTheTwoKeys)
     EXPECT_EQ(targetSettings(project, "neobee-session-player", "INFOPLIST_FILE"),
               (std::vector<std::string>{"neobee-session-player/Info.plist",
                                         "neobee-session-player/Info.plist"}));
+    const auto parsed = parseProjectFile(readFile(project / "project.pbxproj"));
+    const auto& objects = parsed.at("objects");
+    const auto& group = objects.at("6A1539052E71A500005BDA9D");
+    ASSERT_EQ(group.at("exceptions").size(), 1u);
+    const auto& exceptions = objects.at(group.at("exceptions")[0].get<std::string>());
+    EXPECT_EQ(exceptions.at("isa"), "PBXFileSystemSynchronizedBuildFileExceptionSet");
+    EXPECT_EQ(exceptions.at("membershipExceptions"), Json::array({"Info.plist"}));
+    EXPECT_EQ(objects.at(exceptions.at("target").get<std::string>()).at("name"),
+              "neobee-session-player");
+    EXPECT_NE(readFile(project / "project.pbxproj")
+                  .find(" /* Exceptions for \"neobee-session-player\" folder in "
+                        "\"neobee-session-player\" target */ = {\n"),
+              std::string::npos);
     // The test targets keep their own settings.
     EXPECT_EQ(targetSettings(project, "neobee-session-playerTests", "INFOPLIST_FILE"),
               (std::vector<std::string>{"", ""}));
