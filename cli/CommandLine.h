@@ -10,8 +10,9 @@ namespace veltra::cli {
 // Exit statuses of the veltra tool.
 enum ExitStatus : int {
     exitSuccess = 0,
-    exitFailure = 1, // the command ran and failed; "Error: " + message on standard error
-    exitUsage = 2,   // the command line itself is wrong
+    exitFailure = 1,     // the command ran and failed; "Error: " + message on standard error
+    exitUsage = 2,       // the command line itself is wrong
+    exitCheckFailed = 3, // a check said no: a version check's blocker, the doctor's problems
     exitCancelled = 130,
 };
 

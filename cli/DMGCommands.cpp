@@ -38,12 +38,22 @@ void addBuild(CLI::App& group, CliContext& context) {
     auto profile = std::make_shared<std::string>();
     auto output = std::make_shared<std::string>();
     auto identity = std::make_shared<std::string>();
-    command->add_option("APP", *app, "The .app bundle")->required();
-    command->add_option("--profile", *profile, "The profile's name or ID")->required();
+    auto earlier = std::make_shared<std::string>();
+    command->add_option("NAME|ID", *profile, "The profile's name or ID")->required();
+    command->add_option("APP", *app, "The .app bundle");
+    // The earlier spelling, kept for scripts: --profile NAME APP.
+    command->add_option("--profile", *earlier)->group("");
     command->add_option("--output", *output,
                         "The image to write (default: <output folder>/<app>-<version>.dmg)");
     command->add_option("--identity", *identity, "Sign the image with this identity");
-    command->callback([&context, app, profile, output, identity] {
+    command->callback([&context, app, profile, output, identity, earlier] {
+        if (!earlier->empty() && app->empty()) {
+            *app = *profile;
+            *profile = *earlier;
+        }
+        if (app->empty()) {
+            throw CLI::RequiredError("APP");
+        }
         OpenStore store(context);
         const auto& chosen = store.find(*profile);
         const std::filesystem::path appPath = expandTilde(standardizePath(*app));
@@ -108,9 +118,13 @@ void addLayout(CLI::App& group, CliContext& context) {
         group.add_subcommand("layout", "Show where the installer window puts its icons");
     auto profile = std::make_shared<std::string>();
     auto json = std::make_shared<bool>(false);
-    command->add_option("--profile", *profile, "The profile's name or ID")->required();
+    command->add_option("NAME|ID", *profile, "The profile's name or ID");
+    command->add_option("--profile", *profile)->group(""); // the earlier spelling
     command->add_flag("--json", *json, "Print the fields as JSON");
     command->callback([&context, profile, json] {
+        if (profile->empty()) {
+            throw CLI::RequiredError("NAME|ID");
+        }
         OpenStore store(context);
         const auto& config = store.find(*profile).dmgDesign;
         const auto layout = DMGInstallerLayout::from(config);

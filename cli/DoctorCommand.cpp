@@ -1,3 +1,4 @@
+#include "CommandLine.h"
 #include "Commands.h"
 #include "JsonOutput.h"
 #include "OpenStore.h"
@@ -13,7 +14,7 @@ void addDoctorCommand(CLI::App& app, CliContext& context) {
                   "GitHub, disk");
     auto profile = std::make_shared<std::string>();
     auto json = std::make_shared<bool>(false);
-    command->add_option("PROFILE", *profile,
+    command->add_option("NAME|ID", *profile,
                         "The profile's name or ID (without one: Xcode, identities and gh)");
     command->add_flag("--json", *json, "The findings as JSON");
     command->callback([&context, profile, json] {
@@ -49,7 +50,7 @@ void addDoctorCommand(CLI::App& app, CliContext& context) {
                         << '\n';
         }
         if (problems > 0) {
-            context.exitStatus = 1;
+            context.exitStatus = exitCheckFailed;
         }
     });
 }

@@ -79,7 +79,7 @@ void addShow(CLI::App& profile, CliContext& context) {
     auto* command = profile.add_subcommand("show", "Show one profile's settings");
     auto which = std::make_shared<std::string>();
     auto json = std::make_shared<bool>(false);
-    command->add_option("PROFILE", *which, "Name or ID")->required();
+    command->add_option("NAME|ID", *which, "Name or ID")->required();
     command->add_flag("--json", *json, "Print the stored JSON of the profile");
     command->callback([&context, which, json] {
         OpenStore open(context);
@@ -103,7 +103,7 @@ void addShow(CLI::App& profile, CliContext& context) {
 void addDelete(CLI::App& profile, CliContext& context) {
     auto* command = profile.add_subcommand("delete", "Delete a profile");
     auto which = std::make_shared<std::string>();
-    command->add_option("PROFILE", *which, "Name or ID")->required();
+    command->add_option("NAME|ID", *which, "Name or ID")->required();
     command->callback([&context, which] {
         OpenStore open(context);
         const auto& p = open.find(*which);
@@ -118,7 +118,7 @@ void addSet(CLI::App& profile, CliContext& context) {
     auto* command = profile.add_subcommand("set", "Change settings: key.path=value ...");
     auto which = std::make_shared<std::string>();
     auto assignments = std::make_shared<std::vector<std::string>>();
-    command->add_option("PROFILE", *which, "Name or ID")->required();
+    command->add_option("NAME|ID", *which, "Name or ID")->required();
     command
         ->add_option("SETTINGS", *assignments,
                      "key.path=value (empty value clears an optional key)")
@@ -173,7 +173,7 @@ void addReleases(CLI::App& app, CliContext& context) {
         app.add_subcommand("releases", "List a profile's recent releases, newest first");
     auto which = std::make_shared<std::string>();
     auto json = std::make_shared<bool>(false);
-    command->add_option("PROFILE", *which, "Name or ID")->required();
+    command->add_option("NAME|ID", *which, "Name or ID")->required();
     command->add_flag("--json", *json, "Print the release manifests as JSON");
     command->callback([&context, which, json] {
         OpenStore open(context);

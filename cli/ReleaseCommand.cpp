@@ -17,7 +17,7 @@ void addReleaseCommand(CLI::App& app, CliContext& context) {
     auto json = std::make_shared<bool>(false);
     auto dryRun = std::make_shared<bool>(false);
     auto resume = std::make_shared<bool>(false);
-    command->add_option("PROFILE", *profile, "The profile's name or ID")->required();
+    command->add_option("NAME|ID", *profile, "The profile's name or ID")->required();
     command->add_option("--app", *appPath, "Ship this already built app");
     command->add_option("--version", *version,
                         "The marketing version (default: the project's current one)");

@@ -149,7 +149,7 @@ void addNotary(CLI::App& app, CliContext& context) {
         std::string profile, appleID, teamID, passwordVariable, key, keyID, issuer;
     };
     auto options = std::make_shared<Options>();
-    store->add_option("PROFILE", options->profile, "Keychain profile name")->required();
+    store->add_option("KEYCHAIN_PROFILE", options->profile, "Keychain profile name")->required();
     store->add_option("--apple-id", options->appleID, "Apple ID (an email address)");
     store->add_option("--team-id", options->teamID, "Developer team ID");
     store->add_option("--password-env", options->passwordVariable,
@@ -194,7 +194,7 @@ void addNotary(CLI::App& app, CliContext& context) {
 
     auto* check = group->add_subcommand("check", "Check that a keychain profile works");
     auto checked = std::make_shared<std::string>();
-    check->add_option("PROFILE", *checked, "Keychain profile name")->required();
+    check->add_option("KEYCHAIN_PROFILE", *checked, "Keychain profile name")->required();
     check->callback([&context, checked] {
         const NotarizationEngine engine;
         ProcessResult result;
@@ -225,8 +225,13 @@ void addNotarize(CLI::App& app, CliContext& context) {
     auto file = std::make_shared<std::string>();
     auto profile = std::make_shared<std::string>();
     command->add_option("FILE", *file, "The .dmg, .zip or .pkg to notarize")->required();
-    command->add_option("--profile", *profile, "Keychain profile with the credentials")->required();
+    command->add_option("--keychain-profile", *profile,
+                        "The keychain profile holding the credentials (required; notary store)");
+    command->add_option("--profile", *profile)->group(""); // the earlier spelling
     command->callback([&context, file, profile] {
+        if (profile->empty()) {
+            throw CLI::RequiredError("--keychain-profile");
+        }
         LinePrinter print(context.out);
         NotarizationEngine().notarize(
             *file, *profile, [&print](const std::string& line) { print(line); }, context.stop);

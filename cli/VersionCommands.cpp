@@ -157,7 +157,7 @@ void addCheck(CLI::App& group, CliContext& context) {
                 result.title.value_or(""), result.message.value_or(""));
         }
         if (result.severity == VersionValidation::Severity::blocker) {
-            context.exitStatus = exitUsage;
+            context.exitStatus = exitCheckFailed;
         }
     });
 }

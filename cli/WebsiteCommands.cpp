@@ -19,7 +19,7 @@ void addDelivery(CLI::App& app, CliContext& context) {
         "delivery", "Show where a profile's next release goes: repository, feed and download");
     auto profile = std::make_shared<std::string>();
     auto json = std::make_shared<bool>(false);
-    command->add_option("PROFILE", *profile, "The profile's name or ID")->required();
+    command->add_option("NAME|ID", *profile, "The profile's name or ID")->required();
     command->add_flag("--json", *json, "Print the plan as JSON");
     command->callback([&context, profile, json] {
         OpenStore store(context);
@@ -65,10 +65,20 @@ void addInit(CLI::App& group, CliContext& context) {
     auto folder = std::make_shared<std::string>();
     auto profile = std::make_shared<std::string>();
     auto remote = std::make_shared<std::string>();
-    command->add_option("DIR", *folder, "The new repository's folder")->required();
-    command->add_option("--profile", *profile, "The profile's name or ID")->required();
+    auto earlier = std::make_shared<std::string>();
+    command->add_option("NAME|ID", *profile, "The profile's name or ID")->required();
+    command->add_option("DIR", *folder, "The new repository's folder");
+    command->add_option("--profile", *earlier)
+        ->group(""); // the earlier spelling: --profile NAME DIR
     command->add_option("--remote", *remote, "origin's address");
-    command->callback([&context, folder, profile, remote] {
+    command->callback([&context, folder, profile, remote, earlier] {
+        if (!earlier->empty() && folder->empty()) {
+            *folder = *profile;
+            *profile = *earlier;
+        }
+        if (folder->empty()) {
+            throw CLI::RequiredError("DIR");
+        }
         OpenStore store(context);
         auto chosen = store.find(*profile);
         const auto path = std::filesystem::absolute(expandTilde(standardizePath(*folder)));
@@ -109,7 +119,7 @@ void addDeploy(CLI::App& group, CliContext& context) {
     auto notesFile = std::make_shared<std::string>();
     auto signature = std::make_shared<std::string>();
     auto feedFile = std::make_shared<std::string>();
-    command->add_option("PROFILE", *profile, "The profile's name or ID")->required();
+    command->add_option("NAME|ID", *profile, "The profile's name or ID")->required();
     command->add_option("--dmg", *dmg, "The signed disk image")->required();
     command->add_option("--version", *version, "The marketing version")->required();
     command->add_option("--build", *build, "The build number")->required();
@@ -195,7 +205,7 @@ void addCheck(CLI::App& group, CliContext& context) {
     auto watch = std::make_shared<bool>(false);
     auto interval = std::make_shared<double>(20);
     auto timeout = std::make_shared<double>(900);
-    command->add_option("PROFILE", *profile, "The profile's name or ID")->required();
+    command->add_option("NAME|ID", *profile, "The profile's name or ID")->required();
     command->add_option("--release", *which, "VERSION or latest (default)");
     command->add_flag("--watch", *watch, "Keep checking until live or the time limit");
     command->add_option("--interval", *interval, "Seconds between checks (default 20)")

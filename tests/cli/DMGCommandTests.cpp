@@ -37,7 +37,7 @@ TEST_F(DMGCommandTest, BuildStreamsTheBuildersLinesAndNamesTheImageAfterTheVersi
                        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
                        "<key>CFBundleShortVersionString</key><string>1.2.3</string>"
                        "</dict></plist>\n");
-    const auto built = veltra({"dmg", "build", app.string(), "--profile", "Acme"});
+    const auto built = veltra({"dmg", "build", "Acme", app.string()});
     ASSERT_EQ(built.exitCode, 0) << built.errorOutput;
     const auto image = dir / "out" / "Acme-1.2.3.dmg";
     // The new profile's volume name is the app's name.
@@ -55,7 +55,7 @@ TEST_F(DMGCommandTest, BuildStreamsTheBuildersLinesAndNamesTheImageAfterTheVersi
 }
 
 TEST_F(DMGCommandTest, LayoutFollowsTheProfilesDesign) {
-    auto shown = veltra({"dmg", "layout", "--profile", "Acme"});
+    auto shown = veltra({"dmg", "layout", "Acme"});
     ASSERT_EQ(shown.exitCode, 0) << shown.errorOutput;
     EXPECT_EQ(shown.output, "Window:        {{390, 250}, {660, 400}}\n"
                             "Preset:        Classic (660×400)\n"

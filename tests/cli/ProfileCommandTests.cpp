@@ -180,8 +180,7 @@ TEST_F(ProfileCommandTest, UnreadableFileStopsEveryCommandAndIsKept) {
              {"profile", "list"},
              {"profile", "show", "Foo"},
              {"profile", "create", "Foo", "--bundle-id", "com.example.foo"},
-             {"profile", "set", "Foo", "name=Bar"},
-             {"profile", "list", "--json"}}) {
+             {"profile", "set", "Foo", "name=Bar"}}) {
         SCOPED_TRACE(arguments[1]);
         const auto result = veltra(arguments);
         EXPECT_EQ(result.exitCode, 1);
@@ -194,6 +193,16 @@ TEST_F(ProfileCommandTest, UnreadableFileStopsEveryCommandAndIsKept) {
             "). A copy is kept as " + aside()[0] +
             ". Fix the file or move it away; until then Veltra changes nothing in it.\n"))
             << result.errorOutput;
+    }
+    {
+        // With --json, the error is a JSON object on standard output.
+        const auto result = veltra({"profile", "list", "--json"});
+        EXPECT_EQ(result.exitCode, 1);
+        EXPECT_EQ(result.errorOutput, "");
+        const auto error = nlohmann::json::parse(result.output);
+        EXPECT_EQ(error["type"], "error");
+        EXPECT_TRUE(error["message"].get<std::string>().starts_with(
+            "The profile file " + file.string() + " could not be read"));
         EXPECT_EQ(readFile(file), "not json");
     }
     // Moved away, the next command starts a new file.

@@ -157,7 +157,7 @@ TEST(DemoCommand, ReleasesTheSampleUntilTheLocalSiteServesIt) {
 namespace veltra {
 namespace {
 
-TEST(DoctorCommand, OneLinePerCheckAndExitStatusOneOnAProblem) {
+TEST(DoctorCommand, OneLinePerCheckAndExitStatusThreeOnAProblem) {
     testing::TempDir dir;
     std::map<std::string, std::string> environment{{"HOME", dir.path().string()},
                                                    {"VELTRA_TOOL_PATH", VELTRA_TOOLS_DIR},
@@ -176,7 +176,7 @@ TEST(DoctorCommand, OneLinePerCheckAndExitStatusOneOnAProblem) {
 
     environment["VELTRA_FAKE_XCODE"] = "license";
     const auto broken = testing::runVeltra({"doctor"}, environment);
-    EXPECT_EQ(broken.exitCode, 1);
+    EXPECT_EQ(broken.exitCode, 3) << "a check said no";
     EXPECT_TRUE(broken.output.starts_with("problem  Xcode          xcodebuild does not run: You "
                                           "have not agreed to the Xcode license agreements"))
         << broken.output;

@@ -70,7 +70,7 @@ TEST(NotaryCommand, StoresChecksAndNotarizes) {
 
     testing::writeFile(dir / "Acme.dmg", "image");
     const auto accepted =
-        runVeltra({"notarize", (dir / "Acme.dmg").string(), "--profile", "acme"}, env);
+        runVeltra({"notarize", (dir / "Acme.dmg").string(), "--keychain-profile", "acme"}, env);
     EXPECT_EQ(accepted.exitCode, 0) << accepted.errorOutput;
     EXPECT_TRUE(accepted.output.ends_with(
         "   Success: Gatekeeper ticket successfully stapled to Acme.dmg\n"));

@@ -43,7 +43,7 @@ TEST(VersionCommand, ShowSetAndCheck) {
 
     const auto blocked = runVeltra({"version", "check", dir.path().string(), "--version", "1.3",
                                     "--build", "9", "--appcast", feed});
-    EXPECT_EQ(blocked.exitCode, 2);
+    EXPECT_EQ(blocked.exitCode, 3) << "a check said no";
     EXPECT_EQ(blocked.output, "Blocker: Sparkle Update Will Be Ignored\nBuild 9 is ≤ highest "
                               "known published build (9 (v1.2)). Sparkle clients already on "
                               "build 9 will ignore this release. Set build to at least 10.\n");

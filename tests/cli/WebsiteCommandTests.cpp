@@ -59,8 +59,7 @@ protected:
 
     // Creates the site, adds the release to its feed, deploys it.
     void deployRelease() {
-        auto made = veltra(
-            {"website", "init", site.string(), "--profile", "Acme", "--remote", origin.string()});
+        auto made = veltra({"website", "init", "Acme", site.string(), "--remote", origin.string()});
         ASSERT_EQ(made.exitCode, 0) << made.errorOutput;
         const auto added =
             veltra({"appcast", "add", (site / "downloads" / "appcast.xml").string(), "--version",
