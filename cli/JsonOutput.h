@@ -4,6 +4,8 @@
 #include <optional>
 #include <string>
 
+#include "core/support/Date.h"
+
 #include <nlohmann/json.hpp>
 
 namespace veltra::cli {
@@ -17,6 +19,26 @@ template <typename T> Json orNull(const std::optional<T>& value) {
 
 inline Json orNull(const std::optional<std::filesystem::path>& path) {
     return path ? Json(path->string()) : Json(nullptr);
+}
+
+// What JSON output shows of the records: dates as ISO 8601 UTC (the stored files keep seconds
+// from 2001, the form they have always had).
+template <typename J> J withReadableDates(J json) {
+    if (json.is_object()) {
+        for (auto& [key, value] : json.items()) {
+            if (value.is_number() && (key == "releaseDate" || key == "pushedAt" ||
+                                      key == "lastCheckedAt" || key == "timestamp")) {
+                value = Date{value.template get<double>()}.iso8601();
+            } else {
+                value = withReadableDates(std::move(value));
+            }
+        }
+    } else if (json.is_array()) {
+        for (auto& value : json) {
+            value = withReadableDates(std::move(value));
+        }
+    }
+    return json;
 }
 
 // Indented, with bytes that are not UTF-8 (outside input: feeds, project files) shown replaced

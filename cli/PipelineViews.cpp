@@ -261,7 +261,10 @@ void showRelease(CliContext& context, OpenStore& store, PipelineManager& pipelin
     }
     if (json) {
         if (const auto& manifest = pipeline.completedManifest()) {
-            machine.emit({{"type", "manifest"}, {"manifest", manifest->toJson()}});
+            auto shown = withReadableDates(Json(manifest->toJson()));
+            shown["dryRun"] = request.dryRun;
+            shown["resumed"] = request.resume;
+            machine.emit({{"type", "manifest"}, {"manifest", shown}});
         } else if (pipeline.isCancelled()) {
             machine.emit({{"type", "cancelled"}});
         } else {

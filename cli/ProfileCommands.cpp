@@ -1,4 +1,5 @@
 #include "Commands.h"
+#include "JsonOutput.h"
 #include "OpenStore.h"
 #include "core/profile/ProfileFieldEditor.h"
 #include "core/profile/ProfileStore.h"
@@ -86,7 +87,7 @@ void addShow(CLI::App& profile, CliContext& context) {
         const auto& p = open.find(*which);
         // A remote address may carry a token; what is printed may end up in a CI log.
         if (*json) {
-            context.out << redactURLCredentials(dumpJson(p.toJson())) << '\n';
+            context.out << redactURLCredentials(dumpJson(withReadableDates(p.toJson()))) << '\n';
             return;
         }
         context.out << fmt::format("id = {}\n", p.id.string());
@@ -182,7 +183,7 @@ void addReleases(CLI::App& app, CliContext& context) {
         if (*json) {
             Json array = Json::array();
             for (const auto& manifest : releases) {
-                array.push_back(manifest.toJson());
+                array.push_back(withReadableDates(manifest.toJson()));
             }
             context.out << dumpJson(array) << '\n';
             return;

@@ -161,8 +161,12 @@ TEST_F(ProfileCommandTest, ReleasesListNewestFirstWithWebsiteWording) {
               "and DMG verified\n"
               "1.0.0        10       2026-11-06T21:20:00Z   12.5 MB  unknown    Website "
               "publication was not confirmed\n");
-    EXPECT_EQ(veltra({"releases", "Foo", "--json"}).output,
-              dumpJson(Json::array({newer.toJson(), older.toJson()})) + "\n");
+    // JSON output shows dates as ISO 8601; the file keeps its seconds.
+    const auto json = Json::parse(veltra({"releases", "Foo", "--json"}).output);
+    EXPECT_EQ(json[0]["releaseDate"], "2026-11-06T21:20:00Z");
+    EXPECT_EQ(json[0]["websitePublication"]["pushedAt"], "2001-01-01T00:00:00Z");
+    EXPECT_EQ(json[1]["version"], "1.0.0");
+    EXPECT_TRUE(Json::parse(readFile(file))[0]["recentReleases"][0]["releaseDate"].is_number());
 }
 
 TEST_F(ProfileCommandTest, UnreadableFileStopsEveryCommandAndIsKept) {

@@ -89,6 +89,11 @@ TEST_F(ReleaseCommandTest, JsonLinesEndWithTheManifestOrTheError) {
     EXPECT_TRUE(fs::is_regular_file(lines[lines.size() - 2]["path"].get<std::string>()));
     EXPECT_EQ(lines.back()["manifest"]["buildNumber"], "57");
     EXPECT_EQ(lines.back()["manifest"]["sha256Checksum"].get<std::string>().size(), 64u);
+    EXPECT_EQ(lines.back()["manifest"]["dryRun"], false);
+    EXPECT_EQ(lines.back()["manifest"]["resumed"], false);
+    // ISO 8601 UTC, as every date in JSON output.
+    EXPECT_EQ(lines.back()["manifest"]["releaseDate"].get<std::string>().size(), 20u);
+    EXPECT_TRUE(lines.back()["manifest"]["releaseDate"].get<std::string>().ends_with("Z"));
     EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const auto& line) {
         return line["type"] == "step" && line["id"] == "dmg" && line["status"] == "Succeeded";
     }));
