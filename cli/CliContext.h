@@ -13,6 +13,8 @@ struct CliContext {
     std::stop_token stop;
     // The profile file (--profiles, VELTRA_PROFILES); empty means the default.
     std::string profilesPath;
+    // --no-color: plain text even on a terminal.
+    bool noColour = false;
     // A command that reports its own failure (a check that found a fault) sets this instead of
     // throwing, so that no "Error: " line is added.
     int exitStatus = 0;

@@ -2,13 +2,16 @@
 
 #include "Commands.h"
 #include "JsonOutput.h"
+#include "Terminal.h"
 #include "core/support/VeltraError.h"
 
 #include <algorithm>
 #include <exception>
+#include <iostream>
 #include <map>
 #include <ranges>
 #include <sstream>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 
@@ -201,7 +204,12 @@ int report(CliContext& context, bool json, const std::string& domain, int code,
                            .dump(-1, ' ', false, Json::error_handler_t::replace)
                     << '\n';
     } else {
-        context.err << "Error: " << message << '\n' << hint;
+        const auto line = "Error: " + message;
+        context.err << (&context.err == &std::cerr && colourFor(STDERR_FILENO, context.noColour)
+                            ? colouredLine(line)
+                            : line)
+                    << '\n'
+                    << hint;
     }
     return status;
 }
@@ -224,6 +232,8 @@ int runCommandLine(const std::vector<std::string>& given, CliContext& context) {
     app.add_option("--profiles", context.profilesPath,
                    "Profile file to use (default ~/.veltra/profiles.json)")
         ->envname("VELTRA_PROFILES");
+    app.add_flag("--no-color", context.noColour,
+                 "Plain text on a terminal too (so does the variable NO_COLOR)");
     addProfileCommands(app, context);
     addDSStoreCommands(app, context);
     addSignCommand(app, context);

@@ -1,10 +1,10 @@
 #pragma once
 
+#include "core/support/Date.h"
+
 #include <filesystem>
 #include <optional>
 #include <string>
-
-#include "core/support/Date.h"
 
 #include <nlohmann/json.hpp>
 

@@ -2,9 +2,13 @@
 
 #include "CommandLine.h"
 #include "JsonOutput.h"
+#include "Terminal.h"
 
+#include <chrono>
 #include <cmath>
+#include <cstdlib>
 #include <iostream>
+#include <memory>
 #include <sys/ioctl.h>
 #include <unistd.h>
 #include <utf8proc.h>
@@ -61,15 +65,15 @@ std::string durationText(const std::optional<double>& seconds) {
 // Plain lines, for logs and pipes: each step change and each log line as it comes.
 class PlainView : public PipelineObserver {
 public:
-    explicit PlainView(std::ostream& out) : out_(out) {}
+    PlainView(std::ostream& out, bool colour) : out_(out), colour_(colour) {}
     void stepsChanged(const PipelineManager& pipeline) override {
         for (const auto& step : pipeline.steps()) {
             auto& seen = shown_[step.id];
             if (seen.first != step.status || seen.second != step.message) {
                 if (step.status != StepStatus::pending) {
-                    out_ << fmt::format(
-                        "{} {}: {}{}\n", symbol(step.status), step.title, step.message,
-                        step.duration ? " (" + durationText(step.duration) + ")" : std::string());
+                    print(fmt::format("{} {}: {}{}", symbol(step.status), step.title, step.message,
+                                      step.duration ? " (" + durationText(step.duration) + ")"
+                                                    : std::string()));
                 }
                 seen = {step.status, step.message};
             }
@@ -78,14 +82,42 @@ public:
     }
     void logsPublished(const std::vector<ReleaseLogEntry>& batch) override {
         for (const auto& entry : batch) {
-            out_ << entry.text << '\n';
+            print(entry.text);
         }
         out_ << std::flush;
     }
 
 private:
+    void print(const std::string& line) { out_ << (colour_ ? colouredLine(line) : line) << '\n'; }
+
     std::ostream& out_;
+    bool colour_;
     std::map<std::string, std::pair<StepStatus, std::string>> shown_;
+};
+
+// --quiet: what went wrong, and nothing else while the release runs.
+class QuietView : public PipelineObserver {
+public:
+    QuietView(std::ostream& out, bool colour) : out_(out), colour_(colour) {}
+    // A failed step is said by the run's "Error: " line.
+    void stepsChanged(const PipelineManager&) override {}
+    void logsPublished(const std::vector<ReleaseLogEntry>& batch) override {
+        for (const auto& entry : batch) {
+            const auto text =
+                std::string_view(entry.text)
+                    .substr(std::min(entry.text.find_first_not_of(" \n"), entry.text.size()));
+            if (entry.isError || text.starts_with("Error:") || text.starts_with("Warning:")) {
+                print(std::string(text));
+            }
+        }
+        out_ << std::flush;
+    }
+
+private:
+    void print(const std::string& line) { out_ << (colour_ ? colouredLine(line) : line) << '\n'; }
+
+    std::ostream& out_;
+    bool colour_;
 };
 
 // One JSON object per line, for CI.
@@ -121,10 +153,36 @@ private:
     std::map<std::string, std::pair<StepStatus, std::string>> shown_;
 };
 
-// A terminal: the step table redrawn in place at the top, the newest log lines below it.
+// Display cells `text` takes on a terminal.
+int columnsOf(std::string_view text) {
+    const auto* bytes = reinterpret_cast<const utf8proc_uint8_t*>(text.data());
+    const auto size = static_cast<utf8proc_ssize_t>(text.size());
+    int used = 0;
+    for (utf8proc_ssize_t at = 0; at < size;) {
+        utf8proc_int32_t codepoint = 0;
+        const auto length = utf8proc_iterate(bytes + at, size - at, &codepoint);
+        used += length > 0 ? std::max(0, utf8proc_charwidth(codepoint)) : 1;
+        at += length > 0 ? length : 1;
+    }
+    return used;
+}
+
+// `text` in exactly `columns` cells: cut with "…", or padded (on the left with `right`).
+std::string cell(std::string_view text, int columns, bool right = false) {
+    auto fitted = fitColumns(text, columns, true);
+    const auto padding =
+        std::string(static_cast<std::size_t>(std::max(0, columns - columnsOf(fitted))), ' ');
+    return right ? padding + fitted : fitted + padding;
+}
+
+// A terminal: the step table redrawn in place at the top, the newest log lines below it. Rows
+// are cut to the window's width, never wrapped; a running step's time ticks.
 class TableView : public PipelineObserver {
 public:
-    explicit TableView(std::ostream& out) : out_(out) {}
+    // The narrowest window the table fits; narrower ones get plain lines.
+    static constexpr int minimumColumns = 40;
+
+    TableView(std::ostream& out, bool colour) : out_(out), colour_(colour) {}
     void stepsChanged(const PipelineManager& pipeline) override { draw(pipeline); }
     void logsPublished(const std::vector<ReleaseLogEntry>& batch) override {
         for (const auto& entry : batch) {
@@ -143,47 +201,81 @@ public:
     // `reserve` rows stay free below the frame (for what the command prints after it).
     void draw(const PipelineManager& pipeline, int reserve = 0) {
         pipeline_ = &pipeline;
-        winsize size{};
-        const int rows =
-            ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0 ? size.ws_row : 24;
-        const int columns = size.ws_col > 0 ? size.ws_col : 80;
+        const auto size = terminalSize(STDOUT_FILENO).value_or(TerminalSize{});
+        // The last column is left free: some terminals wrap a line that fills it.
+        const int width = std::max(minimumColumns, size.columns) - 1;
+        const bool withStatus = width >= 59;
+        const int timeColumns = 7;
+        const int rest = width - 2 - (withStatus ? 11 : 0) - 1 - timeColumns - 1;
+        const int titleColumns = std::min(28, rest * 2 / 5);
+        const int messageColumns = rest - titleColumns;
+        const auto row = [&](std::string_view symbol, std::string_view title,
+                             std::string_view status, std::string_view message,
+                             std::string_view time) {
+            std::string line = std::string(symbol) + " " + cell(title, titleColumns) + " ";
+            if (withStatus) {
+                line += cell(status, 10) + " ";
+            }
+            return line + cell(message, messageColumns) + " " + cell(time, timeColumns, true) +
+                   "\n";
+        };
         std::string frame = "\x1b[H\x1b[J";
-        frame += fmt::format("  {:<28} {:<10} {:<36} {:>7}\n", "STEP", "STATUS", "MESSAGE", "TIME");
+        frame += row(" ", "STEP", "STATUS", "MESSAGE", "TIME");
+        const auto now = std::chrono::steady_clock::now();
         for (const auto& step : pipeline.steps()) {
-            const auto message = fitColumns(step.message, 36, true);
-            frame += fmt::format("{} {:<28} {:<10} {:<36} {:>7}\n", symbol(step.status), step.title,
-                                 rawValue(step.status), message, durationText(step.duration));
+            std::string time = durationText(step.duration);
+            if (step.status == StepStatus::running) {
+                const auto [seen, fresh] = running_.try_emplace(step.id, now);
+                time = fmt::format(
+                    "{}s",
+                    std::chrono::duration_cast<std::chrono::seconds>(now - seen->second).count());
+            }
+            const auto symbolText = symbol(step.status);
+            frame += row(colour_ ? colouredSymbol(symbolText) : std::string(symbolText), step.title,
+                         rawValue(step.status), step.message, time);
         }
-        frame += std::string(static_cast<std::size_t>(std::min(columns, 88)), '-') + "\n";
+        frame += std::string(static_cast<std::size_t>(std::min(width, 88)), '-') + "\n";
         const auto room =
-            std::max(1, rows - static_cast<int>(pipeline.steps().size()) - 3 - reserve);
+            std::max(1, size.rows - static_cast<int>(pipeline.steps().size()) - 3 - reserve);
         const auto first = lines_.size() > static_cast<std::size_t>(room)
                                ? lines_.size() - static_cast<std::size_t>(room)
                                : 0;
         for (auto i = first; i < lines_.size(); ++i) {
-            frame += fitColumns(lines_[i], columns) + "\n";
+            const auto line = fitColumns(lines_[i], width, true);
+            frame += (colour_ ? colouredLine(line) : line) + "\n";
         }
         out_ << frame << std::flush;
     }
 
 private:
     std::ostream& out_;
+    bool colour_;
     std::vector<std::string> lines_;
+    // When this view first saw each step running: the pipeline times a step once it ends.
+    std::map<std::string, std::chrono::steady_clock::time_point> running_;
     const PipelineManager* pipeline_ = nullptr;
 };
 
 } // namespace
 
 void showRelease(CliContext& context, OpenStore& store, PipelineManager& pipeline,
-                 const ReleaseRequest& request, bool json, WebsitePublicationWatcher* watcher,
-                 const std::vector<std::string>& printed) {
+                 const ReleaseRequest& request, bool json, bool quiet,
+                 WebsitePublicationWatcher* watcher, const std::vector<std::string>& printed) {
     auto& loop = store.loop();
-    PlainView plain(context.out);
+    const bool onTerminal = &context.out == &std::cout;
+    const bool colour = onTerminal && colourFor(STDOUT_FILENO, context.noColour);
+    PlainView plain(context.out, colour);
     JsonView machine(context.out);
-    TableView table(context.out);
-    const bool terminal = &context.out == &std::cout && ::isatty(STDOUT_FILENO) == 1;
+    TableView table(context.out, colour);
+    QuietView silent(context.out, colour);
+    // The table wants a terminal that can move the cursor and is wide enough for it.
+    const char* term = std::getenv("TERM");
+    const auto size = onTerminal ? terminalSize(STDOUT_FILENO) : std::nullopt;
+    const bool drawable = size && size->columns >= TableView::minimumColumns &&
+                          (term == nullptr || std::string_view(term) != "dumb");
     PipelineObserver* view = json       ? static_cast<PipelineObserver*>(&machine)
-                             : terminal ? static_cast<PipelineObserver*>(&table)
+                             : quiet    ? static_cast<PipelineObserver*>(&silent)
+                             : drawable ? static_cast<PipelineObserver*>(&table)
                                         : static_cast<PipelineObserver*>(&plain);
     if (view == &table) {
         std::vector<ReleaseLogEntry> earlier;
@@ -242,7 +334,25 @@ void showRelease(CliContext& context, OpenStore& store, PipelineManager& pipelin
         });
     });
     loop.post([&] { pipeline.run(request); });
+    // A running step's time ticks each second; a resized window is redrawn at once.
+    const auto ticking = std::make_shared<bool>(view == &table);
+    const std::weak_ptr<bool> stillTicking = ticking;
+    std::function<void(int)> tick = [&](int quarter) {
+        if (windowResized.exchange(false) || (quarter % 4 == 0 && pipeline.isRunning())) {
+            table.draw(pipeline);
+        }
+        // Only while this call lasts: the flag goes with it.
+        loop.postAfter(std::chrono::milliseconds(250), [&tick, stillTicking, quarter] {
+            if (const auto on = stillTicking.lock(); on && *on) {
+                tick(quarter + 1);
+            }
+        });
+    };
+    if (*ticking) {
+        tick(0);
+    }
     loop.run();
+    *ticking = false;
     // The completion notification was posted before the run finished: deliver it so the store
     // records the release.
     loop.runPending();
@@ -257,6 +367,12 @@ void showRelease(CliContext& context, OpenStore& store, PipelineManager& pipelin
     if (json) {
         machine.emit({{"type", "logFile"}, {"path", logFile}});
     } else {
+        if (quiet && pipeline.completedManifest()) {
+            const auto& done = *pipeline.completedManifest();
+            context.out << (request.dryRun ? "Dry run of " : "Released ") << done.appName << ' '
+                        << done.version << " (build " << done.buildNumber
+                        << "): " << done.dmgURL.value_or("") << '\n';
+        }
         context.out << "Full log: " << logFile << '\n';
     }
     if (json) {

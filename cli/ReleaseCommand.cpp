@@ -17,6 +17,7 @@ void addReleaseCommand(CLI::App& app, CliContext& context) {
     auto json = std::make_shared<bool>(false);
     auto dryRun = std::make_shared<bool>(false);
     auto resume = std::make_shared<bool>(false);
+    auto quiet = std::make_shared<bool>(false);
     command->add_option("NAME|ID", *profile, "The profile's name or ID")->required();
     command->add_option("--app", *appPath, "Ship this already built app");
     command->add_option("--version", *version,
@@ -26,14 +27,17 @@ void addReleaseCommand(CLI::App& app, CliContext& context) {
     command->add_option(
         "--branch", *branch,
         "Build this committed branch of the app's repository, not the working copy");
-    command->add_flag("--json", *json, "One JSON object per line: steps, log lines, the result");
+    auto* jsonFlag = command->add_flag("--json", *json,
+                                       "One JSON object per line: steps, log lines, the result");
+    command->add_flag("--quiet", *quiet, "Only errors, warnings and the result")
+        ->excludes(jsonFlag);
     command->add_flag("--dry-run", *dryRun,
                       "Everything but publishing: the project untouched, nothing notarized or "
                       "pushed, no release recorded");
     command->add_flag("--resume", *resume,
                       "Continue the last stopped release from the first step that did not finish");
     command->callback([&context, profile, appPath, version, build, notesFile, branch, json, dryRun,
-                       resume] {
+                       resume, quiet] {
         OpenStore store(context);
         ReleaseRequest request;
         request.profile = store.find(*profile);
@@ -64,7 +68,7 @@ void addReleaseCommand(CLI::App& app, CliContext& context) {
         }
         request.resume = *resume;
         PipelineManager pipeline(store.loop(), store.notifications());
-        showRelease(context, store, pipeline, request, *json);
+        showRelease(context, store, pipeline, request, *json, *quiet);
     });
 }
 

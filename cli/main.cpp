@@ -1,4 +1,5 @@
 #include "CommandLine.h"
+#include "Terminal.h"
 
 #include <csignal>
 #include <cstdlib>
@@ -24,6 +25,10 @@ std::jthread watchSignals(std::stop_source& stop, const sigset_t& signals) {
             if (signal == SIGUSR1) {
                 continue; // our own wake-up at exit
             }
+            if (signal == SIGWINCH) {
+                veltra::cli::windowResized = true;
+                continue;
+            }
             if (stop.stop_requested()) {
                 _exit(veltra::cli::exitCancelled);
             }
@@ -38,7 +43,7 @@ int main(int argc, char** argv) {
     std::signal(SIGPIPE, SIG_IGN);
     sigset_t signals;
     sigemptyset(&signals);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGUSR1}) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGUSR1, SIGWINCH}) {
         sigaddset(&signals, signal);
     }
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);

@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
+#include <tuple>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -184,6 +185,16 @@ void PipelineManager::inspectStage(RunState& run) {
     run.info = run.engines.inspector.inspect(run.app, run.stop);
     post([this, info = run.info] { appInfo_ = info; });
     const auto& info = run.info;
+    // Its files, the feed and the website are named after them.
+    for (const auto& [value, key, what] :
+         {std::tuple{info.version, "CFBundleShortVersionString", "version"},
+          std::tuple{info.build, "CFBundleVersion", "build number"}}) {
+        if (value.empty()) {
+            throw VeltraError("Veltra", errorCode::invalidSetup,
+                              "The app " + run.app.filename().string() + " has no " + key +
+                                  " (its " + what + ") in its Info.plist.");
+        }
+    }
     log("   Success: Name: " + info.displayName);
     log("   Success: Bundle ID: " + info.bundleIdentifier);
     log("   Success: Version: v" + info.version + " (" + info.build + ")");

@@ -75,6 +75,30 @@ TEST_F(ReleaseCommandTest, ShipsABuiltAppAndRecordsTheRelease) {
     EXPECT_EQ(profile["recentReleases"][0]["version"], "2.0.1");
 }
 
+// --quiet: the result and the log's path, and what went wrong, nothing else.
+TEST_F(ReleaseCommandTest, QuietSaysTheResultAndTheErrorsOnly) {
+    const auto run = veltra({"release", "Acme", "--app", app.string(), "--quiet"});
+    ASSERT_EQ(run.exitCode, 0) << run.output << run.errorOutput;
+    const auto image = dir / "out" / "Acme-2.0.1.dmg";
+    EXPECT_TRUE(run.output.starts_with("Released Acme 2.0.1 (build 57): " + image.string() +
+                                       "\nFull log: "))
+        << run.output;
+    EXPECT_EQ(std::count(run.output.begin(), run.output.end(), '\n'), 2);
+
+    // An app that says nothing of itself fails: the error, and no other line of the run.
+    testing::writeFile(app / "Contents" / "Info.plist",
+                       "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist "
+                       "version=\"1.0\"><dict></dict></plist>\n");
+    const auto failed = veltra({"release", "Acme", "--app", app.string(), "--quiet"});
+    EXPECT_EQ(failed.exitCode, 1);
+    EXPECT_TRUE(failed.output.starts_with("Error: The app Acme.app has no "
+                                          "CFBundleShortVersionString (its version) in its "
+                                          "Info.plist.\nFull log: "))
+        << failed.output;
+    EXPECT_EQ(failed.output.find("Releasing"), std::string::npos) << failed.output;
+    EXPECT_NE(failed.output.find("Full log: "), std::string::npos);
+}
+
 TEST_F(ReleaseCommandTest, JsonLinesEndWithTheManifestOrTheError) {
     const auto run = veltra({"release", "Acme", "--app", app.string(), "--json"});
     ASSERT_EQ(run.exitCode, 0) << run.errorOutput;
