@@ -380,6 +380,10 @@ void showRelease(CliContext& context, OpenStore& store, PipelineManager& pipelin
             auto shown = withReadableDates(Json(manifest->toJson()));
             shown["dryRun"] = request.dryRun;
             shown["resumed"] = request.resume;
+            // What following the live site found, as the profile now records it.
+            if (published && shown.contains("websitePublication")) {
+                shown["websitePublication"]["state"] = rawValue(*published);
+            }
             machine.emit({{"type", "manifest"}, {"manifest", shown}});
         } else if (pipeline.isCancelled()) {
             machine.emit({{"type", "cancelled"}});

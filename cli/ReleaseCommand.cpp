@@ -1,10 +1,37 @@
 #include "Commands.h"
 #include "OpenStore.h"
 #include "PipelineViews.h"
+#include "core/pipeline/WebsitePublicationWatcher.h"
 
+#include <chrono>
 #include <memory>
+#include <unistd.h>
 
 namespace veltra::cli {
+namespace {
+
+// "10m", "90s", "1h" or plain seconds.
+std::chrono::seconds durationArgument(const std::string& text) {
+    std::size_t used = 0;
+    long long amount = -1;
+    try {
+        amount = std::stoll(text, &used);
+    } catch (const std::exception&) {
+    }
+    const auto unit = text.substr(used);
+    const long long scale = unit.empty() || unit == "s" ? 1
+                            : unit == "m"               ? 60
+                            : unit == "h"               ? 3600
+                                                        : 0;
+    if (amount <= 0 || scale == 0 || amount > 24 * 3600 / scale) {
+        throw CLI::ValidationError("--wait", "'" + text +
+                                                 "' is not a duration such as 10m, 90s or 1h (at "
+                                                 "most a day)");
+    }
+    return std::chrono::seconds(amount * scale);
+}
+
+} // namespace
 
 void addReleaseCommand(CLI::App& app, CliContext& context) {
     auto* command = app.add_subcommand("release", "Run the release pipeline for a profile");
@@ -18,6 +45,8 @@ void addReleaseCommand(CLI::App& app, CliContext& context) {
     auto dryRun = std::make_shared<bool>(false);
     auto resume = std::make_shared<bool>(false);
     auto quiet = std::make_shared<bool>(false);
+    auto wait = std::make_shared<std::string>();
+    auto noWait = std::make_shared<bool>(false);
     command->add_option("NAME|ID", *profile, "The profile's name or ID")->required();
     command->add_option("--app", *appPath, "Ship this already built app");
     command->add_option("--version", *version,
@@ -31,13 +60,20 @@ void addReleaseCommand(CLI::App& app, CliContext& context) {
                                        "One JSON object per line: steps, log lines, the result");
     command->add_flag("--quiet", *quiet, "Only errors, warnings and the result")
         ->excludes(jsonFlag);
+    auto* waitOption = command->add_option(
+        "--wait", *wait,
+        "After the push, follow the live site until it serves the release, at most this long "
+        "(10m, 90s, 1h; default 10m on a terminal)");
+    waitOption->type_name("DURATION");
+    command->add_flag("--no-wait", *noWait, "Do not follow the live site after the push")
+        ->excludes(waitOption);
     command->add_flag("--dry-run", *dryRun,
                       "Everything but publishing: the project untouched, nothing notarized or "
                       "pushed, no release recorded");
     command->add_flag("--resume", *resume,
                       "Continue the last stopped release from the first step that did not finish");
     command->callback([&context, profile, appPath, version, build, notesFile, branch, json, dryRun,
-                       resume, quiet] {
+                       resume, quiet, wait, noWait] {
         OpenStore store(context);
         ReleaseRequest request;
         request.profile = store.find(*profile);
@@ -67,8 +103,23 @@ void addReleaseCommand(CLI::App& app, CliContext& context) {
                           "--version, --build, --branch or --dry-run.");
         }
         request.resume = *resume;
+        // A person at a terminal waits to see the release live; a script asks for it.
+        std::optional<std::chrono::seconds> follow;
+        if (!wait->empty()) {
+            follow = durationArgument(*wait);
+        } else if (!*noWait && !*json && !request.dryRun && ::isatty(STDOUT_FILENO) == 1) {
+            follow = std::chrono::minutes(10);
+        }
         PipelineManager pipeline(store.loop(), store.notifications());
-        showRelease(context, store, pipeline, request, *json, *quiet);
+        std::optional<WebsitePublicationWatcher> watcher;
+        if (follow) {
+            watcher.emplace(store.loop(), store.store(), store.notifications(),
+                            WebsitePublicationProbe::shared(),
+                            WebsiteWatchTiming{std::chrono::seconds(20), *follow,
+                                               std::chrono::milliseconds(500)});
+        }
+        showRelease(context, store, pipeline, request, *json, *quiet,
+                    watcher ? &*watcher : nullptr);
     });
 }
 

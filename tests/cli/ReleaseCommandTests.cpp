@@ -1,6 +1,9 @@
 #include "TestSupport.h"
 #include "VeltraRun.h"
+#include "core/demo/DemoSandbox.h"
+#include "core/profile/ProjectProfile.h"
 #include "core/support/FileUtilities.h"
+#include "core/support/JsonReader.h"
 
 #include <map>
 
@@ -214,6 +217,43 @@ TEST(DoctorCommand, OneLinePerCheckAndExitStatusThreeOnAProblem) {
               std::string::npos)
         << broken.output;
     EXPECT_TRUE(broken.output.ends_with("\n1 problem found.\n"));
+}
+
+// After the push, the command follows the live site as the demo does: the outcome is in its
+// output and in the profile.
+TEST(ReleaseCommandWait, FollowsTheLiveSiteUntilItServesTheRelease) {
+    testing::TempDir dir;
+    // The sandbox's site is served by this process while the command runs.
+    DemoSandbox sandbox(dir / "sandbox", fs::path(VELTRA_SOURCE_DIR) / "share/demo/Sample");
+    const auto profiles = dir / "profiles.json";
+    testing::writeFile(profiles, dumpJson(profilesToJson({sandbox.profile()})));
+    fs::create_directories(dir / "tmp");
+    const std::map<std::string, std::string> environment{
+        {"VELTRA_PROFILES", profiles.string()},
+        {"HOME", dir.path().string()},
+        {"TMPDIR", (dir / "tmp").string()},
+        {"PATH", std::string(VELTRA_TOOLS_DIR) + ":" + std::getenv("PATH")}};
+
+    const auto run = testing::runVeltra(
+        {"release", "Sample", "--build", "2", "--wait", "2m", "--json"}, environment);
+    ASSERT_EQ(run.exitCode, 0) << run.output << run.errorOutput;
+    EXPECT_NE(run.output.find("Success: Live appcast.xml and DMG verified"), std::string::npos);
+    const auto last = nlohmann::json::parse(run.output.substr(run.output.rfind("\n{") + 1));
+    EXPECT_EQ(last["type"], "manifest");
+    EXPECT_EQ(last["manifest"]["websitePublication"]["state"], "live");
+    const auto stored = nlohmann::json::parse(readFile(profiles));
+    EXPECT_EQ(stored[0]["recentReleases"][0]["websitePublication"]["state"], "live");
+
+    // Off a terminal it does not wait unless asked.
+    const auto unwatched = testing::runVeltra({"release", "Sample", "--build", "3"}, environment);
+    ASSERT_EQ(unwatched.exitCode, 0) << unwatched.output << unwatched.errorOutput;
+    EXPECT_EQ(unwatched.output.find("Checking that the live site serves"), std::string::npos);
+
+    const auto bad = testing::runVeltra({"release", "Sample", "--wait", "soon"}, environment);
+    EXPECT_EQ(bad.exitCode, 2);
+    EXPECT_NE(bad.errorOutput.find("'soon' is not a duration such as 10m, 90s or 1h"),
+              std::string::npos)
+        << bad.errorOutput;
 }
 
 } // namespace
