@@ -250,6 +250,8 @@ int runCommandLine(const std::vector<std::string>& given, CliContext& context) {
     addDoctorCommand(app, context);
     app.add_subcommand("help", "Show the help of veltra or of a command (veltra help COMMAND…)")
         ->allow_extras();
+    addCompletionCommand(app, context);
+    addManualCommand(app, context, VELTRA_VERSION);
     namePlaceholders(app);
 
     // "veltra help release notes" is "veltra release notes --help".

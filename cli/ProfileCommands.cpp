@@ -1,3 +1,4 @@
+#include "CommandLine.h"
 #include "Commands.h"
 #include "JsonOutput.h"
 #include "OpenStore.h"
@@ -10,8 +11,10 @@
 #include "core/support/Secrets.h"
 #include "core/support/VeltraError.h"
 
+#include <iostream>
 #include <memory>
 #include <optional>
+#include <unistd.h>
 
 #include <fmt/format.h>
 
@@ -51,12 +54,21 @@ void addCreate(CLI::App& profile, CliContext& context) {
 void addList(CLI::App& profile, CliContext& context) {
     auto* command = profile.add_subcommand("list", "List the profiles");
     auto json = std::make_shared<bool>(false);
-    command->add_flag("--json", *json, "Print the stored JSON array");
-    command->callback([&context, json] {
+    auto names = std::make_shared<bool>(false);
+    auto* jsonFlag = command->add_flag("--json", *json, "Print the stored JSON array");
+    command->add_flag("--names", *names, "Only the names, one a line (for completion)")
+        ->excludes(jsonFlag);
+    command->callback([&context, json, names] {
         OpenStore open(context);
         const auto& profiles = open.store().profiles();
         if (*json) {
-            context.out << dumpJson(profilesToJson(profiles)) << '\n';
+            context.out << dumpJson(withReadableDates(profilesToJson(profiles))) << '\n';
+            return;
+        }
+        if (*names) {
+            for (const auto& p : profiles) {
+                context.out << p.name << '\n';
+            }
             return;
         }
         if (profiles.empty()) {
@@ -102,13 +114,31 @@ void addShow(CLI::App& profile, CliContext& context) {
 }
 
 void addDelete(CLI::App& profile, CliContext& context) {
-    auto* command = profile.add_subcommand("delete", "Delete a profile");
+    auto* command = profile.add_subcommand(
+        "delete", "Delete a profile and its release history (asks first on a terminal)");
     auto which = std::make_shared<std::string>();
+    auto yes = std::make_shared<bool>(false);
     command->add_option("NAME|ID", *which, "Name or ID")->required();
-    command->callback([&context, which] {
+    command->add_flag("--yes,-y", *yes, "Do not ask");
+    command->callback([&context, which, yes] {
         OpenStore open(context);
         const auto& p = open.find(*which);
         const auto name = p.name;
+        // A person at a terminal confirms; a script has said what it wants.
+        if (!*yes && &context.out == &std::cout && ::isatty(STDIN_FILENO) == 1) {
+            const auto releases = p.recentReleases ? p.recentReleases->size() : 0;
+            context.out << fmt::format("Delete profile {} and the {} release{} it records? This "
+                                       "cannot be undone. [y/N] ",
+                                       name, releases, releases == 1 ? "" : "s")
+                        << std::flush;
+            std::string answer;
+            std::getline(std::cin, answer);
+            if (answer != "y" && answer != "Y" && answer != "yes") {
+                context.out << fmt::format("Kept profile {}.\n", name);
+                context.exitStatus = exitFailure;
+                return;
+            }
+        }
         open.store().remove(p.id);
         open.save();
         context.out << fmt::format("Deleted profile {}\n", name);

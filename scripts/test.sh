@@ -26,6 +26,11 @@ check_install() {
   cmake --install "$build" --prefix "$prefix" >/dev/null
   "$prefix/bin/veltra" --version
   test -x "$prefix/share/veltra/tools/xcodebuild"
+  # The manual and the shell completions, where man and the shells look.
+  test -s "$prefix/share/man/man1/veltra.1" && test -s "$prefix/share/man/man1/veltra-release.1"
+  test -s "$prefix/share/bash-completion/completions/veltra"
+  test -s "$prefix/share/zsh/site-functions/_veltra"
+  test -s "$prefix/share/fish/vendor_completions.d/veltra.fish"
   if [[ ${2:-} == demo ]]; then
     # The main job, from the installed tool: it finds its sample and stand-ins beside itself.
     if ! "$prefix/bin/veltra" demo >"$prefix/demo.log" 2>&1 ||

@@ -38,5 +38,9 @@ class Veltra < Formula
     assert_match version.to_s, shell_output("#{bin}/veltra --version")
     assert_predicate share/"veltra/tools", :directory?
     assert_predicate share/"veltra/demo/Sample/Sample.xcodeproj", :directory?
+    assert_predicate man1/"veltra-release.1", :exist?
+    assert_predicate bash_completion/"veltra", :exist?
+    assert_predicate zsh_completion/"_veltra", :exist?
+    assert_predicate fish_completion/"veltra.fish", :exist?
   end
 end

@@ -35,8 +35,10 @@ struct TerminalRun {
 };
 
 // Runs veltra on a pseudo-terminal of `columns` x `rows` as its standard output and error.
+// `answer` is typed once the output shows `prompt`.
 TerminalRun runOnTerminal(const std::vector<std::string>& arguments, int columns, int rows,
-                          const std::map<std::string, std::string>& environment = {}) {
+                          const std::map<std::string, std::string>& environment = {},
+                          std::string prompt = {}, const std::string& answer = {}) {
     // Everything the child needs is made before fork: after it, only exec.
     std::vector<std::string> variables;
     for (char** entry = environ; *entry != nullptr; ++entry) {
@@ -86,6 +88,12 @@ TerminalRun runOnTerminal(const std::vector<std::string>& arguments, int columns
         const auto count = ::read(master, buffer, sizeof buffer);
         if (count > 0) {
             run.output.append(buffer, static_cast<std::size_t>(count));
+            if (!prompt.empty() && run.output.find(prompt) != std::string::npos) {
+                const auto typed = answer + "\n";
+                EXPECT_EQ(::write(master, typed.data(), typed.size()),
+                          static_cast<ssize_t>(typed.size()));
+                prompt.clear();
+            }
         } else if (count == 0 || errno != EINTR) {
             break; // EIO once the child and its children have closed the terminal
         }
@@ -146,8 +154,7 @@ TEST(TerminalOutput, ErrorsAreRedUnlessColourIsOff) {
 // than the table gets plain lines.
 TEST(TerminalOutput, TheLiveTableFitsTheWindow) {
     const std::map<std::string, std::string> environment{
-        {"TERM", "xterm"},
-        {"PATH", std::string(VELTRA_TOOLS_DIR) + ":" + std::getenv("PATH")}};
+        {"TERM", "xterm"}, {"PATH", std::string(VELTRA_TOOLS_DIR) + ":" + std::getenv("PATH")}};
     for (const int columns : {40, 60, 110}) {
         SCOPED_TRACE(columns);
         const auto run = runOnTerminal({"demo"}, columns, 30, environment);
@@ -156,9 +163,8 @@ TEST(TerminalOutput, TheLiveTableFitsTheWindow) {
         std::vector<std::string> frames;
         for (auto at = run.output.find("\x1b[H\x1b[J"); at != std::string::npos;) {
             const auto next = run.output.find("\x1b[H\x1b[J", at + 1);
-            frames.push_back(run.output.substr(at + 6, next == std::string::npos
-                                                           ? std::string::npos
-                                                           : next - at - 6));
+            frames.push_back(run.output.substr(at + 6, next == std::string::npos ? std::string::npos
+                                                                                 : next - at - 6));
             at = next;
         }
         ASSERT_GT(frames.size(), 5u);
@@ -186,6 +192,29 @@ TEST(TerminalOutput, TheLiveTableFitsTheWindow) {
     EXPECT_EQ(narrow.exitCode, 0);
     EXPECT_EQ(narrow.output.find("\x1b[H\x1b[J"), std::string::npos);
     EXPECT_NE(narrow.output.find("\x1b[32m\xE2\x9C\x93 Sync Version"), std::string::npos);
+}
+
+// Deleting a profile drops its release history: a person at a terminal is asked first.
+TEST(TerminalOutput, DeletingAProfileAsksOnATerminal) {
+    testing::TempDir dir;
+    const std::map<std::string, std::string> environment{
+        {"VELTRA_PROFILES", (dir / "profiles.json").string()}, {"TERM", "xterm"}};
+    ASSERT_EQ(runOnTerminal({"profile", "create", "Acme", "--bundle-id", "com.example.acme"}, 80,
+                            24, environment)
+                  .exitCode,
+              0);
+    const auto kept =
+        runOnTerminal({"profile", "delete", "Acme"}, 80, 24, environment, "[y/N] ", "n");
+    EXPECT_EQ(kept.exitCode, 1);
+    EXPECT_NE(kept.output.find("Delete profile Acme and the 0 releases it records? This cannot be "
+                               "undone. [y/N] "),
+              std::string::npos)
+        << kept.output;
+    EXPECT_NE(kept.output.find("Kept profile Acme."), std::string::npos);
+    const auto deleted =
+        runOnTerminal({"profile", "delete", "Acme"}, 80, 24, environment, "[y/N] ", "y");
+    EXPECT_EQ(deleted.exitCode, 0);
+    EXPECT_NE(deleted.output.find("Deleted profile Acme"), std::string::npos) << deleted.output;
 }
 
 } // namespace
