@@ -220,6 +220,7 @@ void MainWindow::createFromProject(const QString& path) {
             }
         }
         auto profile = ProjectProfile::create(appName, info.bundleIdentifier.value_or(""));
+        profile.name = model_.store().unusedName(profile.name);
         profile.sourceProjectPath = info.projectPath.string();
         profile.selectedScheme = info.defaultScheme;
         if (info.developmentTeam) {
@@ -237,6 +238,7 @@ void MainWindow::createFromProject(const QString& path) {
 void MainWindow::createFromApp(const QString& path) {
     const fs::path app = str(path);
     auto profile = ProjectProfile::create(app.stem().string(), "");
+    profile.name = model_.store().unusedName(profile.name);
     profile.sourceProjectPath = app.string();
     const auto id = profile.id;
     model_.store().add(std::move(profile));
@@ -251,7 +253,7 @@ void MainWindow::duplicateSelected() {
     }
     auto copy = *selected;
     copy.id = Uuid::random();
-    copy.name += " copy";
+    copy.name = model_.store().unusedName(copy.name + " copy");
     copy.recentReleases.reset();
     const auto id = copy.id;
     model_.store().add(std::move(copy));
@@ -262,6 +264,14 @@ void MainWindow::duplicateSelected() {
 void MainWindow::renameSelected(const QString& name) {
     const auto trimmed = name.trimmed();
     if (trimmed.isEmpty()) {
+        return;
+    }
+    const auto* selected = model_.store().selectedProfile();
+    if (selected == nullptr) {
+        return;
+    }
+    if (const auto problem = model_.store().nameProblem(str(trimmed), selected->id)) {
+        tell(qs(*problem));
         return;
     }
     model_.edit([&](ProjectProfile& profile) { profile.name = str(trimmed); });

@@ -41,7 +41,15 @@ void addCreate(CLI::App& profile, CliContext& context) {
         if (const auto problem = ProfileFieldEditor::valueProblem("appName", *appName)) {
             throw VeltraError("Veltra", 1, *problem);
         }
+        if (const auto problem = ProfileFieldEditor::bundleIdentifierProblem(*bundleID)) {
+            throw VeltraError("Veltra", 1,
+                              "Invalid value '" + *bundleID + "' for --bundle-id: " + *problem +
+                                  ".");
+        }
         OpenStore open(context);
+        if (const auto problem = open.store().nameProblem(*appName)) {
+            throw VeltraError("Veltra", 1, *problem);
+        }
         auto created = ProjectProfile::create(
             *appName, *bundleID, output->empty() ? std::nullopt : std::optional(*output));
         const auto id = created.id;
@@ -164,6 +172,9 @@ void addSet(CLI::App& profile, CliContext& context) {
             }
             ProfileFieldEditor::set(edited, assignment.substr(0, equals),
                                     assignment.substr(equals + 1));
+        }
+        if (const auto problem = open.store().nameProblem(edited.name, edited.id)) {
+            throw failure(*problem);
         }
         open.store().update(edited);
         open.save();

@@ -1,5 +1,6 @@
 #include "ProfileFieldEditor.h"
 
+#include "core/support/FileUtilities.h"
 #include "core/support/GitRefName.h"
 #include "core/support/HttpClient.h"
 #include "core/support/PathRules.h"
@@ -8,6 +9,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <filesystem>
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
@@ -47,7 +49,7 @@ std::vector<Field> makeFields() {
         {"dmgDesign.backgroundPath", Kind::optionalString, {}},
         {"dmgDesign.retinaBackgroundPath", Kind::optionalString, {}},
         {"dmgDesign.volumeName", Kind::string, {}},
-        {"dmgDesign.compressionFormat", Kind::string, {}},
+        {"dmgDesign.compressionFormat", Kind::enumeration, {"UDZO", "ULFO", "ULMO", "UDBZ"}},
         {"dmgDesign.hideExtension", Kind::boolean, {}},
         {"dmgDesign.backgroundColorHex", Kind::optionalString, {}},
         {"dmgDesign.backgroundType", Kind::optionalEnumeration, backgrounds},
@@ -163,28 +165,136 @@ Json valueFor(const Field& field, std::string_view text) {
     throw wrong("a value");
 }
 
+// "13", "13.0", "14.2.1".
+bool isDottedVersion(std::string_view text) {
+    if (text.empty() || text.size() > 32) {
+        return false;
+    }
+    int parts = 0;
+    bool digit = false;
+    for (const char c : text) {
+        if (c >= '0' && c <= '9') {
+            digit = true;
+        } else if (c == '.' && digit) {
+            digit = false;
+            ++parts;
+        } else {
+            return false;
+        }
+    }
+    return digit && parts <= 2;
+}
+
+// An absolute http(s) address with a host; patterns keep their {placeholders}.
+bool isWebAddress(std::string_view text) {
+    for (const std::string_view scheme : {"https://", "http://"}) {
+        if (text.starts_with(scheme)) {
+            const auto rest = text.substr(scheme.size());
+            const auto host = rest.substr(0, rest.find_first_of("/?#"));
+            return !host.empty() && host.find_first_of(" \t\n\\\"<>") == std::string_view::npos &&
+                   text.find_first_of(" \t\n") == std::string_view::npos;
+        }
+    }
+    return false;
+}
+
 std::string number(double value) {
     return value == std::trunc(value) && std::abs(value) < 1e15
                ? fmt::format("{}", static_cast<long long>(value))
                : fmt::format("{}", value);
 }
 
+// The project a source path names: a .xcodeproj or .xcworkspace, or a folder holding one (a
+// workspace before a project, as Xcode opens it).
+std::string projectPath(std::string_view text) {
+    namespace fs = std::filesystem;
+    const fs::path path = expandTilde(std::string(text));
+    std::error_code error;
+    const auto refuse = [&](const std::string& why) {
+        return invalid(fmt::format("Invalid value '{}' for sourceProjectPath: {}.", text, why));
+    };
+    if (!fs::is_directory(path, error)) {
+        throw refuse("there is no such project or folder");
+    }
+    if (path.extension() == ".xcodeproj" || path.extension() == ".xcworkspace") {
+        return std::string(text);
+    }
+    std::vector<fs::path> workspaces;
+    std::vector<fs::path> projects;
+    for (const auto& entry : fs::directory_iterator(path, error)) {
+        if (entry.path().extension() == ".xcworkspace") {
+            workspaces.push_back(entry.path());
+        } else if (entry.path().extension() == ".xcodeproj") {
+            projects.push_back(entry.path());
+        }
+    }
+    const auto& found = workspaces.empty() ? projects : workspaces;
+    if (found.size() != 1) {
+        throw refuse(found.empty() ? "the folder holds no .xcodeproj or .xcworkspace"
+                                   : "the folder holds several; name the one to build");
+    }
+    return (path / found.front().filename()).string();
+}
+
 } // namespace
 
 std::optional<std::string> ProfileFieldEditor::valueProblem(std::string_view path,
                                                             std::string_view text) {
-    // These name files Veltra writes: they must stay in the folders they belong to.
     std::optional<std::string> problem;
-    if (path == "appName" && !text.empty()) {
+    const auto numberIn = [&](double low, double high) -> std::optional<std::string> {
+        const auto value = parseNumber(text);
+        if (value && *value >= low && *value <= high) {
+            return std::nullopt;
+        }
+        return fmt::format("it must be a number from {} to {}", low, high);
+    };
+    if (path == "name") {
+        if (trimmed(text).empty()) {
+            problem = "a profile needs a name";
+        }
+    } else if (path == "appName" && !text.empty()) {
+        // It names files Veltra writes: they must stay in the folders they belong to.
         problem = fileNameProblem(text);
     } else if (path == "webDeploy.downloadsRelativePath" ||
                path == "webDeploy.indexHtmlRelativePath") {
         problem = relativePathProblem(text);
+    } else if (path == "bundleIdentifier") {
+        problem = bundleIdentifierProblem(text);
+    } else if (path == "dmgDesign.windowWidth" || path == "dmgDesign.windowHeight") {
+        problem = numberIn(100, 4000);
+    } else if (path == "dmgDesign.iconSize") {
+        problem = numberIn(16, 512);
+    } else if (path == "sparkle.minimumSystemVersion") {
+        if (!isDottedVersion(text)) {
+            problem = "it must be a macOS version such as 13.0 or 14.2.1";
+        }
+    } else if (path == "sparkle.downloadURLPattern" || path == "webDeploy.siteURL" ||
+               (path == "sparkle.releaseNotesURLPattern" && !text.empty())) {
+        // The site's address may stay empty until there is one.
+        if (!(path == "webDeploy.siteURL" && text.empty()) && !isWebAddress(text)) {
+            problem = "it must be an absolute http:// or https:// address";
+        }
     }
     if (!problem) {
         return std::nullopt;
     }
     return fmt::format("Invalid value '{}' for {}: {}.", text, path, *problem);
+}
+
+std::optional<std::string> ProfileFieldEditor::bundleIdentifierProblem(std::string_view text) {
+    // As Apple defines CFBundleIdentifier: letters, digits, '-' and '.', in dot-separated parts.
+    if (text.empty()) {
+        return "a bundle identifier is needed (for example com.example.app)";
+    }
+    if (text.find_first_not_of(
+            "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-.") !=
+        std::string_view::npos) {
+        return "only letters, digits, '-' and '.' (for example com.example.app)";
+    }
+    if (text.front() == '.' || text.back() == '.' || text.find("..") != std::string_view::npos) {
+        return "its parts are separated by single dots, none empty";
+    }
+    return std::nullopt;
 }
 
 const std::vector<ProfileFieldEditor::Field>& ProfileFieldEditor::fields() {
@@ -211,6 +321,10 @@ void ProfileFieldEditor::set(ProjectProfile& profile, std::string_view path,
             throw invalid("Invalid value for webDeploy.gitBranch: " + *problem);
         }
     }
+    Json stored = value;
+    if (field.path == "sourceProjectPath" && !text.empty()) {
+        stored = projectPath(text);
+    }
     Json json = profile.toJson();
     Json* parent = &json;
     std::string_view key = field.path;
@@ -218,12 +332,27 @@ void ProfileFieldEditor::set(ProjectProfile& profile, std::string_view path,
         parent = &json[std::string(key.substr(0, dot))];
         key = key.substr(dot + 1);
     }
-    if (value.is_null()) {
+    if (stored.is_null()) {
         parent->erase(std::string(key));
     } else {
-        (*parent)[std::string(key)] = value;
+        (*parent)[std::string(key)] = stored;
     }
-    profile = ProjectProfile::fromJson(json, "profile");
+    auto changed = ProjectProfile::fromJson(json, "profile");
+    if (field.path.starts_with("dmgDesign.")) {
+        const auto& design = changed.dmgDesign;
+        for (const auto& [name, point] :
+             {std::pair{"dmgDesign.appIconPosition", design.appIconPosition},
+              std::pair{"dmgDesign.dropLinkPosition", design.dropLinkPosition}}) {
+            if (point.x < 0 || point.y < 0 || point.x > design.windowWidth ||
+                point.y > design.windowHeight) {
+                throw invalid(fmt::format(
+                    "Invalid value '{}' for {}: {} ({},{}) would be outside the {}x{} window.",
+                    text, field.path, name, number(point.x), number(point.y),
+                    number(design.windowWidth), number(design.windowHeight)));
+            }
+        }
+    }
+    profile = std::move(changed);
 }
 
 std::string ProfileFieldEditor::get(const ProjectProfile& profile, std::string_view path) {

@@ -35,9 +35,14 @@ public:
     static void set(ProjectProfile& profile, std::string_view path, std::string_view value);
     // The text form of a field, "" when an optional one is absent.
     static std::string get(const ProjectProfile& profile, std::string_view path);
-    // The message refusing `text` for a field that names files Veltra writes (appName and the
-    // website's relative paths), or nothing.
+    // The message refusing `text` for a field, naming the key and the rule, or nothing: names
+    // not empty, file names and relative paths that stay inside their folders, bundle IDs as
+    // Apple defines them, window and icon sizes in range, dotted macOS versions, absolute
+    // http(s) addresses. `set` checks these, positions inside the window, and that a source
+    // path is a project (a folder holding exactly one is stored as that one).
     static std::optional<std::string> valueProblem(std::string_view path, std::string_view text);
+    // Why `text` is not a bundle identifier, or nothing.
+    static std::optional<std::string> bundleIdentifierProblem(std::string_view text);
 };
 
 } // namespace veltra

@@ -88,6 +88,28 @@ const ProjectProfile* ProfileStore::selectedProfile() const {
     return selectedProfileID_ ? find(*selectedProfileID_) : nullptr;
 }
 
+std::optional<std::string> ProfileStore::nameProblem(std::string_view name,
+                                                     const std::optional<Uuid>& except) const {
+    if (name.find_first_not_of(" \t") == std::string_view::npos) {
+        return "A profile needs a name.";
+    }
+    for (const auto& profile : profiles_) {
+        if (profile.name == name && profile.id != except) {
+            return "Another profile is named '" + std::string(name) +
+                   "'; commands name profiles by name, so each has its own.";
+        }
+    }
+    return std::nullopt;
+}
+
+std::string ProfileStore::unusedName(const std::string& base) const {
+    auto name = base;
+    for (int n = 2; nameProblem(name); ++n) {
+        name = base + " " + std::to_string(n);
+    }
+    return name;
+}
+
 void ProfileStore::add(ProjectProfile profile) {
     profiles_.push_back(std::move(profile));
     if (!selectedProfileID_) {

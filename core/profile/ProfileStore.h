@@ -11,6 +11,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace veltra {
@@ -42,6 +43,13 @@ public:
     // Set when the file on disk could not be used at start: what was wrong, where the copy is.
     // Nothing is saved then.
     const std::optional<std::string>& loadProblem() const { return loadProblem_; }
+
+    // Why `name` cannot name a profile (other than `except`): empty, or taken. Commands name
+    // profiles by name, so names are unique.
+    std::optional<std::string> nameProblem(std::string_view name,
+                                           const std::optional<Uuid>& except = std::nullopt) const;
+    // `base`, or "base 2", "base 3"…, whichever no profile has.
+    std::string unusedName(const std::string& base) const;
 
     void add(ProjectProfile profile);
     // Replaces the profile with the same id; false when there is none.

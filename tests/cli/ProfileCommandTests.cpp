@@ -116,6 +116,24 @@ TEST_F(ProfileCommandTest, CreateListShowSetDelete) {
     EXPECT_EQ(veltra({"profile", "list", "--json"}).output, "[]\n");
 }
 
+// Names are unique and bundle IDs well formed, from the start: commands name profiles by name.
+TEST_F(ProfileCommandTest, NamesAreUniqueAndBundleIDsWellFormed) {
+    ASSERT_EQ(veltra({"profile", "create", "Foo", "--bundle-id", "com.example.foo"}).exitCode, 0);
+    ASSERT_EQ(veltra({"profile", "create", "Bar", "--bundle-id", "com.example.bar"}).exitCode, 0);
+    const auto twice = veltra({"profile", "create", "Foo", "--bundle-id", "com.example.foo"});
+    EXPECT_EQ(twice.exitCode, 1);
+    EXPECT_EQ(twice.errorOutput, "Error: Another profile is named 'Foo'; commands name profiles "
+                                 "by name, so each has its own.\n");
+    EXPECT_EQ(veltra({"profile", "set", "Bar", "name=Foo"}).exitCode, 1);
+    EXPECT_EQ(veltra({"profile", "set", "Bar", "name="}).errorOutput,
+              "Error: Invalid value '' for name: a profile needs a name.\n");
+    const auto badID = veltra({"profile", "create", "Baz", "--bundle-id", "not a bundle id!"});
+    EXPECT_EQ(badID.exitCode, 1);
+    EXPECT_EQ(badID.errorOutput, "Error: Invalid value 'not a bundle id!' for --bundle-id: only "
+                                 "letters, digits, '-' and '.' (for example com.example.app).\n");
+    EXPECT_EQ(veltra({"profile", "list", "--names"}).output, "Foo\nBar\n");
+}
+
 TEST_F(ProfileCommandTest, CheckNamesEveryBrokenProfile) {
     auto good = ProjectProfile::create("Good", "com.example.good").toJson();
     auto broken = good;

@@ -1,3 +1,4 @@
+#include "TestSupport.h"
 #include "core/profile/ProfileFieldEditor.h"
 #include "core/profile/ProjectProfile.h"
 #include "core/records/StepStatus.h"
@@ -205,7 +206,11 @@ TEST(ProfileFieldEditor, SetsTypedValuesAndExplainsMistakes) {
     ProfileFieldEditor::set(profile, "webDeploy.provider", "vercel");
     ProfileFieldEditor::set(profile, "dmgDesign.appIconPosition", "150.5, 261");
     ProfileFieldEditor::set(profile, "dmgDesign.iconSize", "96");
-    ProfileFieldEditor::set(profile, "sourceProjectPath", "/src/Foo.xcodeproj");
+    testing::TempDir dir;
+    std::filesystem::create_directories(dir / "Foo.xcodeproj");
+    // A folder holding exactly one project is stored as that project.
+    ProfileFieldEditor::set(profile, "sourceProjectPath", dir.path().string());
+    EXPECT_EQ(profile.sourceProjectPath, (dir / "Foo.xcodeproj").string());
     EXPECT_EQ(profile.sparkle.appcastPath, "~/site/downloads/appcast.xml");
     EXPECT_TRUE(profile.notarization.enabled);
     EXPECT_EQ(profile.webDeploy.provider, WebHostingProvider::vercel);
@@ -235,6 +240,39 @@ TEST(ProfileFieldEditor, SetsTypedValuesAndExplainsMistakes) {
               "(for example 150,260).");
     EXPECT_TRUE(
         message("colour", "red").starts_with("Unknown key 'colour'. Valid keys: name, appName,"));
+
+    // Values that would fail much later are refused here, naming the key and the rule.
+    const std::vector<std::pair<std::pair<const char*, const char*>, std::string>> refusals{
+        {{"name", " "}, "a profile needs a name"},
+        {{"bundleIdentifier", "not a bundle id!"},
+         "only letters, digits, '-' and '.' (for example com.example.app)"},
+        {{"bundleIdentifier", "com..example"},
+         "its parts are separated by single dots, none empty"},
+        {{"dmgDesign.iconSize", "-5"}, "it must be a number from 16 to 512"},
+        {{"dmgDesign.windowWidth", "0"}, "it must be a number from 100 to 4000"},
+        {{"dmgDesign.compressionFormat", "ZIP"}, ""},
+        {{"sparkle.minimumSystemVersion", "banana"},
+         "it must be a macOS version such as 13.0 or 14.2.1"},
+        {{"sparkle.downloadURLPattern", "notaurl"},
+         "it must be an absolute http:// or https:// address"},
+        {{"webDeploy.siteURL", "ftp://example.com/"},
+         "it must be an absolute http:// or https:// address"},
+        {{"webDeploy.gitBranch", "a b..c"}, ""},
+        {{"sourceProjectPath", "/does/not/exist"}, "there is no such project or folder"},
+        {{"dmgDesign.dropLinkPosition", "900,100"},
+         "dmgDesign.dropLinkPosition (900,100) would be outside the 660x400 window"},
+    };
+    for (const auto& [assignment, rule] : refusals) {
+        const auto& [key, value] = assignment;
+        SCOPED_TRACE(key);
+        const auto refused = message(key, value);
+        EXPECT_TRUE(refused.starts_with("Invalid value")) << refused;
+        EXPECT_NE(refused.find(key), std::string::npos) << refused;
+        EXPECT_NE(refused.find(rule), std::string::npos) << refused;
+    }
+    EXPECT_EQ(message("sparkle.minimumSystemVersion", "14.2.1"), "accepted");
+    EXPECT_EQ(message("webDeploy.siteURL", ""), "accepted");
+    EXPECT_EQ(message("sparkle.downloadURLPattern", "https://acme.example/d/{dmg}"), "accepted");
     EXPECT_EQ(profile.webDeploy.provider, WebHostingProvider::vercel)
         << "a refused value changes nothing";
 }

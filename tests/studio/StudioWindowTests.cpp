@@ -565,18 +565,22 @@ TEST_F(StudioWindow, ProfilesAreCreatedFromAProjectDuplicatedRenamedAndDeleted) 
     EXPECT_EQ(created.appName, "Sample");
     EXPECT_EQ(created.selectedScheme, "Sample");
     EXPECT_EQ(created.bundleIdentifier, "dev.veltra.sample");
-    EXPECT_EQ(window->profileList()->currentItem()->text(), QStringLiteral("Sample"));
+    // The sandbox's profile is named Sample already; commands name profiles by name.
+    EXPECT_EQ(window->profileList()->currentItem()->text(), QStringLiteral("Sample 2"));
 
     window->duplicateSelected();
     ASSERT_EQ(model->store().profiles().size(), 3U);
-    EXPECT_EQ(selected().name, "Sample copy");
+    EXPECT_EQ(selected().name, "Sample 2 copy");
     EXPECT_NE(selected().id, created.id);
+    window->renameSelected(QStringLiteral("Sample"));
+    EXPECT_EQ(selected().name, "Sample 2 copy");
+    EXPECT_TRUE(window->lastProblem().startsWith(QStringLiteral("Another profile is named")));
     window->renameSelected(QStringLiteral("  Sample beta "));
     EXPECT_EQ(selected().name, "Sample beta");
     EXPECT_EQ(window->profileList()->currentItem()->text(), QStringLiteral("Sample beta"));
     window->deleteSelected();
     EXPECT_EQ(model->store().profiles().size(), 2U);
-    EXPECT_EQ(model->store().find(created.id)->name, "Sample");
+    EXPECT_EQ(model->store().find(created.id)->name, "Sample 2");
 
     window->createFromProject(QString::fromStdString((dir / "nothing-here").string()));
     EXPECT_EQ(model->store().profiles().size(), 2U);
