@@ -1,9 +1,11 @@
 #include "CommandLine.h"
 #include "Commands.h"
 #include "JsonOutput.h"
+#include "core/support/FileUtilities.h"
 #include "core/support/VeltraError.h"
 #include "core/xcode/VersionManager.h"
 #include "core/xcode/VersionValidation.h"
+#include "core/xcode/XcodeProjectDiscovery.h"
 
 #include <memory>
 #include <optional>
@@ -19,6 +21,15 @@ std::optional<std::string> feedOption(const std::string& path) {
     return path.empty() ? std::nullopt : std::optional<std::string>(path);
 }
 
+// The project a command reads, which must be there: a missing one is not version 1.0.0.
+std::string existingProject(const std::string& path) {
+    if (!XcodeProjectDiscovery::locate(expandTilde(path))) {
+        throw VeltraError("Veltra", errorCode::notFound,
+                          "No Xcode project or workspace at " + path + ".");
+    }
+    return path;
+}
+
 void addShow(CLI::App& group, CliContext& context) {
     auto* command = group.add_subcommand(
         "show", "The project's version and build, and the last release in the feed");
@@ -30,7 +41,8 @@ void addShow(CLI::App& group, CliContext& context) {
     command->add_option("--appcast", *appcast, "The app's local appcast.xml");
     command->add_flag("--json", *json, "Print the fields as JSON");
     command->callback([&context, project, appcast, json] {
-        const auto info = VersionManager().readVersionInfo(*project, feedOption(*appcast));
+        const auto info =
+            VersionManager().readVersionInfo(existingProject(*project), feedOption(*appcast));
         if (*json) {
             const nlohmann::ordered_json out{
                 {"currentVersion", info.currentVersion},
@@ -69,6 +81,15 @@ void addBump(CLI::App& group, CliContext& context) {
     command->callback([&context, version, type, patch, minor, major] {
         if (patch->count() + minor->count() + major->count() == 0) {
             throw CLI::ValidationError("Give one of --patch, --minor or --major.");
+        }
+        if (const auto problem = VersionManager::versionError(*version)) {
+            throw VeltraError("Veltra", errorCode::invalidSetup, *problem);
+        }
+        if (version->empty() || version->front() < '0' || version->front() > '9') {
+            throw VeltraError("Veltra", errorCode::invalidSetup,
+                              "'" + *version +
+                                  "' is not a version to bump: it starts with its numbers (for "
+                                  "example 1.2.3).");
         }
         context.out << VersionManager().bump(*version, *type) << '\n';
     });
@@ -136,7 +157,8 @@ void addCheck(CLI::App& group, CliContext& context) {
     command->add_option("--appcast", *appcast, "The app's local appcast.xml");
     command->add_flag("--json", *json, "Print the result as JSON");
     command->callback([&context, project, version, build, appcast, json] {
-        const auto info = VersionManager().readVersionInfo(*project, feedOption(*appcast));
+        const auto info =
+            VersionManager().readVersionInfo(existingProject(*project), feedOption(*appcast));
         const auto result =
             VersionValidation::evaluate(*version, releaseBuildArgument(*build), info);
         if (*json) {

@@ -90,9 +90,14 @@ void addInit(CLI::App& group, CliContext& context) {
         if (!remote->empty()) {
             chosen.webDeploy.websiteRepoRemoteURL = *remote;
         }
+        // Publishing there means committing and pushing there.
+        const bool turnedOn = !chosen.webDeploy.gitCommitAndPush;
+        chosen.webDeploy.gitCommitAndPush = true;
         store.store().update(chosen);
         store.save();
-        print("Success: Profile " + chosen.name + " now publishes to " + path.string());
+        print("Success: Profile " + chosen.name + " now publishes to " + path.string() +
+              (turnedOn ? " (webDeploy.gitCommitAndPush is on now: releases commit and push it)"
+                        : ""));
     });
 }
 

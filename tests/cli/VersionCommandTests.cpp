@@ -82,6 +82,22 @@ TEST(VersionCommand, VersionsThatWouldChangeTheProjectFileAreRefused) {
         EXPECT_EQ(readFile(*project), before);
     }
 
+    // A version to bump starts with its numbers; a missing project is not version 1.0.0.
+    const auto bumped = runVeltra({"version", "bump", "abc", "--patch"});
+    EXPECT_EQ(bumped.exitCode, 1);
+    EXPECT_EQ(bumped.errorOutput, "Error: 'abc' is not a version to bump: it starts with its "
+                                  "numbers (for example 1.2.3).\n");
+    EXPECT_EQ(runVeltra({"version", "bump", "1.2.3", "--patch"}).output, "1.2.4\n");
+    for (const auto& arguments :
+         {std::vector<std::string>{"version", "show", (dir / "nope").string()},
+          std::vector<std::string>{"version", "check", (dir / "nope").string(), "--version", "1.0",
+                                   "--build", "2"}}) {
+        const auto missing = runVeltra(arguments);
+        EXPECT_EQ(missing.exitCode, 1);
+        EXPECT_EQ(missing.errorOutput,
+                  "Error: No Xcode project or workspace at " + (dir / "nope").string() + ".\n");
+    }
+
     // '+' is written quoted, as an old-style property list needs it.
     auto text = std::string("MARKETING_VERSION = 1.0;\n");
     VersionManager::applyToText(text, "2.0-beta+7", std::nullopt);

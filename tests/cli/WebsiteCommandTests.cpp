@@ -31,7 +31,6 @@ protected:
         auto profile =
             ProjectProfile::create("Acme", "com.example.acme", (dir / "Veltra" / "Acme").string());
         profile.webDeploy.siteURL = server.url("/");
-        profile.webDeploy.gitCommitAndPush = true;
         ReleaseManifest manifest;
         manifest.appName = "Acme";
         manifest.version = "1.2.3";
@@ -61,6 +60,11 @@ protected:
     void deployRelease() {
         auto made = veltra({"website", "init", "Acme", site.string(), "--remote", origin.string()});
         ASSERT_EQ(made.exitCode, 0) << made.errorOutput;
+        // Publishing there is committing and pushing there, and the command says so.
+        EXPECT_NE(made.output.find("(webDeploy.gitCommitAndPush is on now: releases commit and "
+                                   "push it)"),
+                  std::string::npos)
+            << made.output;
         const auto added =
             veltra({"appcast", "add", (site / "downloads" / "appcast.xml").string(), "--version",
                     "1.2.3", "--build", "42", "--url", server.url("/downloads/Acme.dmg"),
