@@ -90,9 +90,9 @@ void reportFeed(CliContext& context, std::string_view data, bool json, const std
                                           source, *encoding));
         }
         throw VeltraError("Veltra", errorCode::invalidSetup,
-                          fmt::format("{} is not a usable update feed: it must be well-formed "
-                                      "XML with an rss element and a channel.",
-                                      source));
+                          fmt::format("{} is not a usable update feed ({}): it must be "
+                                      "well-formed XML with an rss element and a channel.",
+                                      source, SparkleFeedParser::problem(data)));
     }
     context.out << feedAsTable(*items);
 }

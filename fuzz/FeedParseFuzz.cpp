@@ -13,6 +13,14 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string_view text(reinterpret_cast<const char*>(data), size);
     const auto items = veltra::SparkleFeedParser::parse(text);
+    // A refused feed always says why, the same way each time.
+    if (!items &&
+        veltra::SparkleFeedParser::problem(text) != veltra::SparkleFeedParser::problem(text)) {
+        std::abort();
+    }
+    if (!items && veltra::SparkleFeedParser::problem(text).empty()) {
+        std::abort();
+    }
     if (items) {
         for (const auto& item : *items) {
             // The fallbacks guarantee these whatever the feed says.

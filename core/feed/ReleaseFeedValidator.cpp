@@ -20,7 +20,8 @@ void ReleaseFeedValidator::validateNextBuild(std::string_view feedData, std::int
             throw releaseFeedError("The update feed declares the encoding '" + *encoding +
                                    "', which cannot be read. Save it as UTF-8 before releasing.");
         }
-        throw releaseFeedError("The update feed is invalid. Repair it before releasing.");
+        throw releaseFeedError("The update feed is invalid. Repair it before releasing. Reason: " +
+                               SparkleFeedParser::problem(feedData) + ".");
     }
     // Unlike a reader, the writer refuses a feed it could not order the new item into.
     for (const auto& item : *items) {

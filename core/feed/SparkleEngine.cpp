@@ -186,11 +186,20 @@ void SparkleEngine::updateFeed(const std::filesystem::path& appcastPath,
         throw VeltraError(domain, feedCode, "appcast.xml not found at " + appcastPath.string());
     }
     const auto document = readFile(appcastPath);
+    // A feed that was broken before the release names where it breaks.
+    const auto cause = [&] {
+        return SparkleFeedParser::parse(document)
+                   ? std::string()
+                   : "The feed at " + appcastPath.string() +
+                         " cannot be read: " + SparkleFeedParser::problem(document) + ".";
+    };
     const auto when = clock ? clock() : std::time(nullptr);
     const auto updated =
         appcast::insertItem(document, appcast::itemText(release, appcast::rfc822Date(when)));
     if (!updated) {
-        throw VeltraError(domain, feedCode, "Could not find insertion anchor in appcast.xml");
+        throw VeltraError(domain, feedCode,
+                          "Could not find insertion anchor in appcast.xml" +
+                              (cause().empty() ? "" : ". " + cause()));
     }
     // Checked before writing, so a feed that would not read back is never left on disk.
     const auto items = SparkleFeedParser::parse(*updated);
@@ -203,7 +212,8 @@ void SparkleEngine::updateFeed(const std::filesystem::path& appcastPath,
     if (!readsBack) {
         throw VeltraError(domain, feedCode,
                           "The update feed does not match the release version, build, download "
-                          "URL, signature, and size. Upload stopped.");
+                          "URL, signature, and size. Upload stopped." +
+                              (cause().empty() ? "" : " " + cause()));
     }
     writeFileAtomically(appcastPath, *updated);
     emit(fmt::format("Success: Successfully updated appcast.xml with v{} (build {})",

@@ -183,6 +183,25 @@ std::optional<std::string> SparkleFeedParser::unreadableEncoding(std::string_vie
     return std::nullopt;
 }
 
+std::string SparkleFeedParser::problem(std::string_view data) {
+    if (const auto encoding = unreadableEncoding(data)) {
+        return "it declares the encoding '" + *encoding + "', which cannot be read";
+    }
+    SparkleFeedParser delegate;
+    Session session;
+    session.delegate = &delegate;
+    ExpatDocument document(session);
+    XML_SetElementHandler(document.parser(), onStart, onEnd);
+    XML_SetCharacterDataHandler(document.parser(), onText);
+    if (!document.parse(data)) {
+        return document.errorText();
+    }
+    if (!delegate.hasRSS_) {
+        return "it has no rss element";
+    }
+    return delegate.hasChannel_ ? "it reads as a feed" : "it has no channel element";
+}
+
 std::optional<std::vector<SparkleFeedItem>> SparkleFeedParser::parse(std::string_view data) {
     SparkleFeedParser delegate;
     Session session;

@@ -24,6 +24,10 @@ public:
     // lacks an "rss" or a "channel" element. A channel without items gives an empty list.
     static std::optional<std::vector<SparkleFeedItem>> parse(std::string_view data);
 
+    // Why `parse` gives nothing for `data`: where the XML breaks ("line 6, column 1: no element
+    // found"), an encoding that cannot be read, or the rss or channel element it lacks.
+    static std::string problem(std::string_view data);
+
     // The encoding the document declares when it is one that cannot be read (neither expat's
     // own nor a single-byte one it can be taught), for messages that say why a feed is refused.
     static std::optional<std::string> unreadableEncoding(std::string_view data);

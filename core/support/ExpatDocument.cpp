@@ -49,6 +49,16 @@ ExpatDocument::~ExpatDocument() {
     }
 }
 
+std::string ExpatDocument::errorText() const {
+    if (parser_ == nullptr) {
+        return "the XML reader could not start";
+    }
+    const auto* reason = XML_ErrorString(XML_GetErrorCode(parser_));
+    return "line " + std::to_string(XML_GetCurrentLineNumber(parser_)) + ", column " +
+           std::to_string(XML_GetCurrentColumnNumber(parser_) + 1) + ": " +
+           (reason != nullptr ? reason : "stopped");
+}
+
 bool ExpatDocument::parse(std::string_view document) {
     if (parser_ == nullptr) {
         return false;

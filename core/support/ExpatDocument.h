@@ -1,6 +1,7 @@
 #pragma once
 
 #include <expat.h>
+#include <string>
 #include <string_view>
 
 namespace veltra {
@@ -30,6 +31,8 @@ public:
     // False when the document is not well-formed, a callback stopped it, or expat could not
     // start.
     bool parse(std::string_view document);
+    // Where and why the last parse stopped ("line 6, column 1: no element found").
+    std::string errorText() const;
 
 private:
     XML_Parser parser_;

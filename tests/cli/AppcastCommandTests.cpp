@@ -44,9 +44,11 @@ TEST(AppcastCommand, ParsePrintsTableOrJson) {
     EXPECT_EQ(brokenJson.output, "{\n  \"valid\": false,\n  \"items\": []\n}\n");
     const auto broken = veltra({"appcast", "parse", (dir / "broken.xml").string()});
     EXPECT_EQ(broken.exitCode, 1);
-    EXPECT_EQ(broken.errorOutput, "Error: " + (dir / "broken.xml").string() +
-                                      " is not a usable update feed: it must be well-formed XML "
-                                      "with an rss element and a channel.\n");
+    EXPECT_EQ(broken.errorOutput,
+              "Error: " + (dir / "broken.xml").string() +
+                  " is not a usable update feed (line 1, column 14: mismatched tag): it must be "
+                  "well-formed XML "
+                  "with an rss element and a channel.\n");
 }
 
 TEST(AppcastCommand, StubAddVerifyAndCheckBuild) {

@@ -55,7 +55,12 @@ TEST(ReleaseFeedValidator, NextBuild) {
          "The feed build number is too large."},
         {"lowest 64-bit value", feedOfBuilds({"-9223372036854775808"}), 0, "passed"},
         {"not a feed", "<rss><item/></rss>", 1,
-         "The update feed is invalid. Repair it before releasing."},
+         "The update feed is invalid. Repair it before releasing. Reason: it has no channel "
+         "element."},
+        // Where it breaks, as the XML reader found it.
+        {"no end", "<rss><channel>\n<item>\n</channel>", 1,
+         "The update feed is invalid. Repair it before releasing. Reason: line 3, column 3: "
+         "mismatched tag."},
     };
     for (const auto& row : cases) {
         SCOPED_TRACE(row.name);

@@ -137,7 +137,8 @@ TEST_F(EngineFixture, FailuresLeaveTheFeedAlone) {
         std::string message;
     } cases[] = {
         {"no anchor", "<rss><feed/></rss>", release("1.0", "+12"),
-         "Could not find insertion anchor in appcast.xml"},
+         "Could not find insertion anchor in appcast.xml. The feed at " + path.string() +
+             " cannot be read: it has no channel element."},
         {"an earlier item would come first",
          "<rss><channel><item><sparkle:version>3</sparkle:version></item><title>A</title>"
          "</channel></rss>",
@@ -147,7 +148,8 @@ TEST_F(EngineFixture, FailuresLeaveTheFeedAlone) {
         {"broken after the anchor", "<rss><channel><title>A</title><item></channel>",
          release("1.0", "12"),
          "The update feed does not match the release version, build, download URL, signature, "
-         "and size. Upload stopped."},
+         "and size. Upload stopped. The feed at " +
+             path.string() + " cannot be read: line 1, column 39: mismatched tag."},
     };
     for (const auto& row : cases) {
         SCOPED_TRACE(row.name);
