@@ -93,7 +93,7 @@ void addDemoCommand(CLI::App& app, CliContext& context) {
                                            std::chrono::milliseconds(200)});
         ReleaseRequest request;
         request.profile = sandbox.profile();
-        showRelease(demoContext, store, pipeline, request, false, false, &watcher, printed);
+        showRelease(demoContext, store, pipeline, request, {}, &watcher, printed);
         context.exitStatus = demoContext.exitStatus;
 
         const auto& manifest = pipeline.completedManifest();

@@ -259,9 +259,11 @@ private:
 } // namespace
 
 void showRelease(CliContext& context, OpenStore& store, PipelineManager& pipeline,
-                 const ReleaseRequest& request, bool json, bool quiet,
+                 const ReleaseRequest& request, ReleaseOutput output,
                  WebsitePublicationWatcher* watcher, const std::vector<std::string>& printed) {
     auto& loop = store.loop();
+    const bool json = output.json;
+    const bool quiet = output.quiet;
     const bool onTerminal = &context.out == &std::cout;
     const bool colour = onTerminal && colourFor(STDOUT_FILENO, context.noColour);
     PlainView plain(context.out, colour);
@@ -333,6 +335,21 @@ void showRelease(CliContext& context, OpenStore& store, PipelineManager& pipelin
             }
         });
     });
+    const auto tracing = std::make_shared<bool>(true);
+    if (output.verbose) {
+        // Tools run on worker threads; their lines join the log on the loop, while it shows.
+        ProcessRunner::setTrace(
+            [&loop, view, weak = std::weak_ptr<bool>(tracing)](const std::string& line) {
+                loop.post([view, weak, line] {
+                    if (const auto on = weak.lock(); on && *on) {
+                        view->logsPublished({ReleaseLogEntry::make(line, false)});
+                    }
+                });
+            });
+    }
+    struct StopTracing {
+        ~StopTracing() { ProcessRunner::setTrace({}); }
+    } stopTracing;
     loop.post([&] { pipeline.run(request); });
     // A running step's time ticks each second; a resized window is redrawn at once.
     const auto ticking = std::make_shared<bool>(view == &table);

@@ -14,8 +14,15 @@ namespace veltra::cli {
 // when all that has ended; throws CancellationError after Ctrl-C and sets the exit status of a
 // failed run. `printed` are lines the caller already wrote; a terminal's table keeps them at the
 // top of its log.
+struct ReleaseOutput {
+    bool json = false;
+    bool quiet = false;
+    // Each tool's command line and what it printed, among the log lines.
+    bool verbose = false;
+};
+
 void showRelease(CliContext& context, OpenStore& store, PipelineManager& pipeline,
-                 const ReleaseRequest& request, bool json, bool quiet,
+                 const ReleaseRequest& request, ReleaseOutput output,
                  WebsitePublicationWatcher* watcher = nullptr,
                  const std::vector<std::string>& printed = {});
 

@@ -45,6 +45,7 @@ void addReleaseCommand(CLI::App& app, CliContext& context) {
     auto dryRun = std::make_shared<bool>(false);
     auto resume = std::make_shared<bool>(false);
     auto quiet = std::make_shared<bool>(false);
+    auto verbose = std::make_shared<bool>(false);
     auto wait = std::make_shared<std::string>();
     auto noWait = std::make_shared<bool>(false);
     command->add_option("NAME|ID", *profile, "The profile's name or ID")->required();
@@ -60,6 +61,8 @@ void addReleaseCommand(CLI::App& app, CliContext& context) {
                                        "One JSON object per line: steps, log lines, the result");
     command->add_flag("--quiet", *quiet, "Only errors, warnings and the result")
         ->excludes(jsonFlag);
+    command->add_flag("--verbose", *verbose, "Also each tool's command line and what it printed")
+        ->excludes("--quiet");
     auto* waitOption = command->add_option(
         "--wait", *wait,
         "After the push, follow the live site until it serves the release, at most this long "
@@ -73,7 +76,7 @@ void addReleaseCommand(CLI::App& app, CliContext& context) {
     command->add_flag("--resume", *resume,
                       "Continue the last stopped release from the first step that did not finish");
     command->callback([&context, profile, appPath, version, build, notesFile, branch, json, dryRun,
-                       resume, quiet, wait, noWait] {
+                       resume, quiet, verbose, wait, noWait] {
         OpenStore store(context);
         ReleaseRequest request;
         request.profile = store.find(*profile);
@@ -118,7 +121,7 @@ void addReleaseCommand(CLI::App& app, CliContext& context) {
                             WebsiteWatchTiming{std::chrono::seconds(20), *follow,
                                                std::chrono::milliseconds(500)});
         }
-        showRelease(context, store, pipeline, request, *json, *quiet,
+        showRelease(context, store, pipeline, request, {*json, *quiet, *verbose},
                     watcher ? &*watcher : nullptr);
     });
 }

@@ -3,6 +3,7 @@
 #include "ProcessExecutionError.h"
 #include "ProcessIO.h"
 #include "ThreadSafeBuffer.h"
+#include "core/support/Text.h"
 #include "core/support/Utf8.h"
 #include "core/support/VeltraError.h"
 
@@ -399,7 +400,49 @@ ProcessResult ProcessRunner::run(std::string command, std::vector<std::string> a
     return run(request, std::move(stop));
 }
 
+namespace {
+
+std::mutex traceLock;
+ProcessRunner::Trace& currentTrace() {
+    static ProcessRunner::Trace trace;
+    return trace;
+}
+
+} // namespace
+
+void ProcessRunner::setTrace(Trace trace) {
+    const std::lock_guard guard(traceLock);
+    currentTrace() = std::move(trace);
+}
+
 ProcessResult ProcessRunner::run(const ProcessRequest& request, std::stop_token stop) {
+    Trace trace;
+    {
+        const std::lock_guard guard(traceLock);
+        trace = currentTrace();
+    }
+    if (!trace) {
+        return runUntraced(request, std::move(stop));
+    }
+    std::vector<std::string> words{request.command};
+    words.insert(words.end(), request.arguments.begin(), request.arguments.end());
+    trace("$ " + shellCommandLine(words));
+    const auto result = runUntraced(request, std::move(stop));
+    for (const auto* stream : {&result.output, &result.errorOutput}) {
+        std::size_t begin = 0;
+        while (begin < stream->size()) {
+            const auto end = std::min(stream->find('\n', begin), stream->size());
+            trace("  | " + stream->substr(begin, end - begin));
+            begin = end + 1;
+        }
+    }
+    if (result.exitCode != 0) {
+        trace("  (exit status " + std::to_string(result.exitCode) + ")");
+    }
+    return result;
+}
+
+ProcessResult ProcessRunner::runUntraced(const ProcessRequest& request, std::stop_token stop) {
     if (request.standardInput && request.standardInput->size() > maxStandardInput) {
         throw ProcessExecutionError::inputTooLarge();
     }

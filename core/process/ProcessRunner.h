@@ -64,6 +64,13 @@ public:
     static ProcessResult run(std::string command, std::vector<std::string> arguments,
                              std::stop_token stop = {});
 
+    // For --verbose: every tool's command line ("$ git push …") and, once it ends, what it
+    // printed, handed to `trace` from whichever thread ran it; none to stop. Arguments carry no
+    // secrets (they go on standard input or a terminal), and neither input nor environment is
+    // traced.
+    using Trace = std::function<void(const std::string&)>;
+    static void setTrace(Trace trace);
+
     // Where a bare tool name would be found on a child's PATH; none when it would not.
     static std::optional<std::filesystem::path> findTool(const std::string& name);
 
@@ -88,6 +95,9 @@ public:
     static std::map<std::string, std::string> applicationEnvironment();
     static std::optional<std::size_t> effectiveCaptureLimit(std::optional<long long> requested,
                                                             bool streaming);
+
+private:
+    static ProcessResult runUntraced(const ProcessRequest& request, std::stop_token stop);
 };
 
 } // namespace veltra

@@ -102,6 +102,17 @@ TEST_F(ReleaseCommandTest, QuietSaysTheResultAndTheErrorsOnly) {
     EXPECT_NE(failed.output.find("Full log: "), std::string::npos);
 }
 
+// --verbose: each tool's command line and what it printed, among the log lines.
+TEST_F(ReleaseCommandTest, VerboseShowsEachToolAndWhatItPrinted) {
+    const auto run = veltra({"release", "Acme", "--app", app.string(), "--verbose"});
+    ASSERT_EQ(run.exitCode, 0) << run.output << run.errorOutput;
+    EXPECT_NE(run.output.find("\n$ hdiutil create "), std::string::npos) << run.output;
+    EXPECT_NE(run.output.find("\n  | "), std::string::npos);
+    const auto plain = veltra({"release", "Acme", "--app", app.string()});
+    EXPECT_EQ(plain.output.find("\n$ hdiutil"), std::string::npos);
+    EXPECT_EQ(veltra({"release", "Acme", "--quiet", "--verbose"}).exitCode, 2);
+}
+
 TEST_F(ReleaseCommandTest, JsonLinesEndWithTheManifestOrTheError) {
     const auto run = veltra({"release", "Acme", "--app", app.string(), "--json"});
     ASSERT_EQ(run.exitCode, 0) << run.errorOutput;
