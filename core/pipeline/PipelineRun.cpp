@@ -75,6 +75,11 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
         run.outputDirectory = expandTilde(standardizePath(profile.outputDirectory));
         if (run.fromProject) {
             run.project = expandTilde(standardizePath(*profile.sourceProjectPath));
+            if (!std::filesystem::is_directory(*run.project)) {
+                throw VeltraError("Veltra", errorCode::notFound,
+                                  "No Xcode project at " + run.project->string() +
+                                      ". Choose the project in the profile.");
+            }
             const auto suggested = run.engines.versionManager.readVersionInfo(
                 *run.project, profile.sparkle.appcastPath.empty()
                                   ? std::nullopt
@@ -116,6 +121,12 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
                 throw VeltraError("Veltra", errorCode::notFound,
                                   "No app at " + run.app.string() + ".");
             }
+        } else if (profile.sourceProjectPath && !profile.sourceProjectPath->empty()) {
+            // A folder or file where the project should be: say which.
+            throw VeltraError("Veltra", errorCode::invalidSetup,
+                              "The profile's source " + *profile.sourceProjectPath +
+                                  " is not an Xcode project (.xcodeproj or .xcworkspace). Choose "
+                                  "the project in the profile, or give the built app.");
         } else {
             throw VeltraError("Veltra", errorCode::invalidSetup,
                               "This profile has no Xcode project or app to release. Choose the "

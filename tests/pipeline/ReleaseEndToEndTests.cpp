@@ -526,6 +526,21 @@ TEST_F(ReleaseRun, AnAppNameThatLeadsOutIsRefusedFirst) {
     EXPECT_TRUE(runsOf("xcodebuild").empty());
 }
 
+// A profile whose project is not there, or is a folder, names the path it was given.
+TEST_F(ReleaseRun, AMissingProjectIsNamed) {
+    const auto folder = sandbox.project().parent_path();
+    profile.sourceProjectPath = (folder / "Gone.xcodeproj").string();
+    release(9);
+    EXPECT_EQ(failure(), "No Xcode project at " + (folder / "Gone.xcodeproj").string() +
+                             ". Choose the project in the profile.");
+    profile.sourceProjectPath = folder.string();
+    release(9);
+    EXPECT_EQ(failure(), "The profile's source " + folder.string() +
+                             " is not an Xcode project (.xcodeproj or .xcworkspace). Choose the "
+                             "project in the profile, or give the built app.");
+    EXPECT_TRUE(runsOf("xcodebuild").empty());
+}
+
 // A website repository holding the developer's own unpublished work stops the release before
 // anything is built, and nothing of it leaves the machine.
 TEST_F(ReleaseRun, PrivateWorkInTheWebsiteRepositoryStopsTheReleaseBeforeBuilding) {
