@@ -183,33 +183,35 @@ std::optional<std::string> SparkleFeedParser::unreadableEncoding(std::string_vie
     return std::nullopt;
 }
 
-std::string SparkleFeedParser::problem(std::string_view data) {
-    if (const auto encoding = unreadableEncoding(data)) {
-        return "it declares the encoding '" + *encoding + "', which cannot be read";
-    }
-    SparkleFeedParser delegate;
+std::optional<std::string> SparkleFeedParser::read(std::string_view data) {
     Session session;
-    session.delegate = &delegate;
+    session.delegate = this;
     ExpatDocument document(session);
     XML_SetElementHandler(document.parser(), onStart, onEnd);
     XML_SetCharacterDataHandler(document.parser(), onText);
     if (!document.parse(data)) {
         return document.errorText();
     }
-    if (!delegate.hasRSS_) {
+    if (!hasRSS_) {
         return "it has no rss element";
     }
-    return delegate.hasChannel_ ? "it reads as a feed" : "it has no channel element";
+    if (!hasChannel_) {
+        return "it has no channel element";
+    }
+    return std::nullopt;
+}
+
+std::string SparkleFeedParser::problem(std::string_view data) {
+    if (const auto encoding = unreadableEncoding(data)) {
+        return "it declares the encoding '" + *encoding + "', which cannot be read";
+    }
+    SparkleFeedParser delegate;
+    return delegate.read(data).value_or("it reads as a feed");
 }
 
 std::optional<std::vector<SparkleFeedItem>> SparkleFeedParser::parse(std::string_view data) {
     SparkleFeedParser delegate;
-    Session session;
-    session.delegate = &delegate;
-    ExpatDocument document(session);
-    XML_SetElementHandler(document.parser(), onStart, onEnd);
-    XML_SetCharacterDataHandler(document.parser(), onText);
-    if (!document.parse(data) || !delegate.hasRSS_ || !delegate.hasChannel_) {
+    if (delegate.read(data)) {
         return std::nullopt;
     }
     return std::move(delegate.items_);

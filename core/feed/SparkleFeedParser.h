@@ -41,6 +41,8 @@ public:
     void characterData(std::string_view text);
 
 private:
+    // Reads `data` into this parser; why it is no feed, or nothing when it is one.
+    std::optional<std::string> read(std::string_view data);
     void finishItem();
 
     std::vector<SparkleFeedItem> items_;
