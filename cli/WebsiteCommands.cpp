@@ -258,20 +258,29 @@ void addCheck(CLI::App& group, CliContext& context) {
             finished = state;
             loop.quit();
         };
+        // Why the live site does not serve it, for the user to act on.
+        const auto why = [&](const ReleaseManifest& shown) {
+            if (const auto problem = WebDeployer().liveSiteProblem(
+                    *shown.websitePublication, shown.version, shown.buildNumber, context.stop)) {
+                context.out << "Why: " << *problem << '\n';
+            }
+        };
         if (!*watch) {
             // One look: a miss leaves the release as it was (pending stays pending).
-            const auto live = WebsitePublicationProbe::shared().check(
-                {*release.websitePublication, release.version, release.buildNumber},
-                std::chrono::milliseconds(500), context.stop);
+            const auto problem = WebDeployer().liveSiteProblem(
+                *release.websitePublication, release.version, release.buildNumber, context.stop);
             auto& publication = *release.websitePublication;
             publication.lastCheckedAt = Date::now();
-            if (live) {
+            if (!problem) {
                 publication.state = WebsitePublicationState::live;
             }
             store.store().update(edited);
             store.save();
             context.out << websiteStatusText(publication) << '\n';
-            context.exitStatus = live ? 0 : 1;
+            if (problem) {
+                context.out << "Why: " << *problem << '\n';
+            }
+            context.exitStatus = problem ? 1 : 0;
             return;
         }
         watcher.watch(chosen.id, releaseID);
@@ -283,6 +292,9 @@ void addCheck(CLI::App& group, CliContext& context) {
         }
         const auto* after = findRelease(*store.store().find(chosen.id), *which);
         context.out << websiteStatusText(after->websitePublication) << '\n';
+        if (finished != WebsitePublicationState::live) {
+            why(*after);
+        }
         context.exitStatus = finished == WebsitePublicationState::live ? 0 : 1;
     });
 }

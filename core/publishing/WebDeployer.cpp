@@ -12,6 +12,9 @@
 #include "core/support/VeltraError.h"
 
 #include <mutex>
+#include <tuple>
+
+#include <fmt/format.h>
 
 namespace veltra {
 namespace {
@@ -309,7 +312,17 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
 
 bool WebDeployer::verifyLiveSite(const WebsitePublication& publication, const std::string& version,
                                  const std::string& build, std::stop_token stop) const {
+    return !liveSiteProblem(publication, version, build, std::move(stop));
+}
+
+std::optional<std::string> WebDeployer::liveSiteProblem(const WebsitePublication& publication,
+                                                        const std::string& version,
+                                                        const std::string& build,
+                                                        std::stop_token stop) const {
     const auto ok = [](long status) { return status >= 200 && status <= 299; };
+    const auto status = [](const std::string& what, const std::string& url, long code) {
+        return fmt::format("the {} at {} answered HTTP {}", what, url, code);
+    };
     try {
         HttpRequest feed;
         feed.url = publication.feedURL;
@@ -317,21 +330,38 @@ bool WebDeployer::verifyLiveSite(const WebsitePublication& publication, const st
         feed.headers = {"Cache-Control: no-cache", "Pragma: no-cache"};
         const auto answer = session.send(feed, stop);
         if (!ok(answer.status)) {
-            return false;
+            return status("feed", feed.url, answer.status);
         }
         const auto items = SparkleFeedParser::parse(answer.body);
         if (!items) {
-            return false;
+            return "the feed at " + feed.url +
+                   " does not read as a feed: " + SparkleFeedParser::problem(answer.body);
         }
-        bool matched = false;
-        for (const auto& item : *items) {
-            matched = matched || (item.shortVersion == version && item.version == build &&
-                                  item.enclosureURL == publication.downloadURL &&
-                                  item.edSignature == publication.expectedSignature &&
-                                  item.enclosureLength == std::to_string(publication.expectedSize));
+        const auto size = std::to_string(publication.expectedSize);
+        const SparkleFeedItem* item = nullptr;
+        for (const auto& candidate : *items) {
+            if (candidate.version == build) {
+                item = &candidate;
+                if (candidate.shortVersion == version &&
+                    candidate.enclosureURL == publication.downloadURL &&
+                    candidate.edSignature == publication.expectedSignature &&
+                    candidate.enclosureLength == size) {
+                    break;
+                }
+            }
         }
-        if (!matched) {
-            return false;
+        if (item == nullptr) {
+            return "the feed at " + feed.url + " has no item for build " + build;
+        }
+        for (const auto& [what, found, wanted] :
+             {std::tuple{"version", item->shortVersion, version},
+              std::tuple{"download address", item->enclosureURL, publication.downloadURL},
+              std::tuple{"signature", item->edSignature, publication.expectedSignature},
+              std::tuple{"length", item->enclosureLength, size}}) {
+            if (found != wanted) {
+                return fmt::format("the feed's item for build {} has the {} '{}', not '{}'", build,
+                                   what, found, wanted);
+            }
         }
 
         HttpRequest head;
@@ -341,11 +371,17 @@ bool WebDeployer::verifyLiveSite(const WebsitePublication& publication, const st
         head.headers = {"Cache-Control: no-cache", "Pragma: no-cache"};
         const auto headAnswer = session.send(head, stop);
         if (!ok(headAnswer.status)) {
-            return false;
+            return status("download", head.url, headAnswer.status);
         }
+        const auto sized = [&](std::uint64_t length) -> std::optional<std::string> {
+            if (length == static_cast<std::uint64_t>(publication.expectedSize)) {
+                return std::nullopt;
+            }
+            return fmt::format("the download at {} is {} bytes, not {}", head.url, length,
+                               publication.expectedSize);
+        };
         if (headAnswer.contentLength) {
-            return *headAnswer.contentLength ==
-                   static_cast<std::uint64_t>(publication.expectedSize);
+            return sized(*headAnswer.contentLength);
         }
         // No usable length: stream the whole file and count it, in constant memory.
         std::uint64_t counted = 0;
@@ -357,14 +393,14 @@ bool WebDeployer::verifyLiveSite(const WebsitePublication& publication, const st
         get.onBody = [&counted](std::string_view chunk) { counted += chunk.size(); };
         const auto body = session.send(get, stop);
         if (!ok(body.status)) {
-            return false;
+            return status("download", get.url, body.status);
         }
-        const auto length = body.contentLength.value_or(counted);
-        return length == static_cast<std::uint64_t>(publication.expectedSize);
+        return sized(body.contentLength.value_or(counted));
     } catch (const CancellationError&) {
         throw;
-    } catch (const std::exception&) {
-        return false;
+    } catch (const std::exception& error) {
+        // The network's own words: "Couldn't connect to server", a timeout, a name not found.
+        return std::string("it could not be reached: ") + error.what();
     }
 }
 

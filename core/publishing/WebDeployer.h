@@ -51,6 +51,12 @@ public:
     // network trouble (false); only cancellation.
     bool verifyLiveSite(const WebsitePublication& publication, const std::string& version,
                         const std::string& build, std::stop_token stop = {}) const;
+    // Why the live site does not serve the release yet, or nothing when it does: the address
+    // that could not be reached and why, an HTTP status, a feed that does not read, the value
+    // of the feed's item that differs, or the download's size.
+    std::optional<std::string> liveSiteProblem(const WebsitePublication& publication,
+                                               const std::string& version, const std::string& build,
+                                               std::stop_token stop = {}) const;
 
     // Refuses an app name that cannot name a file in the downloads folder ("/", "..", a leading
     // ".", a NUL): VeltraError ("Veltra", 400).

@@ -167,11 +167,14 @@ TEST_F(WebsiteCommands, SiteThatNeverUpdatesNeedsAttention) {
     deployRelease();
     const auto once = veltra({"website", "check", "Acme"});
     EXPECT_EQ(once.exitCode, 1);
-    EXPECT_EQ(once.output, "Publishing; live files not confirmed\n");
+    // Nothing was published to the served folder: the reason says what the site answered.
+    EXPECT_EQ(once.output, "Publishing; live files not confirmed\nWhy: the feed at " +
+                               server.url("/downloads/appcast.xml") + " answered HTTP 404\n");
     const auto watched =
         veltra({"website", "check", "Acme", "--watch", "--interval", "0.1", "--timeout", "0.5"});
     EXPECT_EQ(watched.exitCode, 1);
-    EXPECT_TRUE(watched.output.ends_with("Uploaded; live website needs checking\n"))
+    EXPECT_NE(watched.output.find("Uploaded; live website needs checking\nWhy: "),
+              std::string::npos)
         << watched.output;
     EXPECT_NE(veltra({"releases", "Acme"}).output.find("Uploaded; live website needs checking"),
               std::string::npos);

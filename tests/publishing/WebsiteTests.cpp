@@ -10,8 +10,12 @@
 #include "core/support/FileUtilities.h"
 #include "core/support/VeltraError.h"
 
+#include <arpa/inet.h>
 #include <fstream>
 #include <mutex>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -520,10 +524,16 @@ TEST_F(Website, LiveCheckWantsTheWholeReleaseOnTheSite) {
     const WebDeployer deployer;
     publish("SIG==", 5000);
     EXPECT_TRUE(deployer.verifyLiveSite(publication, "1.2.3", "42"));
+    EXPECT_EQ(deployer.liveSiteProblem(publication, "1.2.3", "43"),
+              "the feed at " + publication.feedURL + " has no item for build 43");
     publish("OLD==", 5000);
     EXPECT_FALSE(deployer.verifyLiveSite(publication, "1.2.3", "42")) << "an old signature";
+    EXPECT_EQ(deployer.liveSiteProblem(publication, "1.2.3", "42"),
+              "the feed's item for build 42 has the signature 'OLD==', not 'SIG=='");
     publish("SIG==", 4999);
     EXPECT_FALSE(deployer.verifyLiveSite(publication, "1.2.3", "42")) << "a byte short";
+    EXPECT_EQ(deployer.liveSiteProblem(publication, "1.2.3", "42"),
+              "the download at " + publication.downloadURL + " is 4999 bytes, not 5000");
 
     // A server that gives no length to HEAD: the ranged GET decides, by counting.
     std::atomic<int> answer = 200;
@@ -550,9 +560,30 @@ TEST_F(Website, LiveCheckWantsTheWholeReleaseOnTheSite) {
         answer = status;
         EXPECT_FALSE(deployer.verifyLiveSite(publication, "1.2.3", "42"));
     }
+    EXPECT_EQ(deployer.liveSiteProblem(publication, "1.2.3", "42"),
+              "the download at " + publication.downloadURL + " answered HTTP 500");
     publication.feedURL = server.url("/missing/appcast.xml");
     answer = 200;
     EXPECT_FALSE(deployer.verifyLiveSite(publication, "1.2.3", "42"));
+    EXPECT_EQ(deployer.liveSiteProblem(publication, "1.2.3", "42"),
+              "the feed at " + publication.feedURL + " answered HTTP 404");
+
+    // A server that is not there (a port held but not listening refuses): the network's words.
+    const int held = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::bind(held, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(::getsockname(held, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    const auto closed =
+        "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/downloads/appcast.xml";
+    publication.feedURL = closed;
+    const auto unreachable = deployer.liveSiteProblem(publication, "1.2.3", "42");
+    ::close(held);
+    ASSERT_TRUE(unreachable);
+    EXPECT_TRUE(unreachable->starts_with("it could not be reached: " + closed + ": "))
+        << *unreachable;
 }
 
 } // namespace
