@@ -119,14 +119,23 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
             say("   Warning: Could not resize the installer artwork: " + errorText(resize));
         }
     };
+    // Which settings the picture comes from, for a failure to name them.
+    std::string artworkSettings = fmt::format(
+        "the default artwork for the {}x{} window (dmgDesign.windowWidth, windowHeight)",
+        config.windowWidth, config.windowHeight);
     if (type == DMGBackgroundType::plain) {
         say("Building plain unstyled Finder DMG...");
     } else if (config.backgroundPath && !config.backgroundPath->empty() &&
                std::filesystem::is_regular_file(*config.backgroundPath)) {
         say("Applying custom DMG artwork...");
+        artworkSettings = "dmgDesign.backgroundPath " + *config.backgroundPath;
         stage(*config.backgroundPath);
     } else {
         say("Applying default Veltra installer artwork...");
+        if (config.backgroundPath && !config.backgroundPath->empty()) {
+            say("Warning: dmgDesign.backgroundPath names " + *config.backgroundPath +
+                ", which is not a file; the default artwork is used instead.");
+        }
         work.defaultBackground =
             temporary / ("veltra_default_bg_" + Uuid::random().string() + ".png");
         const auto layout = DMGInstallerLayout::from(config);
@@ -136,7 +145,8 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
                                                          layout.appPosition.y, layout);
             stage(*work.defaultBackground);
         } catch (const VeltraError& error) {
-            say("Warning: Failed to generate default artwork: " + error.message());
+            say("Warning: Failed to generate default artwork: " + error.message() + " (" +
+                artworkSettings + ")");
         }
     }
 
@@ -154,7 +164,9 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
         if (!std::filesystem::is_regular_file(staged)) {
             throw VeltraError(
                 "Veltra.DMG", errorCode::toolFailed,
-                "The installer artwork could not be prepared. Check the artwork and rebuild.");
+                "The installer artwork could not be prepared. Check the artwork and rebuild. It "
+                "came from " +
+                    artworkSettings + ".");
         }
         fileStep([&] { std::filesystem::create_directories(work.mountPoint); });
         bool attached = false;

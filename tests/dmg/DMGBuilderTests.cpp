@@ -225,6 +225,8 @@ TEST_F(DMGBuilderRun, CustomPictureIsStagedAndResizedMissingOneFallsBackToTheArt
     log.clear();
     build();
     EXPECT_EQ(log.front(), "Applying default Veltra installer artwork...");
+    EXPECT_EQ(log[1], "Warning: dmgDesign.backgroundPath names " + (dir / "mine.png").string() +
+                          ", which is not a file; the default artwork is used instead.");
     EXPECT_TRUE(fs::exists(open(options.outputDMGPath) / ".background" / "background.png"));
 }
 
@@ -329,11 +331,15 @@ TEST_F(DMGBuilderRun, MissingArtworkStopsBeforeMounting) {
     options.config.windowWidth = 0;
     const auto error = failure();
     EXPECT_EQ(error.domain(), "Veltra.DMG");
+    // Both name the settings the picture came from.
     EXPECT_EQ(error.message(),
-              "The installer artwork could not be prepared. Check the artwork and rebuild.");
+              "The installer artwork could not be prepared. Check the artwork and rebuild. It came "
+              "from the default artwork for the 0x400 window (dmgDesign.windowWidth, "
+              "windowHeight).");
     EXPECT_EQ(log, (Lines{"Applying default Veltra installer artwork...",
                           "Warning: Failed to generate default artwork: Failed to render default "
-                          "background",
+                          "background (the default artwork for the 0x400 window "
+                          "(dmgDesign.windowWidth, windowHeight))",
                           "Creating image volume 'Acme 1.2.3'..."}));
     EXPECT_EQ(hdiutilVerbs(), (Lines{"create"}));
     EXPECT_TRUE(leftovers().empty());
