@@ -1,6 +1,7 @@
 #include "ReleaseDoctor.h"
 
 #include "DoctorChecks.h"
+#include "PipelineManager.h"
 #include "SparkleAutoResolver.h"
 #include "core/feed/BuildNumber.h"
 #include "core/feed/NewestBuild.h"
@@ -127,6 +128,7 @@ std::vector<DoctorFinding> ReleaseDoctor::examine(const ProjectProfile* profile,
                 },
                 stop));
         }
+        add(project(*profile));
         add(limited(
             "Sparkle", [this, profile](std::stop_token) { return sparkle(*profile); }, stop));
         add(limited(
@@ -142,6 +144,28 @@ std::vector<DoctorFinding> ReleaseDoctor::examine(const ProjectProfile* profile,
             "Disk", [this, profile](std::stop_token) { return std::vector{disk(profile)}; }, stop));
     }
     return all;
+}
+
+std::vector<DoctorFinding> ReleaseDoctor::project(const ProjectProfile& profile) const {
+    if (!profile.sourceProjectPath || profile.sourceProjectPath->empty()) {
+        return {}; // a release of a built app
+    }
+    const auto& given = *profile.sourceProjectPath;
+    const std::filesystem::path path = expandTilde(standardizePath(given));
+    const auto setAgain =
+        "Run '" +
+        shellCommandLine({"veltra", "profile", "set", profile.name, "sourceProjectPath=" + given}) +
+        "'";
+    if (!std::filesystem::is_directory(path)) {
+        return {finding("Project", Verdict::problem, "No Xcode project at " + given,
+                        "Choose the project: " + setAgain + " with its path.")};
+    }
+    if (!PipelineManager::buildsFromProject(profile)) {
+        return {finding("Project", Verdict::problem,
+                        given + " is a folder, not an Xcode project (.xcodeproj or .xcworkspace)",
+                        setAgain + " to store the project it holds.")};
+    }
+    return {finding("Project", Verdict::ok, given)};
 }
 
 DoctorFinding ReleaseDoctor::xcode(std::stop_token stop) const {

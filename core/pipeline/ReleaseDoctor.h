@@ -47,6 +47,8 @@ public:
     std::vector<DoctorFinding> signing(const ProjectProfile* profile,
                                        std::stop_token stop = {}) const;
     DoctorFinding notarization(const ProjectProfile& profile, std::stop_token stop = {}) const;
+    // The profile's project is there and is a project (a folder where it should be is not).
+    std::vector<DoctorFinding> project(const ProjectProfile& profile) const;
     std::vector<DoctorFinding> sparkle(const ProjectProfile& profile) const;
     std::vector<DoctorFinding> website(const ProjectProfile& profile,
                                        std::stop_token stop = {}) const;

@@ -222,6 +222,24 @@ TEST_F(DoctorWithSandbox, SparkleKeyAndFeedAgainstWhatTheAppCarries) {
     EXPECT_EQ(found[0].advice, "Run 'veltra sparkle setup Sample'.");
 }
 
+// The folder holding the project satisfies no release: the doctor says so, and how to fix it.
+TEST_F(DoctorWithSandbox, TheProjectIsAProject) {
+    EXPECT_EQ(verdicts(doctor.project(profile)), "Project:ok ");
+    auto folder = profile;
+    folder.sourceProjectPath = sandbox.project().parent_path().string();
+    const auto found = doctor.project(folder);
+    ASSERT_EQ(verdicts(found), "Project:problem ");
+    EXPECT_EQ(found[0].found,
+              *folder.sourceProjectPath +
+                  " is a folder, not an Xcode project (.xcodeproj or .xcworkspace)");
+    EXPECT_EQ(found[0].advice, "Run 'veltra profile set Sample sourceProjectPath=" +
+                                   *folder.sourceProjectPath + "' to store the project it holds.");
+    folder.sourceProjectPath = (dir / "Gone.xcodeproj").string();
+    EXPECT_EQ(verdicts(doctor.project(folder)), "Project:problem ");
+    folder.sourceProjectPath.reset();
+    EXPECT_EQ(verdicts(doctor.project(folder)), "");
+}
+
 TEST_F(DoctorWithSandbox, WebsiteOriginLiveFeedAndNextBuild) {
     auto found = doctor.website(profile);
     EXPECT_EQ(verdicts(found), "Website:ok Website origin:ok Live feed:ok Next build:ok ");

@@ -526,6 +526,23 @@ TEST_F(ReleaseRun, AnAppNameThatLeadsOutIsRefusedFirst) {
     EXPECT_TRUE(runsOf("xcodebuild").empty());
 }
 
+// A feed on the publishing branch that a release would write into but that does not read stops
+// the release before anything is built, saying where it breaks.
+TEST_F(ReleaseRun, ABrokenFeedStopsThePreflightSayingWhereItBreaks) {
+    const auto feed = sandbox.website() / "downloads" / "appcast.xml";
+    auto text = readFile(feed);
+    text.erase(text.find("</channel>"), std::string_view("</channel>").size());
+    testing::writeFile(feed, text);
+    testing::git(sandbox.website(), {"commit", "--quiet", "-am", "Lose the channel's end"});
+    testing::git(sandbox.website(), {"push", "--quiet", "origin", "main"});
+    release(4);
+    EXPECT_TRUE(failure().starts_with(
+        "The update feed is invalid. Repair it before releasing. Reason: line "))
+        << failure();
+    EXPECT_EQ(pipeline.failedStepID(), "preflight");
+    EXPECT_TRUE(runsOf("xcodebuild").empty());
+}
+
 // A profile whose project is not there, or is a folder, names the path it was given.
 TEST_F(ReleaseRun, AMissingProjectIsNamed) {
     const auto folder = sandbox.project().parent_path();
