@@ -90,7 +90,7 @@ fs::path sourceFolder(const ProjectProfile& profile) {
 FeedSummary latestBuild(const std::string& feed) {
     const auto items = SparkleFeedParser::parse(feed);
     if (!items) {
-        return {"the feed cannot be read", true};
+        return {"the feed cannot be read: " + SparkleFeedParser::problem(feed), true};
     }
     const auto newest = newestBuild(*items);
     return {newest ? "latest build " + std::to_string(newest->build) : "no release yet", false};

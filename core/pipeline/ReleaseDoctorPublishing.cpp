@@ -171,10 +171,12 @@ std::vector<DoctorFinding> ReleaseDoctor::website(const ProjectProfile& profile,
                                 "site."));
     } else {
         try {
-            const auto items = SparkleFeedParser::parse(reader.liveFeed(url, stop));
+            const auto text = reader.liveFeed(url, stop);
+            const auto items = SparkleFeedParser::parse(text);
             if (!items) {
                 found.push_back(finding("Live feed", Verdict::problem,
-                                        url + " is not a feed Sparkle can read",
+                                        url + " is not a feed Sparkle can read (" +
+                                            SparkleFeedParser::problem(text) + ")",
                                         "Publish a valid appcast.xml at that address."));
             } else {
                 if (const auto newest = newestBuild(*items)) {

@@ -341,7 +341,11 @@ TEST_F(StudioWindow, TheSparklePageReadsTheCommittedAndTheLiveFeed) {
     branch->clear();
     find<WizardPage>("sparkle")->reload();
     ASSERT_TRUE(waitFor([&] { return !branch->text().isEmpty(); }));
-    EXPECT_EQ(shown(branch), std::make_pair(std::string("main: the feed cannot be read"), true));
+    EXPECT_EQ(
+        shown(branch),
+        std::make_pair(std::string("main: the feed cannot be read: line 1, column 1: unclosed "
+                                   "token"),
+                       true));
 }
 
 // Answers the next modal dialog, whenever it opens (a page may open it after background work).
