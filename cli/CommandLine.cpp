@@ -248,6 +248,7 @@ int runCommandLine(const std::vector<std::string>& given, CliContext& context) {
     addReleaseCommand(app, context);
     addDemoCommand(app, context);
     addDoctorCommand(app, context);
+    addTelemetryCommands(app, context);
     app.add_subcommand("help", "Show the help of veltra or of a command (veltra help COMMAND…)")
         ->allow_extras();
     addCompletionCommand(app, context);

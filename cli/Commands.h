@@ -28,6 +28,7 @@ void addWebsiteCommands(CLI::App& app, CliContext& context);
 void addReleaseCommand(CLI::App& app, CliContext& context);
 void addDemoCommand(CLI::App& app, CliContext& context);
 void addDoctorCommand(CLI::App& app, CliContext& context);
+void addTelemetryCommands(CLI::App& app, CliContext& context);
 // Added last: it describes the commands added before it.
 void addCompletionCommand(CLI::App& app, CliContext& context);
 void addManualCommand(CLI::App& app, CliContext& context, const std::string& version);
