@@ -3,6 +3,8 @@
 #include "Commands.h"
 #include "JsonOutput.h"
 #include "Terminal.h"
+#include "core/pipeline/TelemetryEvents.h"
+#include "core/support/Telemetry.h"
 #include "core/support/VeltraError.h"
 
 #include <algorithm>
@@ -218,6 +220,30 @@ constexpr const char* exitStatuses =
     "Exit status: 0 done, 1 failed, 2 usage error, 3 a check said no (version check, doctor), "
     "130 cancelled.";
 
+// The command's words and the names of the options given, never their values.
+void recordCommand(const CLI::App& app) {
+    std::string command;
+    std::vector<std::string> options;
+    for (const CLI::App* at = &app; at != nullptr;) {
+        for (const auto* option : at->get_options()) {
+            if (option->count() > 0 && !option->get_lnames().empty()) {
+                options.push_back("--" + option->get_lnames().front());
+            }
+        }
+        const auto parsed = at->get_subcommands();
+        at = parsed.empty() ? nullptr : parsed.front();
+        if (at != nullptr) {
+            command += (command.empty() ? "" : " ") + at->get_name();
+        }
+    }
+    if (command.empty()) {
+        return;
+    }
+    TelemetryEvents::record(TelemetryEvents::source(VELTRA_VERSION, false), "command_run",
+                            TelemetryEvents::commandRun(command, options),
+                            TelemetrySettings(TelemetrySettings::defaultFolder()));
+}
+
 } // namespace
 
 int runCommandLine(const std::vector<std::string>& given, CliContext& context) {
@@ -264,8 +290,19 @@ int runCommandLine(const std::vector<std::string>& given, CliContext& context) {
     const bool json = wantsJSON(arguments);
     // CLI11 wants the arguments in reverse order, program name excluded.
     std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
+    // Once a command has run, however it ended.
+    struct Recorded {
+        const CLI::App& app;
+        bool ran = false;
+        ~Recorded() {
+            if (ran) {
+                recordCommand(app);
+            }
+        }
+    } recorded{app};
     try {
         app.parse(reversed);
+        recorded.ran = true;
     } catch (const CLI::CallForHelp&) {
         // The help of the command named, or of veltra.
         context.out << app.help();
@@ -285,10 +322,13 @@ int runCommandLine(const std::vector<std::string>& given, CliContext& context) {
         return report(context, json, "Usage", exitUsage, inTypedOrder(error.what(), arguments),
                       exitUsage, hint);
     } catch (const CancellationError& cancelled) {
+        recorded.ran = true;
         return report(context, json, "Veltra", exitCancelled, cancelled.what(), exitCancelled);
     } catch (const VeltraError& error) {
+        recorded.ran = true;
         return report(context, json, error.domain(), error.code(), error.message(), exitFailure);
     } catch (const std::exception& error) {
+        recorded.ran = true;
         return report(context, json, "Veltra", exitFailure, error.what(), exitFailure);
     }
     if (app.get_subcommands().empty()) {

@@ -3,6 +3,7 @@
 #include "CommandLine.h"
 #include "JsonOutput.h"
 #include "Terminal.h"
+#include "core/pipeline/TelemetryEvents.h"
 
 #include <chrono>
 #include <cmath>
@@ -350,6 +351,10 @@ void showRelease(CliContext& context, OpenStore& store, PipelineManager& pipelin
     struct StopTracing {
         ~StopTracing() { ProcessRunner::setTrace({}); }
     } stopTracing;
+    const TelemetrySettings telemetry(TelemetrySettings::defaultFolder());
+    const auto telemetrySource = TelemetryEvents::source(VELTRA_VERSION, false);
+    TelemetryEvents::record(telemetrySource, "release_started",
+                            TelemetryEvents::releaseStarted(request), telemetry);
     loop.post([&] { pipeline.run(request); });
     // A running step's time ticks each second; a resized window is redrawn at once.
     const auto ticking = std::make_shared<bool>(view == &table);
@@ -374,6 +379,8 @@ void showRelease(CliContext& context, OpenStore& store, PipelineManager& pipelin
     // records the release.
     loop.runPending();
     pipeline.setObserver(nullptr);
+    TelemetryEvents::record(telemetrySource, "release_finished",
+                            TelemetryEvents::releaseFinished(pipeline, request), telemetry);
     if (view == &table) {
         // The last frame leaves room for the closing lines and the shell's prompt.
         table.draw(pipeline, 9);

@@ -1,5 +1,6 @@
 #include "Commands.h"
 #include "JsonOutput.h"
+#include "core/pipeline/TelemetryEvents.h"
 #include "core/support/Telemetry.h"
 
 #include <memory>
@@ -41,6 +42,15 @@ void addTelemetryCommands(CLI::App& app, CliContext& context) {
             context.out << "Telemetry is off (the default). 'veltra telemetry enable' turns it "
                            "on.\n";
         }
+    });
+
+    auto* show = group->add_subcommand("show", "Print exactly the batches that would be sent next");
+    show->callback([&context, settings] {
+        const auto current = settings();
+        const TelemetryQueue queue(current.queueFile());
+        const auto batches =
+            TelemetryEvents::batches(queue.events(), current.installID(), "", queue.dropped());
+        context.out << jsonText(Json(batches)) << '\n';
     });
 
     group->add_subcommand("enable", "Turn telemetry on")->callback([&context, settings] {
