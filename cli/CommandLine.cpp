@@ -4,6 +4,7 @@
 #include "JsonOutput.h"
 #include "Terminal.h"
 #include "core/pipeline/TelemetryEvents.h"
+#include "core/pipeline/TelemetrySender.h"
 #include "core/support/Telemetry.h"
 #include "core/support/VeltraError.h"
 
@@ -239,9 +240,13 @@ void recordCommand(const CLI::App& app) {
     if (command.empty()) {
         return;
     }
+    const TelemetrySettings settings(TelemetrySettings::defaultFolder());
     TelemetryEvents::record(TelemetryEvents::source(VELTRA_VERSION, false), "command_run",
-                            TelemetryEvents::commandRun(command, options),
-                            TelemetrySettings(TelemetrySettings::defaultFolder()));
+                            TelemetryEvents::commandRun(command, options), settings);
+    // At most two seconds at the end of a command, silently, once all it says is out.
+    std::cout.flush();
+    std::cerr.flush();
+    TelemetrySender(settings).send(std::chrono::seconds(2));
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "Commands.h"
 #include "JsonOutput.h"
 #include "core/pipeline/TelemetryEvents.h"
+#include "core/pipeline/TelemetrySender.h"
 #include "core/support/Telemetry.h"
 
 #include <memory>
@@ -51,6 +52,44 @@ void addTelemetryCommands(CLI::App& app, CliContext& context) {
         const auto batches =
             TelemetryEvents::batches(queue.events(), current.installID(), "", queue.dropped());
         context.out << jsonText(Json(batches)) << '\n';
+    });
+
+    auto* flush = group->add_subcommand("flush", "Send the queued events now, and say how it went");
+    flush->callback([&context, settings] {
+        const auto current = settings();
+        if (!current.active()) {
+            context.out << "Telemetry is off: nothing is sent.\n";
+            return;
+        }
+        if (!current.endpoint()) {
+            context.out << "No endpoint is set ('veltra telemetry endpoint URL --key KEY', or "
+                           "VELTRA_TELEMETRY_URL): nothing is sent.\n";
+            return;
+        }
+        const auto sent =
+            TelemetrySender(current).send(std::chrono::seconds(30), true, context.stop);
+        context.out << "Sent " << sent.sent << " event" << (sent.sent == 1 ? "" : "s") << " to "
+                    << *current.endpoint();
+        if (sent.refused > 0) {
+            context.out << "; " << sent.refused << " refused by the server and dropped";
+        }
+        context.out << ".\n";
+        if (sent.problem) {
+            context.out << "Stopped: " << *sent.problem << "; the rest stays queued.\n";
+            context.exitStatus = 1;
+        }
+    });
+    auto* endpoint =
+        group->add_subcommand("endpoint", "Where events go: an https:// address and its key");
+    auto url = std::make_shared<std::string>();
+    auto key = std::make_shared<std::string>();
+    endpoint->add_option("URL", *url, "The batch endpoint (empty to unset)")->required();
+    endpoint->add_option("--key", *key, "The project's API key the batches carry");
+    endpoint->callback([&context, settings, url, key] {
+        auto current = settings();
+        current.setEndpoint(*url, *key);
+        context.out << (url->empty() ? "No endpoint: nothing is sent.\n"
+                                     : "Events go to " + *url + ".\n");
     });
 
     group->add_subcommand("enable", "Turn telemetry on")->callback([&context, settings] {

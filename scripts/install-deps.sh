@@ -14,7 +14,7 @@ packages=(
   llvm-19
   qt6-base-dev qt6-base-dev-tools qt6-qpa-plugins libgl-dev
   xvfb xauth dbus-daemon
-  bash-completion fish zsh
+  bash-completion fish zsh zlib1g-dev
 )
 
 if [[ "$(uname -s)" == "Darwin" ]]; then

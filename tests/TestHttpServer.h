@@ -25,6 +25,8 @@ public:
         std::string target;
         // Header names in lower case.
         std::map<std::string, std::string> headers;
+        // What a request with a Content-Length sent.
+        std::string body{};
     };
     struct Response {
         int status = 200;
@@ -151,6 +153,26 @@ private:
             }
             request.headers[name] = line.substr(line.find_first_not_of(' ', colon + 1));
             at = end + 2;
+        }
+        if (const auto length = request.headers.find("content-length");
+            length != request.headers.end()) {
+            const auto wanted = std::stoul(length->second);
+            auto body = received.substr(received.find("\r\n\r\n") + 4);
+            while (body.size() < wanted && !stopping_) {
+                pollfd poller{connection, POLLIN, 0};
+                if (::poll(&poller, 1, 50) < 0) {
+                    break;
+                }
+                if ((poller.revents & POLLIN) == 0) {
+                    continue;
+                }
+                const auto got = ::recv(connection, buffer, sizeof buffer, 0);
+                if (got <= 0) {
+                    break;
+                }
+                body.append(buffer, static_cast<std::size_t>(got));
+            }
+            request.body = std::move(body);
         }
         {
             std::lock_guard lock(mutex_);

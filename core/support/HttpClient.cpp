@@ -205,8 +205,9 @@ HttpResponse HttpClient::send(const HttpRequest& request, std::stop_token stop) 
         break;
     case HttpRequest::Method::post:
         curl_easy_setopt(handle, CURLOPT_POST, 1L);
-        curl_easy_setopt(handle, CURLOPT_POSTFIELDS, "");
-        curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE, 0L);
+        curl_easy_setopt(handle, CURLOPT_POSTFIELDS, request.body.data());
+        curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE,
+                         static_cast<curl_off_t>(request.body.size()));
         break;
     }
     std::string range;

@@ -30,6 +30,8 @@ struct HttpRequest {
     std::function<void(std::string_view)> onBody{};
     // A kept body larger than this fails the request.
     std::size_t maxBodyBytes = 64u << 20;
+    // What a POST sends (its Content-Type and Content-Encoding go in `headers`).
+    std::string body{};
 };
 
 struct HttpResponse {

@@ -3,6 +3,7 @@
 #include "Date.h"
 #include "FileLock.h"
 #include "FileUtilities.h"
+#include "HttpClient.h"
 #include "Uuid.h"
 #include "VeltraError.h"
 
@@ -58,6 +59,8 @@ TelemetrySettings::TelemetrySettings(fs::path folder, Environment environment)
         const auto json = parseJson(readFile(file()), file().string());
         enabled_ = json.value("enabled", false);
         installID_ = json.value("installID", std::string());
+        endpoint_ = json.value("endpoint", std::string());
+        apiKey_ = json.value("apiKey", std::string());
     } catch (const std::exception&) {
         enabled_ = false;
     }
@@ -77,6 +80,32 @@ std::optional<std::string> TelemetrySettings::overriddenBy() const {
         return "VELTRA_TELEMETRY=0";
     }
     return std::nullopt;
+}
+
+std::optional<std::string> TelemetrySettings::endpoint() const {
+    if (const char* url = environment_("VELTRA_TELEMETRY_URL"); url != nullptr && *url != '\0') {
+        return url;
+    }
+    return endpoint_.empty() ? std::nullopt : std::optional(endpoint_);
+}
+
+std::string TelemetrySettings::apiKey() const {
+    if (const char* key = environment_("VELTRA_TELEMETRY_KEY"); key != nullptr && *key != '\0') {
+        return key;
+    }
+    return apiKey_;
+}
+
+void TelemetrySettings::setEndpoint(const std::string& url, const std::string& key) {
+    if (!url.empty() && !HttpClient::isSecureOrLocalAddress(url)) {
+        throw VeltraError("Veltra", errorCode::invalidSetup,
+                          "The telemetry endpoint must be an https:// address (http:// only for "
+                          "this machine), not " +
+                              url + ".");
+    }
+    endpoint_ = url;
+    apiKey_ = key;
+    save();
 }
 
 void TelemetrySettings::enable() {
@@ -100,7 +129,11 @@ void TelemetrySettings::resetID() {
 
 void TelemetrySettings::save() const {
     createPrivateDirectories(folder_);
-    writeFileAtomically(file(), dumpJson(Json{{"enabled", enabled_}, {"installID", installID_}}),
+    writeFileAtomically(file(),
+                        dumpJson(Json{{"enabled", enabled_},
+                                      {"installID", installID_},
+                                      {"endpoint", endpoint_},
+                                      {"apiKey", apiKey_}}),
                         fs::perms::owner_read | fs::perms::owner_write);
 }
 

@@ -28,6 +28,12 @@ public:
     std::optional<std::string> overriddenBy() const;
     bool active() const { return enabled_ && !overriddenBy(); }
     const std::string& installID() const { return installID_; }
+    // Where events go: VELTRA_TELEMETRY_URL, else the one set with `setEndpoint`; and its key
+    // (VELTRA_TELEMETRY_KEY, else the one set).
+    std::optional<std::string> endpoint() const;
+    std::string apiKey() const;
+    // Refuses anything but https (http only to this machine): VeltraError.
+    void setEndpoint(const std::string& url, const std::string& key);
 
     // Turning it on makes the install ID when there is none; turning it off deletes the queue.
     void enable();
@@ -45,6 +51,8 @@ private:
     Environment environment_;
     bool enabled_ = false;
     std::string installID_;
+    std::string endpoint_;
+    std::string apiKey_;
 };
 
 // The events waiting to be sent: one JSON object a line in a 0600 file, appended with one write

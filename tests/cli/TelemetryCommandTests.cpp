@@ -1,13 +1,16 @@
 // veltra telemetry: off by default, on when asked, and off again whatever the setting when the
 // environment says so.
 
+#include "TestHttpServer.h"
 #include "TestSupport.h"
 #include "VeltraRun.h"
 #include "core/support/FileUtilities.h"
 
+#include <atomic>
 #include <map>
 #include <sstream>
 #include <string>
+#include <zlib.h>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -112,6 +115,108 @@ TEST(TelemetryCommand, ADemoReleaseQueuesEventsThatCarryNothingOfTheApp) {
             }
         }
     }
+}
+
+std::string gunzip(const std::string& packed) {
+    z_stream stream{};
+    EXPECT_EQ(inflateInit2(&stream, 15 + 16), Z_OK);
+    std::string text(1 << 20, '\0');
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(packed.data()));
+    stream.avail_in = static_cast<uInt>(packed.size());
+    stream.next_out = reinterpret_cast<Bytef*>(text.data());
+    stream.avail_out = static_cast<uInt>(text.size());
+    EXPECT_EQ(inflate(&stream, Z_FINISH), Z_STREAM_END);
+    text.resize(stream.total_out);
+    inflateEnd(&stream);
+    return text;
+}
+
+// Sending: batches arrive gzip-compressed in the batch-capture format; only what the server
+// acknowledged leaves the queue; a failure backs off; a hanging server changes nothing the
+// command says.
+TEST(TelemetryCommand, SendsAcknowledgedBatchesAndBacksOff) {
+    testing::TempDir dir;
+    std::atomic<int> status = 200;
+    std::atomic<int> delayMs = 0;
+    testing::TestHttpServer server([&](const testing::TestHttpServer::Request&) {
+        testing::TestHttpServer::Response response;
+        response.status = status.load();
+        response.delay = std::chrono::milliseconds(delayMs.load());
+        return response;
+    });
+    std::map<std::string, std::string> environment{
+        {"HOME", dir.path().string()}, {"DO_NOT_TRACK", ""},
+        {"VELTRA_TELEMETRY", ""},      {"CI", ""},
+        {"VELTRA_TELEMETRY_URL", ""},  {"VELTRA_TELEMETRY_KEY", ""}};
+    const auto veltra = [&](std::vector<std::string> arguments) {
+        return testing::runVeltra(std::move(arguments), environment);
+    };
+    const auto queued = [&] {
+        return nlohmann::json::parse(veltra({"telemetry", "status", "--json"}).output)["queued"]
+            .get<int>();
+    };
+    // Off, or on without an endpoint: nothing goes anywhere.
+    veltra({"profile", "list"});
+    EXPECT_TRUE(server.requests().empty());
+    ASSERT_EQ(veltra({"telemetry", "enable"}).exitCode, 0);
+    EXPECT_EQ(veltra({"telemetry", "endpoint", "http://example.com/batch"}).exitCode, 1)
+        << "only https, or http to this machine";
+    ASSERT_EQ(veltra({"telemetry", "endpoint", server.url("/batch"), "--key", "phc_test"}).exitCode,
+              0);
+
+    // Each command sends what is queued when it ends: here its own event.
+    const auto before = server.requests().size();
+    const auto listed = veltra({"profile", "list"});
+    ASSERT_EQ(server.requests().size(), before + 1);
+    const auto request = server.requests().back();
+    EXPECT_EQ(request.method, "POST");
+    EXPECT_EQ(request.headers.at("content-encoding"), "gzip");
+    const auto batch = nlohmann::json::parse(gunzip(request.body));
+    EXPECT_EQ(batch["api_key"], "phc_test");
+    ASSERT_EQ(batch["batch"].size(), 1u) << batch.dump();
+    const auto& event = batch["batch"][0];
+    EXPECT_EQ(event["event"], "command_run");
+    EXPECT_EQ(event["properties"]["command"], "profile list");
+    EXPECT_EQ(event["distinct_id"],
+              nlohmann::json::parse(veltra({"telemetry", "status", "--json"}).output)["installID"]);
+    EXPECT_EQ(event["timestamp"].get<std::string>().size(), 20u);
+    EXPECT_EQ(queued(), 0) << "acknowledged events leave the queue";
+
+    // A failure keeps the queue and backs off: the next command does not try again.
+    status = 503;
+    veltra({"profile", "list"});
+    const auto tried = server.requests().size();
+    EXPECT_EQ(queued(), 1);
+    EXPECT_TRUE(std::filesystem::exists(dir / ".veltra" / "telemetry" / "backoff.json"));
+    veltra({"profile", "list"});
+    EXPECT_EQ(server.requests().size(), tried) << "backing off";
+
+    // flush sends now; the server back, everything leaves.
+    status = 200;
+    const auto flushed = veltra({"telemetry", "flush"});
+    EXPECT_EQ(flushed.exitCode, 0) << flushed.output;
+    EXPECT_TRUE(flushed.output.starts_with("Sent 3 events to ")) << flushed.output;
+    EXPECT_EQ(queued(), 0);
+
+    // A batch the server refuses for good is dropped.
+    status = 400;
+    const auto sentBefore = server.requests().size();
+    veltra({"profile", "list"});
+    EXPECT_EQ(server.requests().size(), sentBefore + 1);
+    EXPECT_FALSE(std::filesystem::exists(dir / ".veltra" / "telemetry" / "backoff.json"))
+        << "a refusal is no reason to wait";
+    EXPECT_EQ(queued(), 0);
+
+    // A hanging server changes nothing the command says or how it ends.
+    status = 200;
+    delayMs = 30000;
+    const auto hanging = veltra({"profile", "list"});
+    environment["VELTRA_TELEMETRY"] = "0";
+    const auto off = veltra({"profile", "list"});
+    EXPECT_EQ(hanging.exitCode, off.exitCode);
+    EXPECT_EQ(hanging.output, off.output);
+    EXPECT_EQ(hanging.errorOutput, off.errorOutput);
+    EXPECT_EQ(listed.output, off.output);
 }
 
 } // namespace
