@@ -32,13 +32,17 @@ namespace {
 struct TerminalRun {
     int exitCode = -1;
     std::string output; // everything written to the terminal, escapes included
+    // Where the output stood when the window was resized.
+    std::size_t resizedAt = 0;
 };
 
 // Runs veltra on a pseudo-terminal of `columns` x `rows` as its standard output and error.
-// `answer` is typed once the output shows `prompt`.
+// `answer` is typed once the output shows `prompt`; the window becomes `resize` columns wide
+// once the output shows `resizeAt`.
 TerminalRun runOnTerminal(const std::vector<std::string>& arguments, int columns, int rows,
                           const std::map<std::string, std::string>& environment = {},
-                          std::string prompt = {}, const std::string& answer = {}) {
+                          std::string prompt = {}, const std::string& answer = {},
+                          std::string resizeAt = {}, int resize = 0) {
     // Everything the child needs is made before fork: after it, only exec.
     std::vector<std::string> variables;
     for (char** entry = environ; *entry != nullptr; ++entry) {
@@ -93,6 +97,15 @@ TerminalRun runOnTerminal(const std::vector<std::string>& arguments, int columns
                 EXPECT_EQ(::write(master, typed.data(), typed.size()),
                           static_cast<ssize_t>(typed.size()));
                 prompt.clear();
+            }
+            if (!resizeAt.empty() && run.output.find(resizeAt) != std::string::npos) {
+                // As a terminal window does: the kernel tells the foreground processes.
+                winsize wider{};
+                wider.ws_col = static_cast<unsigned short>(resize);
+                wider.ws_row = static_cast<unsigned short>(rows);
+                EXPECT_EQ(::ioctl(master, TIOCSWINSZ, &wider), 0);
+                run.resizedAt = run.output.size();
+                resizeAt.clear();
             }
         } else if (count == 0 || errno != EINTR) {
             break; // EIO once the child and its children have closed the terminal
@@ -192,6 +205,40 @@ TEST(TerminalOutput, TheLiveTableFitsTheWindow) {
     EXPECT_EQ(narrow.exitCode, 0);
     EXPECT_EQ(narrow.output.find("\x1b[H\x1b[J"), std::string::npos);
     EXPECT_NE(narrow.output.find("\x1b[32m\xE2\x9C\x93 Sync Version"), std::string::npos);
+}
+
+// A long step's time ticks while it runs, and a resized window gets frames of its new width.
+TEST(TerminalOutput, TheTableTicksAndFollowsTheWindowsWidth) {
+    const std::map<std::string, std::string> environment{
+        {"TERM", "xterm"},
+        {"PATH", std::string(VELTRA_TOOLS_DIR) + ":" + std::getenv("PATH")},
+        // Each line of the archive's output a while apart: the archive takes seconds.
+        {"VELTRA_FAKE_ARCHIVE_DELAY", "0.4"}};
+    const auto run = runOnTerminal({"demo"}, 60, 30, environment, {}, {}, "Compiling Release", 100);
+    ASSERT_EQ(run.exitCode, 0) << run.output;
+    ASSERT_GT(run.resizedAt, 0u);
+    // The running archive's row showed its time going up: a second and more.
+    const auto plain = withoutColour(run.output);
+    EXPECT_NE(plain.find("Running    "), std::string::npos);
+    // (The terminal ends its lines with \r\n.)
+    EXPECT_TRUE(plain.find(" 1s\r\n") != std::string::npos ||
+                plain.find(" 2s\r\n") != std::string::npos)
+        << "no tick";
+    // The table's rows in frames after the resize are wider than the old window could hold.
+    std::size_t widest = 0;
+    const auto later = withoutColour(run.output.substr(run.resizedAt));
+    for (auto frame = later.find("\x1b[H\x1b[J"); frame != std::string::npos;
+         frame = later.find("\x1b[H\x1b[J", frame + 1)) {
+        auto begin = frame + 6;
+        for (int row = 0; row < 10 && begin < later.size(); ++row) {
+            const auto end = std::min(later.find('\n', begin), later.size());
+            widest =
+                std::max(widest, static_cast<std::size_t>(cells(later.substr(begin, end - begin))));
+            begin = end + 1;
+        }
+    }
+    EXPECT_GT(widest, 60u);
+    EXPECT_LT(widest, 100u);
 }
 
 // Deleting a profile drops its release history: a person at a terminal is asked first.
