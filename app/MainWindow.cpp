@@ -4,11 +4,13 @@
 #include "RunView.h"
 #include "core/xcode/XcodeProjectDiscovery.h"
 
+#include <QAction>
 #include <QFileDialog>
 #include <QHBoxLayout>
 #include <QInputDialog>
 #include <QLabel>
 #include <QListWidget>
+#include <QMenuBar>
 #include <QMessageBox>
 #include <QPushButton>
 #include <QSplitter>
@@ -149,7 +151,50 @@ MainWindow::MainWindow(StudioModel& model, QWidget* parent) : QMainWindow(parent
     }
     showProfiles();
     stepList_->setCurrentRow(0);
+
+    auto* help = menuBar()->addMenu(QStringLiteral("&Help"));
+    shareUsage_ = help->addAction(QStringLiteral("Share Anonymous Usage Data"));
+    shareUsage_->setObjectName(QStringLiteral("shareUsageData"));
+    shareUsage_->setCheckable(true);
+    const auto showUsageSetting = [this] {
+        const auto settings = model_.telemetrySettings();
+        const QSignalBlocker quiet(shareUsage_);
+        shareUsage_->setChecked(settings.active());
+        const auto by = settings.overriddenBy();
+        shareUsage_->setEnabled(!by);
+        shareUsage_->setToolTip(by ? qs(*by + " turns it off.")
+                                   : QStringLiteral("Which steps fail and how long they take, "
+                                                    "never a name, path or message of your app."));
+    };
+    connect(help, &QMenu::aboutToShow, this, showUsageSetting);
+    connect(shareUsage_, &QAction::toggled, this,
+            [this](bool on) { model_.setTelemetryEnabled(on); });
+    showUsageSetting();
     resize(1280, 800);
+}
+
+void MainWindow::openedByUser() {
+    if (model_.telemetrySettings().shouldAsk()) {
+        QMessageBox box(QMessageBox::Question, QStringLiteral("Share Anonymous Usage Data?"),
+                        QStringLiteral("Veltra can send its developers anonymous usage events: "
+                                       "which steps of a release fail, how long they take, and "
+                                       "which hosting provider you use."),
+                        QMessageBox::NoButton, this);
+        box.setInformativeText(
+            QStringLiteral("Never a name, path, address, version or message of your app. You "
+                           "can change this in the Help menu; docs/TELEMETRY.md lists every "
+                           "event."));
+        auto* share = box.addButton(QStringLiteral("Share"), QMessageBox::AcceptRole);
+        auto* notNow = box.addButton(QStringLiteral("Not Now"), QMessageBox::RejectRole);
+        box.setDefaultButton(notNow);
+        box.setEscapeButton(notNow);
+        notNow->setFocus();
+        box.exec();
+        model_.setTelemetryEnabled(box.clickedButton() == share);
+        const QSignalBlocker quiet(shareUsage_);
+        shareUsage_->setChecked(box.clickedButton() == share);
+    }
+    model_.opened();
 }
 
 WizardPage* MainWindow::page(StudioStep step) const {

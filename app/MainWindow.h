@@ -6,6 +6,7 @@
 #include <QMainWindow>
 #include <vector>
 
+class QAction;
 class QListWidget;
 class QStackedWidget;
 class QTabWidget;
@@ -40,6 +41,12 @@ public:
     void renameSelected(const QString& name);
     void deleteSelected();
 
+    // Asks once whether anonymous usage data may be shared ("Not Now" is the default), then
+    // records the Studio's opening. Not asked on CI or when the environment decided.
+    void openedByUser();
+    // The menu's switch for the same setting.
+    QAction* shareUsageAction() const { return shareUsage_; }
+
     // The last problem shown to the user.
     const QString& lastProblem() const { return lastProblem_; }
 
@@ -59,6 +66,7 @@ private:
     QPushButton* next_;
     RunView* run_;
     HistoryView* history_;
+    QAction* shareUsage_;
     QString lastProblem_;
 };
 

@@ -1,5 +1,7 @@
 #include "StudioModel.h"
 
+#include "core/pipeline/TelemetryEvents.h"
+#include "core/pipeline/TelemetrySender.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/VeltraError.h"
 
@@ -29,7 +31,7 @@ std::unique_ptr<UserNotificationCenter> makeSystemNotificationCenter() {
 } // namespace
 
 StudioModel::StudioModel(Options options, QObject* parent)
-    : QObject(parent), notifications_(queue_) {
+    : QObject(parent), notifications_(queue_), telemetryFolder_(options.telemetryFolder) {
     settings_ = options.settingsFile.isEmpty()
                     ? std::make_unique<QSettings>()
                     : std::make_unique<QSettings>(options.settingsFile, QSettings::IniFormat);
@@ -110,6 +112,8 @@ std::optional<std::string> StudioModel::startRelease() {
     if (!chosen.notes.empty()) {
         request.notes = chosen.notes;
     }
+    runningRequest_ = request;
+    record("release_started", TelemetryEvents::releaseStarted(request));
     pipeline_->run(std::move(request));
     Q_EMIT runStarted();
     return std::nullopt;
@@ -128,7 +132,55 @@ void StudioModel::logsPublished(const std::vector<ReleaseLogEntry>& batch) {
 }
 
 void StudioModel::runFinished(const PipelineManager&) {
+    if (runningRequest_) {
+        record("release_finished", TelemetryEvents::releaseFinished(*pipeline_, *runningRequest_));
+        runningRequest_.reset();
+        sendTelemetry();
+    }
     Q_EMIT runEnded();
+}
+
+void StudioModel::setTelemetryEnabled(bool enabled) {
+    auto settings = telemetrySettings();
+    settings.markAsked();
+    if (enabled) {
+        settings.enable();
+    } else {
+        settings.disable();
+    }
+}
+
+void StudioModel::opened() {
+    record("studio_opened", Json::object());
+    sendTelemetry();
+}
+
+void StudioModel::record(const std::string& event, Json properties) {
+    TelemetryEvents::record(TelemetryEvents::source(VELTRA_VERSION, true), event,
+                            std::move(properties), telemetrySettings());
+}
+
+void StudioModel::sendTelemetry() {
+    const auto settings = telemetrySettings();
+    if (!settings.active() || !settings.endpoint()) {
+        return;
+    }
+    if (sending_) {
+        sendAgain_ = true;
+        return;
+    }
+    sending_ = true;
+    background_.run<TelemetrySendResult>(
+        this,
+        [settings](std::stop_token stop) {
+            return TelemetrySender(settings).send(std::chrono::seconds(30), false, stop);
+        },
+        [this](TelemetrySendResult) {
+            sending_ = false;
+            if (std::exchange(sendAgain_, false)) {
+                sendTelemetry();
+            }
+        });
 }
 
 } // namespace veltra::studio

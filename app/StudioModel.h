@@ -7,6 +7,7 @@
 #include "core/pipeline/PipelineManager.h"
 #include "core/pipeline/WebsitePublicationWatcher.h"
 #include "core/profile/ProfileStore.h"
+#include "core/support/Telemetry.h"
 
 #include <QObject>
 #include <QSettings>
@@ -30,6 +31,8 @@ public:
         // How often and how long a pushed release is checked on the live site.
         WebsiteWatchTiming watchTiming{};
         bool withNotifications = true;
+        // Where the telemetry setting and queue are (~/.veltra).
+        std::filesystem::path telemetryFolder = TelemetrySettings::defaultFolder();
     };
 
     explicit StudioModel(Options options, QObject* parent = nullptr);
@@ -61,6 +64,12 @@ public:
     // Checks one recorded release on the live site now.
     void checkWebsite(const Uuid& profileID, const std::string& releaseID);
 
+    // Read anew each time: the command line may have changed it meanwhile.
+    TelemetrySettings telemetrySettings() const { return TelemetrySettings(telemetryFolder_); }
+    void setTelemetryEnabled(bool enabled);
+    // Records studio_opened (when telemetry is on) and sends what is queued.
+    void opened();
+
 Q_SIGNALS:
     void profilesChanged();
     void stepsUpdated();
@@ -75,6 +84,9 @@ private:
     void stepsChanged(const PipelineManager&) override;
     void logsPublished(const std::vector<ReleaseLogEntry>& batch) override;
     void runFinished(const PipelineManager&) override;
+    void record(const std::string& event, Json properties);
+    // One round at a time, in the background; a request during a round starts another after it.
+    void sendTelemetry();
 
     QtMainQueue queue_;
     NotificationCenter notifications_;
@@ -87,6 +99,10 @@ private:
     std::unique_ptr<ReleaseNotificationsViewModel> releaseNotifications_;
     NotificationCenter::Registration openObserver_;
     std::map<std::string, ReleaseChoices> choices_;
+    std::filesystem::path telemetryFolder_;
+    std::optional<ReleaseRequest> runningRequest_;
+    bool sending_ = false;
+    bool sendAgain_ = false;
     Background background_;
 };
 

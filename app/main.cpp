@@ -8,6 +8,7 @@
 #include <QCommandLineParser>
 #include <QMessageBox>
 #include <QTemporaryDir>
+#include <QTimer>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
@@ -99,6 +100,10 @@ int main(int argc, char** argv) {
     }
     auto window = std::make_unique<MainWindow>(*model);
     window->show();
+    if (!parser.isSet(screenshots)) {
+        // After the window is up, so the question has something to belong to.
+        QTimer::singleShot(0, window.get(), [&window] { window->openedByUser(); });
+    }
 
     std::unique_ptr<StudioScreenshots> shots;
     if (parser.isSet(screenshots)) {

@@ -132,6 +132,7 @@ void PipelineManager::run(ReleaseRequest request) {
     steps_ = stepList(fromProject);
     stepStarts_.assign(steps_.size(), Clock::time_point{});
     errorMessage_.reset();
+    error_.reset();
     completedManifest_.reset();
     failedStepID_.reset();
     runningStepID_.reset();
@@ -165,7 +166,7 @@ void PipelineManager::cancel() {
 }
 
 void PipelineManager::finishOnMain(std::optional<ReleaseManifest> manifest,
-                                   std::optional<std::string> error, bool cancelled,
+                                   std::optional<VeltraError> error, bool cancelled,
                                    std::optional<Uuid> profileID, bool record) {
     // Lines the worker logged come first.
     logStream_.stopStreaming();
@@ -189,9 +190,10 @@ void PipelineManager::finishOnMain(std::optional<ReleaseManifest> manifest,
         markRunning(StepStatus::failed, "Cancelled");
         isCancelled_ = true;
     } else if (error) {
-        markRunning(StepStatus::failed, *error);
-        logStream_.log("Error: " + *error, true);
-        errorMessage_ = error;
+        markRunning(StepStatus::failed, error->message());
+        logStream_.log("Error: " + error->message(), true);
+        errorMessage_ = error->message();
+        error_ = error;
         if (sounds_ != nullptr && sounds_->applicationIsActive()) {
             sounds_->play("Basso");
         }

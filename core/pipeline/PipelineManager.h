@@ -8,6 +8,7 @@
 #include "core/records/ReleaseManifest.h"
 #include "core/support/MainQueue.h"
 #include "core/support/NotificationCenter.h"
+#include "core/support/VeltraError.h"
 #include "core/xcode/AppInspector.h"
 
 #include <chrono>
@@ -93,6 +94,8 @@ public:
     const std::optional<ReleaseManifest>& completedManifest() const { return completedManifest_; }
     const std::optional<std::string>& activeReleaseAppName() const { return activeAppName_; }
     const std::optional<std::string>& errorMessage() const { return errorMessage_; }
+    // The failure's domain and code ("Veltra", 500 for anything that was not a VeltraError).
+    const std::optional<VeltraError>& error() const { return error_; }
     std::optional<std::string> failedStepID() const { return failedStepID_; }
     PipelineLogStream& logStream() { return logStream_; }
 
@@ -129,7 +132,7 @@ private:
     void deployStage(RunState& run);
     void publishToGitHub(RunState& run);
     void runPostScript(RunState& run, const ReleaseManifest& manifest);
-    void finishOnMain(std::optional<ReleaseManifest> manifest, std::optional<std::string> error,
+    void finishOnMain(std::optional<ReleaseManifest> manifest, std::optional<VeltraError> error,
                       bool cancelled, std::optional<Uuid> profileID, bool record = true);
     void dryRunSummary(RunState& run, double elapsed);
     void keepForResume(RunState& run);
@@ -154,6 +157,7 @@ private:
     std::optional<ReleaseManifest> completedManifest_;
     std::optional<std::string> activeAppName_;
     std::optional<std::string> errorMessage_;
+    std::optional<VeltraError> error_;
     std::optional<std::string> failedStepID_;
     std::optional<std::string> runningStepID_; // main queue's view
     std::shared_ptr<int> lifetime_ = std::make_shared<int>(0);

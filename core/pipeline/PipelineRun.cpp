@@ -224,10 +224,13 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
         finish = [this, id = profile.id] { finishOnMain(std::nullopt, std::nullopt, true, id); };
     } catch (const std::exception& error) {
         keepForResume(run);
-        finish = [this, message = std::string(error.what()), id = profile.id, runID = run.runID,
+        const auto* known = dynamic_cast<const VeltraError*>(&error);
+        auto failure =
+            known != nullptr ? *known : VeltraError("Veltra", errorCode::toolFailed, error.what());
+        finish = [this, failure = std::move(failure), id = profile.id, runID = run.runID,
                   appName = run.appName,
                   version = run.info.version.empty() ? run.version : run.info.version] {
-            finishOnMain(std::nullopt, message, false, id);
+            finishOnMain(std::nullopt, failure, false, id);
             notifications_.post(
                 std::string(ReleaseNotificationEvent::notificationName),
                 ReleaseNotificationEvent{id, runID, appName, version,

@@ -68,6 +68,8 @@ Json TelemetryEvents::releaseFinished(const PipelineManager& pipeline,
             {"failedStep", manifest || pipeline.isCancelled()
                                ? Json(nullptr)
                                : Json(pipeline.failedStepID().value_or("preflight"))},
+            {"errorDomain", pipeline.error() ? Json(pipeline.error()->domain()) : Json(nullptr)},
+            {"errorCode", pipeline.error() ? Json(pipeline.error()->code()) : Json(nullptr)},
             {"stepSeconds", durations},
             {"imageSizeMiB", size},
             {"notarization", profile.notarization.enabled},

@@ -58,6 +58,7 @@ TelemetrySettings::TelemetrySettings(fs::path folder, Environment environment)
     try {
         const auto json = parseJson(readFile(file()), file().string());
         enabled_ = json.value("enabled", false);
+        asked_ = json.value("asked", false);
         installID_ = json.value("installID", std::string());
         endpoint_ = json.value("endpoint", std::string());
         apiKey_ = json.value("apiKey", std::string());
@@ -127,10 +128,21 @@ void TelemetrySettings::resetID() {
     save();
 }
 
+bool TelemetrySettings::shouldAsk() const {
+    const char* ci = environment_("CI");
+    return !asked_ && !enabled_ && !overriddenBy() && (ci == nullptr || *ci == '\0');
+}
+
+void TelemetrySettings::markAsked() {
+    asked_ = true;
+    save();
+}
+
 void TelemetrySettings::save() const {
     createPrivateDirectories(folder_);
     writeFileAtomically(file(),
                         dumpJson(Json{{"enabled", enabled_},
+                                      {"asked", asked_},
                                       {"installID", installID_},
                                       {"endpoint", endpoint_},
                                       {"apiKey", apiKey_}}),

@@ -40,6 +40,11 @@ public:
     void disable();
     // A new install ID: what was recorded before cannot be tied to what comes after.
     void resetID();
+    // Whether the Studio should ask for consent: once, never on CI (the CI variable set), and
+    // not when the environment or the user already decided.
+    bool shouldAsk() const;
+    // Remembers that the user was asked, whatever they answered.
+    void markAsked();
 
     std::filesystem::path file() const { return folder_ / "telemetry.json"; }
     std::filesystem::path queueFile() const { return folder_ / "telemetry" / "queue.jsonl"; }
@@ -50,6 +55,7 @@ private:
     std::filesystem::path folder_;
     Environment environment_;
     bool enabled_ = false;
+    bool asked_ = false;
     std::string installID_;
     std::string endpoint_;
     std::string apiKey_;

@@ -1,6 +1,7 @@
 // veltra telemetry: off by default, on when asked, and off again whatever the setting when the
 // environment says so.
 
+#include "Gunzip.h"
 #include "TestHttpServer.h"
 #include "TestSupport.h"
 #include "VeltraRun.h"
@@ -10,7 +11,6 @@
 #include <map>
 #include <sstream>
 #include <string>
-#include <zlib.h>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -117,20 +117,6 @@ TEST(TelemetryCommand, ADemoReleaseQueuesEventsThatCarryNothingOfTheApp) {
     }
 }
 
-std::string gunzip(const std::string& packed) {
-    z_stream stream{};
-    EXPECT_EQ(inflateInit2(&stream, 15 + 16), Z_OK);
-    std::string text(1 << 20, '\0');
-    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(packed.data()));
-    stream.avail_in = static_cast<uInt>(packed.size());
-    stream.next_out = reinterpret_cast<Bytef*>(text.data());
-    stream.avail_out = static_cast<uInt>(text.size());
-    EXPECT_EQ(inflate(&stream, Z_FINISH), Z_STREAM_END);
-    text.resize(stream.total_out);
-    inflateEnd(&stream);
-    return text;
-}
-
 // Sending: batches arrive gzip-compressed in the batch-capture format; only what the server
 // acknowledged leaves the queue; a failure backs off; a hanging server changes nothing the
 // command says.
@@ -171,7 +157,7 @@ TEST(TelemetryCommand, SendsAcknowledgedBatchesAndBacksOff) {
     const auto request = server.requests().back();
     EXPECT_EQ(request.method, "POST");
     EXPECT_EQ(request.headers.at("content-encoding"), "gzip");
-    const auto batch = nlohmann::json::parse(gunzip(request.body));
+    const auto batch = nlohmann::json::parse(testing::gunzip(request.body));
     EXPECT_EQ(batch["api_key"], "phc_test");
     ASSERT_EQ(batch["batch"].size(), 1u) << batch.dump();
     const auto& event = batch["batch"][0];

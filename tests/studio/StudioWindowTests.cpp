@@ -5,10 +5,12 @@
 #include "AppleTools.h"
 #include "DMGPreview.h"
 #include "GitFixture.h"
+#include "Gunzip.h"
 #include "HistoryView.h"
 #include "MainWindow.h"
 #include "RunView.h"
 #include "StudioTestSupport.h"
+#include "TestHttpServer.h"
 #include "WizardPages.h"
 #include "core/demo/DemoSandbox.h"
 #include "core/dmg/DMGInstallerLayout.h"
@@ -25,6 +27,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
+#include <QMessageBox>
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QRadioButton>
@@ -33,9 +36,11 @@
 #include <QTimer>
 #include <QTreeWidget>
 #include <fstream>
+#include <mutex>
 #include <set>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 namespace veltra::studio {
 namespace {
@@ -72,6 +77,7 @@ protected:
         options.settingsFile = QString::fromStdString((dir / "studio.ini").string());
         options.watchTiming = {100ms, 120s, 50ms};
         options.withNotifications = false;
+        options.telemetryFolder = dir / "veltra";
         model = std::make_unique<StudioModel>(options);
         model->pipeline().temporaryDirectory = dir / "tmp";
         model->store().add(sandbox.profile());
@@ -216,6 +222,93 @@ TEST_F(StudioWindow, AFailedReleaseShowsItsErrorLinesInTheErrorStyle) {
     }
     EXPECT_GT(errors, 0);
     EXPECT_FALSE(find<QGroupBox>("result")->isVisible());
+}
+
+// Usage data: asked once on first launch with "Not Now" the default; once shared (from the
+// Help menu), the Studio's own events go to the endpoint in the background, a failed release
+// carrying its error's kind and nothing of its app; turned off, the queue is gone.
+TEST_F(StudioWindow, AsksOnceForUsageDataAndSendsTheStudiosEventsInTheBackground) {
+    const testing::ScopedEnvironment notCI("CI", "");
+    const testing::ScopedEnvironment tracking("DO_NOT_TRACK", "");
+    const testing::ScopedEnvironment allowed("VELTRA_TELEMETRY", "");
+    const testing::ScopedEnvironment noURL("VELTRA_TELEMETRY_URL", "");
+    std::mutex lock;
+    std::vector<nlohmann::json> events;
+    testing::TestHttpServer server([&](const testing::TestHttpServer::Request& request) {
+        const auto batch = nlohmann::json::parse(testing::gunzip(request.body));
+        const std::lock_guard held(lock);
+        for (const auto& event : batch["batch"]) {
+            events.push_back(event);
+        }
+        return testing::TestHttpServer::Response{};
+    });
+    const auto sent = [&](const std::string& name) -> std::optional<nlohmann::json> {
+        const std::lock_guard held(lock);
+        for (const auto& event : events) {
+            if (event["event"] == name) {
+                return event;
+            }
+        }
+        return std::nullopt;
+    };
+
+    // First launch: the question, answered with Return, declines.
+    int asked = 0;
+    QTimer answer;
+    QObject::connect(&answer, &QTimer::timeout, [&] {
+        if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
+            ++asked;
+            EXPECT_EQ(box->defaultButton()->text(), QStringLiteral("Not Now"));
+            EXPECT_EQ(QApplication::focusWidget(), box->defaultButton());
+            box->defaultButton()->click();
+        }
+    });
+    answer.start(10);
+    window->openedByUser();
+    EXPECT_EQ(asked, 1);
+    EXPECT_FALSE(model->telemetrySettings().enabledSetting());
+    EXPECT_FALSE(window->shareUsageAction()->isChecked());
+    window->openedByUser();
+    EXPECT_EQ(asked, 1) << "asked once";
+    EXPECT_FALSE(fs::exists(model->telemetrySettings().queueFile()));
+
+    // Shared from the Help menu.
+    window->shareUsageAction()->trigger();
+    ASSERT_TRUE(model->telemetrySettings().active());
+    model->telemetrySettings().setEndpoint(server.url("/batch"), "phc_studio");
+    window->openedByUser();
+    EXPECT_EQ(asked, 1);
+    ASSERT_TRUE(waitFor([&] { return sent("studio_opened").has_value(); }));
+    EXPECT_EQ((*sent("studio_opened"))["properties"]["surface"], "studio");
+
+    fake("VELTRA_FAKE_ARCHIVE", "compile-error");
+    window->startRelease();
+    ASSERT_TRUE(waitFor([&] { return !model->pipeline().isRunning(); }));
+    ASSERT_TRUE(waitFor([&] { return sent("release_finished").has_value(); }));
+    EXPECT_TRUE(sent("release_started"));
+    const auto finished = (*sent("release_finished"))["properties"];
+    EXPECT_EQ(finished["outcome"], "failed");
+    EXPECT_EQ(finished["failedStep"], *model->pipeline().failedStepID());
+    EXPECT_EQ(finished["errorDomain"], model->pipeline().error()->domain());
+    EXPECT_EQ(finished["errorCode"], model->pipeline().error()->code());
+    const auto all = [&] {
+        const std::lock_guard held(lock);
+        return nlohmann::json(events).dump();
+    }();
+    for (const auto& personal :
+         {selected().name, *selected().sourceProjectPath, *model->pipeline().errorMessage()}) {
+        EXPECT_EQ(all.find(personal), std::string::npos) << personal;
+    }
+    ASSERT_TRUE(waitFor([&] {
+        return !fs::exists(model->telemetrySettings().queueFile()) ||
+               TelemetryQueue(model->telemetrySettings().queueFile()).events().empty();
+    }));
+
+    // Off again: nothing is kept.
+    TelemetryQueue(model->telemetrySettings().queueFile()).append({{"event", "studio_opened"}});
+    window->shareUsageAction()->trigger();
+    EXPECT_FALSE(model->telemetrySettings().enabledSetting());
+    EXPECT_FALSE(fs::exists(model->telemetrySettings().queueFile()));
 }
 
 TEST_F(StudioWindow, TheLogStopsFollowingWhileTheUserReadsHigherUp) {

@@ -8,7 +8,8 @@
 #include <fstream>
 #include <map>
 #include <sys/stat.h>
-#include <thread>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -64,6 +65,30 @@ TEST(TelemetrySettings, OffUntilTurnedOnAndTheEnvironmentWins) {
     EXPECT_FALSE(TelemetrySettings(dir / ".veltra", environment).enabledSetting());
 }
 
+// The Studio asks once, and never where a CI job or the environment already decided.
+TEST(TelemetrySettings, AsksForConsentOnceAndNeverOnCI) {
+    testing::TempDir dir;
+    for (const auto& [ci, doNotTrack, asks] :
+         {std::tuple{"", "", true}, std::tuple{"true", "", false}, std::tuple{"", "1", false}}) {
+        const std::map<std::string, std::string> variables{{"CI", ci},
+                                                           {"DO_NOT_TRACK", doNotTrack}};
+        const auto environment = [&](const char* name) -> const char* {
+            const auto found = variables.find(name);
+            return found == variables.end() ? nullptr : found->second.c_str();
+        };
+        EXPECT_EQ(TelemetrySettings(dir / "fresh", environment).shouldAsk(), asks)
+            << "CI=" << ci << " DO_NOT_TRACK=" << doNotTrack;
+    }
+    const auto none = [](const char*) -> const char* { return nullptr; };
+    TelemetrySettings settings(dir / "asked", none);
+    settings.markAsked();
+    EXPECT_FALSE(settings.active()) << "asking is not consenting";
+    EXPECT_FALSE(TelemetrySettings(dir / "asked", none).shouldAsk());
+    TelemetrySettings enabled(dir / "enabled", none);
+    enabled.enable();
+    EXPECT_FALSE(enabled.shouldAsk());
+}
+
 TEST(TelemetryQueue, AppendsPrivatelyAndSkipsATornLine) {
     testing::TempDir dir;
     const auto file = dir / "telemetry" / "queue.jsonl";
@@ -114,21 +139,52 @@ TEST(TelemetryQueue, KeepsItsCapsAndDropsOldEvents) {
     EXPECT_TRUE(queue.events().empty());
 }
 
-// Two writers at once (each with its own lock, as two processes have): every event lands whole.
-TEST(TelemetryQueue, WritersAtOnceLoseNothing) {
+// Two processes appending at once, each past a cap, as two Veltra commands may: every event
+// lands whole and none is lost but the oldest the cap drops.
+TEST(TelemetryQueue, TwoProcessesAppendingAtOnceLoseNothing) {
     testing::TempDir dir;
-    {
-        std::vector<std::jthread> writers;
-        for (int w = 0; w < 2; ++w) {
-            writers.emplace_back([&, w] {
-                TelemetryQueue queue(dir / "queue.jsonl");
-                for (int i = 0; i < 100; ++i) {
-                    queue.append({{"writer", w}, {"n", i}});
-                }
-            });
+    const auto file = dir / "telemetry" / "queue.jsonl";
+    constexpr int perWriter = 600;
+    std::vector<pid_t> writers;
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    for (int w = 0; w < 2; ++w) {
+        const pid_t pid = ::fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            // Both start together, so their appends interleave.
+            char go = 0;
+            ::close(ready[1]);
+            const bool started = ::read(ready[0], &go, 1) == 0;
+            TelemetryQueue queue(file);
+            for (int i = 0; started && i < perWriter; ++i) {
+                queue.append({{"writer", w}, {"n", i}});
+            }
+            ::_exit(started ? 0 : 1);
         }
+        writers.push_back(pid);
     }
-    EXPECT_EQ(TelemetryQueue(dir / "queue.jsonl").events().size(), 200u);
+    ::close(ready[0]);
+    ::close(ready[1]);
+    for (const auto pid : writers) {
+        int status = 0;
+        ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    const TelemetryQueue queue(file);
+    const auto events = queue.events();
+    EXPECT_EQ(events.size(), TelemetryQueue::maxEvents);
+    EXPECT_EQ(queue.dropped(), 2 * perWriter - TelemetryQueue::maxEvents);
+    // Each writer's events are still in order, and its last one is there.
+    std::map<int, int> last{{0, -1}, {1, -1}};
+    for (const auto& event : events) {
+        const int writer = event.at("writer");
+        const int n = event.at("n");
+        EXPECT_GT(n, last[writer]);
+        last[writer] = n;
+    }
+    EXPECT_EQ(last[0], perWriter - 1);
+    EXPECT_EQ(last[1], perWriter - 1);
 }
 
 } // namespace
