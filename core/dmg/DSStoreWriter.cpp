@@ -42,15 +42,6 @@ ssize_t getAttribute(const std::filesystem::path& path, void* value, std::size_t
 #endif
 }
 
-std::array<std::uint8_t, 32> finderInfo(const std::filesystem::path& path) {
-    std::array<std::uint8_t, 32> info{};
-    const auto read = getAttribute(path, info.data(), info.size());
-    if (read != static_cast<ssize_t>(info.size())) {
-        info.fill(0);
-    }
-    return info;
-}
-
 struct FileTimes {
     std::int64_t created = 0;
     std::uint64_t id = 0;
@@ -194,24 +185,47 @@ void DSStoreWriter::write(const std::filesystem::path& volume, const DMGDesignCo
     }
 }
 
-void setExtensionHidden(const std::filesystem::path& bundle, bool hidden) {
-    auto info = finderInfo(bundle);
+std::array<std::uint8_t, 32> finderInfo(const std::filesystem::path& path) {
+    std::array<std::uint8_t, 32> info{};
+    const auto read = getAttribute(path, info.data(), info.size());
+    if (read != static_cast<ssize_t>(info.size())) {
+        info.fill(0);
+    }
+    return info;
+}
+
+namespace {
+
+void setFinderFlag(const std::filesystem::path& item, std::uint16_t flag, bool on,
+                   const std::string& what) {
+    auto info = finderInfo(item);
     auto flags = static_cast<std::uint16_t>(info[8] << 8 | info[9]);
-    flags = hidden ? static_cast<std::uint16_t>(flags | extensionHiddenFlag)
-                   : static_cast<std::uint16_t>(flags & ~extensionHiddenFlag);
+    flags =
+        on ? static_cast<std::uint16_t>(flags | flag) : static_cast<std::uint16_t>(flags & ~flag);
     info[8] = static_cast<std::uint8_t>(flags >> 8);
     info[9] = static_cast<std::uint8_t>(flags);
 #ifdef __APPLE__
     const int status =
-        ::setxattr(bundle.c_str(), finderInfoName, info.data(), info.size(), 0, XATTR_NOFOLLOW);
+        ::setxattr(item.c_str(), finderInfoName, info.data(), info.size(), 0, XATTR_NOFOLLOW);
 #else
-    const int status = ::lsetxattr(bundle.c_str(), finderInfoName, info.data(), info.size(), 0);
+    const int status = ::lsetxattr(item.c_str(), finderInfoName, info.data(), info.size(), 0);
 #endif
     if (status != 0) {
         throw VeltraError("POSIX", errno,
-                          "Could not hide the extension of " + bundle.filename().string() + ": " +
+                          "Could not " + what + " " + item.filename().string() + ": " +
                               std::strerror(errno));
     }
+}
+
+} // namespace
+
+void setExtensionHidden(const std::filesystem::path& bundle, bool hidden) {
+    setFinderFlag(bundle, extensionHiddenFlag, hidden, "hide the extension of");
+}
+
+void setCustomIcon(const std::filesystem::path& folder, bool custom) {
+    constexpr std::uint16_t customIconFlag = 0x0400;
+    setFinderFlag(folder, customIconFlag, custom, "give its icon to");
 }
 
 bool isExtensionHidden(const std::filesystem::path& bundle) {

@@ -2,6 +2,7 @@
 
 #include "core/records/DMGDesignConfig.h"
 
+#include <array>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -34,6 +35,11 @@ public:
 // the "com.apple.FinderInfo" extended attribute ("user.com.apple.FinderInfo" off macOS).
 // Throws VeltraError (domain "POSIX") when the attribute cannot be written.
 void setExtensionHidden(const std::filesystem::path& bundle, bool hidden);
+// Finder shows the folder (a mounted volume's root) with its .VolumeIcon.icns: the custom-icon
+// bit of its Finder info. Throws VeltraError (domain "POSIX") when it cannot be written.
+void setCustomIcon(const std::filesystem::path& folder, bool custom);
+// The 32 bytes of an item's Finder info (all zero when it has none).
+std::array<std::uint8_t, 32> finderInfo(const std::filesystem::path& path);
 // Whether that bit is set.
 bool isExtensionHidden(const std::filesystem::path& bundle);
 
