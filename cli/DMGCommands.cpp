@@ -5,6 +5,8 @@
 #include "core/dmg/DMGBackgroundRenderer.h"
 #include "core/dmg/DMGBuilder.h"
 #include "core/dmg/DMGInstallerLayout.h"
+#include "core/dmg/HFSPlusVolume.h"
+#include "core/dmg/UDIFImage.h"
 #include "core/support/PropertyList.h"
 
 #include <cmath>
@@ -46,7 +48,13 @@ void addBuild(CLI::App& group, CliContext& context) {
     command->add_option("--output", *output,
                         "The image to write (default: <output folder>/<app>-<version>.dmg)");
     command->add_option("--identity", *identity, "Sign the image with this identity");
-    command->callback([&context, app, profile, output, identity, earlier] {
+    auto engine = std::make_shared<std::string>("auto");
+    command
+        ->add_option("--engine", *engine,
+                     "hdiutil, native (Veltra's own HFS+ and UDIF writer) or auto (hdiutil "
+                     "where there is one)")
+        ->check(CLI::IsMember({"auto", "hdiutil", "native"}));
+    command->callback([&context, app, profile, output, identity, earlier, engine] {
         if (!earlier->empty() && app->empty()) {
             *app = *profile;
             *profile = *earlier;
@@ -79,6 +87,9 @@ void addBuild(CLI::App& group, CliContext& context) {
             options.outputDMGPath =
                 folder / (version.empty() ? name + ".dmg" : name + "-" + version + ".dmg");
         }
+        options.engine = *engine == "native"    ? DMGEngine::native
+                         : *engine == "hdiutil" ? DMGEngine::hdiutil
+                                                : DMGEngine::automatic;
         LinePrinter print(context.out);
         DMGBuilder().build(options, std::ref(print), context.stop);
     });
@@ -159,6 +170,73 @@ void addLayout(CLI::App& group, CliContext& context) {
     });
 }
 
+void addVerify(CLI::App& group, CliContext& context) {
+    auto* command = group.add_subcommand(
+        "verify", "Check a disk image's checksums and volume, and list its top level");
+    auto file = std::make_shared<std::string>();
+    auto json = std::make_shared<bool>(false);
+    command->add_option("FILE", *file, "The .dmg (made by Veltra or by hdiutil)")->required();
+    command->add_flag("--json", *json, "Print the result as JSON");
+    command->callback([&context, file, json] {
+        const UDIFImage image(expandTilde(*file));
+        image.verify(context.stop);
+        // The volume: the partition that holds HFS+ (a whole-disk image has only that one).
+        std::optional<HFSPlusVolume> volume;
+        const UDIFImage::Partition* holder = nullptr;
+        for (const auto& partition : image.partitions()) {
+            if (image.read(partition, 1024, 2) == "H+" || image.read(partition, 1024, 2) == "HX") {
+                holder = &partition;
+                volume.emplace([&image, &partition](std::uint64_t offset, std::size_t length) {
+                    return image.read(partition, offset, length);
+                });
+                break;
+            }
+        }
+        if (!volume) {
+            throw failure("The image's checksums are right, but none of its partitions holds an "
+                          "HFS+ volume.");
+        }
+        const auto entries = volume->list();
+        const auto kind = [](HFSPlusVolume::Entry::Kind k) {
+            return k == HFSPlusVolume::Entry::Kind::folder    ? "folder"
+                   : k == HFSPlusVolume::Entry::Kind::symlink ? "link"
+                                                              : "file";
+        };
+        if (*json) {
+            Json listed = Json::array();
+            for (const auto& entry : entries) {
+                listed.push_back(
+                    {{"name", entry.name}, {"kind", kind(entry.kind)}, {"size", entry.size}});
+            }
+            context.out << jsonText(Json{{"format", image.format()},
+                                         {"partition", holder->name},
+                                         {"volumeName", volume->volumeName()},
+                                         {"fileSystem", volume->signature() == "H+"
+                                                            ? "HFS+"
+                                                            : "HFSX (case-sensitive)"},
+                                         {"volumeBytes", volume->totalBytes()},
+                                         {"customIcon", volume->hasCustomIcon()},
+                                         {"checksumsVerified", true},
+                                         {"topLevel", listed}})
+                        << '\n';
+            return;
+        }
+        context.out << fmt::format("✓ {}: {} image, checksums verified\n",
+                                   std::filesystem::path(*file).filename().string(),
+                                   image.format());
+        context.out << fmt::format("Volume '{}': {}, {} bytes{}\n", volume->volumeName(),
+                                   volume->signature() == "H+" ? "HFS+" : "HFSX (case-sensitive)",
+                                   volume->totalBytes(),
+                                   volume->hasCustomIcon() ? ", custom icon" : "");
+        for (const auto& entry : entries) {
+            context.out << fmt::format("  {:<7} {}{}\n", kind(entry.kind), entry.name,
+                                       entry.kind == HFSPlusVolume::Entry::Kind::file
+                                           ? fmt::format(" ({} bytes)", entry.size)
+                                           : std::string());
+        }
+    });
+}
+
 } // namespace
 
 void addDMGCommands(CLI::App& app, CliContext& context) {
@@ -167,6 +245,7 @@ void addDMGCommands(CLI::App& app, CliContext& context) {
     addBuild(*group, context);
     addBackground(*group);
     addLayout(*group, context);
+    addVerify(*group, context);
 }
 
 } // namespace veltra::cli

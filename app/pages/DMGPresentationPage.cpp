@@ -99,8 +99,19 @@ public:
                            {{QStringLiteral("UDZO"), QStringLiteral("UDZO (zlib, widest support)")},
                             {QStringLiteral("ULFO"), QStringLiteral("ULFO (lzfse)")},
                             {QStringLiteral("ULMO"), QStringLiteral("ULMO (lzma, smallest)")},
-                            {QStringLiteral("UDBZ"), QStringLiteral("UDBZ (bzip2)")}}),
+                            {QStringLiteral("UDBZ"), QStringLiteral("UDBZ (bzip2)")},
+                            {QStringLiteral("UDRO"), QStringLiteral("UDRO (uncompressed)")}}),
             "dmgDesign.compressionFormat");
+        binder_->addRow(form, QStringLiteral("zlib level:"),
+                        binder_->line("dmgDesign.compressionLevel",
+                                      QStringLiteral("1 (fastest) to 9 (smallest); UDZO only")),
+                        "dmgDesign.compressionLevel");
+        auto* volumeIcon = binder_->line("dmgDesign.volumeIconPath");
+        binder_->addRow(form, QStringLiteral("Volume icon:"),
+                        pathChooser(binder_, volumeIcon, "dmgDesign.volumeIconPath", PathKind::file,
+                                    QStringLiteral("Choose the volume's icon"),
+                                    QStringLiteral("Icons (*.icns)")),
+                        "dmgDesign.volumeIconPath");
         form->addRow(QString(), binder_->check("dmgDesign.hideExtension",
                                                QStringLiteral("Hide the app's .app extension")));
         auto* build = new QPushButton(QStringLiteral("Build Test Image…"));

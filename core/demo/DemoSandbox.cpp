@@ -118,6 +118,8 @@ std::optional<std::filesystem::path> DemoSandbox::useStandInsUnlessXcode() {
     }
     // Every tool runs through the process runner, which puts this folder first on PATH.
     ::setenv("VELTRA_TOOL_PATH", tools->c_str(), 1);
+    // The stand-in hdiutil writes no real image; Veltra's own writer does.
+    ::setenv("VELTRA_DMG_ENGINE", "native", 0);
     return tools;
 }
 

@@ -8,6 +8,10 @@
 
 namespace veltra {
 
+// How the image is made: hdiutil where there is one (macOS), else Veltra's own HFS+ volume and
+// UDIF writer; or either on request.
+enum class DMGEngine { automatic, hdiutil, native };
+
 // What one disk image is built from and where it goes.
 struct DMGBuildOptions {
     // The exported .app bundle to pack.
@@ -17,6 +21,7 @@ struct DMGBuildOptions {
     DMGDesignConfig config;
     // A code-signing identity; absent or empty leaves the image unsigned.
     std::optional<std::string> signingIdentity;
+    DMGEngine engine = DMGEngine::automatic;
 };
 
 } // namespace veltra

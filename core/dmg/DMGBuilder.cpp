@@ -2,12 +2,16 @@
 
 #include "DMGBackgroundRenderer.h"
 #include "DMGInstallerLayout.h"
+#include "HFSPlusVolume.h"
+#include "UDIFWriter.h"
 #include "core/process/ProcessExecutionError.h"
 #include "core/support/FileCopy.h"
+#include "core/support/FileUtilities.h"
 #include "core/support/Text.h"
 #include "core/support/Uuid.h"
 #include "core/support/VeltraError.h"
 
+#include <cstdlib>
 #include <optional>
 
 #include <fmt/format.h>
@@ -16,6 +20,21 @@ namespace veltra {
 namespace {
 
 constexpr const char* stagedBackground = ".background/background.png";
+// hdiutil's own default for UDZO.
+constexpr int defaultZlibLevel = 1;
+
+std::vector<std::string> convertArguments(const std::filesystem::path& from,
+                                          const DMGDesignConfig& config,
+                                          const std::filesystem::path& to) {
+    std::vector<std::string> arguments{"convert", from.string(), "-format",
+                                       config.compressionFormat};
+    if (config.compressionFormat == "UDZO" && config.compressionLevel) {
+        arguments.insert(arguments.end(),
+                         {"-imagekey", "zlib-level=" + std::to_string(*config.compressionLevel)});
+    }
+    arguments.insert(arguments.end(), {"-o", to.string(), "-quiet"});
+    return arguments;
+}
 
 // File-system steps fail with the file manager's own description.
 template <typename Operation> void fileStep(Operation&& operation) {
@@ -68,6 +87,20 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
             stop);
     };
     const auto& config = options.config;
+    const char* asked = std::getenv("VELTRA_DMG_ENGINE");
+    const bool native = options.engine == DMGEngine::native ||
+                        (options.engine == DMGEngine::automatic &&
+                         ((asked != nullptr && std::string_view(asked) == "native") ||
+                          !ProcessRunner::findTool("hdiutil")));
+    if (native) {
+        // Refused before any work when the format cannot be written here.
+        udifFormat(config.compressionFormat);
+        say(std::string(options.engine == DMGEngine::automatic &&
+                                !ProcessRunner::findTool("hdiutil")
+                            ? "No hdiutil on this machine: "
+                            : "") +
+            "Veltra writes the HFS+ volume and the " + config.compressionFormat + " image itself.");
+    }
     const auto appName = options.appPath.filename().string();
     const auto displayName = options.appPath.stem().string();
     const auto volumeName = config.volumeName.empty() ? displayName : config.volumeName;
@@ -104,12 +137,19 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
     // The background: none, the user's picture, or the default artwork.
     const auto type = effectiveBackgroundType(config);
     const auto staged = work.staging / stagedBackground;
-    const auto stage = [&](const std::filesystem::path& picture) {
+    const auto stage = [&](const std::filesystem::path& picture, bool ownArtwork) {
         fileStep([&] {
             std::filesystem::create_directories(staged.parent_path());
             std::filesystem::copy_file(picture, staged,
                                        std::filesystem::copy_options::overwrite_existing);
         });
+        if (native && !ProcessRunner::findTool("sips")) {
+            // Veltra's own artwork is drawn at twice the window's size and 144 dpi already.
+            if (!ownArtwork) {
+                say("   Warning: sips is not available here; the picture keeps its own size.");
+            }
+            return;
+        }
         const auto resize =
             run({"-z", std::to_string(static_cast<long long>(config.windowHeight * 2)),
                  std::to_string(static_cast<long long>(config.windowWidth * 2)), "-s", "dpiWidth",
@@ -129,7 +169,7 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
                std::filesystem::is_regular_file(*config.backgroundPath)) {
         say("Applying custom DMG artwork...");
         artworkSettings = "dmgDesign.backgroundPath " + *config.backgroundPath;
-        stage(*config.backgroundPath);
+        stage(*config.backgroundPath, false);
     } else {
         say("Applying default Veltra installer artwork...");
         if (config.backgroundPath && !config.backgroundPath->empty()) {
@@ -143,76 +183,123 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
             DMGBackgroundRenderer::saveDefaultBackground(*work.defaultBackground, displayName,
                                                          config.windowWidth, config.windowHeight,
                                                          layout.appPosition.y, layout);
-            stage(*work.defaultBackground);
+            stage(*work.defaultBackground, true);
         } catch (const VeltraError& error) {
             say("Warning: Failed to generate default artwork: " + error.message() + " (" +
                 artworkSettings + ")");
         }
     }
 
-    say("Creating image volume '" + volumeName + "'...");
-    const auto created = run({"create", "-srcfolder", work.staging.string(), "-volname", volumeName,
-                              "-fs", "HFS+", "-fsargs", "-c c=64,a=16,e=16", "-format", "UDRW",
-                              work.intermediate.string(), "-quiet"},
-                             std::nullopt, "hdiutil");
-    if (created.exitCode != 0) {
-        throw VeltraError("Veltra", errorCode::toolFailed,
-                          "Failed to create disk image volume: " + errorText(created));
+    // The volume's icon: a file Finder looks for at the root, and the root's custom-icon flag.
+    bool withIcon = false;
+    if (config.volumeIconPath && !config.volumeIconPath->empty()) {
+        const auto icon = expandTilde(*config.volumeIconPath);
+        if (std::filesystem::is_regular_file(icon)) {
+            fileStep([&] { std::filesystem::copy_file(icon, work.staging / ".VolumeIcon.icns"); });
+            withIcon = true;
+        } else {
+            say("Warning: dmgDesign.volumeIconPath names " + *config.volumeIconPath +
+                ", which is not a file; the volume keeps the standard icon.");
+        }
     }
-
-    if (type != DMGBackgroundType::plain) {
-        if (!std::filesystem::is_regular_file(staged)) {
+    if (native) {
+        if (type != DMGBackgroundType::plain && !std::filesystem::is_regular_file(staged)) {
             throw VeltraError(
                 "Veltra.DMG", errorCode::toolFailed,
                 "The installer artwork could not be prepared. Check the artwork and rebuild. It "
                 "came from " +
                     artworkSettings + ".");
         }
-        fileStep([&] { std::filesystem::create_directories(work.mountPoint); });
-        bool attached = false;
-        try {
-            const auto attach =
-                run({"attach", work.intermediate.string(), "-mountpoint", work.mountPoint.string(),
-                     "-nobrowse", "-noautoopen", "-readwrite"},
-                    attachTimeout, "hdiutil");
-            if (attach.exitCode != 0) {
-                throw VeltraError("Veltra.DMG", errorCode::toolFailed,
-                                  "Could not mount the installer to apply artwork: " +
-                                      errorText(attach));
-            }
-            attached = true;
-            say("Applying Finder layout on the mounted installer volume...");
-            DMGDesignConfig mounted = config;
-            mounted.volumeName = volumeName;
-            dsStoreWriter.write(work.mountPoint, mounted, appName, stagedBackground);
-            const auto detach = run({"detach", work.mountPoint.string()}, detachTimeout, "hdiutil");
-            if (detach.exitCode != 0) {
-                throw VeltraError("Veltra.DMG", errorCode::toolFailed,
-                                  "Could not detach the installer after applying artwork: " +
-                                      errorText(detach));
-            }
-            attached = false;
-        } catch (const ProcessExecutionError&) {
-            // A timed-out attach may still have mounted the image.
-            attached = true;
-            forceDetach(work.mountPoint);
-            throw;
-        } catch (...) {
-            if (attached || stop.stop_requested()) {
-                forceDetach(work.mountPoint);
-            }
-            throw;
+        if (type != DMGBackgroundType::plain) {
+            say("Applying Finder layout...");
+            DMGDesignConfig layout = config;
+            layout.volumeName = volumeName;
+            dsStoreWriter.write(work.staging, layout, appName, stagedBackground);
         }
-    }
+        say("Creating image volume '" + volumeName + "' and compressing it with " +
+            config.compressionFormat + "...");
+        UDIFWriter image(options.outputDMGPath,
+                         {udifFormat(config.compressionFormat),
+                          config.compressionLevel.value_or(defaultZlibLevel), 0},
+                         stop);
+        writeHFSPlusVolume(
+            work.staging, volumeName, withIcon,
+            [&](std::span<const char> bytes) { image.write(bytes); }, stop);
+        image.finish();
+    } else {
+        say("Creating image volume '" + volumeName + "'...");
+        const auto created = run({"create", "-srcfolder", work.staging.string(), "-volname",
+                                  volumeName, "-fs", "HFS+", "-fsargs", "-c c=64,a=16,e=16",
+                                  "-format", "UDRW", work.intermediate.string(), "-quiet"},
+                                 std::nullopt, "hdiutil");
+        if (created.exitCode != 0) {
+            throw VeltraError("Veltra", errorCode::toolFailed,
+                              "Failed to create disk image volume: " + errorText(created));
+        }
 
-    say("Compressing disk image with " + config.compressionFormat + "...");
-    const auto converted =
-        run({"convert", work.intermediate.string(), "-format", config.compressionFormat, "-o",
-             options.outputDMGPath.string(), "-quiet"},
-            std::nullopt, "hdiutil");
-    if (converted.exitCode != 0) {
-        throw VeltraError("Veltra", errorCode::toolFailed,
-                          "Failed to compress disk image: " + errorText(converted));
+        if (type != DMGBackgroundType::plain || withIcon) {
+            if (type != DMGBackgroundType::plain && !std::filesystem::is_regular_file(staged)) {
+                throw VeltraError("Veltra.DMG", errorCode::toolFailed,
+                                  "The installer artwork could not be prepared. Check the artwork "
+                                  "and rebuild. It "
+                                  "came from " +
+                                      artworkSettings + ".");
+            }
+            fileStep([&] { std::filesystem::create_directories(work.mountPoint); });
+            bool attached = false;
+            try {
+                const auto attach =
+                    run({"attach", work.intermediate.string(), "-mountpoint",
+                         work.mountPoint.string(), "-nobrowse", "-noautoopen", "-readwrite"},
+                        attachTimeout, "hdiutil");
+                if (attach.exitCode != 0) {
+                    throw VeltraError("Veltra.DMG", errorCode::toolFailed,
+                                      "Could not mount the installer to apply artwork: " +
+                                          errorText(attach));
+                }
+                attached = true;
+                if (type != DMGBackgroundType::plain) {
+                    say("Applying Finder layout on the mounted installer volume...");
+                    DMGDesignConfig mounted = config;
+                    mounted.volumeName = volumeName;
+                    dsStoreWriter.write(work.mountPoint, mounted, appName, stagedBackground);
+                }
+                if (withIcon) {
+                    try {
+                        setCustomIcon(work.mountPoint, true);
+                    } catch (const VeltraError& error) {
+                        say("   Warning: " + error.message());
+                    }
+                }
+                const auto detach =
+                    run({"detach", work.mountPoint.string()}, detachTimeout, "hdiutil");
+                if (detach.exitCode != 0) {
+                    throw VeltraError("Veltra.DMG", errorCode::toolFailed,
+                                      "Could not detach the installer after applying artwork: " +
+                                          errorText(detach));
+                }
+                attached = false;
+            } catch (const ProcessExecutionError&) {
+                // A timed-out attach may still have mounted the image.
+                attached = true;
+                forceDetach(work.mountPoint);
+                throw;
+            } catch (...) {
+                if (attached || stop.stop_requested()) {
+                    forceDetach(work.mountPoint);
+                }
+                throw;
+            }
+        }
+
+        say("Compressing disk image with " + config.compressionFormat + "...");
+        const auto converted =
+            run(convertArguments(work.intermediate, config, options.outputDMGPath), std::nullopt,
+                "hdiutil");
+        if (converted.exitCode != 0) {
+            throw VeltraError("Veltra", errorCode::toolFailed,
+                              "Failed to compress disk image: " + errorText(converted));
+        }
     }
 
     if (options.signingIdentity && !options.signingIdentity->empty()) {

@@ -12,7 +12,9 @@ namespace veltra {
 
 // Packs an exported app into the distributable disk image: a staging folder with the app, a
 // link to /Applications and the background picture becomes a writable HFS+ image, which is
-// mounted for the Finder layout, detached, compressed and optionally signed.
+// mounted for the Finder layout, detached, compressed and optionally signed. Without hdiutil
+// (or with VELTRA_DMG_ENGINE=native), the layout is written into the staging folder and Veltra
+// makes the HFS+ volume and the UDIF image itself.
 class DMGBuilder {
 public:
     DSStoreWriter dsStoreWriter;

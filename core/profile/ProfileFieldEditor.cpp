@@ -49,7 +49,11 @@ std::vector<Field> makeFields() {
         {"dmgDesign.backgroundPath", Kind::optionalString, {}},
         {"dmgDesign.retinaBackgroundPath", Kind::optionalString, {}},
         {"dmgDesign.volumeName", Kind::string, {}},
-        {"dmgDesign.compressionFormat", Kind::enumeration, {"UDZO", "ULFO", "ULMO", "UDBZ"}},
+        {"dmgDesign.compressionFormat",
+         Kind::enumeration,
+         {"UDZO", "ULFO", "ULMO", "UDBZ", "UDRO"}},
+        {"dmgDesign.compressionLevel", Kind::optionalNumber, {}},
+        {"dmgDesign.volumeIconPath", Kind::optionalString, {}},
         {"dmgDesign.hideExtension", Kind::boolean, {}},
         {"dmgDesign.backgroundColorHex", Kind::optionalString, {}},
         {"dmgDesign.backgroundType", Kind::optionalEnumeration, backgrounds},
@@ -132,10 +136,15 @@ Json valueFor(const Field& field, std::string_view text) {
         }
         throw wrong("true or false");
     case Kind::number:
+    case Kind::optionalNumber:
+        if (text.empty() && field.kind == Kind::optionalNumber) {
+            return Json();
+        }
         if (const auto number = parseNumber(text)) {
             return *number;
         }
-        throw wrong("a number");
+        throw wrong(field.kind == Kind::optionalNumber ? "a number, or empty to clear"
+                                                       : "a number");
     case Kind::point: {
         const auto comma = text.find(',');
         const auto x = comma == std::string_view::npos
@@ -264,6 +273,17 @@ std::optional<std::string> ProfileFieldEditor::valueProblem(std::string_view pat
         problem = numberIn(100, 4000);
     } else if (path == "dmgDesign.iconSize") {
         problem = numberIn(16, 512);
+    } else if (path == "dmgDesign.compressionLevel" && !text.empty()) {
+        const auto value = parseNumber(text);
+        if (!value || *value != std::trunc(*value) || *value < 1 || *value > 9) {
+            problem = "it must be a whole number from 1 (fastest) to 9 (smallest)";
+        }
+    } else if (path == "dmgDesign.volumeIconPath" && !text.empty()) {
+        std::error_code error;
+        if (!text.ends_with(".icns") ||
+            !std::filesystem::is_regular_file(expandTilde(std::string(text)), error)) {
+            problem = "it must name an existing .icns file";
+        }
     } else if (path == "sparkle.minimumSystemVersion") {
         if (!isDottedVersion(text)) {
             problem = "it must be a macOS version such as 13.0 or 14.2.1";

@@ -19,6 +19,7 @@ public:
         optionalString,
         boolean,
         number,
+        optionalNumber,
         point,
         enumeration,
         optionalEnumeration

@@ -43,6 +43,10 @@ Json toJson(const DMGDesignConfig& design) {
     putOptional(json, "retinaBackgroundPath", design.retinaBackgroundPath);
     json["volumeName"] = design.volumeName;
     json["compressionFormat"] = design.compressionFormat;
+    if (design.compressionLevel) {
+        json["compressionLevel"] = *design.compressionLevel;
+    }
+    putOptional(json, "volumeIconPath", design.volumeIconPath);
     json["hideExtension"] = design.hideExtension;
     putOptional(json, "backgroundColorHex", design.backgroundColorHex);
     if (design.backgroundType) {
@@ -62,6 +66,10 @@ DMGDesignConfig dmgDesignFrom(const JsonReader& reader) {
     design.retinaBackgroundPath = reader.optionalString("retinaBackgroundPath");
     design.volumeName = reader.string("volumeName");
     design.compressionFormat = reader.string("compressionFormat");
+    if (reader.find("compressionLevel")) {
+        design.compressionLevel = static_cast<int>(reader.integer("compressionLevel"));
+    }
+    design.volumeIconPath = reader.optionalString("volumeIconPath");
     design.hideExtension = reader.boolean("hideExtension");
     design.backgroundColorHex = reader.optionalString("backgroundColorHex");
     if (reader.find("backgroundType")) {

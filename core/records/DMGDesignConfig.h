@@ -39,6 +39,10 @@ struct DMGDesignConfig {
     std::optional<std::string> retinaBackgroundPath;
     std::string volumeName;
     std::string compressionFormat = "UDZO";
+    // zlib's level for UDZO, 1 to 9; hdiutil's own default (1) when absent.
+    std::optional<int> compressionLevel;
+    // An .icns file the volume shows as its icon in Finder.
+    std::optional<std::string> volumeIconPath;
     bool hideExtension = true;
     std::optional<std::string> backgroundColorHex;
     std::optional<DMGBackgroundType> backgroundType;

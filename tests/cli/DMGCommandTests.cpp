@@ -54,6 +54,60 @@ TEST_F(DMGCommandTest, BuildStreamsTheBuildersLinesAndNamesTheImageAfterTheVersi
     EXPECT_EQ(missing.errorOutput, "Error: No app at " + (dir / "Gone.app").string() + ".\n");
 }
 
+// Without hdiutil: the same image, made by Veltra, which `dmg verify` reads back.
+TEST_F(DMGCommandTest, NativeEngineBuildsAnImageThatVerifyReadsBack) {
+    const auto app = dir / "Acme.app";
+    std::filesystem::create_directories(app / "Contents" / "MacOS");
+    testing::writeFile(app / "Contents" / "MacOS" / "Acme", "binary");
+    testing::writeFile(dir / "Volume.icns", "icns");
+    ASSERT_EQ(veltra({"profile", "set", "Acme", "dmgDesign.compressionLevel=9",
+                      "dmgDesign.volumeIconPath=" + (dir / "Volume.icns").string()})
+                  .exitCode,
+              0);
+    const auto image = dir / "out" / "Acme.dmg";
+    const auto built = veltra({"dmg", "build", "Acme", app.string(), "--engine", "native"});
+    ASSERT_EQ(built.exitCode, 0) << built.errorOutput;
+    EXPECT_EQ(built.output, "Veltra writes the HFS+ volume and the UDZO image itself.\n"
+                            "Applying default Veltra installer artwork...\n"
+                            "Applying Finder layout...\n"
+                            "Creating image volume 'Acme' and compressing it with UDZO...\n"
+                            "Success: Successfully built DMG: " +
+                                image.string() + "\n");
+
+    const auto verified = veltra({"dmg", "verify", image.string()});
+    ASSERT_EQ(verified.exitCode, 0) << verified.errorOutput;
+    EXPECT_TRUE(verified.output.starts_with("✓ Acme.dmg: UDZO image, checksums verified\n"
+                                            "Volume 'Acme': HFS+, "))
+        << verified.output;
+    EXPECT_NE(verified.output.find(", custom icon\n"), std::string::npos) << verified.output;
+    EXPECT_NE(verified.output.find("\n  link    Applications\n"), std::string::npos)
+        << verified.output;
+    const auto json =
+        nlohmann::json::parse(veltra({"dmg", "verify", image.string(), "--json"}).output);
+    std::vector<std::string> names;
+    for (const auto& entry : json["topLevel"]) {
+        names.push_back(entry["name"]);
+    }
+    EXPECT_EQ(names, (std::vector<std::string>{".background", ".DS_Store", ".VolumeIcon.icns",
+                                               "Acme.app", "Applications"}));
+    EXPECT_EQ(json["fileSystem"], "HFS+");
+
+    // A format only hdiutil writes is refused by name before any work; a damaged image too.
+    ASSERT_EQ(veltra({"profile", "set", "Acme", "dmgDesign.compressionFormat=ULMO"}).exitCode, 0);
+    const auto refused = veltra({"dmg", "build", "Acme", app.string(), "--engine", "native"});
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_EQ(refused.errorOutput, "Error: Veltra cannot write ULMO disk images without hdiutil. "
+                                   "Use UDZO, UDBZ or UDRO.\n");
+    testing::writeFile(dir / "Bad.dmg", "not an image at all, though long enough? no.");
+    const auto bad = veltra({"dmg", "verify", (dir / "Bad.dmg").string()});
+    EXPECT_EQ(bad.exitCode, 1);
+    EXPECT_EQ(bad.errorOutput, "Error: Bad.dmg is not a readable UDIF disk image: it is too short "
+                               "to hold the 512-byte trailer\n");
+    EXPECT_EQ(veltra({"profile", "set", "Acme", "dmgDesign.compressionLevel=10"}).errorOutput,
+              "Error: Invalid value '10' for dmgDesign.compressionLevel: it must be a whole number "
+              "from 1 (fastest) to 9 (smallest).\n");
+}
+
 TEST_F(DMGCommandTest, LayoutFollowsTheProfilesDesign) {
     auto shown = veltra({"dmg", "layout", "Acme"});
     ASSERT_EQ(shown.exitCode, 0) << shown.errorOutput;

@@ -1,6 +1,8 @@
 #include "TestSupport.h"
 #include "VeltraRun.h"
 #include "core/demo/DemoSandbox.h"
+#include "core/dmg/HFSPlusVolume.h"
+#include "core/dmg/UDIFImage.h"
 #include "core/profile/ProjectProfile.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/JsonReader.h"
@@ -181,6 +183,22 @@ TEST(DemoCommand, ReleasesTheSampleUntilTheLocalSiteServesIt) {
               std::string::npos);
     EXPECT_EQ(readFile(sandbox / "live-site" / "downloads" / "Sample.dmg"),
               readFile(sandbox / "releases" / "Sample-1.0.dmg"));
+    // A real image, made without hdiutil, said once.
+    const auto said = std::string("Veltra writes the HFS+ volume and the UDZO image itself.");
+    const auto first = run.output.find(said);
+    EXPECT_NE(first, std::string::npos) << run.output;
+    EXPECT_EQ(run.output.find(said, first + 1), std::string::npos);
+    const UDIFImage image(sandbox / "releases" / "Sample-1.0.dmg");
+    image.verify();
+    const HFSPlusVolume volume([&](std::uint64_t offset, std::size_t length) {
+        return image.read(image.partitions().front(), offset, length);
+    });
+    std::vector<std::string> top;
+    for (const auto& entry : volume.list()) {
+        top.push_back(entry.name);
+    }
+    EXPECT_EQ(top,
+              (std::vector<std::string>{".background", ".DS_Store", "Applications", "Sample.app"}));
     const auto profiles = nlohmann::json::parse(readFile(sandbox / "profiles.json"));
     const auto& releases = profiles[0]["recentReleases"];
     ASSERT_EQ(releases.size(), 1u) << profiles.dump(2);

@@ -5,6 +5,8 @@
 #include "core/dmg/DMGBackgroundRenderer.h"
 #include "core/dmg/DMGBuilder.h"
 #include "core/dmg/DMGInstallerLayout.h"
+#include "core/dmg/HFSPlusVolume.h"
+#include "core/dmg/UDIFImage.h"
 #include "core/process/ProcessRunner.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/VeltraError.h"
@@ -198,6 +200,40 @@ TEST_F(DMGBuilderRun, DefaultArtworkImageHoldsWhatAUserSees) {
                                                                   {"Applications", {495, 235}}}));
 }
 
+// A machine without hdiutil (nor sips): Veltra makes the image itself, says so once, and
+// leaves no work files; stopped, it leaves no image either.
+TEST_F(DMGBuilderRun, WithoutHdiutilVeltraMakesTheImageItself) {
+    const testing::ScopedEnvironment path("PATH", "/usr/bin:/bin");
+    const testing::ScopedEnvironment tools("VELTRA_TOOL_PATH", "");
+    const testing::ScopedEnvironment engine("VELTRA_DMG_ENGINE", "");
+    build();
+    EXPECT_EQ(log,
+              (Lines{"No hdiutil on this machine: Veltra writes the HFS+ volume and the "
+                     "UDZO image itself.",
+                     "Applying default Veltra installer artwork...", "Applying Finder layout...",
+                     "Creating image volume 'Acme 1.2.3' and compressing it with UDZO...",
+                     "Success: Successfully built DMG: " + options.outputDMGPath.string()}));
+    EXPECT_TRUE(fs::is_empty(work));
+    const UDIFImage image(options.outputDMGPath);
+    image.verify();
+    const HFSPlusVolume volume([&](std::uint64_t offset, std::size_t length) {
+        return image.read(image.partitions().front(), offset, length);
+    });
+    EXPECT_EQ(volume.volumeName(), "Acme 1.2.3");
+    std::vector<std::string> top;
+    for (const auto& entry : volume.list()) {
+        top.push_back(entry.name);
+    }
+    EXPECT_EQ(top, (Lines{".background", ".DS_Store", "Acme.app", "Applications"}));
+
+    std::stop_source stop;
+    stop.request_stop();
+    fs::remove(options.outputDMGPath);
+    EXPECT_THROW(build(stop.get_token()), CancellationError);
+    EXPECT_FALSE(fs::exists(options.outputDMGPath));
+    EXPECT_TRUE(fs::is_empty(work));
+}
+
 TEST_F(DMGBuilderRun, CustomPictureIsStagedAndResizedMissingOneFallsBackToTheArtwork) {
     // A picture of the wrong size is resized to twice a fractional window, truncated.
     DMGBackgroundRenderer::saveDefaultBackground(dir / "mine.png", "Mine", 100, 50, 25,
@@ -250,6 +286,22 @@ TEST_F(DMGBuilderRun, PlainImageHasOnlyTheAppAndApplications) {
     std::ranges::sort(entries);
     EXPECT_EQ(entries, (Lines{"Acme.app", "Applications"}));
     EXPECT_FALSE(isExtensionHidden(volume / "Acme.app"));
+}
+
+// With hdiutil: the zlib level goes to convert, and a volume icon gets mounted for its flag
+// even in a plain image.
+TEST_F(DMGBuilderRun, LevelAndVolumeIconReachHdiutilsImage) {
+    options.config.backgroundType = DMGBackgroundType::plain;
+    options.config.compressionLevel = 9;
+    testing::writeFile(dir / "Volume.icns", "icns");
+    options.config.volumeIconPath = (dir / "Volume.icns").string();
+    build();
+    EXPECT_EQ(hdiutilVerbs(), (Lines{"create", "attach", "detach", "convert"}));
+    const auto convert = runsOf("hdiutil").back();
+    EXPECT_NE(std::ranges::find(convert, "zlib-level=9"), convert.end());
+    const auto volume = open(options.outputDMGPath);
+    EXPECT_EQ(readFile(volume / ".VolumeIcon.icns"), "icns");
+    EXPECT_FALSE(fs::exists(volume / ".DS_Store")) << "a plain image has no layout";
 }
 
 TEST_F(DMGBuilderRun, SigningIsLoggedAndNeverFailsTheBuild) {
