@@ -182,8 +182,8 @@ void MainWindow::openedByUser() {
                         QMessageBox::NoButton, this);
         box.setInformativeText(
             QStringLiteral("Never a name, path, address, version or message of your app. You "
-                           "can change this in the Help menu; docs/TELEMETRY.md lists every "
-                           "event."));
+                           "can change this in the Help menu, and 'veltra telemetry show' "
+                           "prints exactly what would be sent."));
         auto* share = box.addButton(QStringLiteral("Share"), QMessageBox::AcceptRole);
         auto* notNow = box.addButton(QStringLiteral("Not Now"), QMessageBox::RejectRole);
         box.setDefaultButton(notNow);
