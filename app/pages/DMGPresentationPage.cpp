@@ -102,10 +102,10 @@ public:
                             {QStringLiteral("UDBZ"), QStringLiteral("UDBZ (bzip2)")},
                             {QStringLiteral("UDRO"), QStringLiteral("UDRO (uncompressed)")}}),
             "dmgDesign.compressionFormat");
-        binder_->addRow(form, QStringLiteral("zlib level:"),
-                        binder_->line("dmgDesign.compressionLevel",
-                                      QStringLiteral("1 (fastest) to 9 (smallest); UDZO only")),
-                        "dmgDesign.compressionLevel");
+        binder_->addRow(
+            form, QStringLiteral("zlib level:"),
+            binder_->line("dmgDesign.compressionLevel", QStringLiteral("1 (fast) to 9 (small)")),
+            "dmgDesign.compressionLevel");
         auto* volumeIcon = binder_->line("dmgDesign.volumeIconPath");
         binder_->addRow(form, QStringLiteral("Volume icon:"),
                         pathChooser(binder_, volumeIcon, "dmgDesign.volumeIconPath", PathKind::file,
