@@ -180,23 +180,15 @@ void addVerify(CLI::App& group, CliContext& context) {
     command->callback([&context, file, json] {
         const UDIFImage image(expandTilde(*file));
         image.verify(context.stop);
-        // The volume: the partition that holds HFS+ (a whole-disk image has only that one).
-        std::optional<HFSPlusVolume> volume;
-        const UDIFImage::Partition* holder = nullptr;
-        for (const auto& partition : image.partitions()) {
-            if (image.read(partition, 1024, 2) == "H+" || image.read(partition, 1024, 2) == "HX") {
-                holder = &partition;
-                volume.emplace([&image, &partition](std::uint64_t offset, std::size_t length) {
-                    return image.read(partition, offset, length);
-                });
-                break;
-            }
-        }
-        if (!volume) {
+        const auto* holder = image.volumePartition();
+        if (holder == nullptr) {
             throw failure("The image's checksums are right, but none of its partitions holds an "
                           "HFS+ volume.");
         }
-        const auto entries = volume->list();
+        const HFSPlusVolume volume([&image, holder](std::uint64_t offset, std::size_t length) {
+            return image.read(*holder, offset, length);
+        });
+        const auto entries = volume.list();
         const auto kind = [](HFSPlusVolume::Entry::Kind k) {
             return k == HFSPlusVolume::Entry::Kind::folder    ? "folder"
                    : k == HFSPlusVolume::Entry::Kind::symlink ? "link"
@@ -208,26 +200,26 @@ void addVerify(CLI::App& group, CliContext& context) {
                 listed.push_back(
                     {{"name", entry.name}, {"kind", kind(entry.kind)}, {"size", entry.size}});
             }
-            context.out << jsonText(Json{{"format", image.format()},
-                                         {"partition", holder->name},
-                                         {"volumeName", volume->volumeName()},
-                                         {"fileSystem", volume->signature() == "H+"
-                                                            ? "HFS+"
-                                                            : "HFSX (case-sensitive)"},
-                                         {"volumeBytes", volume->totalBytes()},
-                                         {"customIcon", volume->hasCustomIcon()},
-                                         {"checksumsVerified", true},
-                                         {"topLevel", listed}})
+            context.out << jsonText(
+                               Json{{"format", image.format()},
+                                    {"partition", holder->name},
+                                    {"volumeName", volume.volumeName()},
+                                    {"fileSystem",
+                                     volume.signature() == "H+" ? "HFS+" : "HFSX (case-sensitive)"},
+                                    {"volumeBytes", volume.totalBytes()},
+                                    {"customIcon", volume.hasCustomIcon()},
+                                    {"checksumsVerified", true},
+                                    {"topLevel", listed}})
                         << '\n';
             return;
         }
         context.out << fmt::format("✓ {}: {} image, checksums verified\n",
                                    std::filesystem::path(*file).filename().string(),
                                    image.format());
-        context.out << fmt::format("Volume '{}': {}, {} bytes{}\n", volume->volumeName(),
-                                   volume->signature() == "H+" ? "HFS+" : "HFSX (case-sensitive)",
-                                   volume->totalBytes(),
-                                   volume->hasCustomIcon() ? ", custom icon" : "");
+        context.out << fmt::format("Volume '{}': {}, {} bytes{}\n", volume.volumeName(),
+                                   volume.signature() == "H+" ? "HFS+" : "HFSX (case-sensitive)",
+                                   volume.totalBytes(),
+                                   volume.hasCustomIcon() ? ", custom icon" : "");
         for (const auto& entry : entries) {
             context.out << fmt::format("  {:<7} {}{}\n", kind(entry.kind), entry.name,
                                        entry.kind == HFSPlusVolume::Entry::Kind::file

@@ -307,6 +307,16 @@ std::string UDIFImage::read(const Partition& partition, std::uint64_t offset,
     return out;
 }
 
+const UDIFImage::Partition* UDIFImage::volumePartition() const {
+    for (const auto& partition : partitions_) {
+        const auto signature = read(partition, 1024, 2);
+        if (signature == "H+" || signature == "HX") {
+            return &partition;
+        }
+    }
+    return nullptr;
+}
+
 void UDIFImage::verify(std::stop_token stop) const {
     if (dataForkCrc_) {
         std::uint32_t crc = 0;

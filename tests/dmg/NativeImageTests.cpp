@@ -5,14 +5,17 @@
 #include "core/dmg/DSStoreWriter.h"
 #include "core/dmg/HFSPlusVolume.h"
 #include "core/dmg/UDIFImage.h"
+#include "core/dmg/UDIFLayout.h"
 #include "core/dmg/UDIFWriter.h"
 #include "core/process/ProcessRunner.h"
+#include "core/support/Base64.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/VeltraError.h"
 #include "dsstore/DSStore.h"
 
 #include <fstream>
 #include <random>
+#include <zlib.h>
 
 #include <gtest/gtest.h>
 
@@ -148,6 +151,112 @@ TEST(UDIFImage, DamageIsNamed) {
     checksum[good.size() - 512 + 80 + 8] ^= 1;
     EXPECT_TRUE(damaged(checksum).find("the data fork's CRC32 is ") != std::string::npos)
         << damaged(checksum);
+}
+
+// An image laid out as hdiutil lays out its default ones: several partitions (a protective
+// MBR, the HFS+ volume after it), comment and free-space chunks, a data fork that does not
+// start at the file's beginning.
+TEST(UDIFImage, ReadsAPartitionedImageAsHdiutilWritesIt) {
+    using namespace udif;
+    testing::TempDir dir;
+    const auto volume = sampleVolume(dir.path());
+    const std::string mbr(512, '\x55');
+    std::string packed(compressBound(static_cast<uLong>(volume.size())), '\0');
+    auto packedSize = static_cast<uLongf>(packed.size());
+    ASSERT_EQ(compress2(reinterpret_cast<Bytef*>(packed.data()), &packedSize,
+                        reinterpret_cast<const Bytef*>(volume.data()),
+                        static_cast<uLong>(volume.size()), 6),
+              Z_OK);
+    packed.resize(packedSize);
+    const std::string lead(4096, '\0'); // before the data fork, as a few tools leave
+    const std::string fork = mbr + packed;
+    const auto crc = [](std::string_view bytes) {
+        return static_cast<std::uint32_t>(crc32(0, reinterpret_cast<const Bytef*>(bytes.data()),
+                                                static_cast<uInt>(bytes.size())));
+    };
+    const auto table = [&](std::uint64_t first, std::uint64_t sectors, std::uint32_t sum,
+                           const std::vector<ChunkEntry>& chunks) {
+        std::string mish;
+        putUInt32(mish, mishSignature);
+        putUInt32(mish, 1);
+        putUInt64(mish, first);
+        putUInt64(mish, sectors);
+        putUInt64(mish, 0);
+        putUInt32(mish, 2048);
+        putUInt32(mish, 0);
+        mish.append(24, '\0');
+        putChecksum(mish, sum);
+        putUInt32(mish, static_cast<std::uint32_t>(chunks.size()));
+        for (const auto& chunk : chunks) {
+            putChunkEntry(mish, chunk);
+        }
+        return base64::encode(
+            std::span(reinterpret_cast<const std::uint8_t*>(mish.data()), mish.size()));
+    };
+    const auto volumeSectors = volume.size() / 512;
+    const auto first =
+        table(0, 1, crc(mbr),
+              {{chunkComment, 0, 0, 0, 0}, {chunkRaw, 0, 1, 0, 512}, {chunkEnd, 1, 0, 512, 0}});
+    const auto second = table(1, volumeSectors + 8, crc(volume + std::string(8 * 512, '\0')),
+                              {{chunkZlib, 0, volumeSectors, 512, packed.size()},
+                               {chunkIgnore, volumeSectors, 8, 0, 0},
+                               {chunkEnd, volumeSectors + 8, 0, fork.size(), 0}});
+    const auto entry = [](const std::string& name, const std::string& id, const std::string& data) {
+        return "<dict><key>Attributes</key><string>0x0050</string><key>Data</key><data>" + data +
+               "</data><key>ID</key><string>" + id + "</string><key>Name</key><string>" + name +
+               "</string></dict>";
+    };
+    const auto xml = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
+                     "<key>resource-fork</key><dict><key>blkx</key><array>" +
+                     entry("Protective Master Boot Record (MBR : 0)", "-1", first) +
+                     entry("disk image (Apple_HFS : 1)", "0", second) +
+                     "</array></dict></dict></plist>\n";
+    std::string koly;
+    putUInt32(koly, kolySignature);
+    putUInt32(koly, 4);
+    putUInt32(koly, 512);
+    putUInt32(koly, 1);
+    putUInt64(koly, 0);
+    putUInt64(koly, lead.size());
+    putUInt64(koly, fork.size());
+    putUInt64(koly, 0);
+    putUInt64(koly, 0);
+    putUInt32(koly, 1);
+    putUInt32(koly, 1);
+    koly.append(16, '\x11');
+    putChecksum(koly, crc(fork));
+    putUInt64(koly, lead.size() + fork.size());
+    putUInt64(koly, xml.size());
+    koly.append(120, '\0');
+    std::string sums;
+    putUInt32(sums, crc(mbr));
+    putUInt32(sums, crc(volume + std::string(8 * 512, '\0')));
+    putChecksum(koly, crc(sums));
+    putUInt32(koly, 1);
+    putUInt64(koly, 1 + volumeSectors + 8);
+    koly.append(12, '\0');
+    ASSERT_EQ(koly.size(), 512u);
+    writeFileAtomically(dir / "hdiutil.dmg", lead + fork + xml + koly);
+
+    const UDIFImage image(dir / "hdiutil.dmg");
+    EXPECT_NO_THROW(image.verify());
+    ASSERT_EQ(image.partitions().size(), 2u);
+    EXPECT_EQ(image.format(), "UDZO");
+    const auto* holder = image.volumePartition();
+    ASSERT_NE(holder, nullptr);
+    EXPECT_EQ(holder->name, "disk image (Apple_HFS : 1)");
+    EXPECT_EQ(image.read(*holder, 0, volume.size()), volume);
+    EXPECT_EQ(image.read(*holder, volume.size(), 4096), std::string(4096, '\0'));
+    const HFSPlusVolume read([&](std::uint64_t offset, std::size_t length) {
+        return image.read(*holder, offset, length);
+    });
+    EXPECT_EQ(read.volumeName(), "Sample");
+    if (have("7z")) {
+        // (7z warns that the partition goes on after the volume's end, as it does here.)
+        const auto tested = run("7z", {"t", (dir / "hdiutil.dmg").string()});
+        EXPECT_EQ(tested.find("CRC Error"), std::string::npos) << tested;
+        EXPECT_EQ(tested.find("CRC error"), std::string::npos) << tested;
+    }
 }
 
 // The installer's folder as a volume: the app with a framework's symbolic links, an empty
