@@ -11,9 +11,11 @@
 #include <condition_variable>
 #include <cstring>
 #include <deque>
+#include <exception>
 #include <fcntl.h>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -114,6 +116,7 @@ struct UDIFWriter::Impl {
     std::deque<std::pair<std::uint64_t, std::string>> jobs;
     std::map<std::uint64_t, Compressed> done;
     bool closing = false;
+    std::exception_ptr failure;
     std::uint64_t submitted = 0;
     std::uint64_t written = 0;
     std::size_t inFlightLimit = 0;
@@ -138,9 +141,19 @@ struct UDIFWriter::Impl {
                 job = std::move(jobs.front());
                 jobs.pop_front();
             }
-            auto result = compress(job.second, options.format, options.level);
+            std::optional<Compressed> result;
+            std::exception_ptr error;
+            try {
+                result = compress(job.second, options.format, options.level);
+            } catch (...) {
+                error = std::current_exception();
+            }
             std::lock_guard held(lock);
-            done.emplace(job.first, std::move(result));
+            if (error) {
+                failure = error;
+            } else {
+                done.emplace(job.first, std::move(*result));
+            }
             doneReady.notify_all();
         }
     }
@@ -183,9 +196,13 @@ struct UDIFWriter::Impl {
     // Writes the finished chunks that are next in order; with `wait`, waits for one first.
     void drain(std::unique_lock<std::mutex>& held, bool wait) {
         if (wait) {
-            doneReady.wait(held, stop, [&] { return done.contains(written); });
+            doneReady.wait(held, stop, [&] { return done.contains(written) || failure; });
             if (stop.stop_requested()) {
                 throw CancellationError();
+            }
+            if (failure) {
+                // Out of memory in a compressing thread: the caller's failure, not a crash.
+                std::rethrow_exception(failure);
             }
         }
         for (auto next = done.find(written); next != done.end(); next = done.find(written)) {
