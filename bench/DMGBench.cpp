@@ -134,7 +134,7 @@ const fs::path& rawVolume() {
         const auto& app = bigApp();
         const auto path = benchRoot() / "volume.raw";
         std::ofstream out(path, std::ios::binary);
-        writeHFSPlusVolume(app, "Big", false, [&](std::span<const char> bytes) {
+        writeHFSPlusVolume(app, {"Big"}, [&](std::span<const char> bytes) {
             out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
         });
         return path;

@@ -12,6 +12,7 @@
 #include "core/support/VeltraError.h"
 
 #include <cstdlib>
+#include <ctime>
 #include <optional>
 
 #include <fmt/format.h>
@@ -210,11 +211,15 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
                 "came from " +
                     artworkSettings + ".");
         }
+        // The layout's alias names the volume by its creation date, which the volume then gets.
+        const auto createdAt = static_cast<std::int64_t>(std::time(nullptr));
         if (type != DMGBackgroundType::plain) {
             say("Applying Finder layout...");
             DMGDesignConfig layout = config;
             layout.volumeName = volumeName;
-            dsStoreWriter.write(work.staging, layout, appName, stagedBackground);
+            DSStoreWriter writer = dsStoreWriter;
+            writer.volumeCreatedAt = createdAt;
+            writer.write(work.staging, layout, appName, stagedBackground);
         }
         say("Creating image volume '" + volumeName + "' and compressing it with " +
             config.compressionFormat + "...");
@@ -223,7 +228,7 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
                           config.compressionLevel.value_or(defaultZlibLevel), 0},
                          stop);
         writeHFSPlusVolume(
-            work.staging, volumeName, withIcon,
+            work.staging, {volumeName, withIcon, createdAt},
             [&](std::span<const char> bytes) { image.write(bytes); }, stop);
         image.finish();
     } else {

@@ -146,7 +146,7 @@ DSStoreWriter::layout(const std::filesystem::path& volume, const DMGDesignConfig
                                      : std::string(1, '/') + *backgroundVolumePath;
         const auto picture = volume / path.substr(1);
         const auto pictureTimes = timesOf(picture);
-        const auto created = volumeCreated(volume);
+        const auto created = volumeCreatedAt ? *volumeCreatedAt : volumeCreated(volume);
         dsstore::AliasRecord::FileOnVolume target;
         target.volumeName = config.volumeName;
         target.volumeCreated = created;
@@ -154,8 +154,10 @@ DSStoreWriter::layout(const std::filesystem::path& volume, const DMGDesignConfig
         target.fileCreated = pictureTimes.created;
         target.volumeUTCOffset = utcOffsetAt(created);
         target.fileUTCOffset = utcOffsetAt(pictureTimes.created);
-        target.parentID = catalogID(timesOf(picture.parent_path()).id);
-        target.fileID = catalogID(pictureTimes.id);
+        if (!volumeCreatedAt) {
+            target.parentID = catalogID(timesOf(picture.parent_path()).id);
+            target.fileID = catalogID(pictureTimes.id);
+        }
         icons.setBackground(
             dsstore::BackgroundType::picture(dsstore::AliasRecord::file(target).encode()));
     }

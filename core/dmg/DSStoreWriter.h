@@ -3,6 +3,7 @@
 #include "core/records/DMGDesignConfig.h"
 
 #include <array>
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -18,6 +19,12 @@ namespace veltra {
 // the background picture, and where the app and Applications sit.
 class DSStoreWriter {
 public:
+    // The volume's creation date (seconds since 1970) when the folder is not yet the volume, as
+    // for an image Veltra writes itself; else the mounted volume's own. The picture's folder
+    // and file IDs are then unknown too (the folder's are not the volume's), and Finder finds
+    // the picture by its path.
+    std::optional<std::int64_t> volumeCreatedAt;
+
     // The store for a volume. `backgroundVolumePath` is the staged picture below the volume's
     // root (".background/background.png"); absent for a window without a picture.
     dsstore::DSStore layout(const std::filesystem::path& volume, const DMGDesignConfig& config,

@@ -104,6 +104,8 @@ HFSPlusVolume::HFSPlusVolume(Reader reader) : reader_(std::move(reader)) {
     if (signature_ != "H+" && signature_ != "HX") {
         bad("there is no HFS+ signature at offset 1024");
     }
+    // Seconds since 1904.
+    createdAt_ = static_cast<std::int64_t>(getUInt32(header, 16)) - 2'082'844'800;
     blockSize_ = getUInt32(header, 40);
     blocks_ = getUInt32(header, 44);
     if (blockSize_ < 512 || blockSize_ > (1u << 20) || (blockSize_ & (blockSize_ - 1)) != 0) {
@@ -359,9 +361,11 @@ void applyFinderInfo(std::string& volume, const TopLevelFinderInfo& wanted) {
 
 } // namespace
 
-void writeHFSPlusVolume(const std::filesystem::path& folder, const std::string& volumeName,
-                        bool customIcon, const std::function<void(std::span<const char>)>& sink,
+void writeHFSPlusVolume(const std::filesystem::path& folder, const HFSPlusVolumeOptions& wanted,
+                        const std::function<void(std::span<const char>)>& sink,
                         std::stop_token stop) {
+    const auto& volumeName = wanted.name;
+    const bool customIcon = wanted.customIcon;
     initialiseLibrary();
     IsoImage* image = nullptr;
     if (const int made = iso_image_new(volumeName.c_str(), &image); made < 0) {
@@ -389,6 +393,12 @@ void writeHFSPlusVolume(const std::filesystem::path& folder, const std::string& 
     iso_write_opts_set_iso_level(options, 3);
     iso_write_opts_set_hfsplus(options, 1);
     iso_write_opts_set_hfsp_block_size(options, 2048, 2048);
+    // The ISO volume's creation time is the HFS+ volume's too.
+    if (wanted.createdAt > 0) {
+        iso_write_opts_set_pvd_times(options, static_cast<time_t>(wanted.createdAt),
+                                     static_cast<time_t>(wanted.createdAt), 0, 0,
+                                     const_cast<char*>(""));
+    }
 
     burn_source* source = nullptr;
     if (const int made = iso_image_create_burn_source(image, options, &source); made < 0) {

@@ -39,6 +39,8 @@ public:
     const std::string& volumeName() const { return volumeName_; }
     // Whether Finder shows the volume with its .VolumeIcon.icns.
     bool hasCustomIcon() const { return customIcon_; }
+    // The header's creation date, seconds since 1970.
+    std::int64_t createdAt() const { return createdAt_; }
     // The folder's entries in catalog order; the root folder is ID 2.
     std::vector<Entry> list(std::uint32_t folderID = rootFolderID) const;
 
@@ -64,15 +66,24 @@ private:
     std::uint32_t firstLeaf_ = 0;
     std::string volumeName_;
     bool customIcon_ = false;
+    std::int64_t createdAt_ = 0;
 };
 
-// Writes the contents of `folder` as a case-insensitive HFS+ volume named `volumeName`, giving
-// its bytes in order to `sink` (never the whole volume at once). POSIX permissions, symbolic
-// links and empty folders are kept; names are stored decomposed, as HFS+ wants them; files of
-// any size (64-bit forks). With `customIcon`, the volume shows its .VolumeIcon.icns.
-// Throws VeltraError when the volume cannot be made, CancellationError when stopped.
-void writeHFSPlusVolume(const std::filesystem::path& folder, const std::string& volumeName,
-                        bool customIcon, const std::function<void(std::span<const char>)>& sink,
+struct HFSPlusVolumeOptions {
+    std::string name;
+    // Finder shows the volume with its .VolumeIcon.icns.
+    bool customIcon = false;
+    // The volume's creation date, seconds since 1970 (now when 0): a layout written before the
+    // volume names the volume by it.
+    std::int64_t createdAt = 0;
+};
+
+// Writes the contents of `folder` as a case-insensitive HFS+ volume, giving its bytes in order
+// to `sink` (never the whole volume at once). POSIX permissions, symbolic links and empty
+// folders are kept; names are stored decomposed, as HFS+ wants them; files of any size (64-bit
+// forks). Throws VeltraError when the volume cannot be made, CancellationError when stopped.
+void writeHFSPlusVolume(const std::filesystem::path& folder, const HFSPlusVolumeOptions& options,
+                        const std::function<void(std::span<const char>)>& sink,
                         std::stop_token stop = {});
 
 } // namespace veltra

@@ -206,6 +206,8 @@ TEST_F(DMGBuilderRun, WithoutHdiutilVeltraMakesTheImageItself) {
     const testing::ScopedEnvironment path("PATH", "/usr/bin:/bin");
     const testing::ScopedEnvironment tools("VELTRA_TOOL_PATH", "");
     const testing::ScopedEnvironment engine("VELTRA_DMG_ENGINE", "");
+    // The alias keeps local time, as HFS did; the comparison below is in UTC.
+    const testing::ScopedEnvironment zone("TZ", "UTC");
     build();
     EXPECT_EQ(log,
               (Lines{"No hdiutil on this machine: Veltra writes the HFS+ volume and the "
@@ -225,6 +227,22 @@ TEST_F(DMGBuilderRun, WithoutHdiutilVeltraMakesTheImageItself) {
         top.push_back(entry.name);
     }
     EXPECT_EQ(top, (Lines{".background", ".DS_Store", "Acme.app", "Applications"}));
+    // The layout's alias names the volume as the volume is (its name and creation date) and
+    // leaves the IDs the staging folder had unknown, so Finder finds the picture by its path.
+    fs::create_directories(dir / "x");
+    ASSERT_EQ(ProcessRunner::run("7z", {"x", "-y", "-o" + (dir / "x").string(),
+                                        options.outputDMGPath.string(), "Acme 1.2.3/.DS_Store"})
+                  .exitCode,
+              0);
+    const auto store = dsstore::DSStore::readFile(dir / "x" / "Acme 1.2.3" / ".DS_Store");
+    const auto icons = dsstore::IconViewSettings::from(store);
+    ASSERT_TRUE(icons && icons->backgroundImageAlias);
+    const auto alias = dsstore::AliasRecord::decode(*icons->backgroundImageAlias);
+    EXPECT_EQ(alias.volumeName, "Acme 1.2.3");
+    EXPECT_EQ(static_cast<std::int64_t>(alias.volumeCreated) - 2'082'844'800, volume.createdAt());
+    EXPECT_EQ(alias.parentID, 0xFFFFFFFFu);
+    EXPECT_EQ(alias.fileID, 0xFFFFFFFFu);
+    EXPECT_EQ(alias.text(dsstore::AliasRecord::Tag::posixPath), "/.background/background.png");
 
     std::stop_source stop;
     stop.request_stop();

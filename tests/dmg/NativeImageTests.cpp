@@ -63,7 +63,7 @@ std::string sampleVolume(const fs::path& dir) {
     fs::create_directories(folder / "Sample.app/Contents/MacOS");
     testing::writeFile(folder / "Sample.app/Contents/MacOS/Sample", bytesOf(3'500'001, 7));
     std::string volume;
-    writeHFSPlusVolume(folder, "Sample", false, [&](std::span<const char> bytes) {
+    writeHFSPlusVolume(folder, {"Sample"}, [&](std::span<const char> bytes) {
         volume.append(bytes.data(), bytes.size());
     });
     return volume;
@@ -287,7 +287,7 @@ TEST(NativeDiskImage, HoldsTheInstallerAsAnHFSPlusVolume) {
     const auto file = dir / "Sample.dmg";
     {
         UDIFWriter writer(file, {UDIFFormat::udzo, 6, 0});
-        writeHFSPlusVolume(staging, "Sample Installer", true,
+        writeHFSPlusVolume(staging, {"Sample Installer", true, 1'700'000'000},
                            [&](std::span<const char> bytes) { writer.write(bytes); });
         writer.finish();
     }
@@ -300,6 +300,7 @@ TEST(NativeDiskImage, HoldsTheInstallerAsAnHFSPlusVolume) {
     EXPECT_EQ(volume.signature(), "H+");
     EXPECT_EQ(volume.volumeName(), "Sample Installer");
     EXPECT_TRUE(volume.hasCustomIcon());
+    EXPECT_EQ(volume.createdAt(), 1'700'000'000);
     EXPECT_LE(volume.totalBytes(), partition.sectorCount * 512);
 
     std::map<std::string, HFSPlusVolume::Entry> top;
@@ -384,7 +385,7 @@ TEST(NativeDiskImage, KeepsAFileOverFourGiB) {
     const auto file = dir / "Big.dmg";
     {
         UDIFWriter writer(file, {UDIFFormat::udzo, 1, 0});
-        writeHFSPlusVolume(staging, "Big", false,
+        writeHFSPlusVolume(staging, {"Big"},
                            [&](std::span<const char> bytes) { writer.write(bytes); });
         writer.finish();
     }
