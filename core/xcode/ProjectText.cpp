@@ -60,6 +60,18 @@ std::string_view settingName(std::string_view line) {
     return name;
 }
 
+// A section marker as Xcode writes it: a line of its own. The same words inside another
+// comment or a string are not a marker.
+std::size_t findMarker(const std::string& text, std::string_view marker, std::size_t from = 0) {
+    for (auto at = text.find(marker, from); at != std::string::npos;
+         at = text.find(marker, at + 1)) {
+        if (at > 0 && text[at - 1] == '\n') {
+            return at;
+        }
+    }
+    return std::string::npos;
+}
+
 } // namespace
 
 ProjectText::Span ProjectText::span(const std::string& id) const {
@@ -120,8 +132,8 @@ void ProjectText::addToSection(const std::string& isa, const std::string& id,
                                const std::string& object) {
     const auto beginMarker = "/* Begin " + isa + " section */\n";
     const auto endMarker = "/* End " + isa + " section */\n";
-    if (const auto begin = text_.find(beginMarker); begin != std::string::npos) {
-        const auto end = text_.find(endMarker, begin);
+    if (const auto begin = findMarker(text_, beginMarker); begin != std::string::npos) {
+        const auto end = findMarker(text_, endMarker, begin);
         if (end == std::string::npos) {
             throw setupError("The project file's " + isa + " section has no end.");
         }
@@ -142,17 +154,17 @@ void ProjectText::addToSection(const std::string& isa, const std::string& id,
     // After the last section whose isa sorts before this one, else before the first.
     std::optional<std::size_t> after;
     std::optional<std::size_t> first;
-    for (auto at = text_.find("/* Begin "); at != std::string::npos;
-         at = text_.find("/* Begin ", at + 1)) {
-        const auto nameEnd = text_.find(" section */", at);
-        if (nameEnd == std::string::npos) {
-            break;
+    for (auto at = findMarker(text_, "/* Begin "); at != std::string::npos;
+         at = findMarker(text_, "/* Begin ", at + 1)) {
+        const auto nameEnd = text_.find(" section */\n", at);
+        if (nameEnd == std::string::npos || text_.find('\n', at) < nameEnd) {
+            continue;
         }
         const auto name = text_.substr(at + 9, nameEnd - at - 9);
         first = first.value_or(at);
         if (name < isa) {
             const auto closing = "/* End " + name + " section */\n";
-            const auto close = text_.find(closing, at);
+            const auto close = findMarker(text_, closing, at);
             if (close == std::string::npos) {
                 throw setupError("The project file's " + name + " section has no end.");
             }

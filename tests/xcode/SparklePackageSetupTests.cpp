@@ -217,6 +217,23 @@ TEST(SparklePackageSetup, WritesTheObjectsWhereAndAsXcodeWritesThem) {
     EXPECT_NE(text.find("\t\t\tpackageReferences = (\n\t\t\t\t"), std::string::npos);
 }
 
+// A section's marker inside another comment is not the section's end (found by the fuzzer:
+// the objects went into that comment and the file no longer parsed).
+TEST(SparklePackageSetup, MarkersInsideOtherCommentsAreNotSections) {
+    auto text = readFile(fs::path(VELTRA_SOURCE_DIR) /
+                         "share/demo/Sample/Sample.xcodeproj/project.pbxproj");
+    // Right after the section's start, where the objects would go were it the end.
+    const std::string_view begin = "/* Begin PBXBuildFile section */\n";
+    const auto at = text.find(begin);
+    ASSERT_NE(at, std::string::npos);
+    text.insert(at + begin.size(), "/* a note, not a marker: /* End PBXBuildFile section */\n");
+    ASSERT_NO_THROW(parseProjectFile(text));
+    const auto plan = SparklePackageSetup::plan(text, std::nullopt);
+    EXPECT_NO_THROW(parseProjectFile(plan.text));
+    EXPECT_NE(plan.text.find("/* a note, not a marker: /* End PBXBuildFile section */\n"),
+              std::string::npos);
+}
+
 TEST(SparklePackageSetup, RefusesWhatItCannotSetUpByName) {
     const auto text = readFile(fs::path(VELTRA_SOURCE_DIR) /
                                "share/demo/Sample/Sample.xcodeproj/project.pbxproj");
