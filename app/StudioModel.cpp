@@ -156,8 +156,9 @@ void StudioModel::opened() {
 }
 
 void StudioModel::record(const std::string& event, Json properties) {
-    TelemetryEvents::record(TelemetryEvents::source(VELTRA_VERSION, true), event,
-                            std::move(properties), telemetrySettings());
+    const auto settings = telemetrySettings();
+    TelemetryEvents::record(TelemetryEvents::source(VELTRA_VERSION, true, settings), event,
+                            std::move(properties), settings);
 }
 
 void StudioModel::sendTelemetry() {

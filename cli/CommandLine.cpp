@@ -241,7 +241,7 @@ void recordCommand(const CLI::App& app) {
         return;
     }
     const TelemetrySettings settings(TelemetrySettings::defaultFolder());
-    TelemetryEvents::record(TelemetryEvents::source(VELTRA_VERSION, false), "command_run",
+    TelemetryEvents::record(TelemetryEvents::source(VELTRA_VERSION, false, settings), "command_run",
                             TelemetryEvents::commandRun(command, options), settings);
     // At most two seconds at the end of a command, silently, once all it says is out.
     std::cout.flush();

@@ -189,6 +189,7 @@ void addVerify(CLI::App& group, CliContext& context) {
             return image.read(*holder, offset, length);
         });
         const auto entries = volume.list();
+        const auto fileSystem = volume.signature() == "H+" ? "HFS+" : "HFSX (case-sensitive)";
         const auto kind = [](HFSPlusVolume::Entry::Kind k) {
             return k == HFSPlusVolume::Entry::Kind::folder    ? "folder"
                    : k == HFSPlusVolume::Entry::Kind::symlink ? "link"
@@ -200,24 +201,21 @@ void addVerify(CLI::App& group, CliContext& context) {
                 listed.push_back(
                     {{"name", entry.name}, {"kind", kind(entry.kind)}, {"size", entry.size}});
             }
-            context.out << jsonText(
-                               Json{{"format", image.format()},
-                                    {"partition", holder->name},
-                                    {"volumeName", volume.volumeName()},
-                                    {"fileSystem",
-                                     volume.signature() == "H+" ? "HFS+" : "HFSX (case-sensitive)"},
-                                    {"volumeBytes", volume.totalBytes()},
-                                    {"customIcon", volume.hasCustomIcon()},
-                                    {"checksumsVerified", true},
-                                    {"topLevel", listed}})
+            context.out << jsonText(Json{{"format", image.format()},
+                                         {"partition", holder->name},
+                                         {"volumeName", volume.volumeName()},
+                                         {"fileSystem", fileSystem},
+                                         {"volumeBytes", volume.totalBytes()},
+                                         {"customIcon", volume.hasCustomIcon()},
+                                         {"checksumsVerified", true},
+                                         {"topLevel", listed}})
                         << '\n';
             return;
         }
         context.out << fmt::format("✓ {}: {} image, checksums verified\n",
                                    std::filesystem::path(*file).filename().string(),
                                    image.format());
-        context.out << fmt::format("Volume '{}': {}, {} bytes{}\n", volume.volumeName(),
-                                   volume.signature() == "H+" ? "HFS+" : "HFSX (case-sensitive)",
+        context.out << fmt::format("Volume '{}': {}, {} bytes{}\n", volume.volumeName(), fileSystem,
                                    volume.totalBytes(),
                                    volume.hasCustomIcon() ? ", custom icon" : "");
         for (const auto& entry : entries) {

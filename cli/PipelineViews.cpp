@@ -352,7 +352,7 @@ void showRelease(CliContext& context, OpenStore& store, PipelineManager& pipelin
         ~StopTracing() { ProcessRunner::setTrace({}); }
     } stopTracing;
     const TelemetrySettings telemetry(TelemetrySettings::defaultFolder());
-    const auto telemetrySource = TelemetryEvents::source(VELTRA_VERSION, false);
+    const auto telemetrySource = TelemetryEvents::source(VELTRA_VERSION, false, telemetry);
     TelemetryEvents::record(telemetrySource, "release_started",
                             TelemetryEvents::releaseStarted(request), telemetry);
     loop.post([&] { pipeline.run(request); });

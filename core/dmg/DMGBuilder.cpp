@@ -88,18 +88,15 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
             stop);
     };
     const auto& config = options.config;
+    const bool automatic = options.engine == DMGEngine::automatic;
+    const bool noHdiutil = automatic && !ProcessRunner::findTool("hdiutil");
     const char* asked = std::getenv("VELTRA_DMG_ENGINE");
-    const bool native = options.engine == DMGEngine::native ||
-                        (options.engine == DMGEngine::automatic &&
-                         ((asked != nullptr && std::string_view(asked) == "native") ||
-                          !ProcessRunner::findTool("hdiutil")));
+    const bool native = options.engine == DMGEngine::native || noHdiutil ||
+                        (automatic && asked != nullptr && std::string_view(asked) == "native");
     if (native) {
         // Refused before any work when the format cannot be written here.
         udifFormat(config.compressionFormat);
-        say(std::string(options.engine == DMGEngine::automatic &&
-                                !ProcessRunner::findTool("hdiutil")
-                            ? "No hdiutil on this machine: "
-                            : "") +
+        say(std::string(noHdiutil ? "No hdiutil on this machine: " : "") +
             "Veltra writes the HFS+ volume and the " + config.compressionFormat + " image itself.");
     }
     const auto appName = options.appPath.filename().string();
@@ -191,6 +188,15 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
         }
     }
 
+    const auto requireArtwork = [&] {
+        if (type != DMGBackgroundType::plain && !std::filesystem::is_regular_file(staged)) {
+            throw VeltraError(
+                "Veltra.DMG", errorCode::toolFailed,
+                "The installer artwork could not be prepared. Check the artwork and rebuild. It "
+                "came from " +
+                    artworkSettings + ".");
+        }
+    };
     // The volume's icon: a file Finder looks for at the root, and the root's custom-icon flag.
     bool withIcon = false;
     if (config.volumeIconPath && !config.volumeIconPath->empty()) {
@@ -204,13 +210,7 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
         }
     }
     if (native) {
-        if (type != DMGBackgroundType::plain && !std::filesystem::is_regular_file(staged)) {
-            throw VeltraError(
-                "Veltra.DMG", errorCode::toolFailed,
-                "The installer artwork could not be prepared. Check the artwork and rebuild. It "
-                "came from " +
-                    artworkSettings + ".");
-        }
+        requireArtwork();
         // The layout's alias names the volume by its creation date, which the volume then gets.
         const auto createdAt = static_cast<std::int64_t>(std::time(nullptr));
         if (type != DMGBackgroundType::plain) {
@@ -243,13 +243,7 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
         }
 
         if (type != DMGBackgroundType::plain || withIcon) {
-            if (type != DMGBackgroundType::plain && !std::filesystem::is_regular_file(staged)) {
-                throw VeltraError("Veltra.DMG", errorCode::toolFailed,
-                                  "The installer artwork could not be prepared. Check the artwork "
-                                  "and rebuild. It "
-                                  "came from " +
-                                      artworkSettings + ".");
-            }
+            requireArtwork();
             fileStep([&] { std::filesystem::create_directories(work.mountPoint); });
             bool attached = false;
             try {

@@ -32,7 +32,6 @@ constexpr const char* finderInfoName = "com.apple.FinderInfo";
 constexpr const char* finderInfoName = "user.com.apple.FinderInfo";
 #endif
 // Finder's private "extension is hidden" bit, in the Finder flags at bytes 8 and 9.
-constexpr std::uint16_t extensionHiddenFlag = 0x0010;
 
 ssize_t getAttribute(const std::filesystem::path& path, void* value, std::size_t size) {
 #ifdef __APPLE__
@@ -222,17 +221,16 @@ void setFinderFlag(const std::filesystem::path& item, std::uint16_t flag, bool o
 } // namespace
 
 void setExtensionHidden(const std::filesystem::path& bundle, bool hidden) {
-    setFinderFlag(bundle, extensionHiddenFlag, hidden, "hide the extension of");
+    setFinderFlag(bundle, finderFlag::extensionHidden, hidden, "hide the extension of");
 }
 
 void setCustomIcon(const std::filesystem::path& folder, bool custom) {
-    constexpr std::uint16_t customIconFlag = 0x0400;
-    setFinderFlag(folder, customIconFlag, custom, "give its icon to");
+    setFinderFlag(folder, finderFlag::customIcon, custom, "give its icon to");
 }
 
 bool isExtensionHidden(const std::filesystem::path& bundle) {
     const auto info = finderInfo(bundle);
-    return ((info[8] << 8 | info[9]) & extensionHiddenFlag) != 0;
+    return ((info[8] << 8 | info[9]) & finderFlag::extensionHidden) != 0;
 }
 
 } // namespace veltra

@@ -38,6 +38,12 @@ public:
                const std::optional<std::string>& backgroundVolumePath) const;
 };
 
+// Bits of the Finder flags (bytes 8 and 9 of an item's Finder info).
+namespace finderFlag {
+inline constexpr std::uint16_t extensionHidden = 0x0010;
+inline constexpr std::uint16_t customIcon = 0x0400;
+} // namespace finderFlag
+
 // Finder shows `bundle` without its extension: the hidden-extension bit of its Finder info, in
 // the "com.apple.FinderInfo" extended attribute ("user.com.apple.FinderInfo" off macOS).
 // Throws VeltraError (domain "POSIX") when the attribute cannot be written.

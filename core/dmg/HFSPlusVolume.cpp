@@ -32,11 +32,22 @@ std::uint16_t getUInt16(std::string_view bytes, std::size_t at) {
     throw VeltraError("Veltra", errorCode::invalidSetup, "The HFS+ volume does not read: " + why);
 }
 
-constexpr std::uint32_t rootParentID = 1;
 constexpr std::int16_t folderRecord = 1;
 constexpr std::int16_t fileRecord = 2;
-constexpr std::uint16_t customIconFlag = 0x0400;
-constexpr std::size_t folderFlagsOffset = 56;
+// In a folder or file record: its Finder flags, and its extended flags.
+constexpr std::size_t finderFlagsOffset = 56;
+constexpr std::size_t extendedFlagsOffset = 72;
+
+// UTF-8 composed (NFC), as Finder shows names.
+std::string composed(const std::string& utf8) {
+    auto* result = utf8proc_NFC(reinterpret_cast<const utf8proc_uint8_t*>(utf8.c_str()));
+    if (result == nullptr) {
+        return utf8;
+    }
+    std::string text(reinterpret_cast<const char*>(result));
+    std::free(result);
+    return text;
+}
 
 // UTF-16BE as stored, to UTF-8 composed as Finder shows it.
 std::string nameOf(std::string_view utf16) {
@@ -57,40 +68,7 @@ std::string nameOf(std::string_view utf16) {
         const auto length = utf8proc_encode_char(static_cast<utf8proc_int32_t>(unit), encoded);
         utf8.append(reinterpret_cast<const char*>(encoded), static_cast<std::size_t>(length));
     }
-    auto* composed = utf8proc_NFC(reinterpret_cast<const utf8proc_uint8_t*>(utf8.c_str()));
-    if (composed == nullptr) {
-        return utf8;
-    }
-    std::string result(reinterpret_cast<const char*>(composed));
-    std::free(composed);
-    return result;
-}
-
-// UTF-8 to UTF-16BE, to read a name back through `nameOf`.
-std::string utf16Of(const std::string& utf8) {
-    std::string out;
-    const auto* bytes = reinterpret_cast<const utf8proc_uint8_t*>(utf8.data());
-    auto left = static_cast<utf8proc_ssize_t>(utf8.size());
-    while (left > 0) {
-        utf8proc_int32_t code = 0;
-        const auto used = utf8proc_iterate(bytes, left, &code);
-        if (used <= 0) {
-            break;
-        }
-        const auto put = [&](std::uint32_t unit) {
-            out += static_cast<char>(unit >> 8);
-            out += static_cast<char>(unit & 0xff);
-        };
-        if (code >= 0x10000) {
-            put(0xd800 + ((static_cast<std::uint32_t>(code) - 0x10000) >> 10));
-            put(0xdc00 + ((static_cast<std::uint32_t>(code) - 0x10000) & 0x3ff));
-        } else {
-            put(static_cast<std::uint32_t>(code));
-        }
-        bytes += used;
-        left -= used;
-    }
-    return out;
+    return composed(utf8);
 }
 
 } // namespace
@@ -138,16 +116,22 @@ HFSPlusVolume::HFSPlusVolume(Reader reader) : reader_(std::move(reader)) {
     if (nodeSize_ < 512 || (nodeSize_ & (nodeSize_ - 1)) != 0 || nodeSize_ > catalogSize_) {
         bad("the catalog's node size " + std::to_string(nodeSize_) + " is not usable");
     }
-    forEachRecord([&](const Record& record) {
-        if (record.parentID != rootParentID ||
-            static_cast<std::int16_t>(getUInt16(record.data, 0)) != folderRecord ||
-            record.data.size() < 88) {
-            return true;
+    const auto root = list(rootParentID);
+    if (root.size() != 1) {
+        bad("the catalog has no root folder");
+    }
+    volumeName_ = root.front().name;
+    customIcon_ = (root.front().finderFlags & finderFlag::customIcon) != 0;
+}
+
+std::uint64_t HFSPlusVolume::volumeOffset(std::uint64_t catalogOffset) const {
+    for (const auto& [start, size] : catalogExtents_) {
+        if (catalogOffset < size) {
+            return start + catalogOffset;
         }
-        volumeName_ = nameOf(record.key.substr(8));
-        customIcon_ = (getUInt16(record.data, folderFlagsOffset) & customIconFlag) != 0;
-        return false;
-    });
+        catalogOffset -= size;
+    }
+    bad("the catalog is cut short");
 }
 
 std::string HFSPlusVolume::readCatalog(std::uint64_t offset, std::size_t length) const {
@@ -202,9 +186,10 @@ void HFSPlusVolume::forEachRecord(const std::function<bool(const Record&)>& visi
                 8u + 2u * getUInt16(bytes, 6) > 2u + keyLength) {
                 bad("a key of catalog node " + std::to_string(number) + " is malformed");
             }
-            const Record record{getUInt32(bytes, 2),
-                                std::string(bytes.substr(0, 8u + 2u * getUInt16(bytes, 6))),
-                                std::string(bytes.substr(2u + keyLength))};
+            const Record record{
+                getUInt32(bytes, 2), std::string(bytes.substr(0, 8u + 2u * getUInt16(bytes, 6))),
+                std::string(bytes.substr(2u + keyLength)),
+                static_cast<std::uint64_t>(number) * nodeSize_ + start + 2u + keyLength};
             if (!visit(record)) {
                 return;
             }
@@ -216,8 +201,9 @@ void HFSPlusVolume::forEachRecord(const std::function<bool(const Record&)>& visi
 std::vector<HFSPlusVolume::Entry> HFSPlusVolume::list(std::uint32_t folderID) const {
     std::vector<Entry> entries;
     forEachRecord([&](const Record& record) {
+        // Records are in parent order: past the folder's, there are no more of them.
         if (record.parentID != folderID) {
-            return true;
+            return record.parentID < folderID;
         }
         const auto type = static_cast<std::int16_t>(getUInt16(record.data, 0));
         if ((type != folderRecord && type != fileRecord) ||
@@ -228,7 +214,8 @@ std::vector<HFSPlusVolume::Entry> HFSPlusVolume::list(std::uint32_t folderID) co
         entry.name = nameOf(record.key.substr(8));
         entry.id = getUInt32(record.data, 8);
         entry.mode = getUInt16(record.data, 42);
-        entry.finderFlags = getUInt16(record.data, 56);
+        entry.finderFlags = getUInt16(record.data, finderFlagsOffset);
+        entry.recordOffset = volumeOffset(record.catalogOffset);
         if (type == folderRecord) {
             entry.kind = Entry::Kind::folder;
         } else {
@@ -294,68 +281,24 @@ struct TopLevelFinderInfo {
 };
 
 void applyFinderInfo(std::string& volume, const TopLevelFinderInfo& wanted) {
-    bool flagged = !wanted.customIcon;
-    // Checks the header and the catalog's header node before they are walked here.
-    const HFSPlusVolume checked([&](std::uint64_t offset, std::size_t length) {
+    const HFSPlusVolume read([&](std::uint64_t offset, std::size_t length) {
         return offset < volume.size() ? volume.substr(offset, length) : std::string();
     });
-    const auto catalog = static_cast<std::uint64_t>(getUInt32(volume, 1024 + 272 + 16)) *
-                         getUInt32(volume, 1024 + 40);
-    const auto size = getUInt64(volume, 1024 + 272);
-    const auto nodeSize = getUInt16(volume, catalog + 14 + 18);
-    const auto merge = [&](std::size_t at, std::size_t offset, std::uint8_t high,
-                           std::uint8_t low) {
-        volume[at + offset] = static_cast<char>(volume[at + offset] | static_cast<char>(high));
-        volume[at + offset + 1] =
-            static_cast<char>(volume[at + offset + 1] | static_cast<char>(low));
+    const auto merge = [&](std::uint64_t at, std::uint8_t high, std::uint8_t low) {
+        volume[at] = static_cast<char>(volume[at] | static_cast<char>(high));
+        volume[at + 1] = static_cast<char>(volume[at + 1] | static_cast<char>(low));
     };
-    for (std::uint64_t node = catalog;
-         node + nodeSize <= std::min<std::uint64_t>(catalog + size, volume.size());
-         node += nodeSize) {
-        const std::string_view view(volume.data() + node, nodeSize);
-        if (static_cast<std::int8_t>(view[8]) != -1) {
-            continue;
-        }
-        const auto records = getUInt16(view, 10);
-        for (std::uint16_t i = 0; i < records && 2u * (i + 2u) <= nodeSize; ++i) {
-            const auto start = getUInt16(view, nodeSize - 2u * (i + 1u));
-            if (start + 8u > nodeSize) {
-                continue;
-            }
-            const auto parent = getUInt32(view, start + 2u);
-            const auto data = start + 2u + getUInt16(view, start);
-            if ((parent != rootParentID && parent != HFSPlusVolume::rootFolderID) ||
-                data + 88u > nodeSize) {
-                continue;
-            }
-            const auto type = static_cast<std::int16_t>(getUInt16(view, data));
-            if (type != folderRecord && type != fileRecord) {
-                continue;
-            }
-            const auto at = static_cast<std::size_t>(node + data);
-            if (parent == rootParentID && type == folderRecord) {
-                if (wanted.customIcon) {
-                    merge(at, folderFlagsOffset, customIconFlag >> 8, 0);
-                    flagged = true;
-                }
-                continue;
-            }
-            const auto nameLength = getUInt16(view, start + 6u);
-            if (start + 8u + 2u * nameLength > nodeSize) {
-                continue;
-            }
-            const auto found = wanted.items.find(nameOf(view.substr(start + 8u, 2u * nameLength)));
-            if (found != wanted.items.end()) {
-                // The Finder flags and the extended ones; the rest stays as libisofs wrote it.
-                const auto& info = found->second;
-                merge(at, 48 + 8, info[8], info[9]);
-                merge(at, 48 + 24, info[24], info[25]);
-            }
-        }
+    if (wanted.customIcon) {
+        merge(read.list(HFSPlusVolume::rootParentID).front().recordOffset + finderFlagsOffset,
+              finderFlag::customIcon >> 8, finderFlag::customIcon & 0xff);
     }
-    if (!flagged) {
-        throw VeltraError("Veltra", errorCode::toolFailed,
-                          "The volume's root folder was not found to give it its icon.");
+    for (const auto& entry : read.list()) {
+        if (const auto found = wanted.items.find(entry.name); found != wanted.items.end()) {
+            // The Finder flags and the extended ones; the rest stays as libisofs wrote it.
+            const auto& info = found->second;
+            merge(entry.recordOffset + finderFlagsOffset, info[8], info[9]);
+            merge(entry.recordOffset + extendedFlagsOffset, info[24], info[25]);
+        }
     }
 }
 
@@ -448,7 +391,7 @@ void writeHFSPlusVolume(const std::filesystem::path& folder, const HFSPlusVolume
     for (const auto& item : std::filesystem::directory_iterator(folder)) {
         const auto info = finderInfo(item.path());
         if (std::any_of(info.begin(), info.end(), [](std::uint8_t b) { return b != 0; })) {
-            finder.items.emplace(nameOf(utf16Of(item.path().filename().string())), info);
+            finder.items.emplace(composed(item.path().filename().string()), info);
         }
     }
     const auto release = [&] {

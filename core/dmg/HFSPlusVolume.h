@@ -28,6 +28,8 @@ public:
         std::uint32_t id = 0;
         // Finder's flags (hidden extension, custom icon, ...).
         std::uint16_t finderFlags = 0;
+        // Where its catalog record's data starts on the volume (its Finder info is 48 bytes in).
+        std::uint64_t recordOffset = 0;
     };
 
     explicit HFSPlusVolume(Reader reader);
@@ -41,9 +43,11 @@ public:
     bool hasCustomIcon() const { return customIcon_; }
     // The header's creation date, seconds since 1970.
     std::int64_t createdAt() const { return createdAt_; }
-    // The folder's entries in catalog order; the root folder is ID 2.
+    // The folder's entries in catalog order; the root folder is ID 2, and the one entry of
+    // "folder" 1 is the root folder itself.
     std::vector<Entry> list(std::uint32_t folderID = rootFolderID) const;
 
+    static constexpr std::uint32_t rootParentID = 1;
     static constexpr std::uint32_t rootFolderID = 2;
 
 private:
@@ -51,10 +55,13 @@ private:
         std::uint32_t parentID;
         std::string key;
         std::string data;
+        // Where `data` starts in the catalog file.
+        std::uint64_t catalogOffset;
     };
     // Every leaf record of the catalog, calling `visit` until it returns false.
     void forEachRecord(const std::function<bool(const Record&)>& visit) const;
     std::string readCatalog(std::uint64_t offset, std::size_t length) const;
+    std::uint64_t volumeOffset(std::uint64_t catalogOffset) const;
 
     Reader reader_;
     std::string signature_;

@@ -205,7 +205,6 @@ std::string UDIFImage::readFork(std::uint64_t offset, std::uint64_t length) cons
 }
 
 std::string UDIFImage::format() const {
-    std::string found = "UDRO";
     for (const auto& partition : partitions_) {
         for (const auto& chunk : partition.chunks) {
             switch (chunk.type) {
@@ -224,7 +223,7 @@ std::string UDIFImage::format() const {
             }
         }
     }
-    return found;
+    return "UDRO";
 }
 
 std::string UDIFImage::expand(const Chunk& chunk) const {

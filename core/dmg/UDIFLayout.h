@@ -79,26 +79,4 @@ inline void putChunkEntry(std::string& out, const ChunkEntry& entry) {
     putUInt64(out, entry.compressedLength);
 }
 
-// The 16 bytes of a UUID written as text with dashes.
-inline std::string hexBytes(std::string_view uuid) {
-    std::string bytes;
-    int high = -1;
-    for (const char c : uuid) {
-        const int digit = c >= '0' && c <= '9'   ? c - '0'
-                          : c >= 'a' && c <= 'f' ? c - 'a' + 10
-                          : c >= 'A' && c <= 'F' ? c - 'A' + 10
-                                                 : -1;
-        if (digit < 0) {
-            continue;
-        }
-        if (high < 0) {
-            high = digit;
-        } else {
-            bytes += static_cast<char>(high * 16 + digit);
-            high = -1;
-        }
-    }
-    return bytes;
-}
-
 } // namespace veltra::udif

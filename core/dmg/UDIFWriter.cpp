@@ -294,8 +294,8 @@ struct UDIFWriter::Impl {
         putUInt64(koly, 0); // resource fork length
         putUInt32(koly, 1); // segment number
         putUInt32(koly, 1); // segment count
-        const auto segment = Uuid::random().string();
-        koly += hexBytes(segment);
+        const auto segment = Uuid::random().bytes();
+        koly.append(segment.begin(), segment.end());
         putChecksum(koly, dataForkCrc);
         putUInt64(koly, xmlOffset);
         putUInt64(koly, xmlLength);

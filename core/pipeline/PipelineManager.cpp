@@ -131,7 +131,6 @@ void PipelineManager::run(ReleaseRequest request) {
     const bool fromProject = !request.appPath && buildsFromProject(request.profile);
     steps_ = stepList(fromProject);
     stepStarts_.assign(steps_.size(), Clock::time_point{});
-    errorMessage_.reset();
     error_.reset();
     completedManifest_.reset();
     failedStepID_.reset();
@@ -192,7 +191,6 @@ void PipelineManager::finishOnMain(std::optional<ReleaseManifest> manifest,
     } else if (error) {
         markRunning(StepStatus::failed, error->message());
         logStream_.log("Error: " + error->message(), true);
-        errorMessage_ = error->message();
         error_ = error;
         if (sounds_ != nullptr && sounds_->applicationIsActive()) {
             sounds_->play("Basso");

@@ -93,8 +93,11 @@ public:
     const std::optional<AppInfo>& appInfo() const { return appInfo_; }
     const std::optional<ReleaseManifest>& completedManifest() const { return completedManifest_; }
     const std::optional<std::string>& activeReleaseAppName() const { return activeAppName_; }
-    const std::optional<std::string>& errorMessage() const { return errorMessage_; }
-    // The failure's domain and code ("Veltra", 500 for anything that was not a VeltraError).
+    std::optional<std::string> errorMessage() const {
+        return error_ ? std::optional(error_->message()) : std::nullopt;
+    }
+    // The failure with its domain and code ("Veltra", 500 for anything that was not a
+    // VeltraError).
     const std::optional<VeltraError>& error() const { return error_; }
     std::optional<std::string> failedStepID() const { return failedStepID_; }
     PipelineLogStream& logStream() { return logStream_; }
@@ -156,7 +159,6 @@ private:
     std::optional<AppInfo> appInfo_;
     std::optional<ReleaseManifest> completedManifest_;
     std::optional<std::string> activeAppName_;
-    std::optional<std::string> errorMessage_;
     std::optional<VeltraError> error_;
     std::optional<std::string> failedStepID_;
     std::optional<std::string> runningStepID_; // main queue's view

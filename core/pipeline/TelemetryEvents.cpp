@@ -1,7 +1,6 @@
 #include "TelemetryEvents.h"
 
 #include <cmath>
-#include <cstdlib>
 #include <sys/utsname.h>
 
 #if defined(__APPLE__)
@@ -10,10 +9,9 @@
 
 namespace veltra {
 
-TelemetrySource TelemetryEvents::source(std::string veltraVersion, bool studio) {
-    const char* ci = std::getenv("CI");
-    const bool onCI = ci != nullptr && *ci != '\0';
-    return {std::move(veltraVersion), onCI ? "ci" : studio ? "studio" : "cli"};
+TelemetrySource TelemetryEvents::source(std::string veltraVersion, bool studio,
+                                        const TelemetrySettings& settings) {
+    return {std::move(veltraVersion), settings.onCI() ? "ci" : studio ? "studio" : "cli"};
 }
 
 Json TelemetryEvents::common(const TelemetrySource& source) {

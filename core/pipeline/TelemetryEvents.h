@@ -21,7 +21,8 @@ struct TelemetrySource {
 
 class TelemetryEvents {
 public:
-    static TelemetrySource source(std::string veltraVersion, bool studio);
+    static TelemetrySource source(std::string veltraVersion, bool studio,
+                                  const TelemetrySettings& settings);
     // Veltra's version, the OS's name and version, the CPU architecture, where it ran.
     static Json common(const TelemetrySource& source);
     // The command's words ("sparkle keys generate") and the names of the options given.

@@ -128,9 +128,13 @@ void TelemetrySettings::resetID() {
     save();
 }
 
-bool TelemetrySettings::shouldAsk() const {
+bool TelemetrySettings::onCI() const {
     const char* ci = environment_("CI");
-    return !asked_ && !enabled_ && !overriddenBy() && (ci == nullptr || *ci == '\0');
+    return ci != nullptr && *ci != '\0';
+}
+
+bool TelemetrySettings::shouldAsk() const {
+    return !asked_ && !enabled_ && !overriddenBy() && !onCI();
 }
 
 void TelemetrySettings::markAsked() {

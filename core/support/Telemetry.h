@@ -40,8 +40,10 @@ public:
     void disable();
     // A new install ID: what was recorded before cannot be tied to what comes after.
     void resetID();
-    // Whether the Studio should ask for consent: once, never on CI (the CI variable set), and
-    // not when the environment or the user already decided.
+    // Whether this runs on CI: the CI variable set and not empty.
+    bool onCI() const;
+    // Whether the Studio should ask for consent: once, never on CI, and not when the
+    // environment or the user already decided.
     bool shouldAsk() const;
     // Remembers that the user was asked, whatever they answered.
     void markAsked();

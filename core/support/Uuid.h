@@ -16,6 +16,7 @@ public:
     static std::optional<Uuid> parse(std::string_view text);
 
     std::string string() const;
+    const std::array<std::uint8_t, 16>& bytes() const { return bytes_; }
     auto operator<=>(const Uuid&) const = default;
 
 private:
