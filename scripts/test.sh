@@ -8,6 +8,13 @@ jobs=$(nproc 2>/dev/null || echo 2)
 
 "$root/scripts/install-deps.sh"
 
+# Compiled objects are reused across clones and build folders: the cache lives outside the
+# clone, and paths below the clone are hashed relative to it.
+if command -v ccache >/dev/null 2>&1; then
+  export CMAKE_CXX_COMPILER_LAUNCHER=ccache CMAKE_C_COMPILER_LAUNCHER=ccache
+  export CCACHE_BASEDIR="$root" CCACHE_NOHASHDIR=1 CCACHE_MAXSIZE=${CCACHE_MAXSIZE:-8G}
+fi
+
 echo "== format"
 mapfile -t sources < <(git ls-files '*.cpp' '*.h' 2>/dev/null || true)
 if [[ ${#sources[@]} -gt 0 ]]; then
