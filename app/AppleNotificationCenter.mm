@@ -68,7 +68,12 @@ public:
             requestAuthorizationWithOptions:(UNAuthorizationOptionAlert |
                                              UNAuthorizationOptionSound)
                           completionHandler:^(BOOL granted, NSError* error) {
-                            if (error != nil) {
+                            // A permission the user refused comes back as this error, not
+                            // as a plain "no": it is a refusal, not a failure to ask.
+                            if (error != nil && [error.domain isEqualToString:UNErrorDomain] &&
+                                error.code == UNErrorCodeNotificationsNotAllowed) {
+                                reply(NotificationAuthorization::denied);
+                            } else if (error != nil) {
                                 reply(std::nullopt);
                             } else {
                                 reply(granted ? NotificationAuthorization::authorized

@@ -20,7 +20,8 @@ const QString ReleaseNotificationsViewModel::footnoteText =
                    "applies to future releases.");
 #ifdef __APPLE__
 const QString ReleaseNotificationsViewModel::deniedMessage =
-    QStringLiteral("Notifications are off in macOS. Enable them in System Settings.");
+    QStringLiteral("macOS has notifications for Veltra turned off, so it cannot tell you when a "
+                   "release is live. Turn them on in System Settings > Notifications > Veltra.");
 #else
 const QString ReleaseNotificationsViewModel::deniedMessage =
     QStringLiteral("Notifications are off on this desktop: no notification service answers. "

@@ -119,7 +119,8 @@ void addCheck(CLI::App& group, CliContext& context) {
 
 void addArchive(CLI::App& app, CliContext& context) {
     auto* command = app.add_subcommand(
-        "archive", "Archive the project in Release, lift the app out and re-sign it");
+        "archive",
+        "Archive the project with its scheme's configuration, lift the app out and re-sign it");
     auto path = std::make_shared<std::string>();
     auto scheme = std::make_shared<std::string>();
     auto identity = std::make_shared<std::string>();
@@ -128,12 +129,19 @@ void addArchive(CLI::App& app, CliContext& context) {
     command->add_option("PATH", *path, ".xcodeproj, .xcworkspace or a folder holding one")
         ->required();
     command->add_option("--scheme", *scheme, "The scheme to archive (default: the project's)");
+    auto configuration = std::make_shared<std::string>();
+    command->add_option("--configuration", *configuration,
+                        "Build configuration to archive (default: the scheme's own)");
     command->add_option("--identity", *identity,
                         "Signing identity to re-sign with (default: keep Xcode's signature)");
     command->add_option("--version", *version, "Marketing version for this build only");
     auto* buildOption = command->add_option("--build", *build, "Build number for this build only");
-    command->callback([&context, path, scheme, identity, version, build, buildOption] {
-        const auto info = XcodeProjectDiscovery::discover(*path);
+    command->callback([&context, path, scheme, configuration, identity, version, build,
+                       buildOption] {
+        auto info = XcodeProjectDiscovery::discover(*path);
+        if (!configuration->empty()) {
+            info.configurationOverride = *configuration;
+        }
         const auto chosen = schemeOrDefault(info, *scheme);
         const std::optional<std::int64_t> buildNumber =
             buildOption->count() > 0 ? std::optional(releaseBuildArgument(*build)) : std::nullopt;

@@ -40,8 +40,8 @@ protected:
     // Each run of `tool` as its argument list, in order.
     std::vector<std::vector<std::string>> runsOf(const std::string& tool) const {
         static const std::vector<std::string> tools{
-            "xcodebuild", "xcode-select", "xcrun",   "codesign", "security",
-            "lipo",       "sign_update",  "hdiutil", "sips",     "gh"};
+            "xcodebuild",  "xcode-select", "xcrun", "codesign", "security", "lipo",
+            "sign_update", "hdiutil",      "sips",  "gh",       "spctl"};
         std::vector<std::vector<std::string>> runs;
         std::ifstream in(dir / "tools.log");
         std::string line;

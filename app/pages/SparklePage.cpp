@@ -184,7 +184,8 @@ public:
                         binder_->line("sparkle.releaseNotesURLPattern"),
                         "sparkle.releaseNotesURLPattern");
         binder_->addRow(feed, QStringLiteral("Minimum macOS:"),
-                        binder_->line("sparkle.minimumSystemVersion"),
+                        binder_->line("sparkle.minimumSystemVersion",
+                                      QStringLiteral("The app's own (LSMinimumSystemVersion)")),
                         "sparkle.minimumSystemVersion");
         auto* refresh = new QPushButton(QStringLiteral("Check Feeds"));
         connect(refresh, &QPushButton::clicked, this, [this] { checkFeeds(); });

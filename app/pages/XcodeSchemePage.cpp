@@ -69,6 +69,9 @@ public:
             readVersion();
         });
         binder_->addRow(form, QStringLiteral("Scheme:"), scheme_, "selectedScheme");
+        configuration_ = binder_->line("archiveConfiguration");
+        binder_->addRow(form, QStringLiteral("Archive configuration:"), configuration_,
+                        "archiveConfiguration");
         projectInfo_ = new QLabel;
         projectInfo_->setWordWrap(true);
         form->addRow(QString(), projectInfo_);
@@ -173,6 +176,10 @@ private:
         const auto current = selected && selected->selectedScheme ? *selected->selectedScheme
                                                                   : info.defaultScheme.value_or("");
         scheme_->setCurrentIndex(std::max(0, scheme_->findText(qs(current))));
+        // Empty means the scheme's own; the placeholder says which that is.
+        configuration_->setPlaceholderText(
+            QStringLiteral("The scheme's own: ") +
+            qs(info.archiveConfiguration(scheme_->currentText().toStdString())));
         QStringList facts{
             (info.isWorkspace ? QStringLiteral("Workspace ") : QStringLiteral("Project ")) +
             qs(info.name)};
@@ -248,6 +255,7 @@ private:
 
     QComboBox* scheme_;
     QLabel* projectInfo_;
+    QLineEdit* configuration_;
     QLineEdit* version_;
     QLineEdit* build_;
     QLabel* validation_;

@@ -46,6 +46,12 @@ template <typename Operation> void fileStep(Operation&& operation) {
     }
 }
 
+// hdiutil's words for a volume something else still holds for a moment.
+bool isBusy(const ProcessResult& result) {
+    const auto said = combinedOutput(result);
+    return contains(said, "Resource busy") || contains(said, "Resource temporarily unavailable");
+}
+
 std::string errorText(const ProcessResult& result) {
     return std::string(trimWhitespace(result.errorOutput));
 }
@@ -83,9 +89,14 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
     };
     const auto run = [&](std::vector<std::string> arguments, std::optional<double> timeout,
                          const std::string& tool) {
-        return ProcessRunner::run(
-            ProcessRequest{.command = tool, .arguments = std::move(arguments), .timeout = timeout},
-            stop);
+        const auto once = [&] {
+            return ProcessRunner::run(
+                ProcessRequest{.command = tool, .arguments = arguments, .timeout = timeout}, stop);
+        };
+        if (tool != "hdiutil") {
+            return once();
+        }
+        return runRetrying(once, isBusy, busyRetry, "hdiutil " + arguments.front(), say, stop);
     };
     const auto& config = options.config;
     const bool automatic = options.engine == DMGEngine::automatic;
@@ -270,8 +281,12 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
                         say("   Warning: " + error.message());
                     }
                 }
-                const auto detach =
-                    run({"detach", work.mountPoint.string()}, detachTimeout, "hdiutil");
+                auto detach = run({"detach", work.mountPoint.string()}, detachTimeout, "hdiutil");
+                if (detach.exitCode != 0 && isBusy(detach)) {
+                    say("   Info: The volume is still busy; detaching it with -force");
+                    detach = run({"detach", work.mountPoint.string(), "-force"}, detachTimeout,
+                                 "hdiutil");
+                }
                 if (detach.exitCode != 0) {
                     throw VeltraError("Veltra.DMG", errorCode::toolFailed,
                                       "Could not detach the installer after applying artwork: " +
@@ -306,11 +321,21 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
         const auto signedImage = run({"--force", "--sign", *options.signingIdentity, "--timestamp",
                                       options.outputDMGPath.string()},
                                      std::nullopt, "codesign");
-        if (signedImage.exitCode == 0) {
-            say("Success: Code signature applied to DMG");
-        } else {
-            say("Warning: Could not sign the DMG: " + errorText(signedImage));
+        // An unsigned or badly signed image fails notarization and Gatekeeper: stop here,
+        // before anything is sent or published.
+        if (signedImage.exitCode != 0) {
+            throw VeltraError("Veltra.DMG", errorCode::toolFailed,
+                              "Could not sign the DMG: " + errorText(signedImage));
         }
+        const auto verified =
+            run({"--verify", "--strict", "--verbose=2", options.outputDMGPath.string()},
+                std::nullopt, "codesign");
+        if (verified.exitCode != 0) {
+            throw VeltraError("Veltra.DMG", errorCode::toolFailed,
+                              "The signed DMG does not pass codesign --verify --strict: " +
+                                  std::string(trimWhitespace(combinedOutput(verified))));
+        }
+        say("Success: Code signature applied to DMG and verified");
     }
     say("Success: Successfully built DMG: " + options.outputDMGPath.string());
 }

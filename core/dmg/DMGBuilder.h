@@ -3,6 +3,7 @@
 #include "DMGBuildOptions.h"
 #include "DSStoreWriter.h"
 #include "core/process/ProcessRunner.h"
+#include "core/process/TransientRetry.h"
 #include "core/support/LogHandler.h"
 
 #include <filesystem>
@@ -20,6 +21,10 @@ public:
     DSStoreWriter dsStoreWriter;
     // Where work files go; the system's temporary folder when empty.
     std::filesystem::path temporaryDirectory;
+    // hdiutil's "Resource busy" while Spotlight or Finder still hold a fresh volume passes:
+    // each hdiutil step is tried again for up to half a minute (detach then with -force).
+    RetryPolicy busyRetry{std::chrono::milliseconds(1000), std::chrono::milliseconds(8000),
+                          std::chrono::milliseconds(30000)};
 
     // On success the image exists at options.outputDMGPath. Throws VeltraError (code 500, the
     // domain and text of the failing step), the file system's VeltraError ("POSIX"), or

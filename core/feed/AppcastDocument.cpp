@@ -105,9 +105,12 @@ std::string itemText(const AppcastRelease& release, std::string_view pubDate) {
     out += fmt::format("            <sparkle:version>{}</sparkle:version>\n", text(release.build));
     out += fmt::format("            <sparkle:shortVersionString>{}</sparkle:shortVersionString>\n",
                        text(release.shortVersion));
-    out +=
-        fmt::format("            <sparkle:minimumSystemVersion>{}</sparkle:minimumSystemVersion>\n",
-                    text(release.minimumSystemVersion));
+    // An item without one is offered to every Mac the app's older versions run on.
+    if (!release.minimumSystemVersion.empty()) {
+        out += fmt::format(
+            "            <sparkle:minimumSystemVersion>{}</sparkle:minimumSystemVersion>\n",
+            text(release.minimumSystemVersion));
+    }
     out += fmt::format("            <sparkle:releaseNotesLink>{}</sparkle:releaseNotesLink>\n",
                        text(release.releaseNotesURL));
     out += fmt::format("            <enclosure url=\"{}\" length=\"{}\" "

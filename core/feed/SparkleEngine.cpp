@@ -137,8 +137,10 @@ SparkleSignResult SparkleEngine::sign(const std::filesystem::path& dmg, const st
 
 SparkleSignResult SparkleEngine::sign(const std::filesystem::path& dmg, const std::string& appName,
                                       const KeychainSigningKey& key, std::stop_token stop) const {
-    return signWith(dmg, appName, {"--account", key.account}, key.load,
-                    "the keychain's key (account " + key.account + ")", std::move(stop));
+    // sign_update would read the keychain item itself, and macOS would ask whether it may: in
+    // CI nobody answers. Veltra has read the key already, so its own signer uses it.
+    emit(fmt::format("Signing Sparkle update for {}...", appName));
+    return signNatively(dmg, key.load(), "the keychain's key (account " + key.account + ")", stop);
 }
 
 SparkleSignResult SparkleEngine::signWith(const std::filesystem::path& dmg,
@@ -169,7 +171,13 @@ SparkleSignResult SparkleEngine::signWith(const std::filesystem::path& dmg,
         }
         return {*signature, std::to_string(size)};
     }
-    const auto key = load();
+    return signNatively(dmg, load(), keyDescription, stop);
+}
+
+SparkleSignResult SparkleEngine::signNatively(const std::filesystem::path& dmg,
+                                              const SparklePrivateKey& key,
+                                              const std::string& keyDescription,
+                                              std::stop_token stop) const {
     emit("Using native CryptoKit Ed25519 signer with " + keyDescription);
     const auto signature = NativeEd25519Signer::signFile(key, dmg, stop);
     emit("Success: Native CryptoKit signature: " + signature.signatureBase64());

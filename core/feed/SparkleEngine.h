@@ -87,6 +87,8 @@ public:
 private:
     // sign_update with `toolKey` (its options naming the key) when one is found, else the native
     // signer with the key `load` gives, described as `keyDescription`.
+    SparkleSignResult signNatively(const std::filesystem::path& dmg, const SparklePrivateKey& key,
+                                   const std::string& keyDescription, std::stop_token stop) const;
     SparkleSignResult signWith(const std::filesystem::path& dmg, const std::string& appName,
                                const std::vector<std::string>& toolKey,
                                const std::function<SparklePrivateKey()>& load,

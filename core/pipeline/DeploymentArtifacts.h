@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace veltra {
 
@@ -14,6 +15,8 @@ struct DeploymentArtifacts {
     std::int64_t dmgSize = 0;
     std::optional<WebsitePublication> websitePublication;
     bool wasNotarized = false;
+    // The verdicts of the checks a downloaded release meets (stapler, Gatekeeper), in order.
+    std::vector<std::string> finalChecks{};
     std::optional<bool> githubPublicationSucceeded; // absent when no GitHub release was tried
 
     bool operator==(const DeploymentArtifacts&) const = default;

@@ -106,6 +106,7 @@ void PipelineManager::archiveStage(RunState& run, std::optional<BranchWorktree>&
         log("   Building current app working copy, including local project edits");
     }
     auto info = XcodeProjectDiscovery::discover(project);
+    info.configurationOverride = profile.archiveConfiguration;
     std::string scheme = profile.selectedScheme.value_or(
         info.defaultScheme.value_or(info.schemes.empty() ? run.appName : info.schemes.front()));
     if (!info.schemes.empty() &&

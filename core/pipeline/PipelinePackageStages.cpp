@@ -2,6 +2,7 @@
 #include "ReleaseRunRecord.h"
 #include "core/process/ProcessRunner.h"
 #include "core/publishing/GitCommand.h"
+#include "core/signing/GatekeeperChecks.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/Uuid.h"
 #include "core/support/VeltraError.h"
@@ -105,7 +106,23 @@ void PipelineManager::notarizeStage(RunState& run) {
     run.artifacts.wasNotarized = true;
     // Stapling changed the image.
     run.artifacts.dmgSize = static_cast<std::int64_t>(std::filesystem::file_size(run.dmg));
-    updateStep(StepID::notarize, StepStatus::succeeded, "Notarized");
+    // What a Mac that downloads the image will check, asked before anything is published.
+    const auto verdicts = GatekeeperChecks::assess(run.dmg, run.app, run.stop);
+    run.artifacts.finalChecks.clear();
+    for (const auto& verdict : verdicts) {
+        run.artifacts.finalChecks.push_back(verdict.text());
+        log(std::string(verdict.accepted ? "   Success: " : "   Error: ") + verdict.text(),
+            !verdict.accepted);
+    }
+    for (const auto& verdict : verdicts) {
+        if (!verdict.accepted) {
+            throw VeltraError("Veltra", errorCode::badAnswer,
+                              "The notarized release would not open on a Mac: " +
+                                  GatekeeperChecks::explain(verdict));
+        }
+    }
+    updateStep(StepID::notarize, StepStatus::succeeded,
+               verdicts.empty() ? "Notarized" : "Notarized; Gatekeeper accepts it");
 }
 
 } // namespace veltra

@@ -1,5 +1,6 @@
 #include "PipelineRunState.h"
 #include "SparkleKeys.h"
+#include "core/feed/MinimumSystemVersion.h"
 #include "core/feed/ReleaseFeedValidator.h"
 #include "core/process/ProcessRunner.h"
 #include "core/publishing/GitCommand.h"
@@ -64,7 +65,12 @@ void PipelineManager::sparkleStage(RunState& run) {
     release.downloadURL = run.delivery->downloadURL(run.appName + ".dmg");
     release.signature = signed_.signature;
     release.length = signed_.length;
-    release.minimumSystemVersion = profile.sparkle.minimumSystemVersion;
+    const auto minimum = MinimumSystemVersion::choose(run.info.minimumOSVersion,
+                                                      profile.sparkle.minimumSystemVersion);
+    if (minimum.warning) {
+        log("Warning: " + *minimum.warning, true);
+    }
+    release.minimumSystemVersion = minimum.version;
     release.releaseNotesURL = run.delivery->releaseNotesURL(run.appName);
     // Written to a temporary file and renamed: a cancelled run never leaves half a feed.
     engine.updateFeed(run.delivery->appcastPath, release);
@@ -141,6 +147,9 @@ void PipelineManager::publishToGitHub(RunState& run) {
         return;
     }
     log("   Publishing to GitHub Releases...");
+    if (run.project) {
+        run.engines.githubEngine.repositoryFolder = run.project->parent_path();
+    }
     try {
         run.engines.githubEngine.publish(
             config, run.dmg, run.appName, run.info.version, run.notes,

@@ -61,6 +61,7 @@ void PipelineManager::reuseKeptSteps(RunState& run) {
         log("   Success: Reusing " + run.dmg.filename().string() + " (SHA-256 unchanged)");
     }
     run.artifacts.wasNotarized = kept.wasNotarized;
+    run.artifacts.finalChecks = kept.finalChecks;
     if (kept.completed(StepID::sparkle)) {
         run.delivery = ReleasePublishingPlan::resolve(run.request.profile);
         run.artifacts.sparkleSignature = kept.sparkleSignature;
@@ -110,6 +111,7 @@ void PipelineManager::keepForResume(RunState& run) {
         }
         record.notarySubmissionID = run.notarySubmissionID;
         record.wasNotarized = run.artifacts.wasNotarized;
+        record.finalChecks = run.artifacts.finalChecks;
         record.sparkleSignature = run.artifacts.sparkleSignature;
         record.save(run.outputDirectory);
         log("Kept this run in " + folder.string() + "; 'veltra release " +

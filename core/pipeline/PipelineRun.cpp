@@ -184,6 +184,9 @@ void PipelineManager::execute(const ReleaseRequest& request, std::stop_token sto
         manifest.websitePublication = run.artifacts.websitePublication;
         manifest.monitoringReleaseID = run.runID;
         manifest.wasNotarized = run.artifacts.wasNotarized;
+        if (!run.artifacts.finalChecks.empty()) {
+            manifest.finalChecks = run.artifacts.finalChecks;
+        }
         manifest.githubPublicationSucceeded = run.artifacts.githubPublicationSucceeded;
 
         const double elapsed = std::chrono::duration<double>(Clock::now() - run.started).count();

@@ -47,6 +47,7 @@ Json ReleaseRunRecord::toJson() const {
             {"notes", notes},
             {"notarySubmissionID", optionalText(notarySubmissionID)},
             {"wasNotarized", wasNotarized},
+            {"finalChecks", finalChecks},
             {"sparkleSignature", optionalText(sparkleSignature)}};
 }
 
@@ -74,6 +75,14 @@ ReleaseRunRecord ReleaseRunRecord::fromJson(const Json& json) {
     record.notes = reader.string("notes");
     record.notarySubmissionID = reader.optionalString("notarySubmissionID");
     record.wasNotarized = reader.boolean("wasNotarized");
+    // Records of older versions have no final checks.
+    if (const Json* checks = reader.find("finalChecks"); checks != nullptr && checks->is_array()) {
+        for (std::size_t index = 0; index < checks->size(); ++index) {
+            record.finalChecks.push_back(
+                JsonReader::asString((*checks)[index], reader.pathOf("finalChecks") + "[" +
+                                                           std::to_string(index) + "]"));
+        }
+    }
     record.sparkleSignature = reader.optionalString("sparkleSignature");
     return record;
 }

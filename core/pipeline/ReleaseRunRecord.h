@@ -30,6 +30,7 @@ struct ReleaseRunRecord {
     std::string notes;
     std::optional<std::string> notarySubmissionID;
     bool wasNotarized = false;
+    std::vector<std::string> finalChecks;
     std::optional<std::string> sparkleSignature;
 
     bool completed(StepID step) const;

@@ -41,6 +41,7 @@ std::vector<Field> makeFields() {
         {"outputDirectory", Kind::string, {}},
         {"sourceProjectPath", Kind::optionalString, {}},
         {"selectedScheme", Kind::optionalString, {}},
+        {"archiveConfiguration", Kind::optionalString, {}},
         {"dmgDesign.windowWidth", Kind::number, {}},
         {"dmgDesign.windowHeight", Kind::number, {}},
         {"dmgDesign.iconSize", Kind::number, {}},
@@ -65,7 +66,7 @@ std::vector<Field> makeFields() {
         {"sparkle.privateKeyPath", Kind::string, {}},
         {"sparkle.releaseNotesURLPattern", Kind::string, {}},
         {"sparkle.downloadURLPattern", Kind::string, {}},
-        {"sparkle.minimumSystemVersion", Kind::string, {}},
+        {"sparkle.minimumSystemVersion", Kind::optionalString, {}},
         {"sparkle.signUpdatePath", Kind::optionalString, {}},
         {"githubRelease.enabled", Kind::boolean, {}},
         {"githubRelease.repoOwnerAndName", Kind::string, {}},
@@ -284,7 +285,7 @@ std::optional<std::string> ProfileFieldEditor::valueProblem(std::string_view pat
             !std::filesystem::is_regular_file(expandTilde(std::string(text)), error)) {
             problem = "it must name an existing .icns file";
         }
-    } else if (path == "sparkle.minimumSystemVersion") {
+    } else if (path == "sparkle.minimumSystemVersion" && !text.empty()) {
         if (!isDottedVersion(text)) {
             problem = "it must be a macOS version such as 13.0 or 14.2.1";
         }

@@ -95,8 +95,8 @@ Json toJson(const SparkleConfig& sparkle) {
     Json json{{"appcastPath", sparkle.appcastPath},
               {"privateKeyPath", sparkle.privateKeyPath},
               {"releaseNotesURLPattern", sparkle.releaseNotesURLPattern},
-              {"downloadURLPattern", sparkle.downloadURLPattern},
-              {"minimumSystemVersion", sparkle.minimumSystemVersion}};
+              {"downloadURLPattern", sparkle.downloadURLPattern}};
+    putOptional(json, "minimumSystemVersion", sparkle.minimumSystemVersion);
     if (sparkle.signUpdatePath) {
         json["signUpdatePath"] = *sparkle.signUpdatePath;
     }
@@ -108,7 +108,7 @@ SparkleConfig sparkleFrom(const JsonReader& reader) {
             reader.string("privateKeyPath"),
             reader.string("releaseNotesURLPattern"),
             reader.string("downloadURLPattern"),
-            reader.string("minimumSystemVersion"),
+            reader.optionalString("minimumSystemVersion"),
             reader.optionalString("signUpdatePath")};
 }
 
@@ -184,6 +184,7 @@ Json ProjectProfile::toJson() const {
     json["outputDirectory"] = outputDirectory;
     putOptional(json, "sourceProjectPath", sourceProjectPath);
     putOptional(json, "selectedScheme", selectedScheme);
+    putOptional(json, "archiveConfiguration", archiveConfiguration);
     if (recentReleases) {
         Json releases = Json::array();
         for (const auto& manifest : *recentReleases) {
@@ -211,6 +212,7 @@ ProjectProfile ProjectProfile::fromJson(const Json& json, const std::string& pat
     profile.outputDirectory = reader.string("outputDirectory");
     profile.sourceProjectPath = reader.optionalString("sourceProjectPath");
     profile.selectedScheme = reader.optionalString("selectedScheme");
+    profile.archiveConfiguration = reader.optionalString("archiveConfiguration");
     if (const Json* releases = reader.find("recentReleases")) {
         const auto releasesPath = reader.pathOf("recentReleases");
         if (!releases->is_array()) {

@@ -24,6 +24,8 @@ struct ProjectProfile {
     std::string outputDirectory;
     std::optional<std::string> sourceProjectPath;
     std::optional<std::string> selectedScheme;
+    // The build configuration to archive; unset: the scheme's own archive configuration.
+    std::optional<std::string> archiveConfiguration;
     std::optional<std::vector<ReleaseManifest>> recentReleases; // newest first
     DMGDesignConfig dmgDesign;
     NotarizationConfig notarization;

@@ -38,8 +38,7 @@ void GitHubReleaseEngine::publish(const GitHubReleaseConfig& config,
         }
     };
     say("Publishing release v" + version + " to GitHub Releases...");
-    if (ProcessRunner::run(ProcessRequest{.command = "which", .arguments = {"gh"}}, stop)
-            .exitCode != 0) {
+    if (!ProcessRunner::findTool("gh")) {
         throw VeltraError("Veltra", errorCode::notFound,
                           "GitHub CLI ('gh') is not installed. Install via 'brew install gh' or "
                           "disable GitHub Releases in profile.");
@@ -53,7 +52,8 @@ void GitHubReleaseEngine::publish(const GitHubReleaseConfig& config,
     std::mutex lock;
     std::string pending;
     ProcessRequest request{.command = "gh",
-                           .arguments = arguments(config, dmgPath, appName, version, notesFile)};
+                           .arguments = arguments(config, dmgPath, appName, version, notesFile),
+                           .currentDirectory = repositoryFolder};
     if (log) {
         request.onOutput = [&](std::string_view chunk) {
             const std::lock_guard guard(lock);

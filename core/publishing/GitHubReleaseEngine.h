@@ -5,6 +5,7 @@
 #include "core/support/LogHandler.h"
 
 #include <filesystem>
+#include <optional>
 #include <stop_token>
 #include <string>
 #include <vector>
@@ -14,6 +15,10 @@ namespace veltra {
 // Publishes a finished release as a GitHub release with the disk image attached, through `gh`.
 class GitHubReleaseEngine {
 public:
+    // Where gh runs: the app's repository, whose origin names the GitHub repository when the
+    // profile names none. Veltra's own working folder otherwise (from Finder, "/").
+    std::optional<std::filesystem::path> repositoryFolder{};
+
     // Does nothing when the configuration is off. Throws VeltraError ("Veltra", 404) when `gh`
     // is not installed and ("Veltra", 500, "GitHub release failed: " + gh's error output) when
     // the release cannot be created; the runner's own errors pass through.

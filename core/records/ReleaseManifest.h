@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace veltra {
 
@@ -25,6 +26,9 @@ struct ReleaseManifest {
     std::optional<WebsitePublication> websitePublication;
     std::optional<std::string> monitoringReleaseID;
     std::optional<bool> wasNotarized; // absent in manifests written before it was recorded
+    // What stapler and Gatekeeper said of the notarized image and app ("spctl (app): accepted
+    // (Notarized Developer ID)"); absent where they did not run.
+    std::optional<std::vector<std::string>> finalChecks;
     std::optional<bool> githubPublicationSucceeded;
 
     bool operator==(const ReleaseManifest&) const = default;

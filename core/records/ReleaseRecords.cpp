@@ -41,6 +41,9 @@ Json ReleaseManifest::toJson() const {
     putOptional(json, "monitoringReleaseID", monitoringReleaseID);
     putOptional(json, "wasNotarized", wasNotarized);
     putOptional(json, "githubPublicationSucceeded", githubPublicationSucceeded);
+    if (finalChecks) {
+        json["finalChecks"] = *finalChecks;
+    }
     return json;
 }
 
@@ -64,6 +67,17 @@ ReleaseManifest ReleaseManifest::fromJson(const Json& json, const std::string& p
     manifest.monitoringReleaseID = reader.optionalString("monitoringReleaseID");
     manifest.wasNotarized = reader.optionalBoolean("wasNotarized");
     manifest.githubPublicationSucceeded = reader.optionalBoolean("githubPublicationSucceeded");
+    if (const Json* checks = reader.find("finalChecks"); checks != nullptr && !checks->is_null()) {
+        if (!checks->is_array()) {
+            throw JsonDecodingError(reader.pathOf("finalChecks"), "expected an array");
+        }
+        manifest.finalChecks.emplace();
+        for (std::size_t index = 0; index < checks->size(); ++index) {
+            manifest.finalChecks->push_back(
+                JsonReader::asString((*checks)[index], reader.pathOf("finalChecks") + "[" +
+                                                           std::to_string(index) + "]"));
+        }
+    }
     return manifest;
 }
 

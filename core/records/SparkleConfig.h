@@ -11,7 +11,8 @@ struct SparkleConfig {
     std::string privateKeyPath = "~/.sparkle/ed25519_priv";
     std::string releaseNotesURLPattern = "https://www.example.com/downloads/{app}.md";
     std::string downloadURLPattern = "https://www.example.com/downloads/{dmg}";
-    std::string minimumSystemVersion = "13.0";
+    // Raises the built app's LSMinimumSystemVersion in the feed; unset for new profiles.
+    std::optional<std::string> minimumSystemVersion;
     // The sign_update to use; otherwise the one of the project's resolved Sparkle package, or
     // Veltra's own signer.
     std::optional<std::string> signUpdatePath;

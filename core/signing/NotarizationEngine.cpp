@@ -142,21 +142,27 @@ bool NotarizationEngine::credentialsExist(const std::string& keychainProfile,
     }
 }
 
-namespace {
-
-void staple(const std::filesystem::path& file, const std::function<void(const std::string&)>& log,
-            std::stop_token stop) {
+void NotarizationEngine::staple(const std::filesystem::path& file, const NotaryLog& log,
+                                std::stop_token stop) const {
     const auto name = file.filename().string();
     log("   Stapling Gatekeeper ticket to " + name + "...");
-    const auto stapled = ProcessRunner::run("xcrun", {"stapler", "staple", file.string()}, stop);
+    const auto stapled = runRetrying(
+        [&] {
+            return ProcessRunner::run("xcrun", {"stapler", "staple", file.string()}, stop);
+        },
+        [](const ProcessResult& result) {
+            // The ticket of a fresh verdict is not served yet.
+            const auto said = combinedOutput(result);
+            return contains(said, "Record not found") || contains(said, "Error 65") ||
+                   NotaryFailure::classify(said) == NotaryFailure::connection;
+        },
+        stapleRetry, "Stapling", log, stop);
     if (stapled.exitCode != 0) {
         throw VeltraError("Veltra", errorCode::serviceUnavailable,
                           "Stapling failed: " + combinedOutput(stapled));
     }
     log("   Success: Gatekeeper ticket successfully stapled to " + name);
 }
-
-} // namespace
 
 void NotarizationEngine::notarize(const std::filesystem::path& file,
                                   const std::string& keychainProfile, const NotaryLog& onLog,
@@ -189,12 +195,23 @@ void NotarizationEngine::notarize(const std::filesystem::path& file,
     };
     const auto result = ProcessRunner::run(submit, stop);
     const auto output = result.output + "\n" + result.errorOutput;
+    // The submission exists once the tool named it: a connection lost while waiting is
+    // followed by asking for that submission, never by sending the file again.
+    if (const auto id = submissionID(result.output);
+        result.exitCode != 0 && id &&
+        NotaryFailure::classify(output) == NotaryFailure::connection) {
+        log("   Info: The connection to Apple's notary service broke while waiting; following "
+            "submission " +
+            *id + "...");
+        finishSubmission(file, keychainProfile, *id, onLog, stop);
+        return;
+    }
     // The tool exits 0 on an Invalid verdict too; only the status line tells.
     if (result.exitCode != 0 || contains(output, "status: Invalid")) {
         throw VeltraError("Veltra", errorCode::badAnswer,
                           "Notarization failed or was marked Invalid:\n" + output);
     }
-    staple(file, log, stop);
+    staple(file, onLog ? onLog : NotaryLog([](const std::string&) {}), stop);
 }
 
 std::optional<std::string> NotarizationEngine::submissionID(std::string_view output) {
@@ -218,8 +235,20 @@ void NotarizationEngine::finishSubmission(const std::filesystem::path& file,
     };
     log("   Looking up notarization submission " + submissionID + " (profile: '" + keychainProfile +
         "')...");
-    auto answer = ProcessRunner::run(
-        "xcrun", {"notarytool", "info", submissionID, "--keychain-profile", keychainProfile}, stop);
+    const auto following = [&](const char* verb) {
+        return runRetrying(
+            [&] {
+                return ProcessRunner::run(
+                    "xcrun",
+                    {"notarytool", verb, submissionID, "--keychain-profile", keychainProfile},
+                    stop);
+            },
+            [](const ProcessResult& result) {
+                return NotaryFailure::classify(combinedOutput(result)) == NotaryFailure::connection;
+            },
+            networkRetry, std::string("notarytool ") + verb, log, stop);
+    };
+    auto answer = following("info");
     const auto status = [](const ProcessResult& result) {
         std::string value;
         forEachTrimmedLine(result.output, [&value](std::string_view line) {
@@ -231,16 +260,14 @@ void NotarizationEngine::finishSubmission(const std::filesystem::path& file,
     };
     if (answer.exitCode == 0 && status(answer) == "In Progress") {
         log("   Waiting for Apple to finish processing...");
-        answer = ProcessRunner::run(
-            "xcrun", {"notarytool", "wait", submissionID, "--keychain-profile", keychainProfile},
-            stop);
+        answer = following("wait");
     }
     if (answer.exitCode != 0 || status(answer) != "Accepted") {
         throw VeltraError("Veltra", errorCode::badAnswer,
                           "Notarization failed or was marked Invalid:\n" + combinedOutput(answer));
     }
     log("   Success: Submission " + submissionID + " was accepted");
-    staple(file, log, stop);
+    staple(file, onLog ? onLog : NotaryLog([](const std::string&) {}), stop);
 }
 
 } // namespace veltra

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/process/ProcessRunner.h"
+#include "core/process/TransientRetry.h"
 
 #include <filesystem>
 #include <functional>
@@ -71,12 +72,22 @@ public:
                           const std::string& submissionID, const NotaryLog& onLog,
                           std::stop_token stop = {}) const;
 
+    // A ticket takes a while to reach Apple's servers after the verdict: stapling is tried
+    // again for a few minutes while the tool says the record is not found.
+    RetryPolicy stapleRetry{std::chrono::seconds(10), std::chrono::seconds(60),
+                            std::chrono::minutes(4)};
+    // A lost connection while following a submission: the same submission is asked for again.
+    RetryPolicy networkRetry{std::chrono::seconds(5), std::chrono::seconds(60),
+                             std::chrono::minutes(10)};
+
     // Called from the tool's reader thread with the submission's ID as soon as it is known.
     std::function<void(const std::string&)> onSubmissionID{};
     // The ID the tool names in its output ("  id: ..."), or nothing.
     static std::optional<std::string> submissionID(std::string_view output);
 
 private:
+    void staple(const std::filesystem::path& file, const NotaryLog& log,
+                std::stop_token stop) const;
     // Runs notarytool store-credentials as `request` gives it, logging and judging the answer.
     void store(ProcessRequest request, const std::string& keychainProfile, const NotaryLog& onLog,
                std::stop_token stop) const;

@@ -111,6 +111,10 @@ nlohmann::json toJson(plist_t node, int depth) {
     }
 }
 
+bool trimmedEmpty(std::string_view bytes) {
+    return bytes.find_first_not_of(" \t\r\n") == std::string_view::npos;
+}
+
 } // namespace
 
 nlohmann::json parsePropertyList(std::string_view bytes) {
@@ -142,33 +146,61 @@ nlohmann::json readPropertyListDictionary(const std::filesystem::path& path) {
     return value;
 }
 
-void setPropertyListStrings(const std::filesystem::path& path,
-                            const std::map<std::string, std::string>& values) {
-    std::string bytes;
-    if (std::filesystem::exists(path)) {
-        bytes = readFile(path);
-        // Checked here, so the writer below never meets a root it cannot set keys in.
-        readPropertyListDictionary(path);
-    } else {
-        bytes = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict/>\n"
-                "</plist>\n";
-    }
+std::string editPropertyList(std::string_view bytes, const PropertyListEdit& edit) {
     if (bytes.size() > UINT32_MAX) {
         throw VeltraError("Veltra", errorCode::invalidSetup, "The property list is too large.");
     }
     plist_t raw = nullptr;
-    if (bytes.starts_with("bplist00")) {
+    if (trimmedEmpty(bytes)) {
+        raw = plist_new_dict();
+    } else if (bytes.starts_with("bplist00")) {
         plist_from_bin(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &raw);
     } else {
         plist_from_xml(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &raw);
     }
     const PlistPointer root(raw);
-    if (!root || plist_get_node_type(root.get()) != PLIST_DICT) {
+    if (!root) {
+        throw VeltraError("Veltra", errorCode::invalidSetup,
+                          "The data couldn't be read because it isn't in the correct format.");
+    }
+    if (plist_get_node_type(root.get()) != PLIST_DICT) {
         throw VeltraError("Veltra", errorCode::invalidSetup,
                           "The plist must contain a dictionary.");
     }
-    for (const auto& [key, value] : values) {
+    for (const auto& key : edit.remove) {
+        if (plist_dict_get_item(root.get(), key.c_str()) != nullptr) {
+            plist_dict_remove_item(root.get(), key.c_str());
+        }
+    }
+    for (const auto& [key, value] : edit.booleans) {
+        plist_dict_set_item(root.get(), key.c_str(), plist_new_bool(value ? 1 : 0));
+    }
+    for (const auto& [key, value] : edit.strings) {
         plist_dict_set_item(root.get(), key.c_str(), plist_new_string(value.c_str()));
+    }
+    for (const auto& [key, values] : edit.arrayAdditions) {
+        plist_t array = plist_dict_get_item(root.get(), key.c_str());
+        if (array == nullptr) {
+            array = plist_new_array();
+            plist_dict_set_item(root.get(), key.c_str(), array);
+        } else if (plist_get_node_type(array) != PLIST_ARRAY) {
+            throw VeltraError("Veltra", errorCode::invalidSetup,
+                              "The plist's " + key + " is not an array.");
+        }
+        for (const auto& value : values) {
+            bool present = false;
+            for (std::uint32_t index = 0; index < plist_array_get_size(array); ++index) {
+                const plist_t item = plist_array_get_item(array, index);
+                std::uint64_t length = 0;
+                const char* text = plist_get_node_type(item) == PLIST_STRING
+                                       ? plist_get_string_ptr(item, &length)
+                                       : nullptr;
+                present = present || (text != nullptr && std::string_view(text, length) == value);
+            }
+            if (!present) {
+                plist_array_append_item(array, plist_new_string(value.c_str()));
+            }
+        }
     }
     char* xml = nullptr;
     std::uint32_t length = 0;
@@ -178,7 +210,16 @@ void setPropertyListStrings(const std::filesystem::path& path,
                           "The property list could not be written.");
     }
     const std::unique_ptr<char, CharFree> text(xml);
-    writeFileAtomically(path, std::string_view(text.get(), length));
+    return std::string(text.get(), length);
+}
+
+void setPropertyListStrings(const std::filesystem::path& path,
+                            const std::map<std::string, std::string>& values) {
+    std::string bytes;
+    if (std::filesystem::exists(path)) {
+        bytes = readFile(path);
+    }
+    writeFileAtomically(path, editPropertyList(bytes, {.strings = values}));
 }
 
 } // namespace veltra

@@ -4,6 +4,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -23,5 +24,18 @@ nlohmann::json readPropertyListDictionary(const std::filesystem::path& path);
 // Throws VeltraError when the file is not a dictionary property list or cannot be written.
 void setPropertyListStrings(const std::filesystem::path& path,
                             const std::map<std::string, std::string>& values);
+
+// Changes to a dictionary property list; keys not named keep their values and types.
+struct PropertyListEdit {
+    std::vector<std::string> remove{};
+    std::map<std::string, bool> booleans{};
+    std::map<std::string, std::string> strings{};
+    // Strings appended to an array (made when missing), each unless the array holds it.
+    std::map<std::string, std::vector<std::string>> arrayAdditions{};
+};
+
+// `bytes` (XML or binary; empty for a new dictionary) edited, as XML. Throws VeltraError when
+// the bytes are not a dictionary property list, or a key to append to holds no array.
+std::string editPropertyList(std::string_view bytes, const PropertyListEdit& edit);
 
 } // namespace veltra

@@ -4,6 +4,8 @@
 #include "core/support/VeltraError.h"
 
 #include <cstdint>
+#include <optional>
+#include <string>
 
 #include <fmt/format.h>
 
@@ -28,14 +30,39 @@ public:
     }
 
 private:
-    [[noreturn]] void fail(std::string_view what) const {
+    std::size_t lineOf(std::size_t offset) const {
         std::size_t line = 1;
-        for (std::size_t index = 0; index < position_ && index < text_.size(); ++index) {
+        for (std::size_t index = 0; index < offset && index < text_.size(); ++index) {
             line += text_[index] == '\n' ? 1u : 0u;
         }
-        throw VeltraError(
-            "Veltra", errorCode::invalidSetup,
-            fmt::format("The project file is not readable: {} on line {}.", what, line));
+        return line;
+    }
+
+    [[noreturn]] void fail(std::string_view what) const {
+        auto message =
+            fmt::format("The project file is not readable: {} on line {}", what, lineOf(position_));
+        // Xcode writes every comment and string on one line: one that runs on is where the
+        // reading went astray, however much later it stopped.
+        if (const auto runOn = runOnText()) {
+            message += " (" + *runOn + ")";
+        }
+        throw VeltraError("Veltra", errorCode::invalidSetup, message + ".");
+    }
+
+public:
+    std::optional<std::string> runOnText() const {
+        if (!runOn_) {
+            return std::nullopt;
+        }
+        return fmt::format("the {} that opens on line {} runs on to line {}", runOn_->what,
+                           lineOf(runOn_->begin), lineOf(runOn_->end));
+    }
+
+private:
+    void noteRunOn(std::string_view what, std::size_t begin, std::size_t end) {
+        if (!runOn_ && text_.substr(begin, end - begin).find('\n') != std::string_view::npos) {
+            runOn_ = RunOn{std::string(what), begin, end};
+        }
     }
 
     void skipSpace() {
@@ -51,6 +78,7 @@ private:
                 if (end == std::string_view::npos) {
                     fail("an unterminated comment");
                 }
+                noteRunOn("comment", position_, end);
                 position_ = end + 2;
             } else {
                 return;
@@ -136,14 +164,17 @@ private:
             }
             return std::string(text_.substr(start, position_ - start));
         }
+        const auto opened = position_;
         ++position_;
         std::string out;
         while (true) {
             if (position_ >= text_.size()) {
+                noteRunOn("string", opened, position_);
                 fail("an unterminated string");
             }
             const char c = text_[position_++];
             if (c == '"') {
+                noteRunOn("string", opened, position_);
                 return out;
             }
             if (c != '\\') {
@@ -229,11 +260,27 @@ private:
         }
     }
 
+    struct RunOn {
+        std::string what;
+        std::size_t begin;
+        std::size_t end;
+    };
+
     std::string_view text_;
     std::size_t position_ = 0;
+    std::optional<RunOn> runOn_{};
 };
 
 } // namespace
+
+std::optional<std::string> projectFileRunOn(std::string_view text) {
+    TextPlistParser parser(text);
+    try {
+        parser.document();
+    } catch (const VeltraError&) {
+    }
+    return parser.runOnText();
+}
 
 nlohmann::json parseProjectFile(std::string_view text) {
     auto start = text.find_first_not_of(" \t\r\n");

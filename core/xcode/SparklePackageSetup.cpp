@@ -96,6 +96,32 @@ std::optional<std::string> existingSparkle(const Json& objects, const Json& targ
     return std::nullopt;
 }
 
+// The edits are made to the text: where the text's comments or strings hide structure from
+// them (a comment running over several lines), the edited file would not read back as planned.
+void checkEdit(const std::string& edited, const std::string& targetID,
+               const std::string& productID) {
+    Json project;
+    try {
+        project = parseProjectFile(edited);
+    } catch (const VeltraError& error) {
+        throw setupError("The project file is not written the way Xcode writes it, so Sparkle "
+                         "cannot be added to it safely: with the change, " +
+                         error.message() +
+                         " Open the project in Xcode once so it saves the file, then set up "
+                         "again.");
+    }
+    const auto& objects = project.value("objects", Json::object());
+    const auto* target = object(objects, Json(targetID));
+    const auto& products = target == nullptr ? listOf(Json::object(), "")
+                                             : listOf(*target, "packageProductDependencies");
+    if (object(objects, Json(productID)) == nullptr ||
+        std::ranges::find(products, Json(productID)) == products.end()) {
+        throw setupError("The project file is not written the way Xcode writes it, so Sparkle "
+                         "cannot be added to it safely (the change would not read back). Open "
+                         "the project in Xcode once so it saves the file, then set up again.");
+    }
+}
+
 } // namespace
 
 std::string SparklePackageSetup::newObjectID(std::string_view text) {
@@ -109,6 +135,12 @@ SparklePackageSetup::Plan SparklePackageSetup::plan(std::string_view projectText
                          "project in Xcode once so it saves the file, then set up again.");
     }
     const auto project = parseProjectFile(projectText);
+    // The edits below go by the text; what the parser reads past would not read back.
+    if (const auto runOn = projectFileRunOn(projectText)) {
+        throw setupError("The project file is not written the way Xcode writes it (" + *runOn +
+                         "), so Sparkle cannot be added to it safely. Open the project in Xcode "
+                         "once so it saves the file, then set up again.");
+    }
     if (!project.is_object() || !project.contains("objects") || !project["objects"].is_object()) {
         throw setupError("The project file holds no objects.");
     }
@@ -236,6 +268,7 @@ SparklePackageSetup::Plan SparklePackageSetup::plan(std::string_view projectText
                                plan.targetName);
     }
     plan.text = text.release();
+    checkEdit(plan.text, targetID, productID);
     return plan;
 }
 

@@ -235,6 +235,59 @@ void exceptFromSynchronizedFolder(ProjectText& text, const Json& objects,
     }
 }
 
+bool isTrue(const Json& dictionary, const char* key) {
+    const auto found = dictionary.find(key);
+    return found != dictionary.end() && found->is_boolean() && found->get<bool>();
+}
+
+// Sparkle's installer runs outside a sandboxed app through an XPC service the app must turn
+// on and be allowed to look up; without a network entitlement it downloads through another.
+void planSandbox(SparkleSetupPlan& plan, const fs::path& folder, std::string entitlementsSetting,
+                 const Json& infoPlist, const std::string& infoPlistSetting) {
+    entitlementsSetting = withoutSourceRoot(entitlementsSetting);
+    if (entitlementsSetting.empty() || relativePathProblem(entitlementsSetting)) {
+        return;
+    }
+    const auto file = folder / entitlementsSetting;
+    std::error_code error;
+    if (!fs::is_regular_file(file, error) || !resolvesInside(file, folder)) {
+        return;
+    }
+    const auto text = readFile(file);
+    const auto entitlements = parsePropertyList(text);
+    if (!entitlements.is_object() || !isTrue(entitlements, "com.apple.security.app-sandbox")) {
+        return;
+    }
+    const auto turnOn = [&](const char* key) {
+        if (!isTrue(infoPlist, key)) {
+            plan.plistBooleans[key] = true;
+            plan.changes.push_back(std::string("Set ") + key + " in " + infoPlistSetting +
+                                   " (the app is sandboxed)");
+            plan.done.push_back(std::string("Set ") + key + " in " + infoPlistSetting);
+        }
+    };
+    turnOn("SUEnableInstallerLauncherService");
+    if (!isTrue(entitlements, "com.apple.security.network.client")) {
+        turnOn("SUEnableDownloaderService");
+    }
+    constexpr const char* lookup = "com.apple.security.temporary-exception.mach-lookup.global-name";
+    const std::vector<std::string> names{"$(PRODUCT_BUNDLE_IDENTIFIER)-spks",
+                                         "$(PRODUCT_BUNDLE_IDENTIFIER)-spki"};
+    const auto present = entitlements.value(lookup, Json::array());
+    if (std::ranges::all_of(names, [&](const std::string& name) {
+            return present.is_array() && std::ranges::find(present, Json(name)) != present.end();
+        })) {
+        return;
+    }
+    plan.entitlementsFile = file;
+    plan.entitlementsText = editPropertyList(text, {.arrayAdditions = {{lookup, names}}});
+    plan.changes.push_back("Let the sandboxed app reach Sparkle's installer (" +
+                           entitlementsSetting + ": mach-lookup " + names[0] + ", " + names[1] +
+                           ")");
+    plan.done.push_back("Added Sparkle's installer mach-lookup exceptions to " +
+                        entitlementsSetting);
+}
+
 } // namespace
 
 SparkleSetupPlan SparkleProjectSetup::plan(const SparkleSetupRequest& request) {
@@ -349,6 +402,8 @@ SparkleSetupPlan SparkleProjectSetup::plan(const SparkleSetupRequest& request) {
                                      wanted);
         }
     }
+    planSandbox(plan, folder, settingOf(release, projectRelease, "CODE_SIGN_ENTITLEMENTS"), current,
+                infoPlistSetting);
     if (text.text() != original) {
         plan.projectText = text.release();
     }
@@ -356,10 +411,16 @@ SparkleSetupPlan SparkleProjectSetup::plan(const SparkleSetupRequest& request) {
 }
 
 void SparkleProjectSetup::apply(const SparkleSetupPlan& plan) {
-    if (!plan.plistValues.empty()) {
+    if (!plan.plistValues.empty() || !plan.plistBooleans.empty()) {
         std::error_code ignored;
         fs::create_directories(plan.infoPlist.parent_path(), ignored);
-        setPropertyListStrings(plan.infoPlist, plan.plistValues);
+        const auto existing = fs::exists(plan.infoPlist) ? readFile(plan.infoPlist) : std::string();
+        writeFileAtomically(plan.infoPlist,
+                            editPropertyList(existing, {.booleans = plan.plistBooleans,
+                                                        .strings = plan.plistValues}));
+    }
+    if (plan.entitlementsText) {
+        writeFileAtomically(plan.entitlementsFile, *plan.entitlementsText);
     }
     if (plan.projectText) {
         writeFileAtomically(plan.projectFile, *plan.projectText);

@@ -36,6 +36,11 @@ struct SparkleSetupPlan {
     std::optional<std::string> projectText{};
     std::filesystem::path infoPlist{};
     std::map<std::string, std::string> plistValues{};
+    std::map<std::string, bool> plistBooleans{};
+    // A sandboxed target's entitlements file and its new text, when Sparkle's installer needs
+    // an exception there.
+    std::filesystem::path entitlementsFile{};
+    std::optional<std::string> entitlementsText{};
 
     bool alreadySetUp() const { return changes.empty() && conflicts.empty(); }
 };
@@ -44,7 +49,10 @@ struct SparkleSetupPlan {
 // (SparklePackageSetup), and SUFeedURL and SUPublicEDKey in the Info.plist the target's Release
 // configuration names; a target that generates its Info.plist gets <target folder>/Info.plist
 // with the two keys (Xcode merges it with the generated ones) and INFOPLIST_FILE in each of its
-// configurations. It writes no source code.
+// configurations. A sandboxed target (com.apple.security.app-sandbox in its CODE_SIGN_ENTITLEMENTS)
+// also gets what Sparkle's sandboxed installer needs: SUEnableInstallerLauncherService, the
+// "-spks"/"-spki" mach-lookup exceptions, and SUEnableDownloaderService without network.client.
+// It writes no source code.
 class SparkleProjectSetup {
 public:
     // Reads the project and plans; changes nothing. Throws VeltraError naming what it cannot

@@ -2,6 +2,7 @@
 
 #include "core/support/FileCopy.h"
 #include "core/support/FileUtilities.h"
+#include "core/support/PropertyList.h"
 #include "core/support/Text.h"
 #include "core/support/Uuid.h"
 #include "core/support/VeltraError.h"
@@ -133,15 +134,11 @@ void MilestoneTracker::consume(std::string_view chunk) {
 std::vector<std::string> XcodeArchiver::archiveArguments(
     const XcodeProjectInfo& project, const std::string& scheme, const fs::path& archivePath,
     const std::optional<std::string>& marketingVersion, std::optional<std::int64_t> buildNumber) {
-    std::vector<std::string> arguments{project.isWorkspace ? "-workspace" : "-project",
-                                       project.projectPath.string(),
-                                       "-scheme",
-                                       scheme,
-                                       "-configuration",
-                                       "Release",
-                                       "-archivePath",
-                                       archivePath.string(),
-                                       "archive"};
+    std::vector<std::string> arguments{
+        project.isWorkspace ? "-workspace" : "-project", project.projectPath.string(), "-scheme",
+        scheme, "-configuration", project.archiveConfiguration(scheme),
+        // A multiplatform target would archive for iOS.
+        "-destination", "generic/platform=macOS", "-archivePath", archivePath.string(), "archive"};
     if (marketingVersion && !marketingVersion->empty()) {
         arguments.push_back("MARKETING_VERSION=" + *marketingVersion);
         arguments.push_back("INFOPLIST_KEY_CFBundleShortVersionString=" + *marketingVersion);
@@ -209,6 +206,66 @@ bool XcodeArchiver::isMachO(const fs::path& file) {
     }
 }
 
+namespace {
+
+// Bundles codesign signs as bundles; a .bundle or .plugin only when it holds code.
+bool isCodeBundle(const fs::path& folder) {
+    const auto extension = folder.extension();
+    if (extension == ".app" || extension == ".appex" || extension == ".xpc" ||
+        extension == ".framework" || extension == ".systemextension") {
+        return true;
+    }
+    std::error_code error;
+    return (extension == ".bundle" || extension == ".plugin") &&
+           fs::is_directory(folder / "Contents" / "MacOS", error);
+}
+
+std::string bundleExecutableName(const fs::path& bundle) {
+    try {
+        const auto plist = readPropertyListDictionary(bundle / "Contents" / "Info.plist");
+        const auto found = plist.find("CFBundleExecutable");
+        return found != plist.end() && found->is_string() ? found->get<std::string>() : "";
+    } catch (const std::exception&) {
+        return {};
+    }
+}
+
+// A bundle's own executable, which its bundle's signature covers.
+bool isBundleExecutable(const fs::path& file) {
+    const auto parent = file.parent_path();
+    if (parent.filename() == "MacOS" && parent.parent_path().filename() == "Contents") {
+        const auto bundle = parent.parent_path().parent_path();
+        return isCodeBundle(bundle) && bundleExecutableName(bundle) == file.filename().string();
+    }
+    // Framework/Versions/A/Framework
+    const auto versions = parent.parent_path();
+    return versions.filename() == "Versions" &&
+           versions.parent_path().extension() == ".framework" &&
+           versions.parent_path().stem() == file.filename();
+}
+
+// The keys whose values differ between two dictionaries, sorted.
+std::vector<std::string> differingKeys(const nlohmann::json& a, const nlohmann::json& b) {
+    std::set<std::string> keys;
+    for (const auto& [key, value] : a.items()) {
+        if (!b.contains(key) || b.at(key) != value) {
+            keys.insert(key);
+        }
+    }
+    for (const auto& [key, value] : b.items()) {
+        if (!a.contains(key)) {
+            keys.insert(key);
+        }
+    }
+    return {keys.begin(), keys.end()};
+}
+
+nlohmann::json entitlementsValue(const std::string& xml) {
+    return trimWhitespace(xml).empty() ? nlohmann::json::object() : parsePropertyList(xml);
+}
+
+} // namespace
+
 std::vector<fs::path> XcodeArchiver::signingTargets(const fs::path& app) {
     struct Target {
         std::string relative;
@@ -229,9 +286,10 @@ std::vector<fs::path> XcodeArchiver::signingTargets(const fs::path& app) {
         const bool directory = fs::is_directory(status);
         bool target = false;
         if (directory) {
-            target = extension == ".app" || extension == ".xpc" || extension == ".framework";
+            target = isCodeBundle(it->path());
         } else if (fs::is_regular_file(status)) {
-            target = extension == ".dylib" || extension == ".so" || isMachO(it->path());
+            target = (extension == ".dylib" || extension == ".so" || isMachO(it->path())) &&
+                     !isBundleExecutable(it->path());
         }
         if (!target) {
             continue;
@@ -262,28 +320,102 @@ std::vector<fs::path> XcodeArchiver::signingTargets(const fs::path& app) {
     return paths;
 }
 
-int XcodeArchiver::signInsideOut(const fs::path& app, const std::string& identity,
-                                 const LogHandler& onLog, std::stop_token stop) const {
-    int warnings = 0;
+const std::vector<std::string>& XcodeArchiver::developmentEntitlements() {
+    // The notary service refuses a Developer ID executable that lets debuggers attach.
+    static const std::vector<std::string> keys{"com.apple.security.get-task-allow"};
+    return keys;
+}
+
+std::string XcodeArchiver::readEntitlements(const fs::path& item, std::stop_token stop) {
+    const auto result =
+        ProcessRunner::run("codesign", {"-d", "--entitlements", "-", "--xml", item.string()}, stop);
+    if (result.exitCode != 0) {
+        // Unsigned code carries no entitlements.
+        if (contains(result.errorOutput, "code object is not signed at all")) {
+            return {};
+        }
+        throw VeltraError("Veltra", errorCode::toolFailed,
+                          "Could not read the entitlements of " + item.string() + ": " +
+                              std::string(trimWhitespace(combinedOutput(result))));
+    }
+    return result.output;
+}
+
+std::vector<SignedItem> XcodeArchiver::signInsideOut(const fs::path& app,
+                                                     const std::string& identity,
+                                                     const LogHandler& onLog,
+                                                     std::stop_token stop) const {
+    const auto name = [&](const fs::path& item) {
+        return item == app
+                   ? app.filename().string()
+                   : app.filename().string() + "/" + item.lexically_relative(app).generic_string();
+    };
+    // Entitlements files hold nothing secret, but stay private to this run all the same.
+    const PrivateTemporaryFolder folder("veltra_entitlements");
+    std::vector<SignedItem> signedItems;
+    std::set<std::string> removedKeys;
     for (const auto& target : signingTargets(app)) {
-        const auto result = ProcessRunner::run(
-            "codesign",
-            {"--force", "--sign", identity, "--options", "runtime", "--timestamp", target.string()},
-            stop);
-        const auto said = combinedOutput(result);
-        std::string lower(said);
-        std::transform(lower.begin(), lower.end(), lower.begin(),
-                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-        // errSecInternalComponent and "no identity found" say no "error:", but the exit
-        // status tells.
-        if ((!said.empty() && contains(lower, "error:")) || result.exitCode != 0) {
-            ++warnings;
-            if (onLog) {
-                onLog("   Warning: Codesign note: " + said);
+        if (stop.stop_requested()) {
+            throw CancellationError();
+        }
+        SignedItem item{.path = target};
+        const auto built = readEntitlements(target, stop);
+        std::vector<std::string> arguments{"--force",   "--sign",  identity,
+                                           "--options", "runtime", "--timestamp"};
+        if (!trimWhitespace(built).empty()) {
+            const auto before = entitlementsValue(built);
+            for (const auto& key : developmentEntitlements()) {
+                if (before.contains(key)) {
+                    item.removed.push_back(key);
+                    removedKeys.insert(key);
+                }
+            }
+            const auto shipped = editPropertyList(built, {.remove = developmentEntitlements()});
+            item.entitlements = entitlementsValue(shipped);
+            if (!item.entitlements.empty()) {
+                const auto file =
+                    folder.path() / fmt::format("{}.entitlements", signedItems.size());
+                writeSecretFile(file, shipped);
+                arguments.insert(arguments.end(), {"--entitlements", file.string()});
+            }
+        }
+        arguments.push_back(target.string());
+        const auto result = ProcessRunner::run("codesign", arguments, stop);
+        if (result.exitCode != 0) {
+            throw VeltraError("Veltra", errorCode::toolFailed,
+                              "Code signing failed for " + name(target) + ": " +
+                                  std::string(trimWhitespace(combinedOutput(result))));
+        }
+        signedItems.push_back(std::move(item));
+    }
+    // Read back once all are signed: what each item ships with is what was asked.
+    for (const auto& item : signedItems) {
+        const auto carried = entitlementsValue(readEntitlements(item.path, stop));
+        if (const auto keys = differingKeys(item.entitlements, carried); !keys.empty()) {
+            std::string list;
+            for (const auto& key : keys) {
+                list += (list.empty() ? "" : ", ") + key;
+            }
+            throw VeltraError("Veltra", errorCode::toolFailed,
+                              "The re-signed " + name(item.path) +
+                                  " does not carry the entitlements it was signed with (" + list +
+                                  ").");
+        }
+    }
+    if (onLog) {
+        for (const auto& key : removedKeys) {
+            onLog("   Info: Removed the development entitlement " + key +
+                  " (the notary service refuses it)");
+        }
+        for (const auto& item : signedItems) {
+            if (fs::is_directory(item.path) && item.path != app) {
+                onLog(fmt::format("   Signed {} ({} entitlement{})", name(item.path),
+                                  item.entitlements.size(),
+                                  item.entitlements.size() == 1 ? "" : "s"));
             }
         }
     }
-    return warnings;
+    return signedItems;
 }
 
 fs::path XcodeArchiver::archiveAndExport(const XcodeProjectInfo& project, const std::string& scheme,
@@ -299,13 +431,14 @@ fs::path XcodeArchiver::archiveAndExport(const XcodeProjectInfo& project, const 
     if (stop.stop_requested()) {
         throw CancellationError();
     }
-    log("   Checking Release Info.plist paths...");
+    const auto configuration = project.archiveConfiguration(scheme);
+    log("   Checking " + configuration + " Info.plist paths...");
     XcodePlistValidator validator;
     validator.reader = settingsReader;
     if (auto problem = validator.validate(project, scheme, stop)) {
         throw VeltraError("Veltra", errorCode::toolFailed, *problem);
     }
-    log("   Success: Release Info.plist paths verified");
+    log("   Success: " + configuration + " Info.plist paths verified");
 
     const auto buildFolder =
         fs::temp_directory_path() / ("veltra_build_" + Uuid::random().string());
@@ -324,7 +457,7 @@ fs::path XcodeArchiver::archiveAndExport(const XcodeProjectInfo& project, const 
             }
         }
     } buildFolderGuard{buildFolder};
-    log("   Compiling & Archiving " + scheme + " with Xcode...");
+    log("   Compiling & Archiving " + scheme + " (" + configuration + ") with Xcode...");
 
     MilestoneTracker tracker(onLog);
     ProcessRequest request;
@@ -389,13 +522,8 @@ fs::path XcodeArchiver::archiveAndExport(const XcodeProjectInfo& project, const 
         return app;
     }
     log("   Signing application bundle with " + *signingIdentity + "...");
-    const int warnings = signInsideOut(app, *signingIdentity, onLog, stop);
-    if (warnings == 0) {
-        log("   Success: Code signature applied successfully");
-    } else {
-        log(fmt::format("   Warning: Code signature applied with {} warning(s) — check logs above",
-                        warnings));
-    }
+    signInsideOut(app, *signingIdentity, onLog, stop);
+    log("   Success: Code signature applied successfully");
     buildFolderGuard.keep = true;
     return app;
 }

@@ -16,6 +16,8 @@
 #include <string_view>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 namespace veltra {
 
 // Boils xcodebuild's output down to a few progress lines. One per archive run; chunks may arrive
@@ -39,7 +41,16 @@ private:
     std::mutex lock_{};
 };
 
-// Archives the user's project in Release, lifts the .app out of the archive and re-signs it.
+// One item of the app as re-signed: its entitlements as they ship (an object; empty when none).
+struct SignedItem {
+    std::filesystem::path path{};
+    nlohmann::json entitlements = nlohmann::json::object();
+    // Development-only keys the item was built with and no longer carries.
+    std::vector<std::string> removed{};
+};
+
+// Archives the user's project with its scheme's archive configuration, lifts the .app out of the
+// archive and re-signs it.
 class XcodeArchiver {
 public:
     // Reads the Release settings for the Info.plist check that precedes every build.
@@ -66,12 +77,25 @@ public:
     // The short text that explains a failed archive, from its full output.
     static std::string failureSummary(std::string_view log);
 
-    // Everything inside `app` that needs its own signature, innermost first, then `app`.
+    // Everything inside `app` that needs its own signature, innermost first, then `app`: nested
+    // bundles (apps and login items, extensions, XPC services, frameworks, plug-ins, system
+    // extensions) as bundles, then loose Mach-O files and libraries; a bundle's own executable
+    // is signed with its bundle.
     static std::vector<std::filesystem::path> signingTargets(const std::filesystem::path& app);
 
-    // Signs the targets of `app` inside-out; returns the number of warnings logged.
-    int signInsideOut(const std::filesystem::path& app, const std::string& identity,
-                      const LogHandler& onLog, std::stop_token stop) const;
+    // Entitlements that a Developer ID release must not carry.
+    static const std::vector<std::string>& developmentEntitlements();
+
+    // Signs the targets of `app` inside-out with hardened runtime and a secure timestamp, each
+    // with the entitlements it was built with less the development ones, then reads each back.
+    // Throws VeltraError naming the item when codesign fails on it, or when what it carries
+    // differs from what was asked (naming the keys).
+    std::vector<SignedItem> signInsideOut(const std::filesystem::path& app,
+                                          const std::string& identity, const LogHandler& onLog,
+                                          std::stop_token stop) const;
+
+    // The entitlements `item`'s signature carries, as codesign prints them (XML; "" for none).
+    static std::string readEntitlements(const std::filesystem::path& item, std::stop_token stop);
 
     // A Mach-O or universal binary, by its first four bytes.
     static bool isMachO(const std::filesystem::path& file);

@@ -27,7 +27,7 @@ std::vector<std::string> XcodeBuildSettingsReader::arguments(const XcodeProjectI
             "-scheme",
             scheme,
             "-configuration",
-            "Release",
+            project.archiveConfiguration(scheme),
             "-destination",
             "generic/platform=macOS",
             "-showBuildSettings",

@@ -21,6 +21,14 @@ const XcodeScheme* XcodeProjectInfo::scheme(const std::string& schemeName) const
     return found == schemeDetails.end() ? nullptr : &*found;
 }
 
+std::string XcodeProjectInfo::archiveConfiguration(const std::string& schemeName) const {
+    if (configurationOverride && !configurationOverride->empty()) {
+        return *configurationOverride;
+    }
+    const auto* found = scheme(schemeName);
+    return found != nullptr ? found->archiveConfiguration : "Release";
+}
+
 std::optional<fs::path> XcodeScheme::containerProject() const {
     constexpr std::string_view prefix = "container:";
     if (!container || !container->starts_with(prefix)) {

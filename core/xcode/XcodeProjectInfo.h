@@ -44,7 +44,13 @@ struct XcodeProjectInfo {
     // The application target whose settings gave the bundle identifier and team.
     std::optional<std::string> appTarget{};
 
+    // The configuration to archive with instead of the scheme's own (the profile's choice).
+    std::optional<std::string> configurationOverride{};
+
     const XcodeScheme* scheme(const std::string& schemeName) const;
+    // The configuration `xcodebuild archive` builds for `schemeName`: the override, else the
+    // scheme's ArchiveAction's, else "Release".
+    std::string archiveConfiguration(const std::string& schemeName) const;
 };
 
 } // namespace veltra

@@ -1,3 +1,4 @@
+#include "core/feed/MinimumSystemVersion.h"
 #include "core/feed/NewestBuild.h"
 
 #include <gtest/gtest.h>
@@ -42,6 +43,35 @@ TEST(NewestBuild, HighestNumericBuildFirstListedOnTies) {
             EXPECT_EQ(newest->item->title, row.title);
         }
     }
+}
+
+} // namespace
+} // namespace veltra
+
+namespace veltra {
+namespace {
+
+TEST(MinimumSystemVersion, TheAppsOwnUnlessTheProfileRaisesIt) {
+    struct Row {
+        const char* app;
+        std::optional<std::string> profile;
+        const char* expected;
+        bool warns;
+    };
+    for (const auto& row : {Row{"14.2", std::nullopt, "14.2", false},
+                            Row{"14.2", "", "14.2", false}, Row{"14.2", "15.0", "15.0", false},
+                            Row{"14.2", "14.10", "14.10", false}, // numbers, not text
+                            Row{"14.2", "14.2.0", "14.2.0", false},
+                            Row{"14.2", "13.0", "14.2", true}, Row{"10.15", "10.9", "10.15", true},
+                            Row{"", "13.0", "13.0", false}, Row{"", std::nullopt, "", false}}) {
+        SCOPED_TRACE(std::string(row.app) + " / " + row.profile.value_or("unset"));
+        const auto chosen = MinimumSystemVersion::choose(row.app, row.profile);
+        EXPECT_EQ(chosen.version, row.expected);
+        EXPECT_EQ(chosen.warning.has_value(), row.warns);
+    }
+    EXPECT_EQ(*MinimumSystemVersion::choose("14.2", "13.0").warning,
+              "The profile's sparkle.minimumSystemVersion 13.0 is below the 14.2 the app "
+              "requires (LSMinimumSystemVersion); the feed names 14.2.");
 }
 
 } // namespace

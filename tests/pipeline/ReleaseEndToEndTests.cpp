@@ -649,9 +649,36 @@ TEST_F(ReleaseRun, SigningIdentitiesDecideNotarization) {
     EXPECT_TRUE(logged("Success: Auto-detected Developer ID: Developer ID Application: Jane Doe "
                        "(AB12CD34EF)"));
     EXPECT_EQ(step("notarize").status, StepStatus::succeeded);
-    EXPECT_EQ(step("notarize").message, "Notarized");
+    EXPECT_EQ(step("notarize").message, "Notarized; Gatekeeper accepts it");
     EXPECT_EQ(pipeline.completedManifest()->wasNotarized, true);
+    // What a Mac that downloads the release checks, asked before it was published.
+    EXPECT_EQ(pipeline.completedManifest()->finalChecks,
+              (std::vector<std::string>{"stapler validate: accepted",
+                                        "spctl (image): accepted (Notarized Developer ID)",
+                                        "spctl (app): accepted (Notarized Developer ID)"}));
+    const auto assessed = runsOf("spctl");
+    ASSERT_EQ(assessed.size(), 2u);
+    EXPECT_EQ(assessed[0], (std::vector<std::string>{
+                               "-a", "-t", "open", "--context", "context:primary-signature", "-v",
+                               pipeline.completedManifest()->dmgURL.value()}));
     EXPECT_TRUE(logged("   Success: Codesigned: Yes (Developer ID)"));
+    // The image's signature is checked as strictly as Gatekeeper will (where it is built).
+    const auto codesigns = runsOf("codesign");
+    EXPECT_TRUE(std::ranges::any_of(codesigns, [&](const std::vector<std::string>& run) {
+        return run.size() == 4 && run[0] == "--verify" && run[1] == "--strict" &&
+               fs::path(run[3]).filename() == fs::path(assessed[0].back()).filename();
+    }));
+
+    // A Gatekeeper rejection stops the release before anything is published.
+    fake("VELTRA_FAKE_SPCTL", "reject");
+    release(6);
+    EXPECT_EQ(pipeline.failedStepID(), "notarize");
+    EXPECT_EQ(failure(), "The notarized release would not open on a Mac: spctl (image): rejected "
+                         "(Unnotarized Developer ID): Apple has not notarized it; Gatekeeper will "
+                         "refuse to open it. Turn on notarization for this profile and release "
+                         "again.");
+    EXPECT_EQ(step("deploy").status, StepStatus::pending);
+    fake("VELTRA_FAKE_SPCTL", "");
 
     profile.notarization.signingIdentity = "Apple Development: Jane Doe (ZY98XW76VU)";
     release(6);
@@ -673,11 +700,45 @@ TEST_F(ReleaseRun, SigningIdentitiesDecideNotarization) {
     EXPECT_TRUE(logged("   Warning: Ambiguous certificate 'Developer ID Application: Jane Doe "
                        "(AB12CD34EF)' \xE2\x80\x94 pinning to SHA-1: "
                        "0123456789ABCDEF0123456789ABCDEF01234567"));
-    const auto signs = runsOf("codesign");
+    auto signs = runsOf("codesign");
+    std::erase_if(signs, [](const auto& run) { return run.front() != "--force"; });
     ASSERT_FALSE(signs.empty());
     EXPECT_NE(std::find(signs.back().begin(), signs.back().end(),
                         "0123456789ABCDEF0123456789ABCDEF01234567"),
               signs.back().end());
+}
+
+TEST_F(ReleaseRun, AnImageThatCannotBeSignedStopsBeforeAnythingIsPublished) {
+    profile.notarization.signingIdentity = "Developer ID Application: Jane Doe (AB12CD34EF)";
+    fake("VELTRA_FAKE_CODESIGN_FAIL", ".dmg");
+    const auto feed = sandbox.website() / "downloads" / "appcast.xml";
+    const auto before = fs::exists(feed) ? readFile(feed) : std::string();
+    release(5);
+    EXPECT_EQ(pipeline.failedStepID(), "dmg");
+    EXPECT_TRUE(failure().starts_with("Could not sign the DMG: ")) << failure();
+    EXPECT_EQ(fs::exists(feed) ? readFile(feed) : std::string(), before);
+    EXPECT_TRUE(runsOf("xcrun").empty()) << "nothing was sent to Apple";
+}
+
+TEST_F(ReleaseRun, TheFeedNamesTheMacOSTheAppRequires) {
+    fake("VELTRA_FAKE_MINIMUM_SYSTEM", "14.2");
+    release(5);
+    ASSERT_EQ(failure(), "");
+    const auto feed = readFile(sandbox.website() / "downloads" / "appcast.xml");
+    EXPECT_NE(feed.find("<sparkle:minimumSystemVersion>14.2</sparkle:minimumSystemVersion>"),
+              std::string::npos);
+    // The profile may raise it, never lower it.
+    profile.sparkle.minimumSystemVersion = "13.0";
+    release(6);
+    ASSERT_EQ(failure(), "");
+    EXPECT_TRUE(logged("Warning: The profile's sparkle.minimumSystemVersion 13.0 is below the 14.2 "
+                       "the app requires (LSMinimumSystemVersion); the feed names 14.2."));
+    profile.sparkle.minimumSystemVersion = "15.0";
+    release(7);
+    ASSERT_EQ(failure(), "");
+    const auto raised = readFile(sandbox.website() / "downloads" / "appcast.xml");
+    EXPECT_NE(raised.find("<sparkle:minimumSystemVersion>15.0</sparkle:minimumSystemVersion>"),
+              std::string::npos);
 }
 
 TEST_F(ReleaseRun, ABrokenReSignatureFailsTheInspection) {

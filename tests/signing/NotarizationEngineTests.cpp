@@ -86,7 +86,12 @@ class NotarizationRun : public testing::AppleToolsTest {
 protected:
     NotarizationRun() {
         fake("VELTRA_FAKE_KEYCHAIN", (dir / "keychain").string());
+        fake("VELTRA_FAKE_COUNTERS", (dir / "counters").string());
         writeFile(dir / "Acme-1.2.3.dmg", "disk image");
+        // Passing failures are tried again within a fraction of a second here.
+        engine.stapleRetry =
+            engine.networkRetry = {std::chrono::milliseconds(5), std::chrono::milliseconds(20),
+                                   std::chrono::milliseconds(300)};
     }
 
     void store() {
@@ -103,16 +108,67 @@ protected:
 
     VeltraError notarizeFailure() {
         try {
-            NotarizationEngine().notarize(dir / "Acme-1.2.3.dmg", "acme-notary", record());
+            engine.notarize(dir / "Acme-1.2.3.dmg", "acme-notary", record());
         } catch (const VeltraError& error) {
             return error;
         }
         return {"none", 0, "no error"};
     }
 
+    NotarizationEngine engine;
     std::mutex lock;
     Lines log;
 };
+
+TEST_F(NotarizationRun, PassingFailuresAreTriedAgainNeverResubmitted) {
+    store();
+    // The ticket of a fresh verdict is not served yet: stapling waits for it.
+    fake("VELTRA_FAKE_STAPLER", "propagating");
+    fake("VELTRA_FAKE_STAPLER_TIMES", "2");
+    engine.stapleRetry.total = std::chrono::minutes(5); // a slow machine does not cut it short
+    engine.notarize(dir / "Acme-1.2.3.dmg", "acme-notary", record());
+    auto runs = runsOf("xcrun");
+    EXPECT_EQ(
+        std::ranges::count(runs, Lines{"stapler", "staple", (dir / "Acme-1.2.3.dmg").string()}), 3);
+    EXPECT_EQ(std::ranges::count_if(log,
+                                    [](const std::string& line) {
+                                        return line.starts_with(
+                                            "   Info: Stapling failed (Processing: ");
+                                    }),
+              2);
+    EXPECT_EQ(log.back(), "   Success: Gatekeeper ticket successfully stapled to Acme-1.2.3.dmg");
+
+    // The network goes while waiting: the submission is followed by its ID, never sent twice.
+    std::filesystem::remove(dir / "tools.log");
+    log.clear();
+    fake("VELTRA_FAKE_STAPLER", "");
+    fake("VELTRA_FAKE_NOTARY", "drop-connection");
+    fake("VELTRA_FAKE_NOTARY_OFFLINE_TIMES", "2");
+    engine.networkRetry.total = std::chrono::minutes(5);
+    engine.notarize(dir / "Acme-1.2.3.dmg", "acme-notary", record());
+    runs = runsOf("xcrun");
+    Lines verbs;
+    for (const auto& run : runs) {
+        verbs.push_back(run.at(0) + " " + run.at(1));
+    }
+    EXPECT_EQ(verbs, (Lines{"notarytool submit", "notarytool info", "notarytool info",
+                            "notarytool info", "stapler staple"}));
+    EXPECT_EQ(runs[1], (Lines{"notarytool", "info", "3f2b8c1e-7a4d-4e9b-9c21-5d6e7f809a1b",
+                              "--keychain-profile", "acme-notary"}));
+    EXPECT_NE(std::ranges::find(log, "   Info: The connection to Apple's notary service broke "
+                                     "while waiting; following submission "
+                                     "3f2b8c1e-7a4d-4e9b-9c21-5d6e7f809a1b..."),
+              log.end());
+
+    // Offline for longer than the retries last: the submission's failure, still sent once.
+    std::filesystem::remove(dir / "tools.log");
+    fake("VELTRA_FAKE_NOTARY_OFFLINE_TIMES", "1000");
+    engine.networkRetry.total = std::chrono::milliseconds(100);
+    EXPECT_EQ(notarizeFailure().code(), 502);
+    EXPECT_EQ(std::ranges::count_if(runsOf("xcrun"),
+                                    [](const Lines& run) { return run.at(1) == "submit"; }),
+              1);
+}
 
 TEST_F(NotarizationRun, StoresAnAppStoreConnectAPIKey) {
     writeFile(dir / "AuthKey_ABC123.p8", "key");

@@ -65,3 +65,13 @@ macho_cache() {
     fi
     echo "$cache"
 }
+
+# Counts a call named $1; succeeds while at most $2 such calls were made (a passing failure that
+# clears after $2 tries). Without $2, always. Counts live in $VELTRA_FAKE_COUNTERS (a folder).
+within_first() {
+    [ -z "$2" ] && return 0
+    counters="${VELTRA_FAKE_COUNTERS:-${TMPDIR:-/tmp}/veltra-fake-counters-$(id -u)}"
+    mkdir -p "$counters"
+    echo x >>"$counters/$1"
+    [ "$(wc -l <"$counters/$1")" -le "$2" ]
+}

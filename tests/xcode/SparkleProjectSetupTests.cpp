@@ -136,6 +136,57 @@ TEST(SparkleProjectSetup, TheNamedInfoPlistKeepsADifferentValueUnlessForced) {
     EXPECT_TRUE(SparkleProjectSetup::plan(requestFor(project)).alreadySetUp());
 }
 
+TEST(SparkleProjectSetup, ASandboxedAppGetsWhatSparklesInstallerNeeds) {
+    testing::TempDir dir;
+    fs::copy(fs::path(VELTRA_SOURCE_DIR) / "share/demo/Sample", dir.path(),
+             fs::copy_options::recursive);
+    const auto project = dir / "Sample.xcodeproj";
+    auto text = readFile(project / "project.pbxproj");
+    for (auto at = text.find("\t\t\t\tINFOPLIST_FILE"); at != std::string::npos;
+         at = text.find("\t\t\t\tINFOPLIST_FILE", at + 60)) {
+        text.insert(at, "\t\t\t\tCODE_SIGN_ENTITLEMENTS = Sample/Sample.entitlements;\n");
+    }
+    testing::writeFile(project / "project.pbxproj", text);
+    const auto entitlements = dir / "Sample/Sample.entitlements";
+    testing::writeFile(entitlements,
+                       "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>"
+                       "<key>com.apple.security.app-sandbox</key><true/>"
+                       "<key>com.apple.security.files.user-selected.read-only</key><true/>"
+                       "</dict></plist>");
+
+    auto plan = SparkleProjectSetup::plan(requestFor(project));
+    EXPECT_EQ(std::vector<std::string>(plan.changes.end() - 3, plan.changes.end()),
+              (std::vector<std::string>{
+                  "Set SUEnableInstallerLauncherService in Sample/Info.plist (the app is "
+                  "sandboxed)",
+                  "Set SUEnableDownloaderService in Sample/Info.plist (the app is sandboxed)",
+                  "Let the sandboxed app reach Sparkle's installer (Sample/Sample.entitlements: "
+                  "mach-lookup $(PRODUCT_BUNDLE_IDENTIFIER)-spks, "
+                  "$(PRODUCT_BUNDLE_IDENTIFIER)-spki)"}));
+    SparkleProjectSetup::apply(plan);
+    const auto info = readPropertyListDictionary(dir / "Sample/Info.plist");
+    EXPECT_EQ(info["SUEnableInstallerLauncherService"], true);
+    EXPECT_EQ(info["SUEnableDownloaderService"], true);
+    EXPECT_EQ(info["SUFeedURL"], feed);
+    EXPECT_EQ(readPropertyListDictionary(entitlements),
+              (Json{{"com.apple.security.app-sandbox", true},
+                    {"com.apple.security.files.user-selected.read-only", true},
+                    {"com.apple.security.temporary-exception.mach-lookup.global-name",
+                     {"$(PRODUCT_BUNDLE_IDENTIFIER)-spks", "$(PRODUCT_BUNDLE_IDENTIFIER)-spki"}}}));
+    EXPECT_TRUE(SparkleProjectSetup::plan(requestFor(project)).alreadySetUp());
+
+    // An app that reaches the network itself downloads updates itself.
+    testing::writeFile(entitlements,
+                       "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>"
+                       "<key>com.apple.security.app-sandbox</key><true/>"
+                       "<key>com.apple.security.network.client</key><true/></dict></plist>");
+    testing::writeFile(dir / "Sample/Info.plist",
+                       "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict/></plist>");
+    plan = SparkleProjectSetup::plan(requestFor(project));
+    EXPECT_TRUE(plan.plistBooleans.contains("SUEnableInstallerLauncherService"));
+    EXPECT_FALSE(plan.plistBooleans.contains("SUEnableDownloaderService"));
+}
+
 TEST(SparkleProjectSetup, SaysWhatItCannotSetUp) {
     testing::TempDir dir;
     const auto message = [](const SparkleSetupRequest& request) {

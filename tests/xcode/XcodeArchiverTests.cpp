@@ -1,5 +1,6 @@
 #include "AppleTools.h"
 #include "core/support/FileUtilities.h"
+#include "core/support/PropertyList.h"
 #include "core/support/VeltraError.h"
 #include "core/xcode/XcodeArchiver.h"
 
@@ -136,8 +137,18 @@ TEST(XcodeArchiverArguments, OverridesOnlyWhenGiven) {
     project.isWorkspace = true;
     EXPECT_EQ(XcodeArchiver::archiveArguments(project, "Acme", "/tmp/b/Acme.xcarchive", "", 0),
               (Lines{"-workspace", "/src/Acme.xcworkspace", "-scheme", "Acme", "-configuration",
-                     "Release", "-archivePath", "/tmp/b/Acme.xcarchive", "archive",
-                     "CURRENT_PROJECT_VERSION=0", "INFOPLIST_KEY_CFBundleVersion=0"}));
+                     "Release", "-destination", "generic/platform=macOS", "-archivePath",
+                     "/tmp/b/Acme.xcarchive", "archive", "CURRENT_PROJECT_VERSION=0",
+                     "INFOPLIST_KEY_CFBundleVersion=0"}));
+    // The scheme's own archive configuration, unless the profile chose another.
+    project.schemeDetails.push_back(XcodeScheme{.name = "Acme", .archiveConfiguration = "Direct"});
+    EXPECT_EQ(XcodeArchiver::archiveArguments(project, "Acme", "/a", "", std::nullopt)[5],
+              "Direct");
+    EXPECT_EQ(XcodeArchiver::archiveArguments(project, "Other", "/a", "", std::nullopt)[5],
+              "Release");
+    project.configurationOverride = "Release-AppStore";
+    EXPECT_EQ(XcodeArchiver::archiveArguments(project, "Acme", "/a", "", std::nullopt)[5],
+              "Release-AppStore");
     project.isWorkspace = false;
     const auto withVersion =
         XcodeArchiver::archiveArguments(project, "Acme", "/a", "1.2$1", std::nullopt);
@@ -146,36 +157,48 @@ TEST(XcodeArchiverArguments, OverridesOnlyWhenGiven) {
               (Lines{"MARKETING_VERSION=1.2$1", "INFOPLIST_KEY_CFBundleShortVersionString=1.2$1"}));
 }
 
-TEST(XcodeArchiverSigning, InsideOutOrder) {
+TEST(XcodeArchiverSigning, EveryBundleInsideOutItsExecutableWithIt) {
     testing::TempDir dir;
     const auto app = dir / "Acme.app";
+    const std::string machO64("\xcf\xfa\xed\xfe\x0c\x00\x00\x01", 8);
+    const auto bundle = [&](const fs::path& folder, const std::string& executable) {
+        fs::create_directories(folder / "Contents/MacOS");
+        writeFile(folder / "Contents/MacOS" / executable, machO64);
+        writeFile(folder / "Contents/Info.plist",
+                  "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>CFBundleExecutable"
+                  "</key><string>" +
+                      executable + "</string></dict></plist>");
+    };
+    bundle(app, "Acme");
+    bundle(app / "Contents/PlugIns/Share.appex", "Share");
+    bundle(app / "Contents/Library/LoginItems/Launcher.app", "Launcher");
+    bundle(app / "Contents/XPCServices/Fetch.xpc", "Fetch");
+    bundle(app / "Contents/Library/SystemExtensions/Net.systemextension", "Net");
+    bundle(app / "Contents/PlugIns/Codec.plugin", "Codec");
+    bundle(app / "Contents/Resources/Loader.bundle", "Loader");
+    // A helper beside the main executable is loose code of its own.
+    writeFile(app / "Contents/MacOS/helper", machO64);
+    // A resource bundle holds no code.
+    fs::create_directories(app / "Contents/Resources/Images.bundle");
     const auto frameworkBinary = app / "Contents/Frameworks/A.framework/Versions/A/A";
     fs::create_directories(frameworkBinary.parent_path());
-    fs::create_directories(app / "Contents/MacOS");
-    fs::create_directories(app / "Contents/XPCServices/Fetch.xpc/Contents/MacOS");
-    fs::create_directories(app / "Contents/Resources");
-    const std::string machO64("\xcf\xfa\xed\xfe\x0c\x00\x00\x01", 8);
     writeFile(frameworkBinary, machO64);
-    writeFile(app / "Contents/MacOS/Acme", std::string("\xca\xfe\xba\xbe", 4) + "rest");
-    writeFile(app / "Contents/XPCServices/Fetch.xpc/Contents/MacOS/Fetch",
-              std::string("\xfe\xed\xfa\xcf", 4));
     writeFile(app / "Contents/Frameworks/libz.dylib", "not even a binary");
     writeFile(app / "Contents/Resources/short", "\xcf\xfa");
-    writeFile(app / "Contents/Resources/readme.txt", "plain");
-    writeFile(app / "Contents/Info.plist", "<plist/>");
     fs::create_directory_symlink("A", app / "Contents/Frameworks/A.framework/Versions/Current");
     fs::create_symlink("Versions/Current/A", app / "Contents/Frameworks/A.framework/A");
 
-    const auto targets = XcodeArchiver::signingTargets(app);
     Lines relative;
-    for (const auto& target : targets) {
+    for (const auto& target : XcodeArchiver::signingTargets(app)) {
         relative.push_back(target == app ? "." : target.lexically_relative(app).string());
     }
+    // Deepest first; at one depth loose files before bundles.
     EXPECT_EQ(relative,
-              (Lines{"Contents/XPCServices/Fetch.xpc/Contents/MacOS/Fetch",
-                     "Contents/Frameworks/A.framework/Versions/A/A", "Contents/MacOS/Acme",
+              (Lines{"Contents/Library/SystemExtensions/Net.systemextension",
+                     "Contents/Library/LoginItems/Launcher.app", "Contents/MacOS/helper",
                      "Contents/Frameworks/libz.dylib", "Contents/XPCServices/Fetch.xpc",
-                     "Contents/Frameworks/A.framework", "."}));
+                     "Contents/Resources/Loader.bundle", "Contents/PlugIns/Share.appex",
+                     "Contents/PlugIns/Codec.plugin", "Contents/Frameworks/A.framework", "."}));
 }
 
 class XcodeArchiverRun : public testing::AppleToolsTest {
@@ -226,46 +249,112 @@ protected:
     testing::ScopedEnvironment home{"HOME", (dir / "home").string()};
 };
 
-TEST_F(XcodeArchiverRun, ArchivesExtractsAndSignsInsideOut) {
+TEST_F(XcodeArchiverRun, ReSignsEveryItemWithItsEntitlementsLessGetTaskAllow) {
     const auto app = archive("Developer ID Application: Jane Doe (AB12CD34EF)", "2.0", 42);
     const auto buildFolder = app.parent_path().parent_path();
     EXPECT_EQ(app, buildFolder / "ExportedApp" / "Acme.app");
     EXPECT_TRUE(buildFolder.filename().string().starts_with("veltra_build_"));
     EXPECT_EQ(buildFolder.filename().string().size(), std::string("veltra_build_").size() + 36);
-    EXPECT_TRUE(fs::is_regular_file(app / "Contents/MacOS/Acme"));
     EXPECT_TRUE(fs::is_symlink(app / "Contents/Frameworks/Helper.framework/Versions/Current"));
 
     const auto archives = runsOf("xcodebuild");
     ASSERT_EQ(archives.size(), 2u);
-    EXPECT_EQ(
-        archives[1],
-        (Lines{"-project", (dir / "Acme.xcodeproj").string(), "-scheme", "Acme", "-configuration",
-               "Release", "-archivePath", (buildFolder / "Acme.xcarchive").string(), "archive",
-               "MARKETING_VERSION=2.0", "INFOPLIST_KEY_CFBundleShortVersionString=2.0",
-               "CURRENT_PROJECT_VERSION=42", "INFOPLIST_KEY_CFBundleVersion=42"}));
+    const Lines configuration{"-configuration", "Release", "-destination",
+                              "generic/platform=macOS"};
+    EXPECT_EQ(Lines(archives[0].begin() + 4, archives[0].begin() + 8), configuration)
+        << "the settings query reads what the archive builds";
+    EXPECT_EQ(archives[1],
+              (Lines{"-project", (dir / "Acme.xcodeproj").string(), "-scheme", "Acme",
+                     "-configuration", "Release", "-destination", "generic/platform=macOS",
+                     "-archivePath", (buildFolder / "Acme.xcarchive").string(), "archive",
+                     "MARKETING_VERSION=2.0", "INFOPLIST_KEY_CFBundleShortVersionString=2.0",
+                     "CURRENT_PROJECT_VERSION=42", "INFOPLIST_KEY_CFBundleVersion=42"}));
     Lines signedPaths;
     for (const auto& run : runsOf("codesign")) {
-        ASSERT_EQ(run.size(), 7u);
-        EXPECT_EQ(Lines(run.begin(), run.end() - 1),
+        if (run.front() != "--force") {
+            continue;
+        }
+        EXPECT_EQ(Lines(run.begin(), run.begin() + 6),
                   (Lines{"--force", "--sign", "Developer ID Application: Jane Doe (AB12CD34EF)",
                          "--options", "runtime", "--timestamp"}));
         signedPaths.push_back(fs::path(run.back()).lexically_relative(app).string());
     }
     EXPECT_EQ(signedPaths,
-              (Lines{"Contents/Frameworks/Helper.framework/Versions/A/Helper",
-                     "Contents/MacOS/Acme", "Contents/Frameworks/Helper.framework", "."}));
-    EXPECT_EQ(
-        log, (Lines{"   Checking Release Info.plist paths...",
-                    "   Success: Release Info.plist paths verified",
-                    "   Compiling & Archiving Acme with Xcode...",
-                    "   Resolving Swift Package dependencies...",
-                    "   Compiling Swift sources for 'Acme'...", "   Linking target 'Acme'...",
-                    "   Signing target 'Acme'...", "   Success: Xcode archive created successfully",
-                    "   Extracting application bundle...",
-                    "   Signing application bundle with Developer ID Application: Jane Doe "
-                    "(AB12CD34EF)...",
-                    "   Success: Code signature applied successfully"}));
+              (Lines{"Contents/Library/LoginItems/Launcher.app",
+                     "Contents/Frameworks/libextra.dylib", "Contents/XPCServices/Fetcher.xpc",
+                     "Contents/PlugIns/Share.appex", "Contents/Frameworks/Helper.framework", "."}));
+    // What each item ships with, read back from the signatures themselves.
+    const auto carried = [&](const std::string& item) {
+        return parsePropertyList(XcodeArchiver::readEntitlements(app / item, {}));
+    };
+    using Json = nlohmann::json;
+    EXPECT_EQ(carried("."), (Json{{"com.apple.security.cs.allow-jit", true}}));
+    EXPECT_EQ(carried("Contents/PlugIns/Share.appex"),
+              (Json{{"com.apple.security.app-sandbox", true},
+                    {"com.apple.security.network.client", true}}));
+    EXPECT_EQ(carried("Contents/Library/LoginItems/Launcher.app"),
+              (Json{{"com.apple.security.app-sandbox", true}}));
+    EXPECT_EQ(carried("Contents/XPCServices/Fetcher.xpc"),
+              (Json{{"com.apple.security.network.client", true}}));
+    EXPECT_TRUE(
+        XcodeArchiver::readEntitlements(app / "Contents/Frameworks/Helper.framework", {}).empty());
+    EXPECT_NE(std::ranges::find(log, "   Info: Removed the development entitlement "
+                                     "com.apple.security.get-task-allow (the notary service "
+                                     "refuses it)"),
+              log.end());
+    EXPECT_NE(std::ranges::find(log, "   Signed Acme.app/Contents/PlugIns/Share.appex (2 "
+                                     "entitlements)"),
+              log.end());
+    EXPECT_EQ(log.back(), "   Success: Code signature applied successfully");
+    // The entitlements files were private and are gone.
+    for (const auto& entry : fs::directory_iterator(dir / "tmp")) {
+        EXPECT_FALSE(entry.path().filename().string().starts_with("veltra_entitlements"));
+    }
     removeBuildFolder(app);
+}
+
+TEST_F(XcodeArchiverRun, ProjectEntitlementsAndTheSchemesConfiguration) {
+    fs::create_directories(dir / "Acme");
+    writeFile(dir / "Acme/Acme.entitlements",
+              "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>"
+              "<key>com.apple.security.app-sandbox</key><true/>"
+              "<key>com.apple.security.application-groups</key><array><string>AB12CD34EF.acme"
+              "</string></array></dict></plist>");
+    auto project = scratchProject();
+    project.schemeDetails.push_back(
+        XcodeScheme{.name = "Acme", .archiveConfiguration = "Release-Direct"});
+    const auto app = XcodeArchiver().archiveAndExport(
+        project, "Acme", "Developer ID Application: Jane Doe (AB12CD34EF)", std::nullopt,
+        std::nullopt, nullptr, {});
+    EXPECT_EQ(parsePropertyList(XcodeArchiver::readEntitlements(app, {})),
+              (nlohmann::json{{"com.apple.security.app-sandbox", true},
+                              {"com.apple.security.application-groups", {"AB12CD34EF.acme"}}}));
+    for (const auto& run : runsOf("xcodebuild")) {
+        ASSERT_GE(run.size(), 6u);
+        EXPECT_EQ(run[4], "-configuration");
+        EXPECT_EQ(run[5], "Release-Direct");
+    }
+    removeBuildFolder(app);
+}
+
+TEST_F(XcodeArchiverRun, ACodesignFailureOrLostEntitlementsStopTheArchive) {
+    const auto foldersBefore = buildFolders();
+    fake("VELTRA_FAKE_CODESIGN_FAIL", "Share.appex");
+    auto error = failure("Developer ID Application: Jane Doe (AB12CD34EF)");
+    EXPECT_TRUE(error.message().starts_with(
+        "Code signing failed for Acme.app/Contents/PlugIns/Share.appex: "))
+        << error.message();
+    EXPECT_TRUE(error.message().ends_with("Share.appex: errSecInternalComponent"))
+        << error.message();
+    fake("VELTRA_FAKE_CODESIGN_FAIL", "");
+
+    // A codesign that signs but keeps nothing of what it was given.
+    fake("VELTRA_FAKE_CODESIGN", "drop-entitlements");
+    error = failure("Developer ID Application: Jane Doe (AB12CD34EF)");
+    EXPECT_EQ(error.message(),
+              "The re-signed Acme.app/Contents/Library/LoginItems/Launcher.app does not carry "
+              "the entitlements it was signed with (com.apple.security.app-sandbox).");
+    EXPECT_EQ(buildFolders(), foldersBefore) << "a failed signing leaves no build folder";
 }
 
 TEST_F(XcodeArchiverRun, WithoutAnIdentityXcodesSignatureStays) {
@@ -275,26 +364,6 @@ TEST_F(XcodeArchiverRun, WithoutAnIdentityXcodesSignatureStays) {
     // No overrides were asked for.
     EXPECT_EQ(runsOf("xcodebuild")[1].back(), "archive");
     removeBuildFolder(app);
-}
-
-TEST_F(XcodeArchiverRun, CodesignComplaintsAreCountedNotFatal) {
-    fake("VELTRA_FAKE_CODESIGN", "keychain-item");
-    const auto app = archive("Developer ID Application: Jane Doe (AB12CD34EF)");
-    EXPECT_EQ(std::count(log.begin(), log.end(),
-                         "   Warning: Codesign note: error: The specified item could not be found "
-                         "in the keychain."),
-              4);
-    EXPECT_EQ(log.back(),
-              "   Warning: Code signature applied with 4 warning(s) — check logs above");
-    removeBuildFolder(app);
-
-    // A failure whose words have no "error:" still counts: the exit status says it failed.
-    log.clear();
-    fake("VELTRA_FAKE_CODESIGN", "internal");
-    const auto again = archive("Developer ID Application: Jane Doe (AB12CD34EF)");
-    EXPECT_EQ(log.back(),
-              "   Warning: Code signature applied with 4 warning(s) — check logs above");
-    removeBuildFolder(again);
 }
 
 TEST_F(XcodeArchiverRun, CompileErrorWritesTheLogAndSummarises) {

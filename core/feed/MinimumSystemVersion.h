@@ -1,0 +1,24 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace veltra {
+
+// The macOS version a feed item requires, and why it is not the profile's when it is not.
+struct MinimumSystemVersion {
+    std::string version{};
+    std::optional<std::string> warning{};
+
+    // The built app's LSMinimumSystemVersion, raised by the profile's setting when that is
+    // higher (a lower one would offer the update to Macs it cannot run on, and is ignored with
+    // a warning naming both). Without either, empty: the item names no minimum.
+    static MinimumSystemVersion choose(const std::string& appRequires,
+                                       const std::optional<std::string>& profileSetting);
+};
+
+// Negative, zero or positive as dotted version `a` sorts before, with or after `b`, by their
+// numbers ("14.2" after "14.10" is false; a missing part counts as 0).
+int compareDottedVersions(const std::string& a, const std::string& b);
+
+} // namespace veltra
