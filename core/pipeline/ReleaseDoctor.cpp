@@ -14,6 +14,7 @@
 #include "core/publishing/WebsiteRepositoryInspector.h"
 #include "core/signing/CertificateExpiry.h"
 #include "core/signing/CertificateScanner.h"
+#include "core/signing/GatekeeperChecks.h"
 #include "core/signing/NotarizationEngine.h"
 #include "core/support/Base64.h"
 #include "core/support/FileUtilities.h"
@@ -127,6 +128,9 @@ std::vector<DoctorFinding> ReleaseDoctor::examine(const ProjectProfile* profile,
                     return std::vector{notarization(*profile, s)};
                 },
                 stop));
+            add(limited(
+                "Gatekeeper",
+                [this, profile](std::stop_token s) { return gatekeeper(*profile, s); }, stop));
         }
         add(project(*profile));
         add(limited(
@@ -320,6 +324,34 @@ DoctorFinding ReleaseDoctor::notarization(const ProjectProfile& profile,
                        "Store it again with 'veltra notary store-credentials " + name + "'.");
     }
     return finding("Notarization", Verdict::ok, "Keychain profile '" + name + "' works");
+}
+
+std::vector<DoctorFinding> ReleaseDoctor::gatekeeper(const ProjectProfile& profile,
+                                                     std::stop_token stop) const {
+    if (!profile.recentReleases || profile.recentReleases->empty() ||
+        !profile.recentReleases->front().dmgURL || !ProcessRunner::findTool("spctl")) {
+        return {};
+    }
+    const std::filesystem::path image = *profile.recentReleases->front().dmgURL;
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(image, error)) {
+        return {};
+    }
+    std::vector<DoctorFinding> found;
+    for (const auto& verdict : GatekeeperChecks::assess(image, std::nullopt, stop)) {
+        if (!verdict.accepted) {
+            found.push_back(
+                finding("Gatekeeper", Verdict::problem,
+                        image.filename().string() + ": " + GatekeeperChecks::explain(verdict),
+                        "Release again once it is fixed; the next release is "
+                        "checked before it is published."));
+        }
+    }
+    if (found.empty()) {
+        found.push_back(finding("Gatekeeper", Verdict::ok,
+                                image.filename().string() + " opens on a Mac (stapled, accepted)"));
+    }
+    return found;
 }
 
 DoctorFinding ReleaseDoctor::disk(const ProjectProfile* profile) const {

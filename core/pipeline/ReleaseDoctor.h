@@ -47,6 +47,10 @@ public:
     std::vector<DoctorFinding> signing(const ProjectProfile* profile,
                                        std::stop_token stop = {}) const;
     DoctorFinding notarization(const ProjectProfile& profile, std::stop_token stop = {}) const;
+    // What Gatekeeper says of the newest release's image, where spctl exists and the image is
+    // still in the output folder; a rejection explained. None where it cannot be asked.
+    std::vector<DoctorFinding> gatekeeper(const ProjectProfile& profile,
+                                          std::stop_token stop = {}) const;
     // The profile's project is there and is a project (a folder where it should be is not).
     std::vector<DoctorFinding> project(const ProjectProfile& profile) const;
     std::vector<DoctorFinding> sparkle(const ProjectProfile& profile) const;

@@ -8,6 +8,7 @@
 #include "core/feed/SparklePrivateKey.h"
 #include "core/pipeline/ReleaseDoctor.h"
 #include "core/pipeline/SparkleKeys.h"
+#include "core/process/ProcessRunner.h"
 #include "core/support/FileUtilities.h"
 #include "core/xcode/SparkleProjectSetup.h"
 
@@ -150,6 +151,29 @@ TEST_F(Doctor, NotaryProfileAndTimeLimit) {
     EXPECT_EQ(find(all, "Notarization")->verdict, DoctorVerdict::problem);
     ASSERT_TRUE(find(all, "Xcode"));
     EXPECT_EQ(find(all, "Xcode")->verdict, DoctorVerdict::ok);
+}
+
+TEST_F(Doctor, GatekeeperOnTheNewestImageWithWhatARejectionMeans) {
+    auto profile = ProjectProfile::create("Acme", "com.example.acme");
+    EXPECT_TRUE(doctor.gatekeeper(profile).empty()) << "no release to ask about";
+    const auto image = dir / "Acme-1.0.dmg";
+    testing::writeFile(image, "image");
+    ReleaseManifest release;
+    release.dmgURL = image.string();
+    profile.recentReleases = std::vector{release};
+    // Never signed: Gatekeeper refuses it, and the doctor says why.
+    auto found = doctor.gatekeeper(profile);
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0].verdict, DoctorVerdict::problem);
+    EXPECT_EQ(found[0].found, "Acme-1.0.dmg: spctl (image): rejected (no usable signature): it is "
+                              "not signed with a Developer ID; Gatekeeper will refuse to open "
+                              "it. Sign with a Developer ID Application identity.");
+    ASSERT_EQ(
+        ProcessRunner::run("codesign", {"--force", "--sign", developerID, image.string()}).exitCode,
+        0);
+    found = doctor.gatekeeper(profile);
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0].verdict, DoctorVerdict::ok);
 }
 
 class DoctorWithSandbox : public Doctor {
