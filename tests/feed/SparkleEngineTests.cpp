@@ -238,6 +238,15 @@ TEST_F(SigningFixture, UsesTheToolTheProfileNames) {
                   "Signing Sparkle update for Acme...", "Success: Located Sparkle sign_update tool",
                   "Success: Generated Ed25519 signature: " + result.signature}));
 
+    // A key Veltra read from the keychain is used by its own signer: sign_update would read the
+    // keychain item itself, and macOS would ask whether it may, with nobody to answer in CI.
+    std::filesystem::remove(toolLog);
+    const auto fromKeychain = engine.sign(
+        dmg, "Acme",
+        KeychainSigningKey{"ed25519", [&] { return SparklePrivateKey::readFile(key); }});
+    EXPECT_EQ(fromKeychain.signature, nativeSignature());
+    EXPECT_FALSE(std::filesystem::exists(toolLog)) << "sign_update did not run";
+
     // A configured path that is no program is an error, not a quiet fallback.
     writeFile(dir / "not_a_program", "text");
     engine.configuredTool = dir / "not_a_program";

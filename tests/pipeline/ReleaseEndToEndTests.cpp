@@ -662,6 +662,11 @@ TEST_F(ReleaseRun, SigningIdentitiesDecideNotarization) {
                                "-a", "-t", "open", "--context", "context:primary-signature", "-v",
                                pipeline.completedManifest()->dmgURL.value()}));
     EXPECT_TRUE(logged("   Success: Codesigned: Yes (Developer ID)"));
+    // The release re-signs the app's extension with its own entitlements.
+    EXPECT_TRUE(std::ranges::any_of(runsOf("codesign"), [](const std::vector<std::string>& run) {
+        return run.front() == "--force" && run.back().ends_with("Contents/PlugIns/Share.appex") &&
+               std::ranges::find(run, "--entitlements") != run.end();
+    }));
     // The image's signature is checked as strictly as Gatekeeper will (where it is built).
     const auto codesigns = runsOf("codesign");
     EXPECT_TRUE(std::ranges::any_of(codesigns, [&](const std::vector<std::string>& run) {
