@@ -14,23 +14,22 @@ Background::~Background() {
     // The threads join as `jobs` goes.
 }
 
-void Background::start(std::function<void(std::stop_token)> work) {
+void Background::start(std::function<void(StopToken)> work) {
     std::lock_guard guard(lock_);
     // Finished jobs are reaped as new ones start, so the list stays short.
     jobs_.remove_if([](const Job& job) { return job.finished->load(); });
     auto finished = std::make_shared<std::atomic<bool>>(false);
     running_.fetch_add(1);
-    jobs_.push_back(
-        {finished, std::jthread([this, work = std::move(work), finished](std::stop_token stop) {
-             try {
-                 work(stop);
-             } catch (...) {
-                 // A job reports its own failures as its result; one that still
-                 // throws (a cancelled tool) has nothing left to tell.
-             }
-             finished->store(true);
-             running_.fetch_sub(1);
-         })});
+    jobs_.push_back({finished, JThread([this, work = std::move(work), finished](StopToken stop) {
+                         try {
+                             work(stop);
+                         } catch (...) {
+                             // A job reports its own failures as its result; one that still
+                             // throws (a cancelled tool) has nothing left to tell.
+                         }
+                         finished->store(true);
+                         running_.fetch_sub(1);
+                     })});
 }
 
 } // namespace veltra::studio

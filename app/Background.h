@@ -1,5 +1,7 @@
 #pragma once
 
+#include "core/support/StopToken.h"
+
 #include <QCoreApplication>
 #include <QObject>
 #include <QPointer>
@@ -9,7 +11,6 @@
 #include <list>
 #include <memory>
 #include <mutex>
-#include <stop_token>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -38,13 +39,13 @@ public:
     bool idle() const { return running_.load() == 0; }
 
     template <typename Result>
-    void run(QObject* context, std::function<Result(std::stop_token)> work,
+    void run(QObject* context, std::function<Result(StopToken)> work,
              std::function<void(Result)> done) {
         // The guard is made here, on the GUI thread, and read only there: the job thread just
         // moves it into the event that carries the result to the application object, which
         // outlives every job (they are joined when this goes).
         start([context = QPointer<QObject>(context), work = std::move(work),
-               done = std::move(done)](std::stop_token stop) mutable {
+               done = std::move(done)](StopToken stop) mutable {
             auto result = work(stop);
             if (stop.stop_requested()) {
                 return;
@@ -62,11 +63,11 @@ public:
     }
 
 private:
-    void start(std::function<void(std::stop_token)> job);
+    void start(std::function<void(StopToken)> job);
 
     struct Job {
         std::shared_ptr<std::atomic<bool>> finished;
-        std::jthread thread;
+        JThread thread;
     };
     std::mutex lock_;
     std::list<Job> jobs_;

@@ -173,7 +173,7 @@ void StudioModel::sendTelemetry() {
     sending_ = true;
     background_.run<TelemetrySendResult>(
         this,
-        [settings](std::stop_token stop) {
+        [settings](StopToken stop) {
             return TelemetrySender(settings).send(std::chrono::seconds(30), false, stop);
         },
         [this](TelemetrySendResult) {

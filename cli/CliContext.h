@@ -1,7 +1,8 @@
 #pragma once
 
+#include "core/support/StopToken.h"
+
 #include <ostream>
-#include <stop_token>
 #include <string>
 
 namespace veltra::cli {
@@ -10,7 +11,7 @@ namespace veltra::cli {
 struct CliContext {
     std::ostream& out;
     std::ostream& err;
-    std::stop_token stop;
+    StopToken stop;
     // The profile file (--profiles, VELTRA_PROFILES); empty means the default.
     std::string profilesPath;
     // --no-color: plain text even on a terminal.

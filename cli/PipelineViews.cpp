@@ -327,7 +327,7 @@ void showRelease(CliContext& context, OpenStore& store, PipelineManager& pipelin
         };
     }
     pipeline.setObserver(&relay);
-    std::stop_callback cancel(context.stop, [&loop, &pipeline] {
+    StopCallback cancel(context.stop, [&loop, &pipeline] {
         loop.post([&loop, &pipeline] {
             if (pipeline.isRunning()) {
                 pipeline.cancel();

@@ -284,7 +284,7 @@ void addCheck(CLI::App& group, CliContext& context) {
             return;
         }
         watcher.watch(chosen.id, releaseID);
-        std::stop_callback cancelled(context.stop, [&loop] { loop.quit(); });
+        StopCallback cancelled(context.stop, [&loop] { loop.quit(); });
         loop.run();
         store.save();
         if (context.stop.stop_requested()) {

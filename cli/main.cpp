@@ -1,11 +1,11 @@
 #include "CommandLine.h"
 #include "Terminal.h"
+#include "core/support/StopToken.h"
 
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
 #include <pthread.h>
-#include <stop_token>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -15,8 +15,8 @@ namespace {
 
 // Ctrl-C and termination become a stop request, which kills the running tool; a second Ctrl-C
 // leaves at once. Signals are blocked before any thread starts so only this waiter takes them.
-std::jthread watchSignals(std::stop_source& stop, const sigset_t& signals) {
-    return std::jthread([&stop, signals](const std::stop_token& done) {
+veltra::JThread watchSignals(veltra::StopSource& stop, const sigset_t& signals) {
+    return veltra::JThread([&stop, signals](const veltra::StopToken& done) {
         while (!done.stop_requested()) {
             int signal = 0;
             if (sigwait(&signals, &signal) != 0) {
@@ -48,8 +48,8 @@ int main(int argc, char** argv) {
     }
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
-    std::stop_source stop;
-    std::jthread watcher = watchSignals(stop, signals);
+    veltra::StopSource stop;
+    veltra::JThread watcher = watchSignals(stop, signals);
 
     std::vector<std::string> arguments(argv + 1, argv + argc);
     veltra::cli::CliContext context{std::cout, std::cerr, stop.get_token(), {}};

@@ -1,5 +1,7 @@
 #include "DSStoreJSON.h"
 
+#include "DecimalText.h"
+
 #include <bit>
 #include <charconv>
 #include <chrono>
@@ -104,7 +106,7 @@ std::optional<PlistDate> parseDate(std::string_view text) {
             return std::nullopt;
         }
         const std::string decimal = "0" + std::string(digits);
-        std::from_chars(decimal.data(), decimal.data() + decimal.size(), fraction);
+        fraction = readDecimal(decimal).value_or(DecimalPrefix{}).value;
     }
     const auto seconds = std::chrono::sys_days(date).time_since_epoch() +
                          std::chrono::hours(*hour) + std::chrono::minutes(*minute) +

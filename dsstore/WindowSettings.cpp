@@ -1,6 +1,7 @@
 #include "WindowSettings.h"
 
 #include "DSStore.h"
+#include "DecimalText.h"
 #include "PlistFields.h"
 
 #include <charconv>
@@ -26,13 +27,12 @@ public:
 
     std::optional<double> number() {
         skipSpaces();
-        double value = 0;
-        const auto* begin = text_.data() + position_;
-        const auto [end, error] = std::from_chars(begin, text_.data() + text_.size(), value);
-        if (error != std::errc()) {
+        const auto read = readDecimal(text_.substr(position_));
+        if (!read) {
             return std::nullopt;
         }
-        position_ += static_cast<std::size_t>(end - begin);
+        const double value = read->value;
+        position_ += read->length;
         return value;
     }
 

@@ -160,7 +160,7 @@ public:
         };
         model_.background().run<Scan>(
             this,
-            [](std::stop_token stop) {
+            [](StopToken stop) {
                 auto scanned = CertificateScanner().scanIdentities(stop);
                 return scanned ? Scan{std::move(*scanned), std::nullopt}
                                : Scan{{}, scanned.error().message()};
@@ -193,7 +193,7 @@ private:
                   false);
         model_.background().run<std::pair<bool, std::string>>(
             this,
-            [name](std::stop_token stop) -> std::pair<bool, std::string> {
+            [name](StopToken stop) -> std::pair<bool, std::string> {
                 try {
                     const auto result = NotarizationEngine().checkCredentials(name, 20, stop);
                     const auto words = trimWhitespace(
@@ -236,7 +236,7 @@ private:
         setStatus(notaryStatus_, QStringLiteral("Storing credentials…"), false);
         model_.background().run<std::optional<std::string>>(
             this,
-            [=](std::stop_token stop) -> std::optional<std::string> {
+            [=](StopToken stop) -> std::optional<std::string> {
                 try {
                     if (apiKey) {
                         NotarizationEngine().storeAPIKeyCredentials(name, expandTilde(keyFile),

@@ -160,7 +160,7 @@ private:
         const auto appName = selected->appName;
         model_.background().run<QImage>(
             this,
-            [config, appName](std::stop_token) {
+            [config, appName](StopToken) {
                 const auto layout = DMGInstallerLayout::from(config);
                 const auto image = DMGBackgroundRenderer::renderDefaultBackground(
                     appName, config.windowWidth, config.windowHeight, layout.appPosition.y, layout);
@@ -192,7 +192,7 @@ private:
         setStatus(buildStatus_, QStringLiteral("Building the test image…"), false);
         model_.background().run<std::optional<std::string>>(
             this,
-            [options](std::stop_token stop) -> std::optional<std::string> {
+            [options](StopToken stop) -> std::optional<std::string> {
                 try {
                     fs::create_directories(options.outputDMGPath.parent_path());
                     DMGBuilder().build(options, {}, stop);

@@ -150,7 +150,7 @@ private:
         const auto branch = selected->webDeploy.gitBranch;
         model_.background().run<WebsiteRepositoryStatus>(
             this,
-            [repository, branch](std::stop_token stop) {
+            [repository, branch](StopToken stop) {
                 try {
                     return WebsiteRepositoryInspector().inspect(repository, branch, stop);
                 } catch (const std::exception& error) {

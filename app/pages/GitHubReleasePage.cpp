@@ -79,7 +79,7 @@ public:
         // The doctor's own check: the page says what `veltra doctor` would.
         model_.background().run<DoctorFinding>(
             this,
-            [shown](std::stop_token stop) {
+            [shown](StopToken stop) {
                 return ReleaseDoctor().github(shown ? &*shown : nullptr, stop);
             },
             [this](const DoctorFinding& finding) { showFinding(gh_, finding); });

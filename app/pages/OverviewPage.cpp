@@ -153,7 +153,7 @@ private:
         const auto copy = *selected;
         model_.background().run<std::vector<DoctorFinding>>(
             this,
-            [copy](std::stop_token stop) {
+            [copy](StopToken stop) {
                 ReleaseDoctor doctor;
                 doctor.timeLimit = std::chrono::seconds(20);
                 return doctor.examine(&copy, stop);

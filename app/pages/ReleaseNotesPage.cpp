@@ -112,7 +112,7 @@ private:
         const auto heading = "What's New" + (version.empty() ? std::string() : " in " + version);
         model_.background().run<std::string>(
             this,
-            [folder, heading](std::stop_token stop) {
+            [folder, heading](StopToken stop) {
                 return ReleaseNotesGenerator().generate(folder, std::nullopt, heading, {}, stop);
             },
             [this](std::string notes) {

@@ -127,7 +127,7 @@ struct SetupState {
     std::string problem;
 };
 
-SetupState planSetup(const ProjectProfile& profile, std::stop_token stop, bool force = false) {
+SetupState planSetup(const ProjectProfile& profile, StopToken stop, bool force = false) {
     SetupState state;
     try {
         state.request = ProfileUpdatesSetup::request(profile, std::move(stop));
@@ -225,7 +225,7 @@ private:
         };
         model_.background().run<Made>(
             this,
-            [file](std::stop_token stop) {
+            [file](StopToken stop) {
                 try {
                     const auto location =
                         SparkleKeys::locate(std::string(SparkleKeys::defaultAccount), file);
@@ -257,7 +257,7 @@ private:
             return;
         }
         model_.background().run<SetupState>(
-            this, [profile = *selected](std::stop_token stop) { return planSetup(profile, stop); },
+            this, [profile = *selected](StopToken stop) { return planSetup(profile, stop); },
             [this](const SetupState& state) { showSetup(state); });
     }
 
@@ -291,7 +291,7 @@ private:
             return;
         }
         model_.background().run<SetupState>(
-            this, [profile = *selected](std::stop_token stop) { return planSetup(profile, stop); },
+            this, [profile = *selected](StopToken stop) { return planSetup(profile, stop); },
             [this](SetupState state) {
                 showSetup(state);
                 if (!state.plan || state.plan->alreadySetUp()) {
@@ -305,7 +305,7 @@ private:
                 request.force = dialog.replace();
                 model_.background().run<SetupState>(
                     this,
-                    [request](std::stop_token) {
+                    [request](StopToken) {
                         SetupState done;
                         done.request = request;
                         try {
@@ -334,7 +334,7 @@ private:
         using Answer = std::pair<FeedSummary, FeedSummary>;
         model_.background().run<Answer>(
             this,
-            [=](std::stop_token stop) {
+            [=](StopToken stop) {
                 PublishedFeedReader reader;
                 reader.httpTimeout = 15;
                 Answer answer;

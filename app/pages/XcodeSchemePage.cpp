@@ -150,7 +150,7 @@ private:
         const auto path = expanded(*selected->sourceProjectPath);
         model_.background().run<Discovery>(
             this,
-            [path](std::stop_token) {
+            [path](StopToken) {
                 try {
                     return Discovery{XcodeProjectDiscovery::discover(path), {}};
                 } catch (const std::exception& error) {
@@ -202,7 +202,7 @@ private:
         const auto appcast = selected->sparkle.appcastPath;
         model_.background().run<VersionInfo>(
             this,
-            [project, appcast](std::stop_token) {
+            [project, appcast](StopToken) {
                 return VersionManager().readVersionInfo(project, appcast);
             },
             [this](VersionInfo info) {

@@ -49,7 +49,7 @@ std::optional<std::string> AppIconResolver::largestPNG(std::string_view icns) {
 
 std::optional<std::string>
 AppIconResolver::pngData(const std::optional<std::filesystem::path>& iconURL,
-                         std::stop_token stop) const {
+                         StopToken stop) const {
     if (!iconURL) {
         return std::nullopt;
     }

@@ -1,10 +1,10 @@
 #pragma once
 
 #include "core/process/ProcessRunner.h"
+#include "core/support/StopToken.h"
 
 #include <filesystem>
 #include <optional>
-#include <stop_token>
 #include <string>
 #include <string_view>
 
@@ -16,7 +16,7 @@ public:
     // The icon file's largest PNG entry; on macOS `sips` converts an .icns without one. Nothing
     // when there is no icon or it cannot be read.
     std::optional<std::string> pngData(const std::optional<std::filesystem::path>& iconURL,
-                                       std::stop_token stop = {}) const;
+                                       StopToken stop = {}) const;
 
     // The largest PNG entry of .icns data (by the width in its header); nothing when the data
     // is not an icon family or holds no PNG.

@@ -81,7 +81,7 @@ struct WorkFiles {
 } // namespace
 
 void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
-                       std::stop_token stop) const {
+                       StopToken stop) const {
     const auto say = [&log](const std::string& line) {
         if (log) {
             log(line);

@@ -5,9 +5,9 @@
 #include "core/process/ProcessRunner.h"
 #include "core/process/TransientRetry.h"
 #include "core/support/LogHandler.h"
+#include "core/support/StopToken.h"
 
 #include <filesystem>
-#include <stop_token>
 
 namespace veltra {
 
@@ -30,7 +30,7 @@ public:
     // domain and text of the failing step), the file system's VeltraError ("POSIX"), or
     // CancellationError; an attached image is always detached and work files removed first.
     void build(const DMGBuildOptions& options, const LogHandler& log = {},
-               std::stop_token stop = {}) const;
+               StopToken stop = {}) const;
 
     static constexpr double attachTimeout = 30;
     static constexpr double detachTimeout = 30;

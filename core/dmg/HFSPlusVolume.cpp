@@ -305,8 +305,7 @@ void applyFinderInfo(std::string& volume, const TopLevelFinderInfo& wanted) {
 } // namespace
 
 void writeHFSPlusVolume(const std::filesystem::path& folder, const HFSPlusVolumeOptions& wanted,
-                        const std::function<void(std::span<const char>)>& sink,
-                        std::stop_token stop) {
+                        const std::function<void(std::span<const char>)>& sink, StopToken stop) {
     const auto& volumeName = wanted.name;
     const bool customIcon = wanted.customIcon;
     initialiseLibrary();

@@ -1,10 +1,11 @@
 #pragma once
 
+#include "core/support/StopToken.h"
+
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <span>
-#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -91,6 +92,6 @@ struct HFSPlusVolumeOptions {
 // forks). Throws VeltraError when the volume cannot be made, CancellationError when stopped.
 void writeHFSPlusVolume(const std::filesystem::path& folder, const HFSPlusVolumeOptions& options,
                         const std::function<void(std::span<const char>)>& sink,
-                        std::stop_token stop = {});
+                        StopToken stop = {});
 
 } // namespace veltra

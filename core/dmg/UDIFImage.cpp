@@ -316,7 +316,7 @@ const UDIFImage::Partition* UDIFImage::volumePartition() const {
     return nullptr;
 }
 
-void UDIFImage::verify(std::stop_token stop) const {
+void UDIFImage::verify(StopToken stop) const {
     if (dataForkCrc_) {
         std::uint32_t crc = 0;
         constexpr std::uint64_t block = 8u << 20;

@@ -1,9 +1,10 @@
 #pragma once
 
+#include "core/support/StopToken.h"
+
 #include <cstdint>
 #include <filesystem>
 #include <optional>
-#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -47,7 +48,7 @@ public:
     // Reads every chunk and compares the data fork's, each partition's and the master
     // checksum with the ones recorded. Throws VeltraError naming the first that differs, or
     // the chunk that cannot be expanded; CancellationError when stopped.
-    void verify(std::stop_token stop = {}) const;
+    void verify(StopToken stop = {}) const;
 
 private:
     std::string readFork(std::uint64_t offset, std::uint64_t length) const;

@@ -106,7 +106,7 @@ Compressed compress(const std::string& raw, UDIFFormat format, int level) {
 struct UDIFWriter::Impl {
     std::filesystem::path file;
     Options options;
-    std::stop_token stop;
+    StopToken stop;
     int fd = -1;
     bool finished = false;
 
@@ -120,7 +120,7 @@ struct UDIFWriter::Impl {
     std::uint64_t submitted = 0;
     std::uint64_t written = 0;
     std::size_t inFlightLimit = 0;
-    std::vector<std::jthread> workers;
+    std::vector<JThread> workers;
 
     std::string pending;
     std::vector<ChunkEntry> entries;
@@ -196,7 +196,7 @@ struct UDIFWriter::Impl {
     // Writes the finished chunks that are next in order; with `wait`, waits for one first.
     void drain(std::unique_lock<std::mutex>& held, bool wait) {
         if (wait) {
-            doneReady.wait(held, stop, [&] { return done.contains(written) || failure; });
+            waitFor(doneReady, held, stop, [&] { return done.contains(written) || failure; });
             if (stop.stop_requested()) {
                 throw CancellationError();
             }
@@ -311,7 +311,7 @@ struct UDIFWriter::Impl {
     }
 };
 
-UDIFWriter::UDIFWriter(const std::filesystem::path& file, Options options, std::stop_token stop)
+UDIFWriter::UDIFWriter(const std::filesystem::path& file, Options options, StopToken stop)
     : impl_(std::make_unique<Impl>()) {
     if (options.format == UDIFFormat::ulfo) {
         udifFormat("ULFO");

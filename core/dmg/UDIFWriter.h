@@ -1,12 +1,13 @@
 #pragma once
 
+#include "core/support/StopToken.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <optional>
 #include <span>
-#include <stop_token>
 #include <string>
 #include <string_view>
 
@@ -38,7 +39,7 @@ public:
     static constexpr std::size_t sectorSize = 512;
 
     // Creates `file` (replacing nothing: VeltraError when it exists).
-    UDIFWriter(const std::filesystem::path& file, Options options, std::stop_token stop = {});
+    UDIFWriter(const std::filesystem::path& file, Options options, StopToken stop = {});
     ~UDIFWriter();
     UDIFWriter(const UDIFWriter&) = delete;
     UDIFWriter& operator=(const UDIFWriter&) = delete;

@@ -69,7 +69,7 @@ public:
     OpenFile& operator=(const OpenFile&) = delete;
 
     // Feeds the whole file to each consumer in chunks; returns its length.
-    std::uint64_t readAll(std::vector<std::uint8_t>& buffer, std::stop_token& stop,
+    std::uint64_t readAll(std::vector<std::uint8_t>& buffer, StopToken& stop,
                           const std::function<void(std::span<const std::uint8_t>)>& consume) {
         if (::lseek(descriptor_, 0, SEEK_SET) != 0) {
             throw signingError(fmt::format("Could not read {} to sign it: {}", path_.string(),
@@ -127,8 +127,7 @@ std::string FileSignature::signatureBase64() const {
 // The expanded-key form of Ed25519 signing (RFC 8032 section 5.1.6 from step 2), which works for
 // both key files: r = H(prefix || M), R = rB, k = H(R || A || M), S = r + k a (mod L).
 FileSignature NativeEd25519Signer::signFile(const SparklePrivateKey& key,
-                                            const std::filesystem::path& file,
-                                            std::stop_token stop) {
+                                            const std::filesystem::path& file, StopToken stop) {
     if (sodium_init() < 0) {
         throw signingError("The Ed25519 library could not start.");
     }

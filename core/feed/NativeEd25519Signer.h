@@ -1,11 +1,11 @@
 #pragma once
 
 #include "SparklePrivateKey.h"
+#include "core/support/StopToken.h"
 
 #include <array>
 #include <cstdint>
 #include <filesystem>
-#include <stop_token>
 #include <string>
 
 namespace veltra {
@@ -28,7 +28,7 @@ public:
     // Throws VeltraError when the file cannot be read or changes size between the passes, and
     // CancellationError when stop is requested.
     static FileSignature signFile(const SparklePrivateKey& key, const std::filesystem::path& file,
-                                  std::stop_token stop = {});
+                                  StopToken stop = {});
 };
 
 } // namespace veltra

@@ -48,7 +48,7 @@ std::string PublishedFeedReader::feedURL(std::string pattern, const std::string&
 std::string PublishedFeedReader::committedFeed(const std::filesystem::path& repository,
                                                const std::string& branch,
                                                const std::string& downloadsPath,
-                                               std::stop_token stop) const {
+                                               StopToken stop) const {
     const auto git = [&](std::vector<std::string> arguments) {
         ProcessRequest request;
         request.command = "git";
@@ -109,7 +109,7 @@ std::string PublishedFeedReader::committedFeed(const std::filesystem::path& repo
     }
 }
 
-std::string PublishedFeedReader::liveFeed(const std::string& url, std::stop_token stop) const {
+std::string PublishedFeedReader::liveFeed(const std::string& url, StopToken stop) const {
     if (!HttpClient::isWebAddress(url)) {
         throw releaseFeedError("Configure a valid public Sparkle feed URL before releasing.");
     }
@@ -137,7 +137,7 @@ std::string PublishedFeedReader::liveFeed(const std::string& url, std::stop_toke
 
 std::string PublishedFeedReader::committedFeedCheckedAgainstLive(
     const std::filesystem::path& repository, const std::string& branch,
-    const std::string& downloadsPath, const std::string& liveURL, std::stop_token stop) const {
+    const std::string& downloadsPath, const std::string& liveURL, StopToken stop) const {
     try {
         return committedFeed(repository, branch, downloadsPath, stop);
     } catch (const ReleaseFeedFailure& failure) {

@@ -2,9 +2,9 @@
 
 #include "core/process/ProcessRunner.h"
 #include "core/support/HttpClient.h"
+#include "core/support/StopToken.h"
 
 #include <filesystem>
-#include <stop_token>
 #include <string>
 
 namespace veltra {
@@ -24,11 +24,10 @@ public:
     // blobs. `repository` must be the root of its git work tree.
     std::string committedFeed(const std::filesystem::path& repository,
                               const std::string& branch = "main",
-                              const std::string& downloadsPath = {},
-                              std::stop_token stop = {}) const;
+                              const std::string& downloadsPath = {}, StopToken stop = {}) const;
 
     // The feed at `url`, asked for without caches.
-    std::string liveFeed(const std::string& url, std::stop_token stop = {}) const;
+    std::string liveFeed(const std::string& url, StopToken stop = {}) const;
 
     // The committed feed; when the branch has none, the live feed decides which
     // missingCommittedFeed message is thrown (a live feed that cannot be checked counts as absent).
@@ -36,7 +35,7 @@ public:
                                                 const std::string& branch,
                                                 const std::string& downloadsPath,
                                                 const std::string& liveURL,
-                                                std::stop_token stop = {}) const;
+                                                StopToken stop = {}) const;
 
     // The feed pattern with "{app}" and "{dmg}" filled in.
     static std::string feedURL(std::string pattern, const std::string& appName,

@@ -84,7 +84,7 @@ SparkleEngine::resolvedPackageTool(const std::filesystem::path& project,
     return std::nullopt;
 }
 
-std::optional<std::filesystem::path> SparkleEngine::locateSignUpdate(std::stop_token stop) const {
+std::optional<std::filesystem::path> SparkleEngine::locateSignUpdate(StopToken stop) const {
     if (stop.stop_requested()) {
         throw CancellationError();
     }
@@ -117,8 +117,7 @@ std::optional<std::string> SparkleEngine::signatureFromToolOutput(std::string_vi
 }
 
 SparkleSignResult SparkleEngine::sign(const std::filesystem::path& dmg, const std::string& appName,
-                                      const std::string& privateKeyPath,
-                                      std::stop_token stop) const {
+                                      const std::string& privateKeyPath, StopToken stop) const {
     const auto keyPath = expandTilde(privateKeyPath);
     return signWith(
         dmg, appName, {"--ed-key-file", keyPath.string()},
@@ -136,7 +135,7 @@ SparkleSignResult SparkleEngine::sign(const std::filesystem::path& dmg, const st
 }
 
 SparkleSignResult SparkleEngine::sign(const std::filesystem::path& dmg, const std::string& appName,
-                                      const KeychainSigningKey& key, std::stop_token stop) const {
+                                      const KeychainSigningKey& key, StopToken stop) const {
     // sign_update would read the keychain item itself, and macOS would ask whether it may: in
     // CI nobody answers. Veltra has read the key already, so its own signer uses it.
     emit(fmt::format("Signing Sparkle update for {}...", appName));
@@ -147,8 +146,7 @@ SparkleSignResult SparkleEngine::signWith(const std::filesystem::path& dmg,
                                           const std::string& appName,
                                           const std::vector<std::string>& toolKey,
                                           const std::function<SparklePrivateKey()>& load,
-                                          const std::string& keyDescription,
-                                          std::stop_token stop) const {
+                                          const std::string& keyDescription, StopToken stop) const {
     emit(fmt::format("Signing Sparkle update for {}...", appName));
     if (const auto tool = locateSignUpdate(stop)) {
         auto arguments = toolKey;
@@ -177,7 +175,7 @@ SparkleSignResult SparkleEngine::signWith(const std::filesystem::path& dmg,
 SparkleSignResult SparkleEngine::signNatively(const std::filesystem::path& dmg,
                                               const SparklePrivateKey& key,
                                               const std::string& keyDescription,
-                                              std::stop_token stop) const {
+                                              StopToken stop) const {
     emit("Using native CryptoKit Ed25519 signer with " + keyDescription);
     const auto signature = NativeEd25519Signer::signFile(key, dmg, stop);
     emit("Success: Native CryptoKit signature: " + signature.signatureBase64());

@@ -3,12 +3,12 @@
 #include "AppcastDocument.h"
 #include "SparklePrivateKey.h"
 #include "core/process/ProcessRunner.h"
+#include "core/support/StopToken.h"
 
 #include <ctime>
 #include <filesystem>
 #include <functional>
 #include <optional>
-#include <stop_token>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -56,7 +56,7 @@ public:
 
     // The configured sign_update, else the project's resolved package's, else nothing (the
     // native signer signs). Throws VeltraError when the configured one is no executable file.
-    std::optional<std::filesystem::path> locateSignUpdate(std::stop_token stop = {}) const;
+    std::optional<std::filesystem::path> locateSignUpdate(StopToken stop = {}) const;
 
     // The sign_update of the Sparkle package resolved for `project`: in the DerivedData folder
     // whose info.plist names the project as its WorkspacePath,
@@ -67,10 +67,10 @@ public:
 
     // Signs the disk image with the key at `privateKeyPath` ("~" expanded).
     SparkleSignResult sign(const std::filesystem::path& dmg, const std::string& appName,
-                           const std::string& privateKeyPath, std::stop_token stop = {}) const;
+                           const std::string& privateKeyPath, StopToken stop = {}) const;
     // Signs it with a keychain's key.
     SparkleSignResult sign(const std::filesystem::path& dmg, const std::string& appName,
-                           const KeychainSigningKey& key, std::stop_token stop = {}) const;
+                           const KeychainSigningKey& key, StopToken stop = {}) const;
 
     // Puts the release first in the feed at `appcastPath` and rewrites it atomically, after
     // checking that the new text reads back with the release's values. The build number is
@@ -88,11 +88,11 @@ private:
     // sign_update with `toolKey` (its options naming the key) when one is found, else the native
     // signer with the key `load` gives, described as `keyDescription`.
     SparkleSignResult signNatively(const std::filesystem::path& dmg, const SparklePrivateKey& key,
-                                   const std::string& keyDescription, std::stop_token stop) const;
+                                   const std::string& keyDescription, StopToken stop) const;
     SparkleSignResult signWith(const std::filesystem::path& dmg, const std::string& appName,
                                const std::vector<std::string>& toolKey,
                                const std::function<SparklePrivateKey()>& load,
-                               const std::string& keyDescription, std::stop_token stop) const;
+                               const std::string& keyDescription, StopToken stop) const;
 
 private:
     void emit(const std::string& line) const;

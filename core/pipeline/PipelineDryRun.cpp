@@ -39,7 +39,7 @@ DryRun::~DryRun() {
 }
 
 void DryRun::useWebsiteClone(ResolvedDeliveryConfig& delivery, const WebDeployConfig& deploy,
-                             std::stop_token stop) {
+                             StopToken stop) {
     const auto repository = delivery.websiteRepoPath;
     const auto branch = WebDeployer::branch(deploy);
     const auto clone = base_ / ("veltra_dryrun_" + Uuid::random().string());

@@ -4,11 +4,11 @@
 
 #include "core/profile/ProjectProfile.h"
 #include "core/publishing/ReleasePublishingPlan.h"
+#include "core/support/StopToken.h"
 
 #include <filesystem>
 #include <functional>
 #include <optional>
-#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -35,7 +35,7 @@ public:
     // Clones the publishing branch and points the delivery plan's repository and feed at the
     // same places in the clone, which is never pushed.
     void useWebsiteClone(ResolvedDeliveryConfig& delivery, const WebDeployConfig& deploy,
-                         std::stop_token stop);
+                         StopToken stop);
     // What the stages would have done.
     void versionNotWritten(const std::string& version, std::int64_t build) const;
     void sparkleNotSetUp(const std::vector<std::string>& changes) const;

@@ -150,8 +150,8 @@ void PipelineManager::run(ReleaseRequest request) {
     if (activeTask_.joinable()) {
         activeTask_.join();
     }
-    activeTask_ = std::jthread(
-        [this, request = std::move(request)](std::stop_token stop) { execute(request, stop); });
+    activeTask_ =
+        JThread([this, request = std::move(request)](StopToken stop) { execute(request, stop); });
 }
 
 void PipelineManager::cancel() {

@@ -8,6 +8,7 @@
 #include "core/records/ReleaseManifest.h"
 #include "core/support/MainQueue.h"
 #include "core/support/NotificationCenter.h"
+#include "core/support/StopToken.h"
 #include "core/support/VeltraError.h"
 #include "core/xcode/AppInspector.h"
 
@@ -15,7 +16,6 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
-#include <stop_token>
 #include <string>
 #include <thread>
 #include <vector>
@@ -117,7 +117,7 @@ public:
 
 private:
     struct RunState;
-    void execute(const ReleaseRequest& request, std::stop_token stop);
+    void execute(const ReleaseRequest& request, StopToken stop);
     void preflight(RunState& run);
     void versionStage(RunState& run);
     void chooseIdentity(RunState& run);
@@ -163,7 +163,7 @@ private:
     std::optional<std::string> failedStepID_;
     std::optional<std::string> runningStepID_; // main queue's view
     std::shared_ptr<int> lifetime_ = std::make_shared<int>(0);
-    std::jthread activeTask_;
+    JThread activeTask_;
 };
 
 } // namespace veltra

@@ -27,7 +27,7 @@
 // The worker's run: the checks before anything is built, then the stages in order.
 namespace veltra {
 
-void PipelineManager::execute(const ReleaseRequest& request, std::stop_token stop) {
+void PipelineManager::execute(const ReleaseRequest& request, StopToken stop) {
     const auto& profile = request.profile;
     RunState run(request, stop);
     run.appName = profile.appName.empty() ? profile.name : profile.appName;

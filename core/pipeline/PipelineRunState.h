@@ -76,9 +76,9 @@ struct RunEngines {
 
 // One run's facts, shared by its stages on the worker thread.
 struct PipelineManager::RunState {
-    RunState(const ReleaseRequest& r, std::stop_token s) : request(r), stop(std::move(s)) {}
+    RunState(const ReleaseRequest& r, StopToken s) : request(r), stop(std::move(s)) {}
     const ReleaseRequest& request;
-    std::stop_token stop;
+    StopToken stop;
     RunEngines engines;
     std::string appName;
     std::string runID = Uuid::random().string();

@@ -13,7 +13,7 @@ bool ProfileUpdatesSetup::wanted(const ProjectProfile& profile,
 }
 
 SparkleSetupRequest
-ProfileUpdatesSetup::request(const ProjectProfile& profile, std::stop_token stop,
+ProfileUpdatesSetup::request(const ProjectProfile& profile, StopToken stop,
                              const std::optional<std::filesystem::path>& project,
                              const std::optional<std::string>& publicKey) {
     SparkleSetupRequest request;

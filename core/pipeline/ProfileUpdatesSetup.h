@@ -2,11 +2,11 @@
 
 #include "SparkleAutoResolver.h"
 #include "core/profile/ProjectProfile.h"
+#include "core/support/StopToken.h"
 #include "core/xcode/SparkleProjectSetup.h"
 
 #include <filesystem>
 #include <optional>
-#include <stop_token>
 
 namespace veltra {
 
@@ -21,7 +21,7 @@ public:
     // address, and the public key of the key its releases are signed with (or `publicKey`).
     // Throws VeltraError saying what is missing: the project, the website address, or the key.
     static SparkleSetupRequest
-    request(const ProjectProfile& profile, std::stop_token stop,
+    request(const ProjectProfile& profile, StopToken stop,
             const std::optional<std::filesystem::path>& project = std::nullopt,
             const std::optional<std::string>& publicKey = std::nullopt);
 };

@@ -69,15 +69,15 @@ Json DoctorFinding::toJson() const {
 
 std::vector<DoctorFinding>
 ReleaseDoctor::limited(const std::string& name,
-                       const std::function<std::vector<DoctorFinding>(std::stop_token)>& check,
-                       std::stop_token stop) const {
-    std::stop_source source;
-    std::stop_callback forward(stop, [&source] { source.request_stop(); });
+                       const std::function<std::vector<DoctorFinding>(StopToken)>& check,
+                       StopToken stop) const {
+    StopSource source;
+    StopCallback forward(stop, [&source] { source.request_stop(); });
     std::mutex lock;
     std::condition_variable_any finished;
     bool done = false;
     bool timedOut = false;
-    std::jthread timer([&](std::stop_token) {
+    JThread timer([&](StopToken) {
         std::unique_lock guard(lock);
         if (!finished.wait_for(guard, timeLimit, [&done] { return done; })) {
             timedOut = true;
@@ -110,42 +110,40 @@ ReleaseDoctor::limited(const std::string& name,
 }
 
 std::vector<DoctorFinding> ReleaseDoctor::examine(const ProjectProfile* profile,
-                                                  std::stop_token stop) const {
+                                                  StopToken stop) const {
     std::vector<DoctorFinding> all;
     const auto add = [&all](std::vector<DoctorFinding> more) {
         all.insert(all.end(), std::make_move_iterator(more.begin()),
                    std::make_move_iterator(more.end()));
     };
     add(limited(
-        "Xcode", [this](std::stop_token s) { return std::vector{xcode(s)}; }, stop));
+        "Xcode", [this](StopToken s) { return std::vector{xcode(s)}; }, stop));
     add(limited(
-        "Signing", [this, profile](std::stop_token s) { return signing(profile, s); }, stop));
+        "Signing", [this, profile](StopToken s) { return signing(profile, s); }, stop));
     if (profile != nullptr) {
         if (profile->notarization.enabled) {
             add(limited(
                 "Notarization",
-                [this, profile](std::stop_token s) {
-                    return std::vector{notarization(*profile, s)};
-                },
+                [this, profile](StopToken s) { return std::vector{notarization(*profile, s)}; },
                 stop));
             add(limited(
-                "Gatekeeper",
-                [this, profile](std::stop_token s) { return gatekeeper(*profile, s); }, stop));
+                "Gatekeeper", [this, profile](StopToken s) { return gatekeeper(*profile, s); },
+                stop));
         }
         add(project(*profile));
         add(limited(
-            "Sparkle", [this, profile](std::stop_token) { return sparkle(*profile); }, stop));
+            "Sparkle", [this, profile](StopToken) { return sparkle(*profile); }, stop));
         add(limited(
-            "Website", [this, profile](std::stop_token s) { return website(*profile, s); }, stop));
+            "Website", [this, profile](StopToken s) { return website(*profile, s); }, stop));
     }
     if (profile == nullptr || profile->githubRelease.enabled) {
         add(limited(
-            "GitHub",
-            [this, profile](std::stop_token s) { return std::vector{github(profile, s)}; }, stop));
+            "GitHub", [this, profile](StopToken s) { return std::vector{github(profile, s)}; },
+            stop));
     }
     if (profile != nullptr) {
         add(limited(
-            "Disk", [this, profile](std::stop_token) { return std::vector{disk(profile)}; }, stop));
+            "Disk", [this, profile](StopToken) { return std::vector{disk(profile)}; }, stop));
     }
     return all;
 }
@@ -172,7 +170,7 @@ std::vector<DoctorFinding> ReleaseDoctor::project(const ProjectProfile& profile)
     return {finding("Project", Verdict::ok, given)};
 }
 
-DoctorFinding ReleaseDoctor::xcode(std::stop_token stop) const {
+DoctorFinding ReleaseDoctor::xcode(StopToken stop) const {
     const auto selected = ProcessRunner::run("xcode-select", {"-p"}, stop);
     if (selected.exitCode == 127) { // env found no such tool
         return finding("Xcode", Verdict::problem,
@@ -217,7 +215,7 @@ DoctorFinding ReleaseDoctor::xcode(std::stop_token stop) const {
 }
 
 std::vector<DoctorFinding> ReleaseDoctor::signing(const ProjectProfile* profile,
-                                                  std::stop_token stop) const {
+                                                  StopToken stop) const {
     CertificateScanner scanner;
     const auto scanned = scanner.scanIdentities(stop);
     if (!scanned) {
@@ -305,8 +303,7 @@ std::vector<DoctorFinding> ReleaseDoctor::signing(const ProjectProfile* profile,
     return found;
 }
 
-DoctorFinding ReleaseDoctor::notarization(const ProjectProfile& profile,
-                                          std::stop_token stop) const {
+DoctorFinding ReleaseDoctor::notarization(const ProjectProfile& profile, StopToken stop) const {
     const auto& name = profile.notarization.keychainProfileName;
     if (name.empty()) {
         return finding("Notarization", Verdict::problem, "No keychain profile is set",
@@ -327,7 +324,7 @@ DoctorFinding ReleaseDoctor::notarization(const ProjectProfile& profile,
 }
 
 std::vector<DoctorFinding> ReleaseDoctor::gatekeeper(const ProjectProfile& profile,
-                                                     std::stop_token stop) const {
+                                                     StopToken stop) const {
     if (!profile.recentReleases || profile.recentReleases->empty() ||
         !profile.recentReleases->front().dmgURL || !ProcessRunner::findTool("spctl")) {
         return {};

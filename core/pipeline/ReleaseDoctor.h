@@ -3,12 +3,12 @@
 #include "core/process/ProcessRunner.h"
 #include "core/profile/ProjectProfile.h"
 #include "core/support/JsonReader.h"
+#include "core/support/StopToken.h"
 
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
-#include <stop_token>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -40,30 +40,26 @@ public:
     std::int64_t expiryWarningDays = 30;
 
     // Without a profile, only what needs none: Xcode, the signing identities and `gh`.
-    std::vector<DoctorFinding> examine(const ProjectProfile* profile,
-                                       std::stop_token stop = {}) const;
+    std::vector<DoctorFinding> examine(const ProjectProfile* profile, StopToken stop = {}) const;
 
-    DoctorFinding xcode(std::stop_token stop = {}) const;
-    std::vector<DoctorFinding> signing(const ProjectProfile* profile,
-                                       std::stop_token stop = {}) const;
-    DoctorFinding notarization(const ProjectProfile& profile, std::stop_token stop = {}) const;
+    DoctorFinding xcode(StopToken stop = {}) const;
+    std::vector<DoctorFinding> signing(const ProjectProfile* profile, StopToken stop = {}) const;
+    DoctorFinding notarization(const ProjectProfile& profile, StopToken stop = {}) const;
     // What Gatekeeper says of the newest release's image, where spctl exists and the image is
     // still in the output folder; a rejection explained. None where it cannot be asked.
-    std::vector<DoctorFinding> gatekeeper(const ProjectProfile& profile,
-                                          std::stop_token stop = {}) const;
+    std::vector<DoctorFinding> gatekeeper(const ProjectProfile& profile, StopToken stop = {}) const;
     // The profile's project is there and is a project (a folder where it should be is not).
     std::vector<DoctorFinding> project(const ProjectProfile& profile) const;
     std::vector<DoctorFinding> sparkle(const ProjectProfile& profile) const;
-    std::vector<DoctorFinding> website(const ProjectProfile& profile,
-                                       std::stop_token stop = {}) const;
-    DoctorFinding github(const ProjectProfile* profile, std::stop_token stop = {}) const;
+    std::vector<DoctorFinding> website(const ProjectProfile& profile, StopToken stop = {}) const;
+    DoctorFinding github(const ProjectProfile* profile, StopToken stop = {}) const;
     DoctorFinding disk(const ProjectProfile* profile) const;
 
 private:
     std::vector<DoctorFinding>
     limited(const std::string& name,
-            const std::function<std::vector<DoctorFinding>(std::stop_token)>& check,
-            std::stop_token stop) const;
+            const std::function<std::vector<DoctorFinding>(StopToken)>& check,
+            StopToken stop) const;
 };
 
 } // namespace veltra

@@ -126,7 +126,7 @@ std::vector<DoctorFinding> ReleaseDoctor::sparkle(const ProjectProfile& profile)
 }
 
 std::vector<DoctorFinding> ReleaseDoctor::website(const ProjectProfile& profile,
-                                                  std::stop_token stop) const {
+                                                  StopToken stop) const {
     std::vector<DoctorFinding> found;
     const auto repository = ReleasePublishingPlan::resolveRepository(profile);
     if (!repository) {
@@ -217,7 +217,7 @@ std::vector<DoctorFinding> ReleaseDoctor::website(const ProjectProfile& profile,
     return found;
 }
 
-DoctorFinding ReleaseDoctor::github(const ProjectProfile* profile, std::stop_token stop) const {
+DoctorFinding ReleaseDoctor::github(const ProjectProfile* profile, StopToken stop) const {
     const bool needed = profile != nullptr && profile->githubRelease.enabled;
     if (ProcessRunner::run(ProcessRequest{.command = "which", .arguments = {"gh"}}, stop)
             .exitCode != 0) {

@@ -24,7 +24,7 @@ std::string keychainComment(const std::string& publicKey) {
     return "Public key (SUPublicEDKey value) for this key is: " + publicKey;
 }
 
-SecretText keychainText(const std::string& account, std::stop_token stop) {
+SecretText keychainText(const std::string& account, StopToken stop) {
     auto found =
         KeychainItems::find(std::string(SparkleKeys::keychainService), account, std::move(stop));
     if (!found) {
@@ -70,7 +70,7 @@ SparkleKeyLocation SparkleKeys::ofProfile(const SparkleConfig& sparkle) {
     return {std::string(defaultAccount), expandTilde(standardizePath(sparkle.privateKeyPath))};
 }
 
-std::string SparkleKeys::generate(const SparkleKeyLocation& location, std::stop_token stop) {
+std::string SparkleKeys::generate(const SparkleKeyLocation& location, StopToken stop) {
     if (location.file) {
         return SparklePrivateKey::createFile(*location.file);
     }
@@ -92,7 +92,7 @@ std::string SparkleKeys::generate(const SparkleKeyLocation& location, std::stop_
     return publicKey;
 }
 
-SparklePrivateKey SparkleKeys::load(const SparkleKeyLocation& location, std::stop_token stop) {
+SparklePrivateKey SparkleKeys::load(const SparkleKeyLocation& location, StopToken stop) {
     if (location.file) {
         return SparklePrivateKey::readFile(*location.file);
     }
@@ -102,7 +102,7 @@ SparklePrivateKey SparkleKeys::load(const SparkleKeyLocation& location, std::sto
 }
 
 void SparkleKeys::exportToFile(const std::string& account, const std::filesystem::path& file,
-                               std::stop_token stop) {
+                               StopToken stop) {
     if (std::filesystem::exists(std::filesystem::symlink_status(file))) {
         throw keyError(errorCode::conflict, "A file is at " + file.string() +
                                                 " already; the key is never written over one.");
@@ -122,7 +122,7 @@ void SparkleKeys::exportToFile(const std::string& account, const std::filesystem
 }
 
 std::string SparkleKeys::importFile(const std::filesystem::path& file, const std::string& account,
-                                    std::stop_token stop) {
+                                    StopToken stop) {
     const auto key = SparklePrivateKey::readFile(file);
     SecretText text{readFile(file)};
     const auto trimmedEnd = text.text.find_last_not_of(" \t\r\n");

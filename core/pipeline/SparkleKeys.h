@@ -2,10 +2,10 @@
 
 #include "core/feed/SparklePrivateKey.h"
 #include "core/records/SparkleConfig.h"
+#include "core/support/StopToken.h"
 
 #include <filesystem>
 #include <optional>
-#include <stop_token>
 #include <string>
 #include <string_view>
 
@@ -38,16 +38,16 @@ public:
     // Sparkle's tools keep (as sign_update finds it).
     static SparkleKeyLocation ofProfile(const SparkleConfig& sparkle);
     // Makes a new key there and returns its public key. Never replaces a key (VeltraError).
-    static std::string generate(const SparkleKeyLocation& location, std::stop_token stop = {});
+    static std::string generate(const SparkleKeyLocation& location, StopToken stop = {});
     // The key kept there; VeltraError when there is none or it cannot be read.
-    static SparklePrivateKey load(const SparkleKeyLocation& location, std::stop_token stop = {});
+    static SparklePrivateKey load(const SparkleKeyLocation& location, StopToken stop = {});
     // Writes the keychain's key of `account` to a new file (0600, never over an existing file).
     static void exportToFile(const std::string& account, const std::filesystem::path& file,
-                             std::stop_token stop = {});
+                             StopToken stop = {});
     // Stores a key file's key in the keychain under `account` and returns its public key.
     // Never replaces a keychain key (VeltraError).
     static std::string importFile(const std::filesystem::path& file, const std::string& account,
-                                  std::stop_token stop = {});
+                                  StopToken stop = {});
 };
 
 } // namespace veltra

@@ -47,7 +47,7 @@ TelemetrySender::TelemetrySender(const TelemetrySettings& settings, Clock clock)
       clock_(clock ? std::move(clock) : Clock([] { return std::chrono::system_clock::now(); })) {}
 
 TelemetrySendResult TelemetrySender::send(std::chrono::milliseconds budget, bool now,
-                                          std::stop_token stop) const {
+                                          StopToken stop) const {
     TelemetrySendResult result;
     const auto endpoint = settings_.endpoint();
     if (!settings_.active() || !endpoint) {

@@ -1,12 +1,12 @@
 #pragma once
 
+#include "core/support/StopToken.h"
 #include "core/support/Telemetry.h"
 
 #include <chrono>
 #include <cstddef>
 #include <functional>
 #include <optional>
-#include <stop_token>
 #include <string>
 
 namespace veltra {
@@ -30,7 +30,7 @@ public:
     explicit TelemetrySender(const TelemetrySettings& settings, Clock clock = {});
     // Sends within `budget` (each request gets what is left of it). `now` ignores the back-off.
     TelemetrySendResult send(std::chrono::milliseconds budget, bool now = false,
-                             std::stop_token stop = {}) const;
+                             StopToken stop = {}) const;
 
 private:
     const TelemetrySettings& settings_;

@@ -21,11 +21,11 @@ const ReleaseManifest* releaseIn(const ProjectProfile& profile, const std::strin
 }
 
 // Sleeps for `duration` unless stopped first.
-void pause(std::chrono::milliseconds duration, const std::stop_token& stop) {
+void pause(std::chrono::milliseconds duration, const StopToken& stop) {
     std::mutex lock;
     std::condition_variable_any woken;
     std::unique_lock guard(lock);
-    woken.wait_for(guard, stop, duration, [] { return false; });
+    waitFor(woken, guard, stop, duration, [] { return false; });
 }
 
 } // namespace
@@ -37,7 +37,7 @@ WebsitePublicationWatcher::WebsitePublicationWatcher(MainQueue& queue, ProfileSt
     : queue_(queue), store_(store), notifications_(notifications), probe_(probe), timing_(timing) {}
 
 WebsitePublicationWatcher::~WebsitePublicationWatcher() {
-    std::list<std::jthread> workers;
+    std::list<JThread> workers;
     {
         const std::lock_guard guard(lock_);
         workers.swap(workers_);
@@ -60,7 +60,7 @@ bool WebsitePublicationWatcher::watch(const Uuid& profileID, const std::string& 
     store_.setWebsiteCheckActive(releaseID, true);
     const std::lock_guard guard(lock_);
     workers_.emplace_back([this, request, profileID, releaseID,
-                           alive = std::weak_ptr<int>(lifetime_)](std::stop_token stop) {
+                           alive = std::weak_ptr<int>(lifetime_)](StopToken stop) {
         const auto deadline = std::chrono::steady_clock::now() + timing_.timeLimit;
         while (!stop.stop_requested()) {
             bool matched = false;

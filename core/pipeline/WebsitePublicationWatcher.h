@@ -66,7 +66,7 @@ private:
     // Work a worker posted is dropped once the watcher is gone.
     std::shared_ptr<int> lifetime_ = std::make_shared<int>(0);
     std::mutex lock_;
-    std::list<std::jthread> workers_;
+    std::list<JThread> workers_;
 };
 
 } // namespace veltra

@@ -115,6 +115,7 @@ inline void prepareOutputPipe(const Pipe& pipe) {
 // One captured stream: each drain takes at most 64 reads of 16 KiB.
 class StreamReader {
 public:
+    // `onOutput` gets every chunk as read, UTF-8 or not.
     StreamReader(int fd, ThreadSafeBuffer& buffer,
                  const std::function<void(std::string_view)>& onOutput)
         : fd_(fd), buffer_(buffer), onOutput_(onOutput) {}
@@ -134,7 +135,7 @@ public:
             }
             const std::string_view chunk(scratch.data(), static_cast<std::size_t>(count));
             buffer_.append(chunk);
-            if (onOutput_ && utf8::isValid(chunk)) {
+            if (onOutput_) {
                 onOutput_(chunk);
             }
         }
@@ -160,7 +161,7 @@ public:
     }
 
     void start() {
-        thread_ = std::jthread([this](const std::stop_token& stop) { loop(stop); });
+        thread_ = JThread([this](const StopToken& stop) { loop(stop); });
     }
 
     // Stops the thread and waits for it; then drains once more on the caller's thread, standard
@@ -178,7 +179,7 @@ public:
     }
 
 private:
-    void loop(const std::stop_token& stop) {
+    void loop(const StopToken& stop) {
         while (!stop.stop_requested()) {
             const auto drained = std::chrono::steady_clock::now();
             output_.drain(scratch_);
@@ -205,7 +206,7 @@ private:
     // Waits until one of `fds` is readable, the time passes, or a stop arrives.
     // Returns false on stop.
     bool waitFor(const std::vector<int>& fds, std::optional<std::chrono::milliseconds> duration,
-                 const std::stop_token& stop) {
+                 const StopToken& stop) {
         std::vector<pollfd> polled;
         polled.push_back({wake_.read.get(), POLLIN, 0});
         for (const int fd : fds) {
@@ -221,7 +222,7 @@ private:
     StreamReader& errors_;
     Pipe wake_;
     std::string scratch_;
-    std::jthread thread_;
+    JThread thread_;
 };
 
 // The pseudo-terminal of a run with a TerminalReply: its master end is read on a thread of its
@@ -271,7 +272,7 @@ public:
     }
 
     void start() {
-        thread_ = std::jthread([this](const std::stop_token& stop) {
+        thread_ = JThread([this](const StopToken& stop) {
             std::string buffer(4096, '\0');
             while (!stop.stop_requested()) {
                 pollfd polled{master_.get(), POLLIN, 0};
@@ -335,7 +336,7 @@ private:
     std::mutex lock_;
     std::string seen_;
     bool replied_ = false;
-    std::jthread thread_;
+    JThread thread_;
 };
 
 } // namespace veltra::processio

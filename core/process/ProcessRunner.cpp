@@ -393,7 +393,7 @@ std::optional<std::filesystem::path> ProcessRunner::findTool(const std::string& 
 }
 
 ProcessResult ProcessRunner::run(std::string command, std::vector<std::string> arguments,
-                                 std::stop_token stop) {
+                                 StopToken stop) {
     ProcessRequest request;
     request.command = std::move(command);
     request.arguments = std::move(arguments);
@@ -415,7 +415,7 @@ void ProcessRunner::setTrace(Trace trace) {
     currentTrace() = std::move(trace);
 }
 
-ProcessResult ProcessRunner::run(const ProcessRequest& request, std::stop_token stop) {
+ProcessResult ProcessRunner::run(const ProcessRequest& request, StopToken stop) {
     Trace trace;
     {
         const std::lock_guard guard(traceLock);
@@ -442,7 +442,7 @@ ProcessResult ProcessRunner::run(const ProcessRequest& request, std::stop_token 
     return result;
 }
 
-ProcessResult ProcessRunner::runUntraced(const ProcessRequest& request, std::stop_token stop) {
+ProcessResult ProcessRunner::runUntraced(const ProcessRequest& request, StopToken stop) {
     if (request.standardInput && request.standardInput->size() > maxStandardInput) {
         throw ProcessExecutionError::inputTooLarge();
     }
@@ -509,20 +509,40 @@ ProcessResult ProcessRunner::runUntraced(const ProcessRequest& request, std::sto
     plan.standardOutput = output.write.get();
     plan.standardError = errors.write.get();
 
-    const auto limit = effectiveCaptureLimit(request.captureLimit, bool(request.onOutput));
+    const bool streaming = bool(request.onOutput) || bool(request.onLine);
+    const auto limit = effectiveCaptureLimit(request.captureLimit, streaming);
     ThreadSafeBuffer outputBuffer(limit);
     ThreadSafeBuffer errorBuffer(limit);
+    // Both streams are read on the pump's one thread, so their lines never overlap.
+    LineAssembler outputLines(request.onLine);
+    LineAssembler errorLines(request.onLine);
+    const std::function<void(std::string_view)> onStandardOutput =
+        streaming ? std::function<void(std::string_view)>(
+                        [&request, &outputLines](std::string_view chunk) {
+                            if (request.onOutput && utf8::isValid(chunk)) {
+                                request.onOutput(chunk);
+                            }
+                            if (request.onLine) {
+                                outputLines.consume(chunk);
+                            }
+                        })
+                  : std::function<void(std::string_view)>();
     // A prompt written to standard error is answered as one written to the terminal.
     const std::function<void(std::string_view)> onErrorOutput =
-        terminal
-            ? std::function<void(std::string_view)>([&terminal, &request](std::string_view chunk) {
-                  terminal->observe(chunk);
-                  if (request.onOutput) {
-                      request.onOutput(chunk);
-                  }
-              })
-            : request.onOutput;
-    StreamReader outputReader(output.read.get(), outputBuffer, request.onOutput);
+        terminal || streaming ? std::function<void(std::string_view)>(
+                                    [&terminal, &request, &errorLines](std::string_view chunk) {
+                                        if (terminal) {
+                                            terminal->observe(chunk);
+                                        }
+                                        if (request.onOutput && utf8::isValid(chunk)) {
+                                            request.onOutput(chunk);
+                                        }
+                                        if (request.onLine) {
+                                            errorLines.consume(chunk);
+                                        }
+                                    })
+                              : std::function<void(std::string_view)>();
+    StreamReader outputReader(output.read.get(), outputBuffer, onStandardOutput);
     StreamReader errorReader(errors.read.get(), errorBuffer, onErrorOutput);
     OutputPump pump(outputReader, errorReader);
     pump.start();
@@ -538,7 +558,7 @@ ProcessResult ProcessRunner::runUntraced(const ProcessRequest& request, std::sto
     ProcessExecution execution;
     std::exception_ptr failure;
     {
-        const std::stop_callback onCancel(
+        const StopCallback onCancel(
             stop, [&execution] { execution.stop(std::make_exception_ptr(CancellationError())); });
         if (terminal) {
             terminal->start();
@@ -569,7 +589,43 @@ ProcessResult ProcessRunner::runUntraced(const ProcessRequest& request, std::sto
     if (failure) {
         std::rethrow_exception(failure); // output of a stopped run is discarded
     }
+    outputLines.finish();
+    errorLines.finish();
     return ProcessResult{exitCode, outputBuffer.string(), errorBuffer.string()};
+}
+
+void LineAssembler::consume(std::string_view chunk) {
+    std::size_t start = 0;
+    for (auto end = chunk.find('\n'); end != std::string_view::npos;
+         end = chunk.find('\n', start)) {
+        if (pending_.empty()) {
+            deliver(chunk.substr(start, end - start));
+        } else {
+            pending_.append(chunk.substr(start, end - start));
+            deliver(pending_);
+            pending_.clear();
+        }
+        start = end + 1;
+    }
+    pending_.append(chunk.substr(start));
+}
+
+void LineAssembler::finish() {
+    if (!pending_.empty()) {
+        deliver(pending_);
+        pending_.clear();
+    }
+}
+
+void LineAssembler::deliver(std::string_view line) {
+    if (line.ends_with('\r')) {
+        line.remove_suffix(1);
+    }
+    if (utf8::isValid(line)) {
+        onLine_(line);
+    } else {
+        onLine_(utf8::decodeLossy(line));
+    }
 }
 
 } // namespace veltra

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ProcessResult.h"
+#include "core/support/StopToken.h"
 
 #include <chrono>
 #include <cstddef>
@@ -8,7 +9,6 @@
 #include <functional>
 #include <map>
 #include <optional>
-#include <stop_token>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -42,6 +42,26 @@ struct ProcessRequest {
     // Called from reader threads with each chunk of output that is valid UTF-8 on its own.
     // Chunks are not lines; a chunk that splits a character is captured but not passed here.
     std::function<void(std::string_view)> onOutput{};
+    // Called with each whole line of output, assembled across reads: standard output's and
+    // standard error's each on their own, without the line break ("\n", or "\r\n"), ill-formed
+    // UTF-8 replaced. A last line without a break comes when the tool has ended (not when it was
+    // stopped). Lines of one run come one at a time, never concurrently.
+    std::function<void(std::string_view)> onLine{};
+};
+
+// Cuts a stream of chunks into whole lines for ProcessRequest::onLine.
+class LineAssembler {
+public:
+    explicit LineAssembler(const std::function<void(std::string_view)>& onLine) : onLine_(onLine) {}
+    void consume(std::string_view chunk);
+    // Hands on what is left after the last line break, if anything.
+    void finish();
+
+private:
+    void deliver(std::string_view line);
+
+    const std::function<void(std::string_view)>& onLine_;
+    std::string pending_{};
 };
 
 // The one way Veltra starts an external program. Stateless; safe to use from many threads.
@@ -60,9 +80,9 @@ public:
     // SIGKILL after terminationGrace; the call returns once the tool has ended),
     // or VeltraError (domain "POSIX") when it cannot be launched. A non-zero exit is returned.
     // The runner keeps no state, so there is nothing to make or hold: ProcessRunner::run(...).
-    static ProcessResult run(const ProcessRequest& request, std::stop_token stop = {});
+    static ProcessResult run(const ProcessRequest& request, StopToken stop = {});
     static ProcessResult run(std::string command, std::vector<std::string> arguments,
-                             std::stop_token stop = {});
+                             StopToken stop = {});
 
     // For --verbose: every tool's command line ("$ git push …") and, once it ends, what it
     // printed, handed to `trace` from whichever thread ran it; none to stop. Arguments carry no
@@ -97,7 +117,7 @@ public:
                                                             bool streaming);
 
 private:
-    static ProcessResult runUntraced(const ProcessRequest& request, std::stop_token stop);
+    static ProcessResult runUntraced(const ProcessRequest& request, StopToken stop);
 };
 
 } // namespace veltra

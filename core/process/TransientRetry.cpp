@@ -11,18 +11,18 @@
 
 namespace veltra {
 
-bool waitUnlessStopped(std::chrono::milliseconds duration, std::stop_token stop) {
+bool waitUnlessStopped(std::chrono::milliseconds duration, StopToken stop) {
     std::mutex lock;
     std::condition_variable_any woken;
     std::unique_lock guard(lock);
-    return !woken.wait_for(guard, stop, duration, [] { return false; });
+    waitFor(woken, guard, stop, duration, [] { return false; });
+    return !stop.stop_requested();
 }
 
 ProcessResult runRetrying(const std::function<ProcessResult()>& attempt,
                           const std::function<bool(const ProcessResult&)>& isTransient,
                           const RetryPolicy& policy, const std::string& what,
-                          const std::function<void(const std::string&)>& log,
-                          std::stop_token stop) {
+                          const std::function<void(const std::string&)>& log, StopToken stop) {
     const auto deadline = std::chrono::steady_clock::now() + policy.total;
     auto delay = policy.firstDelay;
     for (int tries = 1;; ++tries) {

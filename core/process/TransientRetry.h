@@ -1,10 +1,10 @@
 #pragma once
 
 #include "ProcessResult.h"
+#include "core/support/StopToken.h"
 
 #include <chrono>
 #include <functional>
-#include <stop_token>
 #include <string>
 
 namespace veltra {
@@ -23,9 +23,9 @@ struct RetryPolicy {
 ProcessResult runRetrying(const std::function<ProcessResult()>& attempt,
                           const std::function<bool(const ProcessResult&)>& isTransient,
                           const RetryPolicy& policy, const std::string& what,
-                          const std::function<void(const std::string&)>& log, std::stop_token stop);
+                          const std::function<void(const std::string&)>& log, StopToken stop);
 
 // Waits `duration` unless `stop` is requested first; false when it was.
-bool waitUnlessStopped(std::chrono::milliseconds duration, std::stop_token stop);
+bool waitUnlessStopped(std::chrono::milliseconds duration, StopToken stop);
 
 } // namespace veltra

@@ -5,6 +5,7 @@
 #include "core/support/HttpClient.h"
 #include "core/support/PathRules.h"
 #include "core/support/VeltraError.h"
+#include "dsstore/DecimalText.h"
 
 #include <algorithm>
 #include <charconv>
@@ -102,13 +103,11 @@ const Field& fieldFor(std::string_view path) {
 }
 
 std::optional<double> parseNumber(std::string_view text) {
-    double value = 0;
-    const auto* end = text.data() + text.size();
-    const auto [ptr, error] = std::from_chars(text.data(), end, value);
-    if (error != std::errc() || ptr != end || !std::isfinite(value)) {
+    const auto read = dsstore::readDecimal(text);
+    if (!read || read->length != text.size() || !std::isfinite(read->value)) {
         return std::nullopt;
     }
-    return value;
+    return read->value;
 }
 
 std::string_view trimmed(std::string_view text) {

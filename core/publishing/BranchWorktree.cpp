@@ -11,7 +11,7 @@ namespace veltra {
 namespace fs = std::filesystem;
 
 BranchWorktree::BranchWorktree(const fs::path& project, const std::string& branch,
-                               const fs::path& temporaryDirectory, std::stop_token stop) {
+                               const fs::path& temporaryDirectory, StopToken stop) {
     if (const auto problem = gitBranchNameError(branch)) {
         throw VeltraError("Veltra", errorCode::invalidSetup, *problem);
     }

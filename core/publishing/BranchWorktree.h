@@ -1,9 +1,9 @@
 #pragma once
 
 #include "core/process/ProcessRunner.h"
+#include "core/support/StopToken.h"
 
 #include <filesystem>
-#include <stop_token>
 #include <string>
 
 namespace veltra {
@@ -16,7 +16,7 @@ public:
     // Throws VeltraError ("Veltra", 404) when the project is not in a git repository or the
     // branch does not exist, with git's words.
     BranchWorktree(const std::filesystem::path& project, const std::string& branch,
-                   const std::filesystem::path& temporaryDirectory, std::stop_token stop = {});
+                   const std::filesystem::path& temporaryDirectory, StopToken stop = {});
     BranchWorktree(const BranchWorktree&) = delete;
     BranchWorktree& operator=(const BranchWorktree&) = delete;
     ~BranchWorktree();

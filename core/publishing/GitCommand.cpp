@@ -14,9 +14,9 @@ std::atomic<int> runningGitCommands{0};
 } // namespace
 
 ProcessResult GitCommand::run(const std::filesystem::path& repository,
-                              std::vector<std::string> arguments, std::stop_token stop,
+                              std::vector<std::string> arguments, StopToken stop,
                               std::optional<double> timeout,
-                              std::function<void(std::string_view)> onOutput) {
+                              std::function<void(std::string_view)> onLine) {
     const auto indexLock = repository / ".git" / "index.lock";
     std::error_code error;
     const bool lockedBefore = std::filesystem::exists(indexLock, error);
@@ -28,7 +28,7 @@ ProcessResult GitCommand::run(const std::filesystem::path& repository,
                                               .currentDirectory = repository,
                                               .environment = {{"GIT_TERMINAL_PROMPT", "0"}},
                                               .timeout = timeout,
-                                              .onOutput = std::move(onOutput)},
+                                              .onLine = std::move(onLine)},
                                stop);
         --runningGitCommands;
         return result;
@@ -47,7 +47,7 @@ ProcessResult GitCommand::run(const std::filesystem::path& repository,
 }
 
 std::vector<std::string> GitCommand::identityFallback(const std::filesystem::path& repository,
-                                                      std::stop_token stop) {
+                                                      StopToken stop) {
     const auto email = run(repository, {"config", "user.email"}, stop, 30);
     if (!trimWhitespace(email.output).empty()) {
         return {};

@@ -1,12 +1,12 @@
 #pragma once
 
 #include "core/process/ProcessRunner.h"
+#include "core/support/StopToken.h"
 #include "core/support/VeltraError.h"
 
 #include <filesystem>
 #include <functional>
 #include <optional>
-#include <stop_token>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,9 +19,9 @@ public:
     static constexpr double defaultTimeout = 300;
 
     static ProcessResult run(const std::filesystem::path& repository,
-                             std::vector<std::string> arguments, std::stop_token stop = {},
+                             std::vector<std::string> arguments, StopToken stop = {},
                              std::optional<double> timeout = defaultTimeout,
-                             std::function<void(std::string_view)> onOutput = {});
+                             std::function<void(std::string_view)> onLine = {});
 
     // A failed git command as an error: code = git's exit status, message = base + ": " + its
     // output, with the way out when the output shows a credentials problem.
@@ -31,7 +31,7 @@ public:
     // Arguments that go before a commit's own when the repository has no author identity
     // (a fresh machine): git would refuse the commit otherwise. Empty when one is set.
     static std::vector<std::string> identityFallback(const std::filesystem::path& repository,
-                                                     std::stop_token stop = {});
+                                                     StopToken stop = {});
 };
 
 } // namespace veltra

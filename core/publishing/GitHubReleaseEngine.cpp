@@ -3,8 +3,6 @@
 #include "core/support/FileUtilities.h"
 #include "core/support/VeltraError.h"
 
-#include <mutex>
-
 namespace veltra {
 
 std::vector<std::string> GitHubReleaseEngine::arguments(const GitHubReleaseConfig& config,
@@ -28,7 +26,7 @@ std::vector<std::string> GitHubReleaseEngine::arguments(const GitHubReleaseConfi
 void GitHubReleaseEngine::publish(const GitHubReleaseConfig& config,
                                   const std::filesystem::path& dmgPath, const std::string& appName,
                                   const std::string& version, const std::string& notes,
-                                  const LogHandler& log, std::stop_token stop) const {
+                                  const LogHandler& log, StopToken stop) const {
     if (!config.enabled) {
         return;
     }
@@ -48,29 +46,17 @@ void GitHubReleaseEngine::publish(const GitHubReleaseConfig& config,
     const PrivateTemporaryFolder folder("veltra-notes");
     const auto notesFile = folder.path() / "notes.md";
     writeSecretFile(notesFile, notes);
-    // Whole lines to the log as they come, from the runner's reader thread.
-    std::mutex lock;
-    std::string pending;
     ProcessRequest request{.command = "gh",
                            .arguments = arguments(config, dmgPath, appName, version, notesFile),
                            .currentDirectory = repositoryFolder};
     if (log) {
-        request.onOutput = [&](std::string_view chunk) {
-            const std::lock_guard guard(lock);
-            pending += chunk;
-            for (auto end = pending.find('\n'); end != std::string::npos;
-                 end = pending.find('\n')) {
-                if (end > 0) {
-                    log(pending.substr(0, end));
-                }
-                pending.erase(0, end + 1);
+        request.onLine = [&log](std::string_view line) {
+            if (!line.empty()) {
+                log(std::string(line));
             }
         };
     }
     const auto result = ProcessRunner::run(request, stop);
-    if (log && !pending.empty()) {
-        log(pending);
-    }
     if (result.exitCode != 0) {
         throw VeltraError("Veltra", errorCode::toolFailed,
                           "GitHub release failed: " + result.errorOutput);

@@ -3,10 +3,10 @@
 #include "core/process/ProcessRunner.h"
 #include "core/records/GitHubReleaseConfig.h"
 #include "core/support/LogHandler.h"
+#include "core/support/StopToken.h"
 
 #include <filesystem>
 #include <optional>
-#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -24,7 +24,7 @@ public:
     // the release cannot be created; the runner's own errors pass through.
     void publish(const GitHubReleaseConfig& config, const std::filesystem::path& dmgPath,
                  const std::string& appName, const std::string& version, const std::string& notes,
-                 const LogHandler& log = {}, std::stop_token stop = {}) const;
+                 const LogHandler& log = {}, StopToken stop = {}) const;
 
     // `gh`'s arguments for that release, in the order the tool is given them; the notes are
     // read from `notesFile`.

@@ -78,7 +78,7 @@ ReleaseNotesGenerator::Notes ReleaseNotesGenerator::compose(std::string_view sub
 std::string ReleaseNotesGenerator::generate(const std::filesystem::path& repository,
                                             const std::optional<std::string>& path,
                                             const std::string& heading, const LogHandler& log,
-                                            std::stop_token stop) const {
+                                            StopToken stop) const {
     const auto say = [&log](const std::string& line) {
         if (log) {
             log(line);

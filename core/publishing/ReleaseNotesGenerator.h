@@ -2,10 +2,10 @@
 
 #include "core/process/ProcessRunner.h"
 #include "core/support/LogHandler.h"
+#include "core/support/StopToken.h"
 
 #include <filesystem>
 #include <optional>
-#include <stop_token>
 #include <string>
 #include <string_view>
 
@@ -19,7 +19,7 @@ public:
     // general-improvements bullet, with an "Info: " line saying why.
     std::string generate(const std::filesystem::path& repository,
                          const std::optional<std::string>& path, const std::string& heading,
-                         const LogHandler& log = {}, std::stop_token stop = {}) const;
+                         const LogHandler& log = {}, StopToken stop = {}) const;
 
     // The notes for these commit subjects (newest first) and how many bullets they list.
     struct Notes {

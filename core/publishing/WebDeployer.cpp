@@ -91,7 +91,7 @@ std::optional<std::string> WebDeployer::containmentProblem(const std::filesystem
 WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
                                        const ResolvedDeliveryConfig& delivery,
                                        const WebDeployRelease& release, const LogHandler& log,
-                                       std::stop_token stop) const {
+                                       StopToken stop) const {
     const auto say = [&log](const std::string& line) {
         if (log) {
             // git repeats remote addresses as configured, tokens included.
@@ -109,9 +109,9 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
         throw VeltraError("Veltra", errorCode::invalidSetup, "The publishing branch " + *problem);
     }
     const auto git = [&](std::vector<std::string> arguments,
-                         std::function<void(std::string_view)> onOutput = {}) {
+                         std::function<void(std::string_view)> onLine = {}) {
         return GitCommand::run(repository, std::move(arguments), stop, GitCommand::defaultTimeout,
-                               std::move(onOutput));
+                               std::move(onLine));
     };
 
     // 1. The repository, cloned when it is missing and a remote is known.
@@ -256,21 +256,12 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
             // Leave the repository as it was; the push below reports the conflict.
             git({"rebase", "--abort"});
         }
-        std::mutex lock;
-        std::string pending;
-        const auto pushed = git(
-            {"push", "--end-of-options", "origin", publishingBranch}, [&](std::string_view chunk) {
-                const std::lock_guard guard(lock);
-                pending += chunk;
-                for (auto end = pending.find('\n'); end != std::string::npos;
-                     end = pending.find('\n')) {
-                    if (const auto line = trimWhitespace(std::string_view(pending).substr(0, end));
-                        !line.empty()) {
-                        say("   " + std::string(line));
-                    }
-                    pending.erase(0, end + 1);
-                }
-            });
+        const auto pushed = git({"push", "--end-of-options", "origin", publishingBranch},
+                                [&](std::string_view line) {
+                                    if (const auto text = trimWhitespace(line); !text.empty()) {
+                                        say("   " + std::string(text));
+                                    }
+                                });
         if (pushed.exitCode != 0) {
             throw GitCommand::failure("Could not publish release to origin/" + publishingBranch,
                                       pushed);
@@ -311,14 +302,14 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
 }
 
 bool WebDeployer::verifyLiveSite(const WebsitePublication& publication, const std::string& version,
-                                 const std::string& build, std::stop_token stop) const {
+                                 const std::string& build, StopToken stop) const {
     return !liveSiteProblem(publication, version, build, std::move(stop));
 }
 
 std::optional<std::string> WebDeployer::liveSiteProblem(const WebsitePublication& publication,
                                                         const std::string& version,
                                                         const std::string& build,
-                                                        std::stop_token stop) const {
+                                                        StopToken stop) const {
     const auto ok = [](long status) { return status >= 200 && status <= 299; };
     const auto status = [](const std::string& what, const std::string& url, long code) {
         return fmt::format("the {} at {} answered HTTP {}", what, url, code);

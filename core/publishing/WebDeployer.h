@@ -7,11 +7,11 @@
 #include "core/records/WebsitePublication.h"
 #include "core/support/HttpClient.h"
 #include "core/support/LogHandler.h"
+#include "core/support/StopToken.h"
 
 #include <cstdint>
 #include <filesystem>
 #include <optional>
-#include <stop_token>
 #include <string>
 
 namespace veltra {
@@ -44,19 +44,19 @@ public:
     // status with the shared git failure text, the file system's errors. The hook never fails.
     WebsitePublication deploy(const WebDeployConfig& config, const ResolvedDeliveryConfig& delivery,
                               const WebDeployRelease& release, const LogHandler& log = {},
-                              std::stop_token stop = {}) const;
+                              StopToken stop = {}) const;
 
     // Whether the live site serves the release: a feed item with this version, build, download
     // address, signature and size, and a download of exactly that size. Never throws for
     // network trouble (false); only cancellation.
     bool verifyLiveSite(const WebsitePublication& publication, const std::string& version,
-                        const std::string& build, std::stop_token stop = {}) const;
+                        const std::string& build, StopToken stop = {}) const;
     // Why the live site does not serve the release yet, or nothing when it does: the address
     // that could not be reached and why, an HTTP status, a feed that does not read, the value
     // of the feed's item that differs, or the download's size.
     std::optional<std::string> liveSiteProblem(const WebsitePublication& publication,
                                                const std::string& version, const std::string& build,
-                                               std::stop_token stop = {}) const;
+                                               StopToken stop = {}) const;
 
     // Refuses an app name that cannot name a file in the downloads folder ("/", "..", a leading
     // ".", a NUL): VeltraError ("Veltra", 400).

@@ -13,7 +13,7 @@ namespace veltra {
 
 void WebsiteCreator::create(const std::filesystem::path& folder, const ProjectProfile& profile,
                             const std::optional<std::string>& remote, const LogHandler& log,
-                            std::stop_token stop) const {
+                            StopToken stop) const {
     const auto say = [&log](const std::string& line) {
         if (log) {
             log(line);

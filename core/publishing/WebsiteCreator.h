@@ -3,10 +3,10 @@
 #include "core/process/ProcessRunner.h"
 #include "core/profile/ProjectProfile.h"
 #include "core/support/LogHandler.h"
+#include "core/support/StopToken.h"
 
 #include <filesystem>
 #include <optional>
-#include <stop_token>
 #include <string>
 
 namespace veltra {
@@ -20,7 +20,7 @@ public:
     // git's failures with the shared git failure text.
     void create(const std::filesystem::path& folder, const ProjectProfile& profile,
                 const std::optional<std::string>& remote, const LogHandler& log = {},
-                std::stop_token stop = {}) const;
+                StopToken stop = {}) const;
 };
 
 } // namespace veltra

@@ -9,7 +9,7 @@ WebsitePublicationProbe::WebsitePublicationProbe(Checker checker, int limit)
 
 WebsitePublicationProbe& WebsitePublicationProbe::shared() {
     static WebsitePublicationProbe probe(
-        [](const WebsitePublicationCheck& request, std::stop_token stop) {
+        [](const WebsitePublicationCheck& request, StopToken stop) {
             return WebDeployer().verifyLiveSite(request.publication, request.version, request.build,
                                                 stop);
         });
@@ -22,14 +22,14 @@ int WebsitePublicationProbe::active() const {
 }
 
 bool WebsitePublicationProbe::check(const WebsitePublicationCheck& request,
-                                    std::chrono::milliseconds backoff, std::stop_token stop) {
+                                    std::chrono::milliseconds backoff, StopToken stop) {
     {
         std::unique_lock guard(lock_);
         while (active_ >= limit_) {
             if (stop.stop_requested()) {
                 return false;
             }
-            freed_.wait_for(guard, stop, backoff, [this] { return active_ < limit_; });
+            waitFor(freed_, guard, stop, backoff, [this] { return active_ < limit_; });
         }
         if (stop.stop_requested()) {
             return false;

@@ -1,12 +1,12 @@
 #pragma once
 
 #include "core/records/WebsitePublication.h"
+#include "core/support/StopToken.h"
 
 #include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
-#include <stop_token>
 #include <string>
 
 namespace veltra {
@@ -22,7 +22,7 @@ struct WebsitePublicationCheck {
 // the limit wait, backing off, until a slot is free.
 class WebsitePublicationProbe {
 public:
-    using Checker = std::function<bool(const WebsitePublicationCheck&, std::stop_token)>;
+    using Checker = std::function<bool(const WebsitePublicationCheck&, StopToken)>;
 
     explicit WebsitePublicationProbe(Checker checker, int limit = 3);
     // The application's one probe, checking with WebDeployer's live-site verification.
@@ -31,7 +31,7 @@ public:
     // Whether the site serves the release. Waits for a slot, re-trying every `backoff`; false
     // when stopped before a slot was free. The checker's result otherwise.
     bool check(const WebsitePublicationCheck& request, std::chrono::milliseconds backoff,
-               std::stop_token stop = {});
+               StopToken stop = {});
 
     int active() const;
     int limit() const { return limit_; }

@@ -20,7 +20,7 @@ std::string trimmed(const std::string& text) {
 
 WebsiteRepositoryStatus WebsiteRepositoryInspector::inspect(const std::filesystem::path& repository,
                                                             const std::string& publishingBranch,
-                                                            std::stop_token stop) const {
+                                                            StopToken stop) const {
     WebsiteRepositoryStatus status;
     const auto where = repository.string();
     std::error_code error;
@@ -120,7 +120,7 @@ WebsiteRepositoryStatus WebsiteRepositoryInspector::inspect(const std::filesyste
 std::optional<std::string> WebsiteRepositoryInspector::releaseBlocker(
     const std::filesystem::path& repository, const std::string& publishingBranch,
     const std::vector<std::string>& releasePaths, const std::string& ownCommitSubject,
-    std::stop_token stop) const {
+    StopToken stop) const {
     const auto where = repository.string();
     const auto git = [&](std::vector<std::string> arguments) {
         return GitCommand::run(repository, std::move(arguments), stop, timeout);

@@ -1,10 +1,10 @@
 #pragma once
 
 #include "core/process/ProcessRunner.h"
+#include "core/support/StopToken.h"
 
 #include <filesystem>
 #include <optional>
-#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -28,8 +28,7 @@ public:
     double timeout = 30;
 
     WebsiteRepositoryStatus inspect(const std::filesystem::path& repository,
-                                    const std::string& publishingBranch,
-                                    std::stop_token stop = {}) const;
+                                    const std::string& publishingBranch, StopToken stop = {}) const;
 
     // Why a release commit and push from here would publish more than the release: commits on
     // the branch that origin does not have (up to five named), or changes (staged, unstaged or
@@ -40,7 +39,7 @@ public:
                                               const std::string& publishingBranch,
                                               const std::vector<std::string>& releasePaths,
                                               const std::string& ownCommitSubject,
-                                              std::stop_token stop = {}) const;
+                                              StopToken stop = {}) const;
 };
 
 } // namespace veltra

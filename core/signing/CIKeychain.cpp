@@ -50,8 +50,7 @@ std::vector<std::string> CIKeychain::parseSearchList(std::string_view output) {
 
 std::vector<SigningCertificate> CIKeychain::setup(const std::filesystem::path& p12,
                                                   const std::string& password,
-                                                  const std::string& name,
-                                                  std::stop_token stop) const {
+                                                  const std::string& name, StopToken stop) const {
     const auto security = [&](std::vector<std::string> arguments) {
         return ProcessRunner::run("security", std::move(arguments), stop);
     };
@@ -112,7 +111,7 @@ std::vector<SigningCertificate> CIKeychain::setup(const std::filesystem::path& p
     }
 }
 
-void CIKeychain::teardown(const std::string& name, std::stop_token stop) const {
+void CIKeychain::teardown(const std::string& name, StopToken stop) const {
     const auto deleted = ProcessRunner::run("security", {"delete-keychain", name}, stop);
     if (deleted.exitCode != 0) {
         throw failure("Could not delete keychain " + name, deleted);

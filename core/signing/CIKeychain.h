@@ -2,9 +2,9 @@
 
 #include "CertificateScanner.h"
 #include "core/process/ProcessRunner.h"
+#include "core/support/StopToken.h"
 
 #include <filesystem>
-#include <stop_token>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,10 +23,10 @@ public:
     // the failure is deleted again. Neither password appears in a message.
     std::vector<SigningCertificate> setup(const std::filesystem::path& p12,
                                           const std::string& password, const std::string& name,
-                                          std::stop_token stop = {}) const;
+                                          StopToken stop = {}) const;
 
     // Deletes the keychain (which also takes it off the search list). Throws like setup.
-    void teardown(const std::string& name, std::stop_token stop = {}) const;
+    void teardown(const std::string& name, StopToken stop = {}) const;
 
     // The keychains of `security list-keychains` output, in order.
     static std::vector<std::string> parseSearchList(std::string_view output);

@@ -106,7 +106,7 @@ std::vector<SigningCertificate> CertificateScanner::parseIdentities(std::string_
     return found;
 }
 
-CertificateScanner::Identities CertificateScanner::scanIdentities(std::stop_token stop) const {
+CertificateScanner::Identities CertificateScanner::scanIdentities(StopToken stop) const {
     const auto result =
         ProcessRunner::run("security", {"find-identity", "-v", "-p", "codesigning"}, stop);
     if (result.exitCode != 0) {
@@ -157,7 +157,7 @@ CertificateScanner::preferredIdentity(const std::vector<SigningCertificate>& all
 }
 
 std::optional<CertificateScanner::DetectedTeamInfo>
-CertificateScanner::detectBestTeamInfo(std::stop_token stop) const {
+CertificateScanner::detectBestTeamInfo(StopToken stop) const {
     const auto all = scanIdentities(stop);
     if (!all) {
         throw all.error();
@@ -166,8 +166,7 @@ CertificateScanner::detectBestTeamInfo(std::stop_token stop) const {
 }
 
 ProcessResult CertificateScanner::importP12(const std::filesystem::path& file,
-                                            const std::string& password,
-                                            std::stop_token stop) const {
+                                            const std::string& password, StopToken stop) const {
     return runSecurityCommand({"import", file.string(), "-P", password, "-T", "/usr/bin/codesign"},
                               stop);
 }

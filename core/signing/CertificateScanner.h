@@ -2,12 +2,12 @@
 
 #include "core/process/ProcessResult.h"
 #include "core/process/ProcessRunner.h"
+#include "core/support/StopToken.h"
 #include "core/support/VeltraError.h"
 
 #include <expected>
 #include <filesystem>
 #include <optional>
-#include <stop_token>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -44,12 +44,12 @@ public:
     // tool fails, its words as an error (identitiesUnreadable), so "none" is never said for a
     // tool that could not look.
     using Identities = std::expected<std::vector<SigningCertificate>, VeltraError>;
-    Identities scanIdentities(std::stop_token stop = {}) const;
+    Identities scanIdentities(StopToken stop = {}) const;
     // Throws the scan's error.
-    std::optional<DetectedTeamInfo> detectBestTeamInfo(std::stop_token stop = {}) const;
+    std::optional<DetectedTeamInfo> detectBestTeamInfo(StopToken stop = {}) const;
     // The tool's answer, for the caller to judge (a wrong password is a non-zero exit).
     ProcessResult importP12(const std::filesystem::path& file, const std::string& password,
-                            std::stop_token stop = {}) const;
+                            StopToken stop = {}) const;
     // Brings Xcode's settings window forward so the user can manage accounts; macOS only.
     static void openXcodeSettings();
 

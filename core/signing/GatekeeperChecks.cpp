@@ -33,7 +33,7 @@ GatekeeperVerdict GatekeeperChecks::spctlVerdict(std::string check, int exitCode
 
 std::vector<GatekeeperVerdict>
 GatekeeperChecks::assess(const std::filesystem::path& image,
-                         const std::optional<std::filesystem::path>& app, std::stop_token stop) {
+                         const std::optional<std::filesystem::path>& app, StopToken stop) {
     std::vector<GatekeeperVerdict> verdicts;
     if (ProcessRunner::findTool("xcrun")) {
         const auto validated =

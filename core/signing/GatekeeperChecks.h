@@ -1,8 +1,9 @@
 #pragma once
 
+#include "core/support/StopToken.h"
+
 #include <filesystem>
 #include <optional>
-#include <stop_token>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,7 +28,7 @@ class GatekeeperChecks {
 public:
     static std::vector<GatekeeperVerdict> assess(const std::filesystem::path& image,
                                                  const std::optional<std::filesystem::path>& app,
-                                                 std::stop_token stop);
+                                                 StopToken stop);
 
     // The verdict spctl's output gives: accepted or not, and the "source=" or first line.
     static GatekeeperVerdict spctlVerdict(std::string check, int exitCode, std::string_view output);

@@ -25,7 +25,7 @@ bool KeychainItems::available() {
 }
 
 std::optional<std::string> KeychainItems::find(const std::string& service,
-                                               const std::string& account, std::stop_token stop) {
+                                               const std::string& account, StopToken stop) {
     auto result = ProcessRunner::run(
         "security", {"find-generic-password", "-s", service, "-a", account, "-w"}, stop);
     if (result.exitCode == itemNotFound) {
@@ -46,7 +46,7 @@ std::optional<std::string> KeychainItems::find(const std::string& service,
 
 void KeychainItems::add(const std::string& service, const std::string& account,
                         const std::string& label, const std::string& comment,
-                        const std::string& secret, std::stop_token stop) {
+                        const std::string& secret, StopToken stop) {
     // Checked first: security's own refusal reads the same for a locked keychain on some systems.
     if (find(service, account, stop)) {
         throw VeltraError("Veltra.Keychain", itemExists,

@@ -1,7 +1,8 @@
 #pragma once
 
+#include "core/support/StopToken.h"
+
 #include <optional>
-#include <stop_token>
 #include <string>
 
 namespace veltra {
@@ -19,11 +20,11 @@ public:
     // The item's secret; none when there is no such item. Throws VeltraError with the tool's
     // words when the keychain cannot be searched (locked, access denied).
     static std::optional<std::string> find(const std::string& service, const std::string& account,
-                                           std::stop_token stop = {});
+                                           StopToken stop = {});
     // Adds an item; never replaces one (VeltraError itemExists).
     static void add(const std::string& service, const std::string& account,
                     const std::string& label, const std::string& comment, const std::string& secret,
-                    std::stop_token stop = {});
+                    StopToken stop = {});
 };
 
 } // namespace veltra

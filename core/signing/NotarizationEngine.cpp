@@ -43,41 +43,39 @@ std::string_view NotaryFailure::name(Kind kind) {
     return "unknown";
 }
 
-void NotaryLogFilter::consume(std::string_view chunk) {
-    const std::lock_guard guard(lock_);
+void NotaryLogFilter::consume(std::string_view raw) {
     const auto log = [&](const std::string& line) {
         if (onLog_) {
             onLog_(line);
         }
     };
-    forEachTrimmedLine(chunk, [&](std::string_view line) {
-        if (!loggedSubmissionID_ && line.starts_with("id: ")) {
-            const auto id = trimWhitespace(line.substr(4));
-            if (id.size() >= 10) {
-                loggedSubmissionID_ = true;
-                log("   Success: Submission ID: " + std::string(id));
-            }
+    const auto line = trimWhitespace(raw);
+    if (!submissionID_ && line.starts_with("id: ")) {
+        const auto id = trimWhitespace(line.substr(4));
+        if (id.size() >= 10) {
+            submissionID_ = std::string(id);
+            log("   Success: Submission ID: " + *submissionID_);
         }
-        if (!loggedProcessing_ &&
-            (contains(line, "Waiting for processing") || contains(line, "In Progress"))) {
-            loggedProcessing_ = true;
-            log("   Waiting for Apple Notary processing...");
-        }
-        if (!loggedAccepted_ &&
-            (contains(line, "status: Accepted") || contains(line, "status: accepted"))) {
-            loggedAccepted_ = true;
-            log("   Success: Apple Notarization accepted");
-        }
-        if (contains(line, "status: Invalid")) {
-            log("   Error: Apple Notarization marked as Invalid");
-        }
-    });
+    }
+    if (!loggedProcessing_ &&
+        (contains(line, "Waiting for processing") || contains(line, "In Progress"))) {
+        loggedProcessing_ = true;
+        log("   Waiting for Apple Notary processing...");
+    }
+    if (!loggedAccepted_ &&
+        (contains(line, "status: Accepted") || contains(line, "status: accepted"))) {
+        loggedAccepted_ = true;
+        log("   Success: Apple Notarization accepted");
+    }
+    if (contains(line, "status: Invalid")) {
+        log("   Error: Apple Notarization marked as Invalid");
+    }
 }
 
 void NotarizationEngine::storeCredentials(const std::string& keychainProfile,
                                           const std::string& appleID,
                                           const std::string& appPassword, const std::string& teamID,
-                                          const NotaryLog& onLog, std::stop_token stop) const {
+                                          const NotaryLog& onLog, StopToken stop) const {
     // Without --password notarytool asks for it at its terminal.
     ProcessRequest request;
     request.arguments = {"notarytool", "store-credentials", keychainProfile, "--apple-id",
@@ -89,8 +87,7 @@ void NotarizationEngine::storeCredentials(const std::string& keychainProfile,
 void NotarizationEngine::storeAPIKeyCredentials(const std::string& keychainProfile,
                                                 const std::filesystem::path& keyFile,
                                                 const std::string& keyID, const std::string& issuer,
-                                                const NotaryLog& onLog,
-                                                std::stop_token stop) const {
+                                                const NotaryLog& onLog, StopToken stop) const {
     ProcessRequest request;
     request.arguments = {"notarytool", "store-credentials", keychainProfile,
                          "--key",      keyFile.string(),    "--key-id",
@@ -102,7 +99,7 @@ void NotarizationEngine::storeAPIKeyCredentials(const std::string& keychainProfi
 }
 
 void NotarizationEngine::store(ProcessRequest request, const std::string& keychainProfile,
-                               const NotaryLog& onLog, std::stop_token stop) const {
+                               const NotaryLog& onLog, StopToken stop) const {
     const auto log = [&](const std::string& line) {
         if (onLog) {
             onLog(line);
@@ -121,7 +118,7 @@ void NotarizationEngine::store(ProcessRequest request, const std::string& keycha
 
 ProcessResult NotarizationEngine::checkCredentials(const std::string& keychainProfile,
                                                    std::optional<double> timeout,
-                                                   std::stop_token stop) const {
+                                                   StopToken stop) const {
     ProcessRequest request;
     request.command = "xcrun";
     request.arguments = {"notarytool",    "history",         "--keychain-profile",
@@ -131,8 +128,7 @@ ProcessResult NotarizationEngine::checkCredentials(const std::string& keychainPr
 }
 
 bool NotarizationEngine::credentialsExist(const std::string& keychainProfile,
-                                          std::optional<double> timeout,
-                                          std::stop_token stop) const {
+                                          std::optional<double> timeout, StopToken stop) const {
     try {
         return checkCredentials(keychainProfile, timeout, stop).exitCode == 0;
     } catch (const CancellationError&) {
@@ -143,7 +139,7 @@ bool NotarizationEngine::credentialsExist(const std::string& keychainProfile,
 }
 
 void NotarizationEngine::staple(const std::filesystem::path& file, const NotaryLog& log,
-                                std::stop_token stop) const {
+                                StopToken stop) const {
     const auto name = file.filename().string();
     log("   Stapling Gatekeeper ticket to " + name + "...");
     const auto stapled = runRetrying(
@@ -166,7 +162,7 @@ void NotarizationEngine::staple(const std::filesystem::path& file, const NotaryL
 
 void NotarizationEngine::notarize(const std::filesystem::path& file,
                                   const std::string& keychainProfile, const NotaryLog& onLog,
-                                  std::stop_token stop) const {
+                                  StopToken stop) const {
     const auto log = [&](const std::string& line) {
         if (onLog) {
             onLog(line);
@@ -180,17 +176,11 @@ void NotarizationEngine::notarize(const std::filesystem::path& file,
     submit.command = "xcrun";
     submit.arguments = {"notarytool",         "submit",        file.string(),
                         "--keychain-profile", keychainProfile, "--wait"};
-    std::string seen;
-    bool reported = false;
-    submit.onOutput = [&](std::string_view chunk) {
-        filter.consume(chunk);
-        if (!reported && onSubmissionID) {
-            seen += chunk;
-            if (const auto id = submissionID(seen);
-                id && seen.find('\n', seen.find("id: ")) != std::string::npos) {
-                reported = true;
-                onSubmissionID(*id);
-            }
+    submit.onLine = [&](std::string_view line) {
+        const bool known = filter.submissionID().has_value();
+        filter.consume(line);
+        if (!known && filter.submissionID() && onSubmissionID) {
+            onSubmissionID(*filter.submissionID());
         }
     };
     const auto result = ProcessRunner::run(submit, stop);
@@ -227,7 +217,7 @@ std::optional<std::string> NotarizationEngine::submissionID(std::string_view out
 void NotarizationEngine::finishSubmission(const std::filesystem::path& file,
                                           const std::string& keychainProfile,
                                           const std::string& submissionID, const NotaryLog& onLog,
-                                          std::stop_token stop) const {
+                                          StopToken stop) const {
     const auto log = [&](const std::string& line) {
         if (onLog) {
             onLog(line);

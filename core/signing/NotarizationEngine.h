@@ -2,12 +2,11 @@
 
 #include "core/process/ProcessRunner.h"
 #include "core/process/TransientRetry.h"
+#include "core/support/StopToken.h"
 
 #include <filesystem>
 #include <functional>
-#include <mutex>
 #include <optional>
-#include <stop_token>
 #include <string>
 #include <string_view>
 
@@ -25,18 +24,20 @@ public:
     static std::string_view name(Kind kind);
 };
 
-// Turns a submission's output into at most four kinds of progress line. One per submission.
+// Turns a submission's output into at most four kinds of progress line. One per submission,
+// given its lines one at a time.
 class NotaryLogFilter {
 public:
     explicit NotaryLogFilter(NotaryLog onLog) : onLog_(std::move(onLog)) {}
-    void consume(std::string_view chunk);
+    void consume(std::string_view line);
+    // The submission's ID, once a line has named it.
+    const std::optional<std::string>& submissionID() const { return submissionID_; }
 
 private:
     NotaryLog onLog_;
-    bool loggedSubmissionID_ = false;
+    std::optional<std::string> submissionID_{};
     bool loggedProcessing_ = false;
     bool loggedAccepted_ = false;
-    std::mutex lock_{};
 };
 
 // Sends files to Apple's notary service and staples the ticket, naming only a keychain profile.
@@ -47,30 +48,29 @@ public:
     // argument.
     void storeCredentials(const std::string& keychainProfile, const std::string& appleID,
                           const std::string& appPassword, const std::string& teamID,
-                          const NotaryLog& onLog, std::stop_token stop = {}) const;
+                          const NotaryLog& onLog, StopToken stop = {}) const;
     // The App Store Connect API key form: the .p8 key file's path, its key ID and the issuer
     // ID, none of them secret on a command line. Throws as storeCredentials does.
     void storeAPIKeyCredentials(const std::string& keychainProfile,
                                 const std::filesystem::path& keyFile, const std::string& keyID,
                                 const std::string& issuer, const NotaryLog& onLog,
-                                std::stop_token stop = {}) const;
+                                StopToken stop = {}) const;
     // Whether the profile works; never throws except CancellationError. `timeout` in seconds.
     bool credentialsExist(const std::string& keychainProfile, std::optional<double> timeout = {},
-                          std::stop_token stop = {}) const;
+                          StopToken stop = {}) const;
     // The same check with the tool's words, for a screen that explains a failure.
     ProcessResult checkCredentials(const std::string& keychainProfile,
-                                   std::optional<double> timeout = {},
-                                   std::stop_token stop = {}) const;
+                                   std::optional<double> timeout = {}, StopToken stop = {}) const;
     // Submits, waits for the verdict and staples. Throws VeltraError 502 (failed or Invalid) or
     // 503 (stapling failed).
     void notarize(const std::filesystem::path& file, const std::string& keychainProfile,
-                  const NotaryLog& onLog, std::stop_token stop = {}) const;
+                  const NotaryLog& onLog, StopToken stop = {}) const;
     // Finishes a submission made earlier (one whose wait was cancelled or timed out) instead of
     // submitting again: `notarytool info`, `notarytool wait` while it is in progress, then the
     // staple. Throws like notarize.
     void finishSubmission(const std::filesystem::path& file, const std::string& keychainProfile,
                           const std::string& submissionID, const NotaryLog& onLog,
-                          std::stop_token stop = {}) const;
+                          StopToken stop = {}) const;
 
     // A ticket takes a while to reach Apple's servers after the verdict: stapling is tried
     // again for a few minutes while the tool says the record is not found.
@@ -86,11 +86,10 @@ public:
     static std::optional<std::string> submissionID(std::string_view output);
 
 private:
-    void staple(const std::filesystem::path& file, const NotaryLog& log,
-                std::stop_token stop) const;
+    void staple(const std::filesystem::path& file, const NotaryLog& log, StopToken stop) const;
     // Runs notarytool store-credentials as `request` gives it, logging and judging the answer.
     void store(ProcessRequest request, const std::string& keychainProfile, const NotaryLog& onLog,
-               std::stop_token stop) const;
+               StopToken stop) const;
 };
 
 } // namespace veltra

@@ -26,7 +26,7 @@ std::string securityInputLine(const std::vector<std::string>& arguments) {
     return line + "\n";
 }
 
-ProcessResult runSecurityCommand(const std::vector<std::string>& arguments, std::stop_token stop) {
+ProcessResult runSecurityCommand(const std::vector<std::string>& arguments, StopToken stop) {
     ProcessRequest request;
     request.command = "security";
     request.arguments = {"-i"};

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "core/process/ProcessRunner.h"
+#include "core/support/StopToken.h"
 
-#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -13,8 +13,7 @@ namespace veltra {
 // status that command's own. security's "<command>: returned N" trailer is taken off the
 // errors. Throws VeltraError ("Veltra", 22) when an argument holds a line break or NUL, which
 // one input line cannot carry.
-ProcessResult runSecurityCommand(const std::vector<std::string>& arguments,
-                                 std::stop_token stop = {});
+ProcessResult runSecurityCommand(const std::vector<std::string>& arguments, StopToken stop = {});
 
 // The input line for `security -i`: each argument in double quotes with `"` and `\` escaped,
 // the way security splits its lines.

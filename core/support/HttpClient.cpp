@@ -1,6 +1,7 @@
 #include "HttpClient.h"
 
 #include "Text.h"
+#include "core/support/StopToken.h"
 
 #include <algorithm>
 #include <cctype>
@@ -9,7 +10,6 @@
 #include <exception>
 #include <memory>
 #include <mutex>
-#include <stop_token>
 
 #include <fmt/format.h>
 
@@ -172,7 +172,7 @@ const char* HttpClient::redirectProtocols(const std::string& url) {
     return asciiLowercase(url).starts_with("https:") ? "https" : "http,https";
 }
 
-HttpResponse HttpClient::send(const HttpRequest& request, std::stop_token stop) const {
+HttpResponse HttpClient::send(const HttpRequest& request, StopToken stop) const {
     if (stop.stop_requested()) {
         throw CancellationError();
     }
@@ -225,7 +225,7 @@ HttpResponse HttpClient::send(const HttpRequest& request, std::stop_token stop) 
 
     // The multi interface lets a stop request wake the wait at once.
     curl_multi_add_handle(multi.get(), handle);
-    std::stop_callback wake(stop, [&multi] { curl_multi_wakeup(multi.get()); });
+    StopCallback wake(stop, [&multi] { curl_multi_wakeup(multi.get()); });
     int running = 1;
     CURLcode result = CURLE_OK;
     while (running > 0) {
@@ -271,21 +271,21 @@ HttpResponse HttpClient::send(const HttpRequest& request, std::stop_token stop) 
 }
 
 HttpResponse HttpClient::get(const std::string& url, std::vector<std::string> headers,
-                             std::stop_token stop) const {
+                             StopToken stop) const {
     HttpRequest request;
     request.url = url;
     request.headers = std::move(headers);
     return send(request, stop);
 }
 
-HttpResponse HttpClient::head(const std::string& url, std::stop_token stop) const {
+HttpResponse HttpClient::head(const std::string& url, StopToken stop) const {
     HttpRequest request;
     request.method = HttpRequest::Method::head;
     request.url = url;
     return send(request, stop);
 }
 
-HttpResponse HttpClient::post(const std::string& url, std::stop_token stop) const {
+HttpResponse HttpClient::post(const std::string& url, StopToken stop) const {
     HttpRequest request;
     request.method = HttpRequest::Method::post;
     request.url = url;

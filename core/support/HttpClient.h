@@ -1,11 +1,11 @@
 #pragma once
 
 #include "VeltraError.h"
+#include "core/support/StopToken.h"
 
 #include <cstdint>
 #include <functional>
 #include <optional>
-#include <stop_token>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -68,13 +68,13 @@ class HttpClient {
 public:
     HttpClient();
 
-    HttpResponse send(const HttpRequest& request, std::stop_token stop = {}) const;
+    HttpResponse send(const HttpRequest& request, StopToken stop = {}) const;
 
     HttpResponse get(const std::string& url, std::vector<std::string> headers = {},
-                     std::stop_token stop = {}) const;
-    HttpResponse head(const std::string& url, std::stop_token stop = {}) const;
+                     StopToken stop = {}) const;
+    HttpResponse head(const std::string& url, StopToken stop = {}) const;
     // POST with an empty body, as deploy hooks expect.
-    HttpResponse post(const std::string& url, std::stop_token stop = {}) const;
+    HttpResponse post(const std::string& url, StopToken stop = {}) const;
 
     // True for an http or https address with a host.
     static bool isWebAddress(const std::string& url);

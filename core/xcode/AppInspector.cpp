@@ -66,7 +66,7 @@ std::optional<std::string> stringValue(const nlohmann::json& plist, const char* 
 } // namespace
 
 std::optional<std::string> AppInspector::signatureProblem(const fs::path& app,
-                                                          std::stop_token stop) const {
+                                                          StopToken stop) const {
     const auto result = processRunner.run(
         ProcessRequest{.command = "codesign",
                        .arguments = {"--verify", "--deep", "--strict", app.string()}},
@@ -77,7 +77,7 @@ std::optional<std::string> AppInspector::signatureProblem(const fs::path& app,
     return std::string(trimWhitespace(combinedOutput(result)));
 }
 
-AppInfo AppInspector::inspect(const fs::path& app, std::stop_token stop) const {
+AppInfo AppInspector::inspect(const fs::path& app, StopToken stop) const {
     std::error_code error;
     if (!fs::exists(app, error)) {
         throw VeltraError("Veltra", errorCode::notFound, "App bundle not found at " + app.string());

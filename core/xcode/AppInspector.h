@@ -1,10 +1,10 @@
 #pragma once
 
 #include "core/process/ProcessRunner.h"
+#include "core/support/StopToken.h"
 
 #include <filesystem>
 #include <optional>
-#include <stop_token>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -33,12 +33,12 @@ public:
     ProcessRunner processRunner{};
 
     // Throws VeltraError 404 (no bundle) or 400 (no readable Info.plist dictionary).
-    AppInfo inspect(const std::filesystem::path& app, std::stop_token stop = {}) const;
+    AppInfo inspect(const std::filesystem::path& app, StopToken stop = {}) const;
 
     // `codesign --verify --deep --strict`: nothing when the signature holds, else what
     // codesign said (its error output, trimmed).
     std::optional<std::string> signatureProblem(const std::filesystem::path& app,
-                                                std::stop_token stop = {}) const;
+                                                StopToken stop = {}) const;
 
     // The team in a `codesign -dvvv` report; "not set" (ad-hoc) counts as none.
     static std::optional<std::string> teamIdentifier(std::string_view report);

@@ -109,26 +109,23 @@ std::optional<MilestoneTracker::Milestone> MilestoneTracker::milestone(std::stri
     return std::nullopt;
 }
 
-void MilestoneTracker::consume(std::string_view chunk) {
-    forEachTrimmedLine(chunk, [this](std::string_view line) {
-        auto found = milestone(line);
-        if (!found) {
-            return;
+void MilestoneTracker::consume(std::string_view line) {
+    auto found = milestone(trimWhitespace(line));
+    if (!found) {
+        return;
+    }
+    if (found->isError) {
+        if (onLog_) {
+            onLog_(found->text);
         }
-        if (found->isError) {
-            if (onLog_) {
-                onLog_(found->text);
-            }
-            return;
+        return;
+    }
+    if (found->text != last_) {
+        last_ = found->text;
+        if (onLog_) {
+            onLog_(last_);
         }
-        const std::lock_guard guard(lock_);
-        if (found->text != last_) {
-            last_ = found->text;
-            if (onLog_) {
-                onLog_(last_);
-            }
-        }
-    });
+    }
 }
 
 std::vector<std::string> XcodeArchiver::archiveArguments(
@@ -326,7 +323,7 @@ const std::vector<std::string>& XcodeArchiver::developmentEntitlements() {
     return keys;
 }
 
-std::string XcodeArchiver::readEntitlements(const fs::path& item, std::stop_token stop) {
+std::string XcodeArchiver::readEntitlements(const fs::path& item, StopToken stop) {
     const auto result =
         ProcessRunner::run("codesign", {"-d", "--entitlements", "-", "--xml", item.string()}, stop);
     if (result.exitCode != 0) {
@@ -344,7 +341,7 @@ std::string XcodeArchiver::readEntitlements(const fs::path& item, std::stop_toke
 std::vector<SignedItem> XcodeArchiver::signInsideOut(const fs::path& app,
                                                      const std::string& identity,
                                                      const LogHandler& onLog,
-                                                     std::stop_token stop) const {
+                                                     StopToken stop) const {
     const auto name = [&](const fs::path& item) {
         return item == app
                    ? app.filename().string()
@@ -422,7 +419,7 @@ fs::path XcodeArchiver::archiveAndExport(const XcodeProjectInfo& project, const 
                                          const std::optional<std::string>& signingIdentity,
                                          const std::optional<std::string>& marketingVersion,
                                          std::optional<std::int64_t> buildNumber,
-                                         const LogHandler& onLog, std::stop_token stop) const {
+                                         const LogHandler& onLog, StopToken stop) const {
     const auto log = [&](const std::string& line) {
         if (onLog) {
             onLog(line);
@@ -464,7 +461,7 @@ fs::path XcodeArchiver::archiveAndExport(const XcodeProjectInfo& project, const 
     request.command = "xcodebuild";
     request.arguments =
         archiveArguments(project, scheme, archivePath, marketingVersion, buildNumber);
-    request.onOutput = [&tracker](std::string_view chunk) { tracker.consume(chunk); };
+    request.onLine = [&tracker](std::string_view line) { tracker.consume(line); };
     const auto result = ProcessRunner::run(request, stop);
 
     std::error_code missing;

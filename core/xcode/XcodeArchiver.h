@@ -4,14 +4,13 @@
 #include "XcodeProjectInfo.h"
 #include "core/process/ProcessRunner.h"
 #include "core/support/LogHandler.h"
+#include "core/support/StopToken.h"
 
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <stop_token>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,13 +19,13 @@
 
 namespace veltra {
 
-// Boils xcodebuild's output down to a few progress lines. One per archive run; chunks may arrive
-// on several threads.
+// Boils xcodebuild's output down to a few progress lines. One per archive run, given its lines
+// one at a time.
 class MilestoneTracker {
 public:
     explicit MilestoneTracker(LogHandler onLog) : onLog_(std::move(onLog)) {}
 
-    void consume(std::string_view chunk);
+    void consume(std::string_view line);
 
     struct Milestone {
         std::string text;
@@ -38,7 +37,6 @@ public:
 private:
     LogHandler onLog_;
     std::string last_{};
-    std::mutex lock_{};
 };
 
 // One item of the app as re-signed: its entitlements as they ship (an object; empty when none).
@@ -65,8 +63,7 @@ public:
                                            const std::optional<std::string>& signingIdentity,
                                            const std::optional<std::string>& marketingVersion,
                                            std::optional<std::int64_t> buildNumber,
-                                           const LogHandler& onLog,
-                                           std::stop_token stop = {}) const;
+                                           const LogHandler& onLog, StopToken stop = {}) const;
 
     static std::vector<std::string>
     archiveArguments(const XcodeProjectInfo& project, const std::string& scheme,
@@ -92,10 +89,10 @@ public:
     // differs from what was asked (naming the keys).
     std::vector<SignedItem> signInsideOut(const std::filesystem::path& app,
                                           const std::string& identity, const LogHandler& onLog,
-                                          std::stop_token stop) const;
+                                          StopToken stop) const;
 
     // The entitlements `item`'s signature carries, as codesign prints them (XML; "" for none).
-    static std::string readEntitlements(const std::filesystem::path& item, std::stop_token stop);
+    static std::string readEntitlements(const std::filesystem::path& item, StopToken stop);
 
     // A Mach-O or universal binary, by its first four bytes.
     static bool isMachO(const std::filesystem::path& file);

@@ -121,8 +121,9 @@ XcodeBuildSettingsReader::decode(std::string_view output) {
     return targets;
 }
 
-std::vector<TargetSettings> XcodeBuildSettingsReader::releaseBuildSettings(
-    const XcodeProjectInfo& project, const std::string& scheme, std::stop_token stop) const {
+std::vector<TargetSettings>
+XcodeBuildSettingsReader::releaseBuildSettings(const XcodeProjectInfo& project,
+                                               const std::string& scheme, StopToken stop) const {
     ProcessResult result;
     try {
         result = ProcessRunner::run("xcodebuild", arguments(project, scheme), stop);
@@ -204,7 +205,7 @@ std::optional<std::string> XcodePlistValidator::check(const std::vector<TargetSe
 
 std::optional<std::string> XcodePlistValidator::validate(const XcodeProjectInfo& project,
                                                          const std::string& scheme,
-                                                         std::stop_token stop) const {
+                                                         StopToken stop) const {
     std::vector<TargetSettings> targets;
     try {
         targets = reader->releaseBuildSettings(project, scheme, stop);

@@ -2,12 +2,12 @@
 
 #include "XcodeProjectInfo.h"
 #include "core/process/ProcessRunner.h"
+#include "core/support/StopToken.h"
 #include "core/support/VeltraError.h"
 
 #include <map>
 #include <memory>
 #include <optional>
-#include <stop_token>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -40,14 +40,14 @@ public:
     // Throws BuildSettingsError.
     virtual std::vector<TargetSettings> releaseBuildSettings(const XcodeProjectInfo& project,
                                                              const std::string& scheme,
-                                                             std::stop_token stop) const = 0;
+                                                             StopToken stop) const = 0;
 };
 
 class XcodeBuildSettingsReader : public XcodeBuildSettingsReading {
 public:
     std::vector<TargetSettings> releaseBuildSettings(const XcodeProjectInfo& project,
                                                      const std::string& scheme,
-                                                     std::stop_token stop) const override;
+                                                     StopToken stop) const override;
 
     static std::vector<std::string> arguments(const XcodeProjectInfo& project,
                                               const std::string& scheme);
@@ -65,7 +65,7 @@ public:
     // nullopt when all is well, else the message for the user. Never throws, except
     // CancellationError.
     std::optional<std::string> validate(const XcodeProjectInfo& project, const std::string& scheme,
-                                        std::stop_token stop = {}) const;
+                                        StopToken stop = {}) const;
 
     // The checks on settings already read, in xcodebuild's target order.
     static std::optional<std::string> check(const std::vector<TargetSettings>& targets,

@@ -14,7 +14,7 @@ const std::string XcodeEnvironmentValidator::instruction =
 const std::string XcodeEnvironmentValidator::commandLineToolsMessage =
     "Xcode is not selected as the active developer directory.\n\n" + instruction;
 
-std::string DefaultXcodeEnvironmentReader::developerDirectory(std::stop_token stop) const {
+std::string DefaultXcodeEnvironmentReader::developerDirectory(StopToken stop) const {
     const auto result = ProcessRunner::run("xcode-select", {"-p"}, stop);
     if (result.exitCode != 0) {
         throw VeltraError("Veltra", errorCode::notFound,
@@ -23,11 +23,11 @@ std::string DefaultXcodeEnvironmentReader::developerDirectory(std::stop_token st
     return std::string(trimWhitespace(result.output));
 }
 
-ProcessResult DefaultXcodeEnvironmentReader::xcodeVersion(std::stop_token stop) const {
+ProcessResult DefaultXcodeEnvironmentReader::xcodeVersion(StopToken stop) const {
     return ProcessRunner::run("xcodebuild", {"-version"}, stop);
 }
 
-void XcodeEnvironmentValidator::validate(std::stop_token stop) const {
+void XcodeEnvironmentValidator::validate(StopToken stop) const {
     std::string directory;
     try {
         directory = reader->developerDirectory(stop);

@@ -8,6 +8,7 @@
 #include "core/profile/ProjectProfile.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/JsonReader.h"
+#include "core/support/StopToken.h"
 
 #include <atomic>
 #include <chrono>
@@ -191,7 +192,7 @@ TEST_F(WebsiteCommands, WatcherAndProfileSetKeepEachOthersChanges) {
     };
     std::atomic<bool> done = false;
     ProcessResult watched;
-    std::jthread watcher([&] {
+    JThread watcher([&] {
         watched = veltra(
             {"website", "check", "Acme", "--watch", "--interval", "0.1", "--timeout", "300"});
         done = true;

@@ -9,6 +9,7 @@
 #include "core/dmg/UDIFImage.h"
 #include "core/process/ProcessRunner.h"
 #include "core/support/FileUtilities.h"
+#include "core/support/StopToken.h"
 #include "core/support/VeltraError.h"
 #include "dsstore/AliasRecord.h"
 #include "dsstore/DSStore.h"
@@ -58,7 +59,7 @@ protected:
         options.config.backgroundType = DMGBackgroundType::defaultTemplate;
     }
 
-    void build(std::stop_token stop = {}) {
+    void build(StopToken stop = {}) {
         builder.build(
             options,
             [this](const std::string& line) {
@@ -252,7 +253,7 @@ TEST_F(DMGBuilderRun, WithoutHdiutilVeltraMakesTheImageItself) {
     EXPECT_EQ(alias.fileID, 0xFFFFFFFFu);
     EXPECT_EQ(alias.text(dsstore::AliasRecord::Tag::posixPath), "/.background/background.png");
 
-    std::stop_source stop;
+    StopSource stop;
     stop.request_stop();
     fs::remove(options.outputDMGPath);
     EXPECT_THROW(build(stop.get_token()), CancellationError);
@@ -448,8 +449,8 @@ TEST_F(DMGBuilderRun, MissingArtworkStopsBeforeMounting) {
 
 TEST_F(DMGBuilderRun, CancellingWhileMountedDetachesAndCleansUp) {
     fake("VELTRA_FAKE_HDIUTIL_DELAY", "60");
-    std::stop_source stop;
-    std::jthread canceller([&] {
+    StopSource stop;
+    JThread canceller([&] {
         // Cancel once the attach is running.
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
         while (std::chrono::steady_clock::now() < deadline) {

@@ -3,12 +3,12 @@
 #include "TestSupport.h"
 #include "core/feed/NativeEd25519Signer.h"
 #include "core/support/Base64.h"
+#include "core/support/StopToken.h"
 #include "core/support/VeltraError.h"
 
 #include <openssl/evp.h>
 #include <openssl/sha.h>
 #include <random>
-#include <stop_token>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -179,7 +179,7 @@ TEST(NativeEd25519Signer, StopsWhenAskedAndReportsUnreadableFiles) {
     testing::TempDir dir;
     writeBytes(dir / "file", Bytes(3 << 20, 1));
     const auto key = SparklePrivateKey::fromSeed({});
-    std::stop_source stop;
+    StopSource stop;
     stop.request_stop();
     EXPECT_THROW(NativeEd25519Signer::signFile(key, dir / "file", stop.get_token()),
                  CancellationError);

@@ -1,6 +1,7 @@
 #include "TestSupport.h"
 #include "core/pipeline/PipelineLogStream.h"
 #include "core/support/ManualClockQueue.h"
+#include "core/support/StopToken.h"
 
 #include <algorithm>
 #include <thread>
@@ -55,7 +56,7 @@ TEST_F(PipelineLogStreamTest, KeepsTheNewestTwoThousandLines) {
 }
 
 TEST_F(PipelineLogStreamTest, InboxHandsOverTheLastFiveHundredButArchivesEveryLine) {
-    std::jthread([&] {
+    JThread([&] {
         for (int i = 0; i < 600; ++i) {
             stream.inbox().append("tool " + std::to_string(i), false);
         }
@@ -87,7 +88,7 @@ TEST_F(PipelineLogStreamTest, CredentialsInAddressesNeverReachTheLogOrTheArchive
 TEST_F(PipelineLogStreamTest, StreamedToolOutputJoinsTheLogAndArchiveInOrder) {
     stream.startStreaming();
     stream.log("[1/6] start");
-    std::jthread([&] {
+    JThread([&] {
         for (int i = 0; i < 3; ++i) {
             stream.inbox().append("tool " + std::to_string(i), false);
         }

@@ -14,6 +14,7 @@
 #include "core/support/FileLock.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/PropertyList.h"
+#include "core/support/StopToken.h"
 #include "core/support/Uuid.h"
 #include "core/support/VeltraError.h"
 
@@ -613,9 +614,9 @@ TEST_F(ReleaseRun, OneReleaseOfAProfileAtATime) {
     }
 
     // Held by another process, which then goes away without a word: the lock is taken over.
-    std::stop_source stop;
+    StopSource stop;
     std::atomic<bool> holding = false;
-    std::jthread other([&] {
+    JThread other([&] {
         // -o: only flock itself holds the lock, so it is free once the runner has seen flock end
         // (its shell and sleep, killed with it, may outlive it for a moment).
         ProcessRequest request{

@@ -2,6 +2,7 @@
 #include "core/process/ProcessExecutionError.h"
 #include "core/process/ProcessRunner.h"
 #include "core/support/FileUtilities.h"
+#include "core/support/StopToken.h"
 #include "core/support/VeltraError.h"
 
 #include <atomic>
@@ -262,6 +263,26 @@ TEST_F(ProcessRunnerTest, SplitCharacterIsCapturedButNotStreamed) {
     EXPECT_LT(streamed.size(), text.size());
 }
 
+TEST_F(ProcessRunnerTest, LinesAreWholeAcrossReadsAndTheLastComesAtExit) {
+    // A line written in two goes with a pause between arrives in two reads; so does a character.
+    std::vector<std::string> lines;
+    ProcessRequest request{
+        .command = "/bin/sh",
+        .arguments = {"-c", "printf 'first ha'; sleep 0.2; printf 'lf\\r\\nsecond\\n\\nerr\\303'"
+                            " >&1; printf 'or\\n' >&2; sleep 0.2; printf '\\251 tail'"}};
+    request.onLine = [&](std::string_view line) { lines.emplace_back(line); };
+    runner.run(request);
+    EXPECT_EQ(lines,
+              (std::vector<std::string>{"first half", "second", "", "or", "err\xC3\xA9 tail"}));
+
+    // Ill-formed UTF-8 is replaced, not dropped.
+    lines.clear();
+    request.arguments = {"-c", "printf 'a\\377b\\n'"};
+    runner.run(request);
+    EXPECT_EQ(lines, (std::vector<std::string>{"a\xEF\xBF\xBD"
+                                               "b"}));
+}
+
 TEST_F(ProcessRunnerTest, TimeOutsKillTheToolAndTruncateTheSecondsInTheMessage) {
     struct Row {
         double timeout;
@@ -292,7 +313,7 @@ TEST_F(ProcessRunnerTest, TimeOutsKillTheToolAndTruncateTheSecondsInTheMessage) 
 }
 
 TEST_F(ProcessRunnerTest, CancellingKillsTheToolAndItsHelpers) {
-    std::stop_source stop;
+    StopSource stop;
     std::mutex lock;
     std::string streamed;
     ProcessRequest request{.command = "/bin/sh", .arguments = {"-c", "sleep 30 & echo $!; wait"}};
@@ -300,7 +321,7 @@ TEST_F(ProcessRunnerTest, CancellingKillsTheToolAndItsHelpers) {
         const std::lock_guard guard(lock);
         streamed += chunk;
     };
-    std::jthread canceller([&] {
+    JThread canceller([&] {
         const auto deadline = std::chrono::steady_clock::now() + 60s;
         while (std::chrono::steady_clock::now() < deadline) {
             {
@@ -340,7 +361,7 @@ TEST_F(ProcessRunnerTest, CancellingKillsTheToolAndItsHelpers) {
 // Runs `script` and stops it once it has printed a line; returns how long the run took.
 std::chrono::steady_clock::duration stopOnceReady(const ProcessRunner& runner,
                                                   const std::string& script) {
-    std::stop_source stop;
+    StopSource stop;
     std::atomic<bool> ready = false;
     ProcessRequest request{.command = "/bin/sh", .arguments = {"-c", script}};
     request.onOutput = [&](std::string_view chunk) {
@@ -348,7 +369,7 @@ std::chrono::steady_clock::duration stopOnceReady(const ProcessRunner& runner,
             ready = true;
         }
     };
-    std::jthread canceller([&] {
+    JThread canceller([&] {
         const auto deadline = std::chrono::steady_clock::now() + 60s;
         while (!ready && std::chrono::steady_clock::now() < deadline) {
             std::this_thread::sleep_for(10ms);
@@ -398,7 +419,7 @@ TEST_F(ProcessRunnerTest, TerminalReplyAnswersThePromptOnTheControllingTerminal)
 }
 
 TEST_F(ProcessRunnerTest, AlreadyCancelledCallerLaunchesNothing) {
-    std::stop_source stop;
+    StopSource stop;
     stop.request_stop();
     const auto marker = dir / "launched";
     EXPECT_THROW(runner.run("/bin/sh", {"-c", "touch '" + marker.string() + "'"}, stop.get_token()),
@@ -406,7 +427,7 @@ TEST_F(ProcessRunnerTest, AlreadyCancelledCallerLaunchesNothing) {
     EXPECT_FALSE(std::filesystem::exists(marker));
 
     // A stop after the run finished changes nothing.
-    std::stop_source later;
+    StopSource later;
     const auto result = runner.run("/bin/echo", {"done"}, later.get_token());
     later.request_stop();
     EXPECT_EQ(result.output, "done\n");
@@ -417,7 +438,7 @@ TEST_F(ProcessRunnerTest, FiftyConcurrentRunsKeepTheirOwnOutput) {
     std::vector<ProcessResult> results(runs);
     std::atomic<int> failures = 0;
     {
-        std::vector<std::jthread> threads;
+        std::vector<JThread> threads;
         for (int i = 0; i < runs; ++i) {
             threads.emplace_back([&, i] {
                 try {

@@ -1,4 +1,5 @@
 #include "core/process/ThreadSafeBuffer.h"
+#include "core/support/StopToken.h"
 
 #include <random>
 #include <thread>
@@ -49,7 +50,7 @@ TEST(ThreadSafeBuffer, DecodesWhatWasCutMidCharacterWithReplacement) {
 TEST(ThreadSafeBuffer, ConcurrentAppendsAndReadsStayConsistent) {
     ThreadSafeBuffer buffer(100);
     {
-        std::jthread writer([&] {
+        JThread writer([&] {
             for (int i = 0; i < 20000; ++i) {
                 buffer.append("0123456789");
             }

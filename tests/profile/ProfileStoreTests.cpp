@@ -5,11 +5,11 @@
 #include "core/records/ReleaseCompletion.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/ManualClockQueue.h"
+#include "core/support/StopToken.h"
 #include "core/support/VeltraError.h"
 
 #include <chrono>
 #include <random>
-#include <stop_token>
 #include <sys/stat.h>
 #include <thread>
 
@@ -259,9 +259,9 @@ TEST_F(ProfileStoreTest, InspectorReportsFoldersAndFeedAddress) {
 // after saves however fast the disk and the build are.
 std::chrono::duration<double> firstSaveTime(const std::filesystem::path& file) {
     const ProcessRunner runner;
-    std::stop_source stop;
+    StopSource stop;
     const auto started = std::chrono::steady_clock::now();
-    std::jthread writer([&] {
+    JThread writer([&] {
         try {
             runner.run(ProcessRequest{.command = PROFILE_WRITER, .arguments = {file.string()}},
                        stop.get_token());

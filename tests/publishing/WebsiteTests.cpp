@@ -8,6 +8,7 @@
 #include "core/publishing/DownloadPageTemplate.h"
 #include "core/publishing/WebDeployer.h"
 #include "core/support/FileUtilities.h"
+#include "core/support/StopToken.h"
 #include "core/support/VeltraError.h"
 
 #include <arpa/inet.h>
@@ -665,14 +666,14 @@ TEST(WebsitePublicationProbe, AFourthCheckWaitsForASlot) {
     std::condition_variable changed;
     int running = 0;
     bool open = false;
-    WebsitePublicationProbe probe([&](const WebsitePublicationCheck&, std::stop_token) {
+    WebsitePublicationProbe probe([&](const WebsitePublicationCheck&, StopToken) {
         std::unique_lock guard(lock);
         ++running;
         changed.notify_all();
         changed.wait(guard, [&] { return open; });
         return true;
     });
-    std::vector<std::jthread> checks;
+    std::vector<JThread> checks;
     std::atomic<int> done = 0;
     for (int i = 0; i < 4; ++i) {
         checks.emplace_back([&] {
@@ -701,7 +702,7 @@ TEST(WebsitePublicationProbe, AFourthCheckWaitsForASlot) {
     // A caller that gives up while waiting gets no success and takes no slot.
     open = false;
     running = 0;
-    std::vector<std::jthread> holders;
+    std::vector<JThread> holders;
     for (int i = 0; i < 3; ++i) {
         holders.emplace_back([&] { probe.check({}, std::chrono::milliseconds(5)); });
     }
@@ -710,8 +711,8 @@ TEST(WebsitePublicationProbe, AFourthCheckWaitsForASlot) {
         ASSERT_TRUE(
             changed.wait_for(guard, std::chrono::seconds(60), [&] { return running == 3; }));
     }
-    std::stop_source stop;
-    std::jthread waiter(
+    StopSource stop;
+    JThread waiter(
         [&] { EXPECT_FALSE(probe.check({}, std::chrono::milliseconds(5), stop.get_token())); });
     stop.request_stop();
     waiter.join();
@@ -827,9 +828,9 @@ protected:
 
     // Runs `git mode` and cancels it once it is under way.
     void runAndCancel(const std::string& mode) {
-        std::stop_source stop;
+        StopSource stop;
         std::atomic<bool> ready = false;
-        std::jthread canceller([&] {
+        JThread canceller([&] {
             const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
             while (!ready && std::chrono::steady_clock::now() < deadline) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -863,9 +864,9 @@ TEST_F(StubbornGit, AKilledGitsIndexLockIsRemovedOnlyWhenItIsVeltrasOwn) {
     fs::remove(lock);
 
     // While another git of this process runs, the lock may be that one's.
-    std::stop_source other;
+    StopSource other;
     std::atomic<bool> otherReady = false;
-    std::jthread running([&] {
+    JThread running([&] {
         try {
             GitCommand::run(repository, {"wait"}, other.get_token(), 120,
                             [&](std::string_view) { otherReady = true; });

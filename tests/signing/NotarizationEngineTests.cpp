@@ -1,6 +1,7 @@
 #include "AppleTools.h"
 #include "core/signing/NotarizationEngine.h"
 #include "core/support/FileUtilities.h"
+#include "core/support/StopToken.h"
 #include "core/support/VeltraError.h"
 
 #include <chrono>
@@ -35,12 +36,18 @@ TEST(NotaryFailure, Classifies) {
     EXPECT_EQ(NotaryFailure::classify(""), NotaryFailure::unknown);
 }
 
+// The progress lines of output read in these chunks, assembled into lines as the runner does.
 Lines filtered(const std::vector<std::string>& chunks) {
     Lines lines;
     NotaryLogFilter filter([&lines](const std::string& line) { lines.push_back(line); });
+    const std::function<void(std::string_view)> onLine = [&filter](std::string_view line) {
+        filter.consume(line);
+    };
+    LineAssembler assembler(onLine);
     for (const auto& chunk : chunks) {
-        filter.consume(chunk);
+        assembler.consume(chunk);
     }
+    assembler.finish();
     return lines;
 }
 
@@ -59,27 +66,6 @@ TEST(NotaryLogFilter, EachProgressLineOnce) {
               (Lines{"   Waiting for Apple Notary processing...",
                      "   Error: Apple Notarization marked as Invalid",
                      "   Error: Apple Notarization marked as Invalid"}));
-}
-
-TEST(NotaryLogFilter, ConcurrentChunksStillLogOnce) {
-    std::mutex lock;
-    Lines lines;
-    NotaryLogFilter filter([&](const std::string& line) {
-        const std::lock_guard guard(lock);
-        lines.push_back(line);
-    });
-    {
-        std::vector<std::jthread> threads;
-        for (int t = 0; t < 4; ++t) {
-            threads.emplace_back([&filter] {
-                for (int i = 0; i < 100; ++i) {
-                    filter.consume("Waiting for processing to complete.\n  status: Accepted\n");
-                }
-            });
-        }
-    }
-    EXPECT_EQ(lines, (Lines{"   Waiting for Apple Notary processing...",
-                            "   Success: Apple Notarization accepted"}));
 }
 
 class NotarizationRun : public testing::AppleToolsTest {
@@ -168,6 +154,24 @@ TEST_F(NotarizationRun, PassingFailuresAreTriedAgainNeverResubmitted) {
     EXPECT_EQ(std::ranges::count_if(runsOf("xcrun"),
                                     [](const Lines& run) { return run.at(1) == "submit"; }),
               1);
+}
+
+// notarytool's lines reach the filter whole wherever the reads split them.
+TEST_F(NotarizationRun, EveryLineSplitAtEveryByteReadsTheSame) {
+    store();
+    for (const auto* verdict : {"", "invalid"}) {
+        SCOPED_TRACE(verdict);
+        fake("VELTRA_FAKE_NOTARY", verdict);
+        const auto output =
+            ProcessRunner::run("xcrun", {"notarytool", "submit", (dir / "Acme-1.2.3.dmg").string(),
+                                         "--keychain-profile", "acme-notary", "--wait"})
+                .output;
+        const auto whole = filtered({output});
+        ASSERT_GE(whole.size(), 3u);
+        for (std::size_t at = 0; at <= output.size(); ++at) {
+            ASSERT_EQ(filtered({output.substr(0, at), output.substr(at)}), whole) << at;
+        }
+    }
 }
 
 TEST_F(NotarizationRun, StoresAnAppStoreConnectAPIKey) {
@@ -290,8 +294,8 @@ TEST_F(NotarizationRun, ProfileCheckFailuresAreFalse) {
 TEST_F(NotarizationRun, CancellingTheWaitKillsNotarytool) {
     store();
     fake("VELTRA_FAKE_NOTARY_DELAY", "60");
-    std::stop_source stop;
-    std::jthread canceller([&stop] {
+    StopSource stop;
+    JThread canceller([&stop] {
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
         stop.request_stop();
     });

@@ -4,6 +4,7 @@
 #include "Background.h"
 #include "QtMainQueue.h"
 #include "StudioTestSupport.h"
+#include "core/support/StopToken.h"
 
 #include <QThread>
 #include <atomic>
@@ -22,7 +23,7 @@ TEST(QtMainQueue, RunsTasksFromOtherThreadsOnTheGuiThreadInOrder) {
     QtMainQueue queue;
     std::vector<int> order;
     bool allOnMain = true;
-    std::jthread poster([&] {
+    JThread poster([&] {
         EXPECT_FALSE(queue.isMainThread());
         for (int i = 0; i < 200; ++i) {
             queue.post([&, i] {
@@ -69,7 +70,7 @@ TEST(Background, ResultsReachOnlyPagesThatStillExist) {
     auto* closed = new QObject;
     background.run<int>(
         closed,
-        [&](std::stop_token) {
+        [&](StopToken) {
             while (!finish) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
             }
@@ -83,7 +84,7 @@ TEST(Background, ResultsReachOnlyPagesThatStillExist) {
     std::optional<int> received;
     bool onGuiThread = false;
     background.run<int>(
-        &open, [](std::stop_token) { return 7; },
+        &open, [](StopToken) { return 7; },
         [&](int value) {
             onGuiThread = QThread::currentThread() == open.thread();
             received = value;

@@ -1,5 +1,6 @@
 #include "TestHttpServer.h"
 #include "core/support/HttpClient.h"
+#include "core/support/StopToken.h"
 #include "core/support/Uuid.h"
 
 #include <chrono>
@@ -148,8 +149,8 @@ TEST(HttpClient, TimeLimitsCancellationAndUnreachableHosts) {
         EXPECT_EQ(error.domain(), "Veltra.HTTP");
     }
 
-    std::stop_source stop;
-    std::jthread canceller([&] {
+    StopSource stop;
+    JThread canceller([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
         stop.request_stop();
     });

@@ -1,6 +1,7 @@
 #include "core/support/EventLoop.h"
 #include "core/support/ManualClockQueue.h"
 #include "core/support/NotificationCenter.h"
+#include "core/support/StopToken.h"
 
 #include <atomic>
 #include <string>
@@ -18,7 +19,7 @@ TEST(EventLoop, RunsWorkFromOtherThreadsOnItsOwnThreadInDueOrder) {
     EventLoop loop;
     std::vector<std::string> order;
     std::atomic<bool> allOnMain = true;
-    std::jthread poster([&] {
+    JThread poster([&] {
         EXPECT_FALSE(loop.isMainThread());
         loop.postAfter(500ms, [&] {
             allOnMain = allOnMain && loop.isMainThread();
@@ -73,7 +74,7 @@ TEST(NotificationCenter, DeliversOnTheMainQueueToCurrentObserversOfThatName) {
     auto other = center.addObserver("VeltraReleaseNotificationEvent",
                                     [&](const Notification&) { seen.push_back("event"); });
 
-    std::jthread([&] { center.post("VeltraReleaseCompleted", std::string("1.2")); }).join();
+    JThread([&] { center.post("VeltraReleaseCompleted", std::string("1.2")); }).join();
     EXPECT_TRUE(seen.empty()) << "delivered off the main queue";
     queue.runPending();
     EXPECT_EQ(seen, std::vector<std::string>{"completed:1.2"});

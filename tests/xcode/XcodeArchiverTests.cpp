@@ -1,6 +1,7 @@
 #include "AppleTools.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/PropertyList.h"
+#include "core/support/StopToken.h"
 #include "core/support/VeltraError.h"
 #include "core/xcode/XcodeArchiver.h"
 
@@ -16,12 +17,18 @@ using testing::writeFile;
 namespace fs = std::filesystem;
 using Lines = std::vector<std::string>;
 
+// The milestones of output read in these chunks, assembled into lines as the runner does.
 Lines milestonesOf(const std::vector<std::string>& chunks) {
     Lines lines;
     MilestoneTracker tracker([&lines](const std::string& line) { lines.push_back(line); });
+    const std::function<void(std::string_view)> onLine = [&tracker](std::string_view line) {
+        tracker.consume(line);
+    };
+    LineAssembler assembler(onLine);
     for (const auto& chunk : chunks) {
-        tracker.consume(chunk);
+        assembler.consume(chunk);
     }
+    assembler.finish();
     return lines;
 }
 
@@ -51,7 +58,8 @@ TEST(MilestoneTracker, RepeatsCollapseUntilSomethingElseHappens) {
                          ".swift (in target 'Core' from project 'X')\n");
     }
     chunks.push_back("Ld /build/Core normal (in target 'Core' from project 'X')\n");
-    chunks.push_back("CompileSwift normal arm64 /src/G.swift (in target 'Core' from project 'X')");
+    chunks.push_back(
+        "CompileSwift normal arm64 /src/G.swift (in target 'Core' from project 'X')\n");
     // Errors are never collapsed.
     chunks.push_back("ld: error: x\nld: error: x\n");
     EXPECT_EQ(milestonesOf(chunks),
@@ -68,28 +76,9 @@ TEST(MilestoneTracker, LinesWithoutATargetSayNothing) {
                             "CodeSign /path/App.app (in target 'App' from project "
                             "'App')"}),
               (Lines{"   Building target 'Acme'...", "   Signing target 'App'..."}));
-    // A chunk cut mid-line treats each fragment as a line.
-    EXPECT_EQ(milestonesOf({"Ld /x (in tar", "get 'A' from project 'B')\n"}), Lines{});
-}
-
-TEST(MilestoneTracker, ChunksFromSeveralThreadsLogEachMilestoneOnce) {
-    std::mutex lock;
-    Lines lines;
-    MilestoneTracker tracker([&](const std::string& line) {
-        const std::lock_guard guard(lock);
-        lines.push_back(line);
-    });
-    {
-        std::vector<std::jthread> threads;
-        for (int t = 0; t < 4; ++t) {
-            threads.emplace_back([&tracker] {
-                for (int i = 0; i < 200; ++i) {
-                    tracker.consume("Ld /b/Core (in target 'Core' from project 'X')\n");
-                }
-            });
-        }
-    }
-    EXPECT_EQ(lines, Lines{"   Linking target 'Core'..."});
+    // A line cut between two reads is read whole.
+    EXPECT_EQ(milestonesOf({"Ld /x (in tar", "get 'A' from project 'B')\n"}),
+              Lines{"   Linking target 'A'..."});
 }
 
 TEST(XcodeArchiverSummary, ErrorsAreCollectedCutAndCounted) {
@@ -207,7 +196,7 @@ protected:
 
     fs::path archive(const std::optional<std::string>& identity,
                      const std::optional<std::string>& version = std::nullopt,
-                     std::optional<std::int64_t> build = std::nullopt, std::stop_token stop = {}) {
+                     std::optional<std::int64_t> build = std::nullopt, StopToken stop = {}) {
         return XcodeArchiver().archiveAndExport(
             project(), "Acme", identity, version, build,
             [this](const std::string& line) {
@@ -366,6 +355,24 @@ TEST_F(XcodeArchiverRun, WithoutAnIdentityXcodesSignatureStays) {
     removeBuildFolder(app);
 }
 
+// xcodebuild's lines reach the tracker whole wherever the reads split them.
+TEST_F(XcodeArchiverRun, EveryLineSplitAtEveryByteReadsTheSame) {
+    for (const auto* scenario : {"", "compile-error"}) {
+        SCOPED_TRACE(scenario);
+        fake("VELTRA_FAKE_ARCHIVE", scenario);
+        const auto output =
+            ProcessRunner::run("xcodebuild",
+                               XcodeArchiver::archiveArguments(project(), "Acme",
+                                                               dir / "split.xcarchive", "2.0", 7))
+                .output;
+        const auto whole = milestonesOf({output});
+        ASSERT_GE(whole.size(), 3u);
+        for (std::size_t at = 0; at <= output.size(); ++at) {
+            ASSERT_EQ(milestonesOf({output.substr(0, at), output.substr(at)}), whole) << at;
+        }
+    }
+}
+
 TEST_F(XcodeArchiverRun, CompileErrorWritesTheLogAndSummarises) {
     fake("VELTRA_FAKE_ARCHIVE", "compile-error");
     const auto error = failure();
@@ -428,8 +435,8 @@ TEST_F(XcodeArchiverRun, InfoPlistProblemStopsBeforeAnyBuild) {
 
 TEST_F(XcodeArchiverRun, CancellingKillsXcodebuild) {
     fake("VELTRA_FAKE_ARCHIVE_DELAY", "60");
-    std::stop_source stop;
-    std::jthread canceller([&stop] {
+    StopSource stop;
+    JThread canceller([&stop] {
         std::this_thread::sleep_for(std::chrono::milliseconds(700));
         stop.request_stop();
     });
@@ -439,7 +446,7 @@ TEST_F(XcodeArchiverRun, CancellingKillsXcodebuild) {
     EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(30));
     EXPECT_TRUE(buildFolders().empty()) << "a cancelled archive leaves no build folder";
 
-    std::stop_source already;
+    StopSource already;
     already.request_stop();
     log.clear();
     EXPECT_THROW(archive(std::nullopt, std::nullopt, std::nullopt, already.get_token()),
