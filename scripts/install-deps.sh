@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build ccache git pkg-config python3 python3-yaml
   clang-19 libclang-rt-19-dev clang-format libc++-19-dev libc++abi-19-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libgtest-dev libgmock-dev googletest libbenchmark-dev
   libfmt-dev libcli11-dev nlohmann-json3-dev
   libssl-dev libsodium-dev libcurl4-openssl-dev libexpat1-dev
   libplist-dev libutf8proc-dev libcairo2-dev libpango1.0-dev libcpp-httplib-dev

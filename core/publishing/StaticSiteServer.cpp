@@ -3,6 +3,28 @@
 #include "core/support/VeltraError.h"
 
 #include <chrono>
+
+#ifdef VELTRA_NO_SITE_SERVER
+
+namespace httplib {
+class Server {};
+} // namespace httplib
+
+namespace veltra {
+
+StaticSiteServer::StaticSiteServer(const std::filesystem::path&, std::uint16_t) {
+    throw VeltraError("Veltra", errorCode::notFound,
+                      "This build of Veltra has no local web server (built without cpp-httplib).");
+}
+
+StaticSiteServer::~StaticSiteServer() = default;
+
+std::string StaticSiteServer::url() const { return {}; }
+
+} // namespace veltra
+
+#else
+
 #include <httplib.h>
 
 namespace veltra {
@@ -48,3 +70,5 @@ std::string StaticSiteServer::url() const {
 }
 
 } // namespace veltra
+
+#endif

@@ -16,6 +16,7 @@ class Veltra < Formula
   depends_on "curl"
   depends_on "expat"
   depends_on "fmt"
+  depends_on "libisofs"
   depends_on "libplist"
   depends_on "libsodium"
   depends_on :macos

@@ -105,7 +105,7 @@ TEST(TelemetryCommand, ADemoReleaseQueuesEventsThatCarryNothingOfTheApp) {
     }
     for (const auto& value : secret) {
         // The hosting provider's enumeration value is reported by design.
-        if (value.empty() || value == finished["hostingProvider"]) {
+        if (value.empty() || finished["hostingProvider"] == value) {
             continue;
         }
         for (const auto& text : sent) {

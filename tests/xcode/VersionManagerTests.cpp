@@ -39,8 +39,8 @@ TEST(VersionManager, RealProjectsReadAndApplyAsExpected) {
         const auto expected = nlohmann::json::parse(readFile(entry.path() / "expected.json"));
         const auto file = entry.path() / expected["project"].get<std::string>();
         const auto info = manager.readVersionInfo(file.parent_path(), std::nullopt);
-        EXPECT_EQ(info.currentVersion, expected["read"]["version"]);
-        EXPECT_EQ(info.currentBuild, expected["read"]["build"]);
+        EXPECT_EQ(info.currentVersion, expected["read"]["version"].get<std::string>());
+        EXPECT_EQ(info.currentBuild, expected["read"]["build"].get<decltype(info.currentBuild)>());
         EXPECT_EQ(info.nextSuggestedBuild, info.currentBuild + 1);
 
         const std::string original = readFile(file);
@@ -56,11 +56,11 @@ TEST(VersionManager, RealProjectsReadAndApplyAsExpected) {
             const auto& want = expected[row.key];
             auto text = original;
             const auto result = VersionManager::applyToText(text, row.version, row.build);
-            EXPECT_EQ(sha256(text), want["sha256"]);
-            EXPECT_EQ(text.size(), want["bytes"]);
-            EXPECT_EQ(result.versionChanged, want["versionChanged"]);
-            EXPECT_EQ(result.buildChanged, want["buildChanged"]);
-            EXPECT_EQ(result.insertions, want["insertions"]);
+            EXPECT_EQ(want["sha256"], sha256(text));
+            EXPECT_EQ(want["bytes"], text.size());
+            EXPECT_EQ(want["versionChanged"], result.versionChanged);
+            EXPECT_EQ(want["buildChanged"], result.buildChanged);
+            EXPECT_EQ(want["insertions"], result.insertions);
             EXPECT_EQ(result.inserted,
                       want["inserted"].is_null() ? "" : want["inserted"].get<std::string>());
         }
