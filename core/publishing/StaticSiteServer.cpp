@@ -19,7 +19,9 @@ StaticSiteServer::StaticSiteServer(const std::filesystem::path&, std::uint16_t) 
 
 StaticSiteServer::~StaticSiteServer() = default;
 
-std::string StaticSiteServer::url() const { return {}; }
+std::string StaticSiteServer::url() const {
+    return {};
+}
 
 } // namespace veltra
 

@@ -24,7 +24,9 @@ TEST(StopToken, CallbacksRunOnceWhenAndOnlyWhileRegistered) {
     int ran = 0;
     int removedRan = 0;
     StopCallback kept(token, [&ran] { ++ran; });
-    { StopCallback removed(token, [&removedRan] { ++removedRan; }); }
+    {
+        StopCallback removed(token, [&removedRan] { ++removedRan; });
+    }
     EXPECT_TRUE(source.request_stop());
     EXPECT_FALSE(source.request_stop()) << "only the first request counts";
     EXPECT_TRUE(token.stop_requested());
@@ -67,7 +69,9 @@ TEST(StopToken, ThreadsGetTheirTokenAndAreStoppedAndJoinedWhenTheyGo) {
     }
     EXPECT_TRUE(sawStop);
     int plain = 0;
-    { JThread worker([&plain](int add) { plain += add; }, 3); }
+    {
+        JThread worker([&plain](int add) { plain += add; }, 3);
+    }
     EXPECT_EQ(plain, 3);
 }
 
