@@ -181,6 +181,25 @@ void addVerify(CLI::App& group, CliContext& context) {
         const UDIFImage image(expandTilde(*file));
         image.verify(context.stop);
         const auto* holder = image.volumePartition();
+        if (holder == nullptr && image.apfsPartition() != nullptr) {
+            // APFS is checked (its checksums above) and named; its files are not listed.
+            const auto* container = image.apfsPartition();
+            if (*json) {
+                context.out << jsonText(Json{{"format", image.format()},
+                                             {"partition", container->name},
+                                             {"fileSystem", "APFS"},
+                                             {"checksumsVerified", true}})
+                            << '\n';
+                return;
+            }
+            context.out << fmt::format("✓ {}: {} image, checksums verified\n",
+                                       std::filesystem::path(*file).filename().string(),
+                                       image.format());
+            context.out << fmt::format("Volume: APFS container in '{}' (Veltra lists only HFS+ "
+                                       "volumes)\n",
+                                       container->name);
+            return;
+        }
         if (holder == nullptr) {
             throw failure("The image's checksums are right, but none of its partitions holds an "
                           "HFS+ volume.");
@@ -218,8 +237,19 @@ void addVerify(CLI::App& group, CliContext& context) {
         context.out << fmt::format("Volume '{}': {}, {} bytes{}\n", volume.volumeName(), fileSystem,
                                    volume.totalBytes(),
                                    volume.hasCustomIcon() ? ", custom icon" : "");
+        // HFS+ names its private folders with control characters ("\r", NULs): never raw to a
+        // terminal.
+        const auto shown = [](const std::string& name) {
+            std::string out;
+            for (const char raw : name) {
+                const auto c = static_cast<unsigned char>(raw);
+                out += c < 0x20 || c == 0x7F ? fmt::format("\\x{:02X}", c)
+                                             : std::string(1, static_cast<char>(c));
+            }
+            return out;
+        };
         for (const auto& entry : entries) {
-            context.out << fmt::format("  {:<7} {}{}\n", kind(entry.kind), entry.name,
+            context.out << fmt::format("  {:<7} {}{}\n", kind(entry.kind), shown(entry.name),
                                        entry.kind == HFSPlusVolume::Entry::Kind::file
                                            ? fmt::format(" ({} bytes)", entry.size)
                                            : std::string());

@@ -15,12 +15,12 @@ packages=(
   qt6-base-dev qt6-base-dev-tools qt6-qpa-plugins libgl-dev
   xvfb xauth dbus-daemon
   bash-completion fish zsh zlib1g-dev
-  libisofs-dev libbz2-dev dmg2img p7zip-full
+  libisofs-dev libbz2-dev liblzma-dev dmg2img p7zip-full
 )
 
 if [[ "$(uname -s)" == "Darwin" ]]; then
   echo "On macOS, install the dependencies with Homebrew:"
-  echo "  brew install cmake ninja googletest google-benchmark fmt cli11 nlohmann-json openssl@3 libsodium curl expat libplist utf8proc cairo pango cpp-httplib libisofs llvm qt"
+  echo "  brew install cmake ninja googletest google-benchmark fmt cli11 nlohmann-json openssl@3 libsodium curl expat libplist utf8proc cairo pango cpp-httplib libisofs xz llvm qt"
   exit 0
 fi
 

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <lzma.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
@@ -39,6 +40,23 @@ std::uint32_t crcOf(std::string_view bytes, std::uint32_t crc = 0) {
     return crc;
 }
 
+// ULMO chunks hold what Apple's LZMA compressor writes (an xz stream); an .lzma stream is read
+// too. Exactly `out.size()` bytes must come out, and no more memory than a chunk needs is used.
+bool expandLZMA(const std::string& packed, std::string& out) {
+    lzma_stream stream = LZMA_STREAM_INIT;
+    if (lzma_auto_decoder(&stream, 64u << 20, 0) != LZMA_OK) {
+        return false;
+    }
+    stream.next_in = reinterpret_cast<const std::uint8_t*>(packed.data());
+    stream.avail_in = packed.size();
+    stream.next_out = reinterpret_cast<std::uint8_t*>(out.data());
+    stream.avail_out = out.size();
+    const auto result = lzma_code(&stream, LZMA_FINISH);
+    const bool whole = result == LZMA_STREAM_END && stream.avail_out == 0;
+    lzma_end(&stream);
+    return whole;
+}
+
 // A checksum record's CRC32, if it is one.
 std::optional<std::uint32_t> checksumAt(std::string_view bytes, std::size_t at) {
     if (getUInt32(bytes, at) != checksumCRC32 || getUInt32(bytes, at + 4) != 32) {
@@ -65,6 +83,13 @@ UDIFImage::UDIFImage(const std::filesystem::path& file) : file_(file) {
     fileSize_ = static_cast<std::uint64_t>(info.st_size);
     if (fileSize_ < trailerSize) {
         bad(file_, "it is too short to hold the 512-byte trailer");
+    }
+    // An encrypted image wraps the whole UDIF file: "encrcdsa" at its start (version 2) or
+    // "cdsaencr" at its end (version 1).
+    if (fileSize_ >= 8 &&
+        (readFork(0, 8) == "encrcdsa" || readFork(fileSize_ - 8, 8) == "cdsaencr")) {
+        bad(file_, "it is encrypted (a password-protected image); Veltra reads only images that "
+                   "are not");
     }
     const auto koly = readFork(fileSize_ - trailerSize, trailerSize);
     if (getUInt32(koly, 0) != kolySignature) {
@@ -266,13 +291,19 @@ std::string UDIFImage::expand(const Chunk& chunk) const {
         }
         return bytes;
     }
+    case chunkLZMA: {
+        const auto packed = readFork(dataForkOffset_ + chunk.offset, chunk.length);
+        std::string bytes(size, '\0');
+        if (!expandLZMA(packed, bytes)) {
+            bad(file_,
+                where + " does not expand with LZMA to its " + std::to_string(size) + " bytes");
+        }
+        return bytes;
+    }
     case chunkLZFSE:
-    case chunkLZMA:
     case chunkADC:
         bad(file_, where + " is compressed with " +
-                       (chunk.type == chunkLZFSE  ? std::string("LZFSE")
-                        : chunk.type == chunkLZMA ? std::string("LZMA")
-                                                  : std::string("ADC")) +
+                       (chunk.type == chunkLZFSE ? std::string("LZFSE") : std::string("ADC")) +
                        ", which this build of Veltra cannot expand");
     default:
         bad(file_, where + " has the unknown kind 0x" + hex(chunk.type));
@@ -304,6 +335,16 @@ std::string UDIFImage::read(const Partition& partition, std::uint64_t offset,
         out.append(bytes, static_cast<std::size_t>(within), static_cast<std::size_t>(take));
     }
     return out;
+}
+
+const UDIFImage::Partition* UDIFImage::apfsPartition() const {
+    for (const auto& partition : partitions_) {
+        // An APFS container's superblock names itself 32 bytes into its first block.
+        if (read(partition, 32, 4) == "NXSB") {
+            return &partition;
+        }
+    }
+    return nullptr;
 }
 
 const UDIFImage::Partition* UDIFImage::volumePartition() const {
@@ -338,7 +379,10 @@ void UDIFImage::verify(StopToken stop) const {
             if (stop.stop_requested()) {
                 throw CancellationError();
             }
-            crc = crcOf(expand(chunk), crc);
+            // hdiutil leaves 'ignore' chunks out of the partition's checksum.
+            if (chunk.type != chunkIgnore) {
+                crc = crcOf(expand(chunk), crc);
+            }
         }
         if (partition.crc32) {
             if (crc != *partition.crc32) {

@@ -43,6 +43,8 @@ public:
     // The partition that holds an HFS+ or HFSX volume (its signature 1024 bytes in), if any:
     // the only one of a whole-disk image, the Apple_HFS one of a partitioned image.
     const Partition* volumePartition() const;
+    // The partition that holds an APFS container, if any.
+    const Partition* apfsPartition() const;
     // The partition's bytes at `offset` (zeros past its end are not given: fewer bytes).
     std::string read(const Partition& partition, std::uint64_t offset, std::size_t length) const;
     // Reads every chunk and compares the data fork's, each partition's and the master

@@ -13,6 +13,7 @@
 #include <deque>
 #include <exception>
 #include <fcntl.h>
+#include <lzma.h>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -29,6 +30,8 @@ std::string_view rawValue(UDIFFormat format) {
         return "UDZO";
     case UDIFFormat::udbz:
         return "UDBZ";
+    case UDIFFormat::ulmo:
+        return "ULMO";
     case UDIFFormat::udro:
         return "UDRO";
     case UDIFFormat::ulfo:
@@ -38,7 +41,8 @@ std::string_view rawValue(UDIFFormat format) {
 }
 
 UDIFFormat udifFormat(std::string_view name) {
-    for (const auto format : {UDIFFormat::udzo, UDIFFormat::udbz, UDIFFormat::udro}) {
+    for (const auto format :
+         {UDIFFormat::udzo, UDIFFormat::udbz, UDIFFormat::ulmo, UDIFFormat::udro}) {
         if (name == rawValue(format)) {
             return format;
         }
@@ -46,11 +50,11 @@ UDIFFormat udifFormat(std::string_view name) {
     if (name == "ULFO") {
         throw VeltraError("Veltra", errorCode::invalidSetup,
                           "ULFO images need an LZFSE compressor, which this build of Veltra does "
-                          "not have. Use UDZO, UDBZ or UDRO.");
+                          "not have. Use UDZO, UDBZ, ULMO or UDRO.");
     }
     throw VeltraError("Veltra", errorCode::invalidSetup,
                       "Veltra cannot write " + std::string(name) +
-                          " disk images without hdiutil. Use UDZO, UDBZ or UDRO.");
+                          " disk images without hdiutil. Use UDZO, UDBZ, ULMO or UDRO.");
 }
 
 namespace {
@@ -92,6 +96,19 @@ Compressed compress(const std::string& raw, UDIFFormat format, int level) {
             size < raw.size()) {
             out.data.resize(size);
             out.type = chunkBzip2;
+            return out;
+        }
+    } else if (format == UDIFFormat::ulmo) {
+        // What Apple's LZMA compressor writes: an xz stream.
+        out.data.resize(lzma_stream_buffer_bound(raw.size()));
+        std::size_t size = 0;
+        if (lzma_easy_buffer_encode(static_cast<std::uint32_t>(level), LZMA_CHECK_CRC32, nullptr,
+                                    reinterpret_cast<const std::uint8_t*>(raw.data()), raw.size(),
+                                    reinterpret_cast<std::uint8_t*>(out.data.data()), &size,
+                                    out.data.size()) == LZMA_OK &&
+            size < raw.size()) {
+            out.data.resize(size);
+            out.type = chunkLZMA;
             return out;
         }
     }
@@ -241,7 +258,10 @@ struct UDIFWriter::Impl {
         putUInt64(table, 0);       // the partition's first sector on the disk
         putUInt64(table, sectors); // its length
         putUInt64(table, 0);       // offset of its chunks in the data fork
-        putUInt32(table, static_cast<std::uint32_t>(chunkSectors));
+        // BuffersNeeded: hdiutil asks for the largest chunk's sectors and a little room, one
+        // sector for bzip2, eight otherwise.
+        putUInt32(table, static_cast<std::uint32_t>(chunkSectors +
+                                                    (options.format == UDIFFormat::udbz ? 1 : 8)));
         putUInt32(table, 0);
         table.append(24, '\0');
         putChecksum(table, partitionCrc);
@@ -278,7 +298,29 @@ struct UDIFWriter::Impl {
                "\t\t\t\t<key>Name</key>\n\t\t\t\t<string>" +
                std::string(partitionName) +
                "</string>\n"
-               "\t\t\t</dict>\n\t\t</array>\n\t</dict>\n</dict>\n</plist>\n";
+               "\t\t\t</dict>\n\t\t</array>\n" +
+               plstResource() + "\t</dict>\n</dict>\n</plist>\n";
+    }
+
+    // The 'plst' resource every image hdiutil writes has: 1,032 bytes, zero but for two.
+    static std::string plstResource() {
+        std::string blob(1032, '\0');
+        blob[517] = 1;
+        blob[519] = 1;
+        const auto data = base64::encode(
+            std::span(reinterpret_cast<const std::uint8_t*>(blob.data()), blob.size()));
+        std::string wrapped;
+        for (std::size_t at = 0; at < data.size(); at += 52) {
+            wrapped += "\t\t\t\t" + data.substr(at, 52) + "\n";
+        }
+        return "\t\t<key>plst</key>\n\t\t<array>\n\t\t\t<dict>\n"
+               "\t\t\t\t<key>Attributes</key>\n\t\t\t\t<string>0x0050</string>\n"
+               "\t\t\t\t<key>Data</key>\n\t\t\t\t<data>\n" +
+               wrapped +
+               "\t\t\t\t</data>\n"
+               "\t\t\t\t<key>ID</key>\n\t\t\t\t<string>0</string>\n"
+               "\t\t\t\t<key>Name</key>\n\t\t\t\t<string></string>\n"
+               "\t\t\t</dict>\n\t\t</array>\n";
     }
 
     std::string trailer(std::uint64_t xmlOffset, std::uint64_t xmlLength) const {

@@ -13,9 +13,9 @@
 
 namespace veltra {
 
-// The image formats a UDIF file can be written in: zlib (UDZO), bzip2 (UDBZ), uncompressed
-// (UDRO), LZFSE (ULFO, only where an LZFSE library is built in).
-enum class UDIFFormat { udzo, udbz, udro, ulfo };
+// The image formats a UDIF file can be written in: zlib (UDZO), bzip2 (UDBZ), LZMA (ULMO, macOS
+// 10.15 and later), uncompressed (UDRO), LZFSE (ULFO, only where an LZFSE library is built in).
+enum class UDIFFormat { udzo, udbz, ulmo, udro, ulfo };
 std::string_view rawValue(UDIFFormat format); // "UDZO", ...
 // The format of that name; VeltraError (400) naming it for any other, and for ULFO when this
 // build has no LZFSE compressor.
@@ -30,7 +30,8 @@ class UDIFWriter {
 public:
     struct Options {
         UDIFFormat format = UDIFFormat::udzo;
-        // zlib's level for UDZO (1 to 9); bzip2 always uses its largest blocks.
+        // zlib's level for UDZO, LZMA's preset for ULMO (1 to 9); bzip2 always uses its largest
+        // blocks.
         int level = 1;
         // Compressing threads; every core when 0.
         unsigned threads = 0;

@@ -24,6 +24,7 @@ class Veltra < Formula
   depends_on "pango"
   depends_on "qt"
   depends_on "utf8proc"
+  depends_on "xz"
 
   def install
     # No tests, benchmarks or -Werror in a user's build: a newer compiler's new warning must not

@@ -93,11 +93,11 @@ TEST_F(DMGCommandTest, NativeEngineBuildsAnImageThatVerifyReadsBack) {
     EXPECT_EQ(json["fileSystem"], "HFS+");
 
     // A format only hdiutil writes is refused by name before any work; a damaged image too.
-    ASSERT_EQ(veltra({"profile", "set", "Acme", "dmgDesign.compressionFormat=ULMO"}).exitCode, 0);
+    ASSERT_EQ(veltra({"profile", "set", "Acme", "dmgDesign.compressionFormat=ULFO"}).exitCode, 0);
     const auto refused = veltra({"dmg", "build", "Acme", app.string(), "--engine", "native"});
     EXPECT_EQ(refused.exitCode, 1);
-    EXPECT_EQ(refused.errorOutput, "Error: Veltra cannot write ULMO disk images without hdiutil. "
-                                   "Use UDZO, UDBZ or UDRO.\n");
+    EXPECT_EQ(refused.errorOutput, "Error: ULFO images need an LZFSE compressor, which this build "
+                                   "of Veltra does not have. Use UDZO, UDBZ, ULMO or UDRO.\n");
     testing::writeFile(dir / "Bad.dmg", "not an image at all, though long enough? no.");
     const auto bad = veltra({"dmg", "verify", (dir / "Bad.dmg").string()});
     EXPECT_EQ(bad.exitCode, 1);

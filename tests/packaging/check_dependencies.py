@@ -18,7 +18,7 @@ FORMULA = {
     "fmt": "fmt", "CLI11": "cli11", "nlohmann_json": "nlohmann-json", "OpenSSL": "openssl@3",
     "EXPAT": "expat", "CURL": "curl", "Qt6": "qt", "libplist-2.0": "libplist",
     "libsodium": "libsodium", "pangocairo": "pango", "cairo": "cairo", "libisofs-1": "libisofs",
-    "libutf8proc": "utf8proc", "cpp-httplib": "cpp-httplib", "httplib": "cpp-httplib",
+    "libutf8proc": "utf8proc", "LibLZMA": "xz", "cpp-httplib": "cpp-httplib", "httplib": "cpp-httplib",
 }
 # What builds it rather than what it links.
 TOOLS = {"cmake", "ninja"}
