@@ -1,6 +1,7 @@
 #include "DSStoreWriter.h"
 
 #include "DMGInstallerLayout.h"
+#include "HFSDates.h"
 #include "core/support/VeltraError.h"
 #include "dsstore/AliasRecord.h"
 #include "dsstore/DSStore.h"
@@ -89,15 +90,6 @@ std::int64_t volumeCreated(const std::filesystem::path& volume) {
     }
 #endif
     return timesOf(volume).created;
-}
-
-std::int32_t utcOffsetAt(std::int64_t when) {
-    const auto time = static_cast<std::time_t>(when);
-    std::tm local{};
-    if (::localtime_r(&time, &local) == nullptr) {
-        return 0;
-    }
-    return static_cast<std::int32_t>(local.tm_gmtoff);
 }
 
 std::uint32_t catalogID(std::uint64_t id) {

@@ -1,6 +1,7 @@
 #include "HFSPlusVolume.h"
 
 #include "DSStoreWriter.h"
+#include "HFSDates.h"
 #include "UDIFLayout.h"
 #include "core/support/VeltraError.h"
 
@@ -82,8 +83,7 @@ HFSPlusVolume::HFSPlusVolume(Reader reader) : reader_(std::move(reader)) {
     if (signature_ != "H+" && signature_ != "HX") {
         bad("there is no HFS+ signature at offset 1024");
     }
-    // Seconds since 1904.
-    createdAt_ = static_cast<std::int64_t>(getUInt32(header, 16)) - 2'082'844'800;
+    createdAt_ = unixTimeOfVolumeCreateDate(getUInt32(header, 16));
     blockSize_ = getUInt32(header, 40);
     blocks_ = getUInt32(header, 44);
     if (blockSize_ < 512 || blockSize_ > (1u << 20) || (blockSize_ & (blockSize_ - 1)) != 0) {
@@ -304,6 +304,26 @@ void applyFinderInfo(std::string& volume, const TopLevelFinderInfo& wanted) {
 
 } // namespace
 
+namespace {
+
+constexpr std::size_t alternateHeaderSpan = 1024;
+
+// libisofs writes the creation date in UTC; TN1150 has it in local time (as the layout's alias
+// names it). `at` is where a volume header starts in `bytes`.
+void localCreateDate(std::string& bytes, std::size_t at) {
+    if (bytes.size() < at + 20 ||
+        (bytes.compare(at, 2, "H+") != 0 && bytes.compare(at, 2, "HX") != 0)) {
+        return;
+    }
+    const auto utc = static_cast<std::int64_t>(getUInt32(bytes, at + 16)) - hfsEpochOffset;
+    const auto local = hfsVolumeCreateDate(utc);
+    for (std::size_t i = 0; i < 4; ++i) {
+        bytes[at + 16 + i] = static_cast<char>(local >> (24 - 8 * i));
+    }
+}
+
+} // namespace
+
 void writeHFSPlusVolume(const std::filesystem::path& folder, const HFSPlusVolumeOptions& wanted,
                         const std::function<void(std::span<const char>)>& sink, StopToken stop) {
     const auto& volumeName = wanted.name;
@@ -393,11 +413,29 @@ void writeHFSPlusVolume(const std::filesystem::path& folder, const HFSPlusVolume
             finder.items.emplace(composed(item.path().filename().string()), info);
         }
     }
+    // The volume's last 1024 bytes are held back too: the alternate volume header is there.
+    std::string tail;
+    const auto emit = [&](std::string_view bytes) {
+        if (tail.size() + bytes.size() <= alternateHeaderSpan) {
+            tail.append(bytes);
+            return;
+        }
+        if (bytes.size() >= alternateHeaderSpan) {
+            sink(tail);
+            sink(bytes.substr(0, bytes.size() - alternateHeaderSpan));
+            tail.assign(bytes.substr(bytes.size() - alternateHeaderSpan));
+            return;
+        }
+        tail.append(bytes);
+        sink(std::string_view(tail).substr(0, tail.size() - alternateHeaderSpan));
+        tail.erase(0, tail.size() - alternateHeaderSpan);
+    };
     const auto release = [&] {
         if (customIcon || !finder.items.empty()) {
             applyFinderInfo(held, finder);
         }
-        sink(held);
+        localCreateDate(held, 1024);
+        emit(held);
         held = std::string();
         holding = false;
     };
@@ -426,7 +464,7 @@ void writeHFSPlusVolume(const std::filesystem::path& folder, const HFSPlusVolume
         }
         const auto part = bytes.substr(from - (position - bytes.size()), to - from);
         if (!holding) {
-            sink(part);
+            emit(part);
             continue;
         }
         held.append(part);
@@ -446,6 +484,10 @@ void writeHFSPlusVolume(const std::filesystem::path& folder, const HFSPlusVolume
     if (holding) {
         release();
     }
+    if (tail.size() == alternateHeaderSpan) {
+        localCreateDate(tail, 0);
+    }
+    sink(tail);
     owner.done = true;
 }
 

@@ -381,6 +381,33 @@ TEST(UDIFImage, ReadsAPartitionedImageAsHdiutilWritesIt) {
 // The installer's folder as a volume: the app with a framework's symbolic links, an empty
 // folder, a name given composed and stored decomposed, the Applications link, the hidden
 // background, the layout and the volume icon.
+// TN1150: the volume's creation date is local time (as the layout's alias names it), its other
+// dates UTC; the alternate volume header at the end agrees with the first.
+TEST(NativeDiskImage, TheVolumeDatesAreAsTN1150SaysOnAMachineOutsideUTC) {
+    testing::TempDir dir;
+    const testing::ScopedEnvironment zone("TZ", "IST-5:30"); // India, all year
+    fs::create_directories(dir / "volume" / "Sample.app");
+    constexpr std::int64_t created = 1'700'000'000;
+    std::string volume;
+    writeHFSPlusVolume(
+        dir / "volume", {"Sample", false, created},
+        [&](std::span<const char> bytes) { volume.append(bytes.data(), bytes.size()); });
+    const auto date = [&](std::size_t at) {
+        return std::uint32_t{static_cast<unsigned char>(volume[at])} << 24 |
+               std::uint32_t{static_cast<unsigned char>(volume[at + 1])} << 16 |
+               std::uint32_t{static_cast<unsigned char>(volume[at + 2])} << 8 |
+               std::uint32_t{static_cast<unsigned char>(volume[at + 3])};
+    };
+    const auto alternate = volume.size() - 1024;
+    ASSERT_EQ(volume.substr(alternate, 2), "H+");
+    EXPECT_EQ(date(1024 + 16), created + 19'800 + 2'082'844'800) << "createDate, local";
+    EXPECT_EQ(date(1024 + 20), created + 2'082'844'800) << "modifyDate, UTC";
+    EXPECT_EQ(date(alternate + 16), date(1024 + 16));
+    const HFSPlusVolume read(
+        [&](std::uint64_t offset, std::size_t length) { return volume.substr(offset, length); });
+    EXPECT_EQ(read.createdAt(), created);
+}
+
 TEST(NativeDiskImage, HoldsTheInstallerAsAnHFSPlusVolume) {
     testing::TempDir dir;
     const auto staging = dir / "staging";
