@@ -107,7 +107,12 @@ void PipelineManager::notarizeStage(RunState& run) {
     // Stapling changed the image.
     run.artifacts.dmgSize = static_cast<std::int64_t>(std::filesystem::file_size(run.dmg));
     // What a Mac that downloads the image will check, asked before anything is published.
-    const auto verdicts = GatekeeperChecks::assess(run.dmg, run.app, run.stop);
+    // The app is judged where it still lies (a resumed run may have only the image).
+    std::error_code missing;
+    const auto verdicts = GatekeeperChecks::assess(
+        run.dmg,
+        std::filesystem::is_directory(run.app, missing) ? std::optional(run.app) : std::nullopt,
+        run.stop);
     run.artifacts.finalChecks.clear();
     for (const auto& verdict : verdicts) {
         run.artifacts.finalChecks.push_back(verdict.text());
