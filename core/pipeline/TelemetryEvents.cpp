@@ -17,7 +17,12 @@ TelemetrySource TelemetryEvents::source(std::string veltraVersion, bool studio,
 Json TelemetryEvents::common(const TelemetrySource& source) {
     utsname system{};
     ::uname(&system);
+    // major.minor only: a full kernel release ("6.1.0-26-amd64") says more than a count needs.
     std::string osVersion = system.release;
+    if (const auto first = osVersion.find('.'); first != std::string::npos) {
+        const auto second = osVersion.find_first_not_of("0123456789", first + 1);
+        osVersion.resize(second == std::string::npos ? osVersion.size() : second);
+    }
 #if defined(__APPLE__)
     // The macOS version, not the kernel's.
     char product[32] = {};

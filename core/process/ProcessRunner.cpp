@@ -349,6 +349,10 @@ ProcessRunner::childEnvironment(std::map<std::string, std::string> parent,
         path += found->second;
     }
     parent["PATH"] = std::move(path);
+    // The telemetry key and address are Veltra's own business: no tool it runs gets them.
+    std::erase_if(parent, [](const auto& variable) {
+        return variable.first.starts_with("VELTRA_TELEMETRY");
+    });
     for (const auto& [key, value] : overrides) {
         parent[key] = value;
     }

@@ -7,6 +7,8 @@
 #include "Uuid.h"
 #include "VeltraError.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -15,6 +17,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <sstream>
+#include <string_view>
 #include <unistd.h>
 
 namespace veltra {
@@ -71,14 +74,33 @@ fs::path TelemetrySettings::defaultFolder() {
     return homeDirectory() / ".veltra";
 }
 
+namespace {
+
+// A switch's value as people write it: 1/true/on/yes or 0/false/off/no, in any case.
+std::optional<bool> switchValue(std::string_view value) {
+    std::string lower(value);
+    std::ranges::transform(lower, lower.begin(),
+                           [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    if (lower == "1" || lower == "true" || lower == "on" || lower == "yes") {
+        return true;
+    }
+    if (lower == "0" || lower == "false" || lower == "off" || lower == "no") {
+        return false;
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
 std::optional<std::string> TelemetrySettings::overriddenBy() const {
+    // Any value but a "no" asks not to be tracked.
     if (const char* value = environment_("DO_NOT_TRACK");
-        value != nullptr && *value != '\0' && std::strcmp(value, "0") != 0) {
+        value != nullptr && *value != '\0' && switchValue(value) != false) {
         return "DO_NOT_TRACK=" + std::string(value);
     }
     if (const char* value = environment_("VELTRA_TELEMETRY");
-        value != nullptr && std::strcmp(value, "0") == 0) {
-        return "VELTRA_TELEMETRY=0";
+        value != nullptr && switchValue(value) == false) {
+        return "VELTRA_TELEMETRY=" + std::string(value);
     }
     return std::nullopt;
 }

@@ -95,6 +95,10 @@ TEST(TelemetryCommand, ADemoReleaseQueuesEventsThatCarryNothingOfTheApp) {
     EXPECT_TRUE(finished["stepSeconds"].contains("dmg"));
     EXPECT_EQ(events[3]["properties"]["command"], "demo");
     EXPECT_EQ(events[3]["properties"]["options"], nlohmann::json::array({"--keep"}));
+    // The system's version as major.minor, never the whole kernel release.
+    const auto osVersion = finished["osVersion"].get<std::string>();
+    EXPECT_EQ(osVersion.find_first_not_of("0123456789."), std::string::npos) << osVersion;
+    EXPECT_EQ(std::ranges::count(osVersion, '.'), 1) << osVersion;
 
     // Nothing of the profile or the sandbox, whole or in part.
     std::vector<std::string> secret{sandbox.string(), dir.path().string()};

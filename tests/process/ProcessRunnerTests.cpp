@@ -80,6 +80,16 @@ TEST(ProcessRunnerLaunch, ResolvesCommandsAndEnvironment) {
     EXPECT_EQ(
         ProcessRunner::childEnvironment({{"PATH", "/x"}, {"VELTRA_TOOL_PATH", ""}}, {}).at("PATH"),
         prefix + "/x");
+    // Telemetry's key and address never reach a tool.
+    const auto child = ProcessRunner::childEnvironment({{"VELTRA_TELEMETRY_KEY", "k"},
+                                                        {"VELTRA_TELEMETRY_URL", "u"},
+                                                        {"VELTRA_TELEMETRY", "1"},
+                                                        {"HOME", "/h"}},
+                                                       {});
+    EXPECT_FALSE(child.contains("VELTRA_TELEMETRY_KEY"));
+    EXPECT_FALSE(child.contains("VELTRA_TELEMETRY_URL"));
+    EXPECT_FALSE(child.contains("VELTRA_TELEMETRY"));
+    EXPECT_EQ(child.at("HOME"), "/h");
     const auto overridden = ProcessRunner::childEnvironment({{"PATH", "/x"}, {"A", "1"}},
                                                             {{"PATH", "/only"}, {"A", "2"}});
     EXPECT_EQ(overridden.at("PATH"), "/only");

@@ -41,15 +41,22 @@ TEST(TelemetrySettings, OffUntilTurnedOnAndTheEnvironmentWins) {
     EXPECT_EQ(modeOf(settings.file()), fs::perms::owner_read | fs::perms::owner_write);
     EXPECT_EQ(TelemetrySettings(dir / ".veltra", environment).installID(), id);
 
-    for (const auto& [name, value, said] :
-         {std::tuple{"DO_NOT_TRACK", "1", "DO_NOT_TRACK=1"},
-          std::tuple{"VELTRA_TELEMETRY", "0", "VELTRA_TELEMETRY=0"}}) {
+    // Switches are read as people write them, in any case.
+    for (const auto& [name, value] :
+         {std::pair{"DO_NOT_TRACK", "1"}, std::pair{"DO_NOT_TRACK", "TRUE"},
+          std::pair{"DO_NOT_TRACK", "yes"}, std::pair{"DO_NOT_TRACK", "On"},
+          std::pair{"DO_NOT_TRACK", "anything"}, std::pair{"VELTRA_TELEMETRY", "0"},
+          std::pair{"VELTRA_TELEMETRY", "false"}, std::pair{"VELTRA_TELEMETRY", "OFF"},
+          std::pair{"VELTRA_TELEMETRY", "No"}}) {
+        SCOPED_TRACE(std::string(name) + "=" + value);
         variables = {{name, value}};
-        EXPECT_EQ(settings.overriddenBy(), said);
+        EXPECT_EQ(settings.overriddenBy(), std::string(name) + "=" + value);
         EXPECT_FALSE(settings.active());
     }
-    variables = {{"DO_NOT_TRACK", "0"}, {"VELTRA_TELEMETRY", "1"}};
-    EXPECT_TRUE(settings.active());
+    for (const auto* no : {"0", "false", "Off", "NO", ""}) {
+        variables = {{"DO_NOT_TRACK", no}, {"VELTRA_TELEMETRY", "1"}};
+        EXPECT_TRUE(settings.active()) << no;
+    }
 
     settings.resetID();
     EXPECT_NE(settings.installID(), id);
