@@ -273,14 +273,19 @@ struct UDIFWriter::Impl {
         return table;
     }
 
-    std::string propertyList() const {
-        const auto table = mishTable();
+    // Bytes as a property list's <data>, in the lines of 52 characters hdiutil writes.
+    static std::string dataLines(const std::string& bytes) {
         const auto data = base64::encode(
-            std::span(reinterpret_cast<const std::uint8_t*>(table.data()), table.size()));
+            std::span(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()));
         std::string wrapped;
         for (std::size_t at = 0; at < data.size(); at += 52) {
             wrapped += "\t\t\t\t" + data.substr(at, 52) + "\n";
         }
+        return wrapped;
+    }
+
+    std::string propertyList() const {
+        const auto wrapped = dataLines(mishTable());
         return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
                "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
                "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
@@ -307,12 +312,7 @@ struct UDIFWriter::Impl {
         std::string blob(1032, '\0');
         blob[517] = 1;
         blob[519] = 1;
-        const auto data = base64::encode(
-            std::span(reinterpret_cast<const std::uint8_t*>(blob.data()), blob.size()));
-        std::string wrapped;
-        for (std::size_t at = 0; at < data.size(); at += 52) {
-            wrapped += "\t\t\t\t" + data.substr(at, 52) + "\n";
-        }
+        const auto wrapped = dataLines(blob);
         return "\t\t<key>plst</key>\n\t\t<array>\n\t\t\t<dict>\n"
                "\t\t\t\t<key>Attributes</key>\n\t\t\t\t<string>0x0050</string>\n"
                "\t\t\t\t<key>Data</key>\n\t\t\t\t<data>\n" +
