@@ -110,6 +110,14 @@ std::string readPassword(CliContext& context) {
         context.err << '\n';
     } else {
         std::getline(std::cin, password);
+        // More than one line is not one password: keep it whole, so the engine refuses it.
+        std::string rest;
+        for (std::string line; std::getline(std::cin, line);) {
+            rest += '\n' + line;
+        }
+        if (rest.find_first_not_of("\r\n") != std::string::npos) {
+            password += rest;
+        }
     }
     if (!password.empty() && password.back() == '\r') {
         password.pop_back();

@@ -76,6 +76,13 @@ void NotarizationEngine::storeCredentials(const std::string& keychainProfile,
                                           const std::string& appleID,
                                           const std::string& appPassword, const std::string& teamID,
                                           const NotaryLog& onLog, StopToken stop) const {
+    // Typed at the tool's prompt, a line break would end the password early, and notarytool
+    // would store the first line alone.
+    if (appPassword.find_first_of(std::string_view("\n\r\0", 3)) != std::string::npos) {
+        throw VeltraError("Veltra", errorCode::invalidSetup,
+                          "The app-specific password holds a line break, so it cannot be the one "
+                          "Apple gave; nothing was stored. Give it on one line.");
+    }
     // Without --password notarytool asks for it at its terminal.
     ProcessRequest request;
     request.arguments = {"notarytool", "store-credentials", keychainProfile, "--apple-id",

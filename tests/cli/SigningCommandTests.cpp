@@ -214,6 +214,18 @@ TEST(Secrets, StayOffCommandLinesAndOutOfChildEnvironments) {
         {"notary", "store", "typed", "--apple-id", "jane@example.com", "--team-id", "AB12CD34EF"},
         env, marker + "\n");
     ASSERT_EQ(typed.exitCode, 0) << typed.errorOutput;
+    // Two lines are refused, not cut to the first, from standard input or the environment.
+    for (const auto& refused :
+         {runVeltra({"notary", "store", "cut", "--apple-id", "jane@example.com", "--team-id",
+                     "AB12CD34EF"},
+                    env, "first\nsecond\n"),
+          runVeltra({"notary", "store", "cut", "--apple-id", "jane@example.com", "--team-id",
+                     "AB12CD34EF", "--password-env", "NOTARY_PASSWORD"},
+                    with("NOTARY_PASSWORD", "first\nsecond"))}) {
+        EXPECT_EQ(refused.exitCode, 1);
+        EXPECT_NE(refused.errorOutput.find("holds a line break"), std::string::npos)
+            << refused.errorOutput;
+    }
     const auto fromEnvironment =
         runVeltra({"notary", "store-credentials", "env", "--apple-id", "jane@example.com",
                    "--team-id", "AB12CD34EF", "--password-env", "NOTARY_PASSWORD"},

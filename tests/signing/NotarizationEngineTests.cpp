@@ -259,6 +259,22 @@ TEST_F(NotarizationRun, SubmissionAndStaplingFailures) {
                   "failed! Error 65.");
 }
 
+TEST_F(NotarizationRun, APasswordWithALineBreakIsRefusedNotCut) {
+    for (const auto& password : {std::string("abcd-efgh\nijkl-mnop"), std::string("abcd-efgh\r"),
+                                 std::string("a\0b", 3)}) {
+        try {
+            NotarizationEngine().storeCredentials("acme-notary", "jane@example.com", password,
+                                                  "AB12CD34EF", record());
+            ADD_FAILURE() << "stored";
+        } catch (const VeltraError& error) {
+            EXPECT_EQ(error.message(),
+                      "The app-specific password holds a line break, so it cannot be the one "
+                      "Apple gave; nothing was stored. Give it on one line.");
+        }
+    }
+    EXPECT_TRUE(runsOf("xcrun").empty()) << "notarytool never ran";
+}
+
 TEST_F(NotarizationRun, StoringRefusedCredentials) {
     fake("VELTRA_FAKE_NOTARY", "invalid-credentials");
     try {
