@@ -2,6 +2,7 @@
 #include "JsonOutput.h"
 #include "LinePrinter.h"
 #include "OpenStore.h"
+#include "Terminal.h"
 #include "core/dmg/DMGBackgroundRenderer.h"
 #include "core/dmg/DMGBuilder.h"
 #include "core/dmg/DMGInstallerLayout.h"
@@ -181,9 +182,11 @@ void addVerify(CLI::App& group, CliContext& context) {
         const UDIFImage image(expandTilde(*file));
         image.verify(context.stop);
         const auto* holder = image.volumePartition();
-        if (holder == nullptr && image.apfsPartition() != nullptr) {
+        const auto verified =
+            fmt::format("✓ {}: {} image, checksums verified\n",
+                        std::filesystem::path(*file).filename().string(), image.format());
+        if (const auto* container = image.apfsPartition(); holder == nullptr && container) {
             // APFS is checked (its checksums above) and named; its files are not listed.
-            const auto* container = image.apfsPartition();
             if (*json) {
                 context.out << jsonText(Json{{"format", image.format()},
                                              {"partition", container->name},
@@ -192,10 +195,8 @@ void addVerify(CLI::App& group, CliContext& context) {
                             << '\n';
                 return;
             }
-            context.out << fmt::format("✓ {}: {} image, checksums verified\n",
-                                       std::filesystem::path(*file).filename().string(),
-                                       image.format());
-            context.out << fmt::format("Volume: APFS container in '{}' (Veltra lists only HFS+ "
+            context.out << verified
+                        << fmt::format("Volume: APFS container in '{}' (Veltra lists only HFS+ "
                                        "volumes)\n",
                                        container->name);
             return;
@@ -231,25 +232,13 @@ void addVerify(CLI::App& group, CliContext& context) {
                         << '\n';
             return;
         }
-        context.out << fmt::format("✓ {}: {} image, checksums verified\n",
-                                   std::filesystem::path(*file).filename().string(),
-                                   image.format());
+        context.out << verified;
         context.out << fmt::format("Volume '{}': {}, {} bytes{}\n", volume.volumeName(), fileSystem,
                                    volume.totalBytes(),
                                    volume.hasCustomIcon() ? ", custom icon" : "");
-        // HFS+ names its private folders with control characters ("\r", NULs): never raw to a
-        // terminal.
-        const auto shown = [](const std::string& name) {
-            std::string out;
-            for (const char raw : name) {
-                const auto c = static_cast<unsigned char>(raw);
-                out += c < 0x20 || c == 0x7F ? fmt::format("\\x{:02X}", c)
-                                             : std::string(1, static_cast<char>(c));
-            }
-            return out;
-        };
+        // HFS+ names its private folders with control characters ("\r", NULs).
         for (const auto& entry : entries) {
-            context.out << fmt::format("  {:<7} {}{}\n", kind(entry.kind), shown(entry.name),
+            context.out << fmt::format("  {:<7} {}{}\n", kind(entry.kind), printable(entry.name),
                                        entry.kind == HFSPlusVolume::Entry::Kind::file
                                            ? fmt::format(" ({} bytes)", entry.size)
                                            : std::string());

@@ -1,5 +1,6 @@
 #include "CommandLine.h"
 #include "Commands.h"
+#include "Terminal.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/JsonReader.h"
 #include "core/support/VeltraError.h"
@@ -21,24 +22,6 @@ namespace {
 using dsstore::DSStore;
 using dsstore::Record;
 using dsstore::Value;
-
-// Tabs separate the columns, so control characters in names are shown escaped.
-std::string printable(std::string_view text) {
-    std::string out;
-    out.reserve(text.size());
-    for (const char c : text) {
-        if (c == '\t') {
-            out += "\\t";
-        } else if (c == '\n') {
-            out += "\\n";
-        } else if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) {
-            out += fmt::format("\\x{:02x}", static_cast<unsigned char>(c));
-        } else {
-            out += c;
-        }
-    }
-    return out;
-}
 
 std::string readableBytes(std::span<const std::uint8_t> bytes) {
     constexpr std::size_t shown = 32;

@@ -5,6 +5,8 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <fmt/format.h>
+
 namespace veltra::cli {
 
 std::atomic<bool> windowResized{false};
@@ -65,6 +67,23 @@ std::optional<TerminalSize> terminalSize(int fd) {
         found.columns = size.ws_col;
     }
     return found;
+}
+
+std::string printable(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (const char c : text) {
+        if (c == '\t') {
+            out += "\\t";
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) {
+            out += fmt::format("\\x{:02x}", static_cast<unsigned char>(c));
+        } else {
+            out += c;
+        }
+    }
+    return out;
 }
 
 } // namespace veltra::cli

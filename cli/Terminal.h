@@ -24,6 +24,10 @@ struct TerminalSize {
 // The size of the terminal `fd` is; none off a terminal.
 std::optional<TerminalSize> terminalSize(int fd);
 
+// Text from a file (a name, a value) as it may reach a terminal: tabs, line breaks and other
+// control characters shown escaped ("\\t", "\\n", "\\x0d").
+std::string printable(std::string_view text);
+
 // Set when the terminal's window changed size (SIGWINCH); whoever draws takes it.
 extern std::atomic<bool> windowResized;
 

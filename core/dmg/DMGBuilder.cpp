@@ -89,14 +89,15 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
     };
     const auto run = [&](std::vector<std::string> arguments, std::optional<double> timeout,
                          const std::string& tool) {
-        const auto once = [&] {
-            return ProcessRunner::run(
-                ProcessRequest{.command = tool, .arguments = arguments, .timeout = timeout}, stop);
-        };
-        if (tool != "hdiutil") {
-            return once();
-        }
-        return runRetrying(once, isBusy, busyRetry, "hdiutil " + arguments.front(), say, stop);
+        return ProcessRunner::run(
+            ProcessRequest{.command = tool, .arguments = std::move(arguments), .timeout = timeout},
+            stop);
+    };
+    // Every hdiutil step is tried again while the volume is busy.
+    const auto hdiutil = [&](const std::vector<std::string>& arguments,
+                             std::optional<double> timeout) {
+        return runRetrying([&] { return run(arguments, timeout, "hdiutil"); }, isBusy, busyRetry,
+                           "hdiutil " + arguments.front(), say, stop);
     };
     const auto& config = options.config;
     const bool automatic = options.engine == DMGEngine::automatic;
@@ -244,10 +245,10 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
         image.finish();
     } else {
         say("Creating image volume '" + volumeName + "'...");
-        const auto created = run({"create", "-srcfolder", work.staging.string(), "-volname",
-                                  volumeName, "-fs", "HFS+", "-fsargs", "-c c=64,a=16,e=16",
-                                  "-format", "UDRW", work.intermediate.string(), "-quiet"},
-                                 std::nullopt, "hdiutil");
+        const auto created = hdiutil({"create", "-srcfolder", work.staging.string(), "-volname",
+                                      volumeName, "-fs", "HFS+", "-fsargs", "-c c=64,a=16,e=16",
+                                      "-format", "UDRW", work.intermediate.string(), "-quiet"},
+                                     std::nullopt);
         if (created.exitCode != 0) {
             throw VeltraError("Veltra", errorCode::toolFailed,
                               "Failed to create disk image volume: " + errorText(created));
@@ -259,9 +260,9 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
             bool attached = false;
             try {
                 const auto attach =
-                    run({"attach", work.intermediate.string(), "-mountpoint",
-                         work.mountPoint.string(), "-nobrowse", "-noautoopen", "-readwrite"},
-                        attachTimeout, "hdiutil");
+                    hdiutil({"attach", work.intermediate.string(), "-mountpoint",
+                             work.mountPoint.string(), "-nobrowse", "-noautoopen", "-readwrite"},
+                            attachTimeout);
                 if (attach.exitCode != 0) {
                     throw VeltraError("Veltra.DMG", errorCode::toolFailed,
                                       "Could not mount the installer to apply artwork: " +
@@ -281,11 +282,10 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
                         say("   Warning: " + error.message());
                     }
                 }
-                auto detach = run({"detach", work.mountPoint.string()}, detachTimeout, "hdiutil");
+                auto detach = hdiutil({"detach", work.mountPoint.string()}, detachTimeout);
                 if (detach.exitCode != 0 && isBusy(detach)) {
                     say("   Info: The volume is still busy; detaching it with -force");
-                    detach = run({"detach", work.mountPoint.string(), "-force"}, detachTimeout,
-                                 "hdiutil");
+                    detach = hdiutil({"detach", work.mountPoint.string(), "-force"}, detachTimeout);
                 }
                 if (detach.exitCode != 0) {
                     throw VeltraError("Veltra.DMG", errorCode::toolFailed,
@@ -307,9 +307,8 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
         }
 
         say("Compressing disk image with " + config.compressionFormat + "...");
-        const auto converted =
-            run(convertArguments(work.intermediate, config, options.outputDMGPath), std::nullopt,
-                "hdiutil");
+        const auto converted = hdiutil(
+            convertArguments(work.intermediate, config, options.outputDMGPath), std::nullopt);
         if (converted.exitCode != 0) {
             throw VeltraError("Veltra", errorCode::toolFailed,
                               "Failed to compress disk image: " + errorText(converted));

@@ -1,5 +1,6 @@
 #include "BuildNumber.h"
 
+#include <algorithm>
 #include <charconv>
 
 namespace veltra {
@@ -25,6 +26,36 @@ BuildNumber BuildNumber::parse(std::string_view text) noexcept {
         return {};
     }
     return {Status::valid, value};
+}
+
+std::vector<std::int64_t> versionNumbers(std::string_view version) {
+    std::vector<std::int64_t> numbers;
+    std::size_t start = 0;
+    while (start <= version.size()) {
+        auto end = version.find('.', start);
+        if (end == std::string_view::npos) {
+            end = version.size();
+        }
+        if (const auto number = BuildNumber::parse(version.substr(start, end - start));
+            number.isValid()) {
+            numbers.push_back(number.value);
+        }
+        start = end + 1;
+    }
+    return numbers;
+}
+
+int compareVersions(std::string_view a, std::string_view b) {
+    const auto left = versionNumbers(a);
+    const auto right = versionNumbers(b);
+    for (std::size_t index = 0; index < std::max(left.size(), right.size()); ++index) {
+        const auto x = index < left.size() ? left[index] : 0;
+        const auto y = index < right.size() ? right[index] : 0;
+        if (x != y) {
+            return x < y ? -1 : 1;
+        }
+    }
+    return 0;
 }
 
 } // namespace veltra

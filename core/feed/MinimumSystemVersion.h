@@ -17,8 +17,4 @@ struct MinimumSystemVersion {
                                        const std::optional<std::string>& profileSetting);
 };
 
-// Negative, zero or positive as dotted version `a` sorts before, with or after `b`, by their
-// numbers ("14.2" after "14.10" is false; a missing part counts as 0).
-int compareDottedVersions(const std::string& a, const std::string& b);
-
 } // namespace veltra

@@ -119,12 +119,11 @@ void PipelineManager::notarizeStage(RunState& run) {
         log(std::string(verdict.accepted ? "   Success: " : "   Error: ") + verdict.text(),
             !verdict.accepted);
     }
-    for (const auto& verdict : verdicts) {
-        if (!verdict.accepted) {
-            throw VeltraError("Veltra", errorCode::badAnswer,
-                              "The notarized release would not open on a Mac: " +
-                                  GatekeeperChecks::explain(verdict));
-        }
+    if (const auto rejected = std::ranges::find(verdicts, false, &GatekeeperVerdict::accepted);
+        rejected != verdicts.end()) {
+        throw VeltraError("Veltra", errorCode::badAnswer,
+                          "The notarized release would not open on a Mac: " +
+                              GatekeeperChecks::explain(*rejected));
     }
     updateStep(StepID::notarize, StepStatus::succeeded,
                verdicts.empty() ? "Notarized" : "Notarized; Gatekeeper accepts it");

@@ -1,9 +1,8 @@
 #include "WebsitePublicationWatcher.h"
 
+#include "core/process/TransientRetry.h"
 #include "core/profile/ProfileStore.h"
 #include "core/support/VeltraError.h"
-
-#include <condition_variable>
 
 namespace veltra {
 namespace {
@@ -18,14 +17,6 @@ const ReleaseManifest* releaseIn(const ProjectProfile& profile, const std::strin
         }
     }
     return nullptr;
-}
-
-// Sleeps for `duration` unless stopped first.
-void pause(std::chrono::milliseconds duration, const StopToken& stop) {
-    std::mutex lock;
-    std::condition_variable_any woken;
-    std::unique_lock guard(lock);
-    waitFor(woken, guard, stop, duration, [] { return false; });
 }
 
 } // namespace
@@ -81,7 +72,7 @@ bool WebsitePublicationWatcher::watch(const Uuid& profileID, const std::string& 
             if (matched || outOfTime) {
                 return;
             }
-            pause(timing_.interval, stop);
+            waitUnlessStopped(timing_.interval, stop);
         }
     });
     return true;

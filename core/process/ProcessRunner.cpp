@@ -520,32 +520,27 @@ ProcessResult ProcessRunner::runUntraced(const ProcessRequest& request, StopToke
     // Both streams are read on the pump's one thread, so their lines never overlap.
     LineAssembler outputLines(request.onLine);
     LineAssembler errorLines(request.onLine);
-    const std::function<void(std::string_view)> onStandardOutput =
-        streaming ? std::function<void(std::string_view)>(
-                        [&request, &outputLines](std::string_view chunk) {
-                            if (request.onOutput && utf8::isValid(chunk)) {
-                                request.onOutput(chunk);
-                            }
-                            if (request.onLine) {
-                                outputLines.consume(chunk);
-                            }
-                        })
-                  : std::function<void(std::string_view)>();
-    // A prompt written to standard error is answered as one written to the terminal.
-    const std::function<void(std::string_view)> onErrorOutput =
-        terminal || streaming ? std::function<void(std::string_view)>(
-                                    [&terminal, &request, &errorLines](std::string_view chunk) {
-                                        if (terminal) {
-                                            terminal->observe(chunk);
-                                        }
-                                        if (request.onOutput && utf8::isValid(chunk)) {
-                                            request.onOutput(chunk);
-                                        }
-                                        if (request.onLine) {
-                                            errorLines.consume(chunk);
-                                        }
-                                    })
-                              : std::function<void(std::string_view)>();
+    // What each stream's chunks feed; a prompt written to standard error is answered as one
+    // written to the terminal.
+    const auto consumer = [&request, streaming](LineAssembler& lines, TerminalSession* watcher) {
+        if (!streaming && watcher == nullptr) {
+            return std::function<void(std::string_view)>();
+        }
+        return std::function<void(std::string_view)>(
+            [&request, &lines, watcher](std::string_view chunk) {
+                if (watcher != nullptr) {
+                    watcher->observe(chunk);
+                }
+                if (request.onOutput && utf8::isValid(chunk)) {
+                    request.onOutput(chunk);
+                }
+                if (request.onLine) {
+                    lines.consume(chunk);
+                }
+            });
+    };
+    const auto onStandardOutput = consumer(outputLines, nullptr);
+    const auto onErrorOutput = consumer(errorLines, terminal.get());
     StreamReader outputReader(output.read.get(), outputBuffer, onStandardOutput);
     StreamReader errorReader(errors.read.get(), errorBuffer, onErrorOutput);
     OutputPump pump(outputReader, errorReader);

@@ -145,8 +145,13 @@ bool NotarizationEngine::credentialsExist(const std::string& keychainProfile,
     }
 }
 
-void NotarizationEngine::staple(const std::filesystem::path& file, const NotaryLog& log,
+void NotarizationEngine::staple(const std::filesystem::path& file, const NotaryLog& onLog,
                                 StopToken stop) const {
+    const auto log = [&onLog](const std::string& line) {
+        if (onLog) {
+            onLog(line);
+        }
+    };
     const auto name = file.filename().string();
     log("   Stapling Gatekeeper ticket to " + name + "...");
     const auto stapled = runRetrying(
@@ -208,7 +213,7 @@ void NotarizationEngine::notarize(const std::filesystem::path& file,
         throw VeltraError("Veltra", errorCode::badAnswer,
                           "Notarization failed or was marked Invalid:\n" + output);
     }
-    staple(file, onLog ? onLog : NotaryLog([](const std::string&) {}), stop);
+    staple(file, onLog, stop);
 }
 
 std::optional<std::string> NotarizationEngine::submissionID(std::string_view output) {
@@ -264,7 +269,7 @@ void NotarizationEngine::finishSubmission(const std::filesystem::path& file,
                           "Notarization failed or was marked Invalid:\n" + combinedOutput(answer));
     }
     log("   Success: Submission " + submissionID + " was accepted");
-    staple(file, onLog ? onLog : NotaryLog([](const std::string&) {}), stop);
+    staple(file, onLog, stop);
 }
 
 } // namespace veltra

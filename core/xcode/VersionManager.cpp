@@ -181,23 +181,6 @@ std::string insertAfterOpeners(std::string_view text, std::string_view addition,
     return out;
 }
 
-std::vector<std::int64_t> numericComponents(const std::string& version) {
-    std::vector<std::int64_t> components;
-    std::size_t start = 0;
-    while (start <= version.size()) {
-        auto end = version.find('.', start);
-        if (end == std::string::npos) {
-            end = version.size();
-        }
-        const auto piece = std::string_view(version).substr(start, end - start);
-        if (const auto number = BuildNumber::parse(piece); number.isValid()) {
-            components.push_back(number.value);
-        }
-        start = end + 1;
-    }
-    return components;
-}
-
 std::int64_t plusOne(std::int64_t value) {
     return value == std::numeric_limits<std::int64_t>::max() ? value : value + 1;
 }
@@ -304,7 +287,7 @@ VersionManager::readVersionInfoAsync(const std::filesystem::path& project,
 }
 
 std::string VersionManager::bump(const std::string& current, BumpType type) const {
-    auto components = numericComponents(current);
+    auto components = versionNumbers(current);
     while (components.size() < 3) {
         components.push_back(0);
     }
@@ -326,16 +309,7 @@ std::string VersionManager::bump(const std::string& current, BumpType type) cons
 }
 
 int VersionManager::compareVersions(const std::string& a, const std::string& b) {
-    const auto left = numericComponents(a);
-    const auto right = numericComponents(b);
-    for (std::size_t index = 0; index < std::max(left.size(), right.size()); ++index) {
-        const auto x = index < left.size() ? left[index] : 0;
-        const auto y = index < right.size() ? right[index] : 0;
-        if (x != y) {
-            return x < y ? -1 : 1;
-        }
-    }
-    return 0;
+    return veltra::compareVersions(a, b);
 }
 
 std::optional<std::string> VersionManager::versionError(std::string_view version) {
