@@ -2,6 +2,7 @@
 
 #include "CliContext.h"
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -11,6 +12,8 @@ namespace veltra::cli {
 
 // A build number given on the command line; throws "Invalid release build number." otherwise.
 std::int64_t releaseBuildArgument(const std::string& text);
+// --wait's "10m", "90s", "1h" or plain seconds, at most a day; CLI::ValidationError otherwise.
+std::chrono::seconds waitDurationArgument(const std::string& text);
 
 // Each command group adds its sub-commands to the app. A callback reports failure by throwing;
 // the command line turns that into "Error: " + message and a non-zero exit status.

@@ -1,7 +1,9 @@
 #include "CommandLine.h"
 #include "Commands.h"
+#include "FeedControlOptions.h"
 #include "JsonOutput.h"
 #include "core/feed/BuildNumber.h"
+#include "core/feed/FeedItemCheck.h"
 #include "core/feed/NativeEd25519Signer.h"
 #include "core/feed/PublishedFeedReader.h"
 #include "core/feed/ReleaseFeedValidator.h"
@@ -24,23 +26,33 @@ namespace veltra::cli {
 
 namespace {
 
+// What each item says, as it says it: a value the item leaves out stays empty.
 std::string feedAsJson(const std::optional<std::vector<SparkleFeedItem>>& items) {
     nlohmann::ordered_json json;
     json["valid"] = items.has_value();
     json["items"] = nlohmann::ordered_json::array();
     for (const auto& item : items.value_or(std::vector<SparkleFeedItem>{})) {
-        json["items"].push_back({
-            {"title", item.title},
-            {"shortVersion", item.shortVersion},
-            {"version", item.version},
+        const auto problems = feedItemProblems(item);
+        nlohmann::ordered_json entry{
+            {"title", item.stated.title},
+            {"shortVersion", item.stated.shortVersion},
+            {"version", item.stated.version},
             {"pubDate", item.pubDate},
-            {"minimumSystemVersion", item.minimumSystemVersion},
+            {"minimumSystemVersion", item.stated.minimumSystemVersion},
             {"releaseNotesURL", item.releaseNotesURL},
             {"enclosureURL", item.enclosureURL},
             {"enclosureLength", item.enclosureLength},
             {"edSignature", item.edSignature},
             {"rawDescription", item.rawDescription},
-        });
+            {"channel", item.controls.channel},
+            {"critical", item.controls.critical},
+            {"criticalBelow", item.controls.criticalBelow},
+            {"phasedRolloutInterval", item.stated.phasedRolloutInterval},
+            {"minimumAutoupdateVersion", item.controls.minimumAutoupdateVersion},
+            {"valid", problems.empty()},
+            {"problems", problems},
+        };
+        json["items"].push_back(std::move(entry));
     }
     return jsonText(json);
 }
@@ -50,13 +62,20 @@ std::string feedAsTable(const std::vector<SparkleFeedItem>& items) {
     if (items.empty()) {
         return "The feed lists no releases.\n";
     }
-    std::vector<std::array<std::string, 6>> rows{
-        {"BUILD", "VERSION", "PUBLISHED", "MIN MACOS", "BYTES", "SIGNED"}};
+    constexpr std::size_t columns = 7;
+    std::vector<std::array<std::string, columns>> rows{
+        {"BUILD", "VERSION", "PUBLISHED", "MIN MACOS", "BYTES", "SIGNED", "OFFERED"}};
     for (const auto& item : items) {
-        rows.push_back({item.version, item.shortVersion, item.pubDate, item.minimumSystemVersion,
-                        item.enclosureLength, item.edSignature.empty() ? "no" : "yes"});
+        const auto offered = item.controls.summary();
+        rows.push_back(
+            {item.stated.version.empty() ? "-" : item.stated.version,
+             item.stated.shortVersion.empty() ? "-" : item.stated.shortVersion,
+             item.pubDate.empty() ? "-" : item.pubDate,
+             item.stated.minimumSystemVersion.empty() ? "-" : item.stated.minimumSystemVersion,
+             item.enclosureLength.empty() ? "-" : item.enclosureLength,
+             item.edSignature.empty() ? "no" : "yes", offered.empty() ? "everyone" : offered});
     }
-    std::array<std::size_t, 6> widths{};
+    std::array<std::size_t, columns> widths{};
     for (const auto& row : rows) {
         for (std::size_t column = 0; column < row.size(); ++column) {
             widths[column] = std::max(widths[column], row[column].size());
@@ -70,16 +89,25 @@ std::string feedAsTable(const std::vector<SparkleFeedItem>& items) {
         out += index == 0 ? std::string("DOWNLOAD") : items[index - 1].enclosureURL;
         out += '\n';
     }
+    for (std::size_t index = 0; index < items.size(); ++index) {
+        for (const auto& problem : feedItemProblems(items[index])) {
+            out += fmt::format("Invalid item {} (build '{}'): {}\n", index + 1,
+                               items[index].stated.version, problem);
+        }
+    }
     return out;
 }
 
 void reportFeed(CliContext& context, std::string_view data, bool json, const std::string& source) {
     const auto items = SparkleFeedParser::parse(data);
+    // A feed with an item no Mac can install is reported as such (exit 3), whatever the format.
+    const bool anyInvalid =
+        items && std::any_of(items->begin(), items->end(), [](const SparkleFeedItem& item) {
+            return !feedItemProblems(item).empty();
+        });
     if (json) {
         context.out << feedAsJson(items) << '\n';
-        if (!items) {
-            context.exitStatus = exitFailure;
-        }
+        context.exitStatus = !items ? exitFailure : anyInvalid ? exitCheckFailed : exitSuccess;
         return;
     }
     if (!items) {
@@ -95,6 +123,9 @@ void reportFeed(CliContext& context, std::string_view data, bool json, const std
                                       source, SparkleFeedParser::problem(data)));
     }
     context.out << feedAsTable(*items);
+    if (anyInvalid) {
+        context.exitStatus = exitCheckFailed;
+    }
 }
 
 SparkleEngine engineFor(CliContext& context) {
@@ -123,7 +154,22 @@ void addCheckBuild(CLI::App& group, CliContext& context) {
     command->add_option("BUILD", *build, "The build about to be released")->required();
     command->callback([&context, file, build] {
         const auto value = releaseBuildArgument(*build);
-        ReleaseFeedValidator::validateNextBuild(readFile(expandTilde(*file)), value);
+        const auto data = readFile(expandTilde(*file));
+        try {
+            ReleaseFeedValidator::validateNextBuild(data, value);
+        } catch (const VeltraError& error) {
+            // Which item stands in the way, so the user can look at it.
+            const auto items = SparkleFeedParser::parse(data);
+            for (const auto& item : items.value_or(std::vector<SparkleFeedItem>{})) {
+                const auto published = BuildNumber::parse(item.version);
+                if (!item.version.empty() && (!published.isValid() || published.value >= value)) {
+                    throw VeltraError(error.domain(), error.code(),
+                                      fmt::format("{} It is the item '{}' (build '{}').",
+                                                  error.message(), item.title, item.version));
+                }
+            }
+            throw;
+        }
         context.out << fmt::format("Build {} is newer than every build in the feed.\n", value);
     });
 }
@@ -176,6 +222,7 @@ void addAdd(CLI::App& group, CliContext& context) {
     auto release = std::make_shared<AppcastRelease>();
     auto dmg = std::make_shared<std::string>();
     auto keyFile = std::make_shared<std::string>(SparkleEngine::defaultPrivateKeyPath);
+    auto controls = std::make_shared<FeedControlArguments>();
     command->add_option("FILE", *file, "The appcast.xml to extend")->required();
     command->add_option("--version", release->shortVersion, "Short version (1.4.2)")->required();
     command->add_option("--build", release->build, "Build number")->required();
@@ -193,13 +240,15 @@ void addAdd(CLI::App& group, CliContext& context) {
                     ->add_option("--ed-key-file", *keyFile,
                                  "Private key for --dmg (32-byte seed or the older 96-byte form)")
                     ->capture_default_str();
+    controls->addTo(*command);
     signature->needs(length)->excludes(dmgOption);
     length->needs(signature)->excludes(dmgOption);
     key->needs(dmgOption);
-    command->callback([&context, file, release, dmg, keyFile, signature] {
+    command->callback([&context, file, release, dmg, keyFile, signature, controls] {
         if (signature->count() == 0 && dmg->empty()) {
             throw CLI::ValidationError("Give --signature and --length, or --dmg to sign.");
         }
+        release->controls = controls->controls();
         auto engine = engineFor(context);
         if (!dmg->empty()) {
             const std::filesystem::path image = expandTilde(*dmg);
@@ -251,6 +300,27 @@ void addCommitted(CLI::App& group, CliContext& context) {
 }
 
 } // namespace
+
+// "10m", "90s", "1h" or plain seconds.
+std::chrono::seconds waitDurationArgument(const std::string& text) {
+    std::size_t used = 0;
+    long long amount = -1;
+    try {
+        amount = std::stoll(text, &used);
+    } catch (const std::exception&) {
+    }
+    const auto unit = text.substr(used);
+    const long long scale = unit.empty() || unit == "s" ? 1
+                            : unit == "m"               ? 60
+                            : unit == "h"               ? 3600
+                                                        : 0;
+    if (amount <= 0 || scale == 0 || amount > 24 * 3600 / scale) {
+        throw CLI::ValidationError("--wait", "'" + text +
+                                                 "' is not a duration such as 10m, 90s or 1h (at "
+                                                 "most a day)");
+    }
+    return std::chrono::seconds(amount * scale);
+}
 
 std::int64_t releaseBuildArgument(const std::string& text) {
     const auto build = BuildNumber::parse(text);

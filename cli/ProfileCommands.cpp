@@ -233,13 +233,16 @@ void addReleases(CLI::App& app, CliContext& context) {
             context.out << fmt::format("{} has no releases yet.\n", p.name);
             return;
         }
-        context.out << fmt::format("{:<12} {:<8} {:<20} {:>9}  {:<9}  {}\n", "VERSION", "BUILD",
-                                   "DATE", "SIZE", "NOTARIZED", "WEBSITE");
+        context.out << fmt::format("{:<12} {:<8} {:<20} {:>9}  {:<9}  {:<24}  {}\n", "VERSION",
+                                   "BUILD", "DATE", "SIZE", "NOTARIZED", "OFFERED", "WEBSITE");
         for (const auto& m : releases) {
             const auto notarized = m.wasNotarized ? (*m.wasNotarized ? "yes" : "no") : "unknown";
-            context.out << fmt::format("{:<12} {:<8} {:<20} {:>9}  {:<9}  {}\n", m.version,
+            const auto offered = m.withdrawnAt                ? std::string("withdrawn")
+                                 : m.feedControls.isDefault() ? std::string("everyone")
+                                                              : m.feedControls.summary();
+            context.out << fmt::format("{:<12} {:<8} {:<20} {:>9}  {:<9}  {:<24}  {}\n", m.version,
                                        m.buildNumber, m.releaseDate.iso8601(),
-                                       formatSize(m.dmgFileSize), notarized,
+                                       formatSize(m.dmgFileSize), notarized, offered,
                                        websiteStatusText(m.websitePublication));
         }
     });

@@ -1,4 +1,5 @@
 #include "Commands.h"
+#include "FeedControlOptions.h"
 #include "OpenStore.h"
 #include "PipelineViews.h"
 #include "core/pipeline/WebsitePublicationWatcher.h"
@@ -8,30 +9,6 @@
 #include <unistd.h>
 
 namespace veltra::cli {
-namespace {
-
-// "10m", "90s", "1h" or plain seconds.
-std::chrono::seconds durationArgument(const std::string& text) {
-    std::size_t used = 0;
-    long long amount = -1;
-    try {
-        amount = std::stoll(text, &used);
-    } catch (const std::exception&) {
-    }
-    const auto unit = text.substr(used);
-    const long long scale = unit.empty() || unit == "s" ? 1
-                            : unit == "m"               ? 60
-                            : unit == "h"               ? 3600
-                                                        : 0;
-    if (amount <= 0 || scale == 0 || amount > 24 * 3600 / scale) {
-        throw CLI::ValidationError("--wait", "'" + text +
-                                                 "' is not a duration such as 10m, 90s or 1h (at "
-                                                 "most a day)");
-    }
-    return std::chrono::seconds(amount * scale);
-}
-
-} // namespace
 
 void addReleaseCommand(CLI::App& app, CliContext& context) {
     auto* command = app.add_subcommand("release", "Run the release pipeline for a profile");
@@ -48,6 +25,7 @@ void addReleaseCommand(CLI::App& app, CliContext& context) {
     auto verbose = std::make_shared<bool>(false);
     auto wait = std::make_shared<std::string>();
     auto noWait = std::make_shared<bool>(false);
+    auto controls = std::make_shared<FeedControlArguments>();
     command->add_option("NAME|ID", *profile, "The profile's name or ID")->required();
     command->add_option("--app", *appPath, "Ship this already built app");
     command->add_option("--version", *version,
@@ -57,6 +35,7 @@ void addReleaseCommand(CLI::App& app, CliContext& context) {
     command->add_option(
         "--branch", *branch,
         "Build this committed branch of the app's repository, not the working copy");
+    controls->addTo(*command);
     auto* jsonFlag = command->add_flag("--json", *json,
                                        "One JSON object per line: steps, log lines, the result");
     command->add_flag("--quiet", *quiet, "Only errors, warnings and the result")
@@ -76,7 +55,7 @@ void addReleaseCommand(CLI::App& app, CliContext& context) {
     command->add_flag("--resume", *resume,
                       "Continue the last stopped release from the first step that did not finish");
     command->callback([&context, profile, appPath, version, build, notesFile, branch, json, dryRun,
-                       resume, quiet, verbose, wait, noWait] {
+                       resume, quiet, verbose, wait, noWait, controls] {
         OpenStore store(context);
         ReleaseRequest request;
         request.profile = store.find(*profile);
@@ -100,16 +79,17 @@ void addReleaseCommand(CLI::App& app, CliContext& context) {
             request.branch = *branch;
         }
         request.dryRun = *dryRun;
+        request.feedControls = controls->controls();
         if (*resume && (!appPath->empty() || !version->empty() || !build->empty() ||
-                        !branch->empty() || *dryRun)) {
+                        !branch->empty() || *dryRun || !request.feedControls.isDefault())) {
             throw failure("--resume continues the stopped release as it was; it takes no --app, "
-                          "--version, --build, --branch or --dry-run.");
+                          "--version, --build, --branch, --dry-run or feed controls.");
         }
         request.resume = *resume;
         // A person at a terminal waits to see the release live; a script asks for it.
         std::optional<std::chrono::seconds> follow;
         if (!wait->empty()) {
-            follow = durationArgument(*wait);
+            follow = waitDurationArgument(*wait);
         } else if (!*noWait && !*json && !request.dryRun && ::isatty(STDOUT_FILENO) == 1) {
             follow = std::chrono::minutes(10);
         }

@@ -2,14 +2,22 @@
 #include "JsonOutput.h"
 #include "LinePrinter.h"
 #include "OpenStore.h"
+#include "core/feed/PublishedFeedReader.h"
 #include "core/feed/SparkleFeedParser.h"
+#include "core/pipeline/FeedChanges.h"
+#include "core/pipeline/SparkleAutoResolver.h"
+#include "core/pipeline/SparkleKeys.h"
 #include "core/pipeline/WebsitePublicationWatcher.h"
+#include "core/process/TransientRetry.h"
 #include "core/publishing/ReleasePublishingPlan.h"
 #include "core/publishing/WebDeployer.h"
 #include "core/publishing/WebsiteCreator.h"
+#include "core/support/Text.h"
 
 #include <algorithm>
+#include <chrono>
 #include <memory>
+#include <unistd.h>
 
 namespace veltra::cli {
 namespace {
@@ -202,6 +210,183 @@ void addDeploy(CLI::App& group, CliContext& context) {
     });
 }
 
+// The public key the app checks its updates with: its project's SUPublicEDKey, else the one of
+// the key its releases are signed with. Empty when neither can be read.
+std::string publicKeyOf(const ProjectProfile& profile, StopToken stop) {
+    if (profile.sourceProjectPath) {
+        if (auto key = SparkleAutoResolver::fromProject(expandTilde(*profile.sourceProjectPath))
+                           .publicKey) {
+            return *key;
+        }
+    }
+    try {
+        return SparkleKeys::load(SparkleKeys::ofProfile(profile.sparkle), std::move(stop))
+            .publicKeyBase64();
+    } catch (const VeltraError&) {
+        return {};
+    }
+}
+
+// Checks each item the live feed offers (or only the newest) as a Mac would install it.
+int checkFeedItems(CliContext& context, const ProjectProfile& profile, bool all) {
+    const auto addresses = ReleasePublishingPlan::publicAddresses(profile);
+    if (addresses.publicAppcastURL.empty()) {
+        throw failure("The profile sets no site address (webDeploy.siteURL): there is no live "
+                      "feed to check.");
+    }
+    const auto key = publicKeyOf(profile, context.stop);
+    if (key.empty()) {
+        throw failure("The app's public EdDSA key could not be found (neither the project's "
+                      "SUPublicEDKey nor the signing key): downloads cannot be verified.");
+    }
+    const auto items = SparkleFeedParser::parse(
+        PublishedFeedReader().liveFeed(addresses.publicAppcastURL, context.stop));
+    if (!items || items->empty()) {
+        throw failure("The live feed at " + addresses.publicAppcastURL + " offers nothing.");
+    }
+    const auto appName = profile.appName.empty() ? profile.name : profile.appName;
+    WebDeployer deployer;
+    std::size_t broken = 0;
+    for (std::size_t index = 0; index < (all ? items->size() : 1); ++index) {
+        const auto& item = (*items)[index];
+        if (const auto problem = deployer.itemProblem(item, key, context.stop)) {
+            ++broken;
+            context.out << "Broken: build " << item.version << " (" << item.shortVersion
+                        << "): " << *problem << "\n   Stop offering it: veltra website withdraw "
+                        << shellCommandLine({profile.name}) << " --build " << item.version << '\n';
+        } else {
+            context.out << "Verified: build " << item.version << " (" << item.shortVersion
+                        << "): " << item.enclosureLength << " bytes, signature holds\n";
+        }
+    }
+    context.out << (broken == 0 ? "Every checked item of " + appName + "'s live feed installs."
+                                : std::to_string(broken) + " item(s) of " + appName +
+                                      "'s live feed cannot be installed.")
+                << '\n';
+    return broken == 0 ? 0 : 1;
+}
+
+// Follows the live feed until it shows the change, at most `limit`.
+bool followLiveFeed(CliContext& context, const ProjectProfile& profile, const std::string& build,
+                    const std::optional<std::string>& channel, std::chrono::seconds limit) {
+    const auto feedURL = ReleasePublishingPlan::publicAddresses(profile).publicAppcastURL;
+    if (feedURL.empty()) {
+        return false;
+    }
+    context.out << "Waiting for the live feed to show the change (at most " << limit.count()
+                << " s)...\n"
+                << std::flush;
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    for (;;) {
+        try {
+            const auto items =
+                SparkleFeedParser::parse(PublishedFeedReader().liveFeed(feedURL, context.stop));
+            if (items) {
+                const auto found =
+                    std::find_if(items->begin(), items->end(), [&](const SparkleFeedItem& item) {
+                        return item.stated.version == build;
+                    });
+                if (channel ? found != items->end() && found->controls.channel == *channel
+                            : found == items->end()) {
+                    return true;
+                }
+            }
+        } catch (const CancellationError&) {
+            throw;
+        } catch (const std::exception&) {
+            // Not served yet; the next look may be.
+        }
+        if (std::chrono::steady_clock::now() >= deadline ||
+            !waitUnlessStopped(std::chrono::seconds(5), context.stop)) {
+            return false;
+        }
+    }
+}
+
+void addFeedChange(CLI::App& group, CliContext& context, bool promote) {
+    auto* command = group.add_subcommand(
+        promote ? "promote" : "withdraw",
+        promote ? "Offer a published release to everyone, or to another channel"
+                : "Stop offering a published release in the feed");
+    auto profile = std::make_shared<std::string>();
+    auto build = std::make_shared<std::string>();
+    auto channel = std::make_shared<std::string>();
+    auto deleteFiles = std::make_shared<bool>(false);
+    auto wait = std::make_shared<std::string>();
+    auto noWait = std::make_shared<bool>(false);
+    command->add_option("NAME|ID", *profile, "The profile's name or ID")->required();
+    command->add_option("--build", *build, "The build the feed offers")->required();
+    if (promote) {
+        command->add_option("--channel", *channel,
+                            "Offer it on this channel instead (default: to everyone)");
+    } else {
+        command->add_flag("--delete-files", *deleteFiles,
+                          "Also remove its image and notes from the site (never the download "
+                          "page's stable files or a file another release names)");
+    }
+    auto* waitOption = command->add_option(
+        "--wait", *wait,
+        "After the push, follow the live feed until it shows the change, at most this long "
+        "(10m, 90s, 1h; default 10m on a terminal)");
+    waitOption->type_name("DURATION");
+    command->add_flag("--no-wait", *noWait, "Do not follow the live feed after the push")
+        ->excludes(waitOption);
+    command->callback([&context, promote, profile, build, channel, deleteFiles, wait, noWait] {
+        if (!channel->empty()) {
+            if (const auto problem = feedControls::channelProblem(*channel)) {
+                throw failure("--channel '" + *channel + "' cannot be used: " + *problem + ".");
+            }
+        }
+        std::optional<std::chrono::seconds> follow;
+        if (!wait->empty()) {
+            follow = waitDurationArgument(*wait);
+        } else if (!*noWait && ::isatty(STDOUT_FILENO) == 1) {
+            follow = std::chrono::minutes(10);
+        }
+        OpenStore store(context);
+        auto chosen = store.find(*profile);
+        LinePrinter print(context.out);
+        const FeedChanges changes;
+        const auto outcome =
+            promote ? changes.promote(chosen, *build, *channel, std::ref(print), context.stop)
+                    : changes.withdraw(chosen, *build, *deleteFiles, std::ref(print), context.stop);
+        // The release's record says what the feed offers now.
+        if (chosen.recentReleases) {
+            for (auto& manifest : *chosen.recentReleases) {
+                if (promote && manifest.buildNumber == *build) {
+                    manifest.feedControls.channel = *channel;
+                }
+                if (!promote &&
+                    std::find(outcome.removedBuilds.begin(), outcome.removedBuilds.end(),
+                              manifest.buildNumber) != outcome.removedBuilds.end()) {
+                    manifest.withdrawnAt = Date::now();
+                }
+            }
+            store.store().update(chosen);
+            store.save();
+        }
+        print("Success: " + outcome.summary + "; pushed.");
+        if (!follow) {
+            print("Check the live feed with 'veltra website check " +
+                  shellCommandLine({chosen.name}) + " --all'.");
+            return;
+        }
+        if (followLiveFeed(context, chosen, *build,
+                           promote ? std::optional<std::string>(*channel) : std::nullopt,
+                           *follow)) {
+            print("Success: The live feed shows the change.");
+        } else {
+            if (context.stop.stop_requested()) {
+                throw CancellationError();
+            }
+            print("Warning: The live feed does not show the change yet; check it with 'veltra "
+                  "website check " +
+                  shellCommandLine({chosen.name}) + " --all'.");
+            context.exitStatus = 1;
+        }
+    });
+}
+
 void addCheck(CLI::App& group, CliContext& context) {
     auto* command = group.add_subcommand(
         "check", "Check that the live site serves a release's feed and download");
@@ -210,16 +395,24 @@ void addCheck(CLI::App& group, CliContext& context) {
     auto watch = std::make_shared<bool>(false);
     auto interval = std::make_shared<double>(20);
     auto timeout = std::make_shared<double>(900);
+    auto all = std::make_shared<bool>(false);
     command->add_option("NAME|ID", *profile, "The profile's name or ID")->required();
+    command->add_flag("--all", *all,
+                      "Download every item the live feed offers and check its length, its "
+                      "signature and its notes");
     command->add_option("--release", *which, "VERSION or latest (default)");
     command->add_flag("--watch", *watch, "Keep checking until live or the time limit");
     command->add_option("--interval", *interval, "Seconds between checks (default 20)")
         ->check(CLI::PositiveNumber);
     command->add_option("--timeout", *timeout, "Seconds before giving up (default 900)")
         ->check(CLI::NonNegativeNumber);
-    command->callback([&context, profile, which, watch, interval, timeout] {
+    command->callback([&context, profile, which, watch, interval, timeout, all] {
         OpenStore store(context);
         const auto& chosen = store.find(*profile);
+        if (*all) {
+            context.exitStatus = checkFeedItems(context, chosen, true);
+            return;
+        }
         const auto* manifest = findRelease(chosen, *which);
         if (manifest == nullptr) {
             throw failure("No release " + (*which == "latest" ? std::string() : *which + " ") +
@@ -266,8 +459,11 @@ void addCheck(CLI::App& group, CliContext& context) {
             }
         };
         if (!*watch) {
-            // One look: a miss leaves the release as it was (pending stays pending).
-            const auto problem = WebDeployer().liveSiteProblem(
+            // One look: a miss leaves the release as it was (pending stays pending). The image
+            // is downloaded and its signature checked when the app's key is known.
+            WebDeployer deployer;
+            deployer.publicKey = publicKeyOf(chosen, context.stop);
+            const auto problem = deployer.liveSiteProblem(
                 *release.websitePublication, release.version, release.buildNumber, context.stop);
             auto& publication = *release.websitePublication;
             publication.lastCheckedAt = Date::now();
@@ -308,6 +504,8 @@ void addWebsiteCommands(CLI::App& app, CliContext& context) {
     addInit(*group, context);
     addDeploy(*group, context);
     addCheck(*group, context);
+    addFeedChange(*group, context, true);
+    addFeedChange(*group, context, false);
 }
 
 } // namespace veltra::cli

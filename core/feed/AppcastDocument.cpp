@@ -78,6 +78,108 @@ extern "C" void anchorEnd(void* user, const XML_Char* name) {
     }
 }
 
+// The parser lists an item for every <item> that is not inside another one.
+struct ItemSearch : ExpatContext {
+    std::vector<ItemRange> ranges{};
+    int depth = 0;
+    std::size_t begin = 0;
+
+    std::size_t eventStart() const {
+        return static_cast<std::size_t>(XML_GetCurrentByteIndex(parser));
+    }
+    std::size_t eventEnd() const {
+        return eventStart() + static_cast<std::size_t>(XML_GetCurrentByteCount(parser));
+    }
+};
+
+extern "C" void itemStart(void* user, const XML_Char* name, const XML_Char**) {
+    auto& search = expatContext<ItemSearch>(user);
+    if (std::string_view(name) == "item" && search.depth++ == 0) {
+        search.begin = search.eventStart();
+    }
+}
+
+extern "C" void itemEnd(void* user, const XML_Char* name) {
+    auto& search = expatContext<ItemSearch>(user);
+    if (std::string_view(name) == "item" && search.depth > 0 && --search.depth == 0) {
+        search.ranges.push_back({search.begin, search.eventEnd()});
+    }
+}
+
+bool isBlank(char c) {
+    return c == ' ' || c == '\t' || c == '\r';
+}
+
+// The controls' elements as Veltra writes them, each on a line of its own.
+std::string controlLines(const FeedControls& controls, std::string_view indent) {
+    const auto text = [](std::string_view value) { return escaped(value, false); };
+    std::string out;
+    if (!controls.channel.empty()) {
+        out += fmt::format("{}<sparkle:channel>{}</sparkle:channel>\n", indent,
+                           text(controls.channel));
+    }
+    if (controls.critical) {
+        out += controls.criticalBelow.empty()
+                   ? fmt::format("{}<sparkle:criticalUpdate/>\n", indent)
+                   : fmt::format("{}<sparkle:criticalUpdate sparkle:version=\"{}\"/>\n", indent,
+                                 escaped(controls.criticalBelow, true));
+    }
+    if (controls.phasedRolloutSeconds) {
+        out += fmt::format("{}<sparkle:phasedRolloutInterval>{}</sparkle:phasedRolloutInterval>\n",
+                           indent, *controls.phasedRolloutSeconds);
+    }
+    if (!controls.minimumAutoupdateVersion.empty()) {
+        out += fmt::format(
+            "{}<sparkle:minimumAutoupdateVersion>{}</sparkle:minimumAutoupdateVersion>\n", indent,
+            text(controls.minimumAutoupdateVersion));
+    }
+    return out;
+}
+
+// [begin, end) of the first element `name` in `text` (its whole line when it stands alone on
+// one), or nothing.
+std::optional<std::pair<std::size_t, std::size_t>> elementSpan(std::string_view text,
+                                                               std::string_view name) {
+    const auto open = "<" + std::string(name);
+    std::size_t begin = text.find(open);
+    while (begin != std::string_view::npos) {
+        const char after = begin + open.size() < text.size() ? text[begin + open.size()] : '\0';
+        if (after == '>' || after == '/' || after == ' ' || after == '\t' || after == '\n' ||
+            after == '\r') {
+            break;
+        }
+        begin = text.find(open, begin + 1);
+    }
+    if (begin == std::string_view::npos) {
+        return std::nullopt;
+    }
+    const auto tagEnd = text.find('>', begin);
+    if (tagEnd == std::string_view::npos) {
+        return std::nullopt;
+    }
+    std::size_t end = tagEnd + 1;
+    if (text[tagEnd - 1] != '/') {
+        const auto close = text.find("</" + std::string(name) + ">", end);
+        if (close == std::string_view::npos) {
+            return std::nullopt;
+        }
+        end = close + name.size() + 3;
+    }
+    std::size_t lineBegin = begin;
+    while (lineBegin > 0 && isBlank(text[lineBegin - 1])) {
+        --lineBegin;
+    }
+    std::size_t lineEnd = end;
+    while (lineEnd < text.size() && isBlank(text[lineEnd])) {
+        ++lineEnd;
+    }
+    if ((lineBegin == 0 || text[lineBegin - 1] == '\n') && lineEnd < text.size() &&
+        text[lineEnd] == '\n') {
+        return std::pair{lineBegin, lineEnd + 1};
+    }
+    return std::pair{begin, end};
+}
+
 constexpr const char* weekdays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
 constexpr const char* months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                   "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
@@ -111,6 +213,7 @@ std::string itemText(const AppcastRelease& release, std::string_view pubDate) {
             "            <sparkle:minimumSystemVersion>{}</sparkle:minimumSystemVersion>\n",
             text(release.minimumSystemVersion));
     }
+    out += controlLines(release.controls, "            ");
     out += fmt::format("            <sparkle:releaseNotesLink>{}</sparkle:releaseNotesLink>\n",
                        text(release.releaseNotesURL));
     out += fmt::format("            <enclosure url=\"{}\" length=\"{}\" "
@@ -155,6 +258,108 @@ std::optional<std::string> insertItem(std::string_view document, std::string_vie
         out.append(item);
         out.append(document.substr(*anchor));
     }
+    return out;
+}
+
+std::vector<ItemRange> itemRanges(std::string_view document) {
+    ItemSearch search;
+    ExpatDocument parser(search);
+    XML_SetElementHandler(parser.parser(), itemStart, itemEnd);
+    if (!parser.parse(document)) {
+        return {};
+    }
+    return search.ranges;
+}
+
+std::string removeItems(std::string_view document, const std::function<bool(std::size_t)>& drop) {
+    std::string out;
+    out.reserve(document.size());
+    std::size_t kept = 0;
+    const auto ranges = itemRanges(document);
+    for (std::size_t index = 0; index < ranges.size(); ++index) {
+        if (!drop(index)) {
+            continue;
+        }
+        auto [begin, end] = ranges[index];
+        while (begin > kept && isBlank(document[begin - 1])) {
+            --begin;
+        }
+        while (end < document.size() && isBlank(document[end])) {
+            ++end;
+        }
+        if ((begin == 0 || document[begin - 1] == '\n') && end < document.size() &&
+            document[end] == '\n') {
+            ++end;
+        }
+        out.append(document.substr(kept, begin - kept));
+        kept = end;
+    }
+    out.append(document.substr(kept));
+    return out;
+}
+
+std::string withControls(std::string_view item, const FeedControls& controls) {
+    std::string text(item);
+    for (const auto* name : {"sparkle:channel", "sparkle:criticalUpdate",
+                             "sparkle:phasedRolloutInterval", "sparkle:minimumAutoupdateVersion"}) {
+        while (const auto span = elementSpan(text, name)) {
+            text.erase(span->first, span->second - span->first);
+        }
+    }
+    // Old feeds keep the critical marker inside <sparkle:tags>; an emptied one goes too.
+    if (const auto tags = elementSpan(text, "sparkle:tags")) {
+        const auto inside = text.substr(tags->first, tags->second - tags->first);
+        if (inside.find('<', inside.find('>') + 1) == inside.rfind("</")) {
+            text.erase(tags->first, tags->second - tags->first);
+        }
+    }
+    const auto close = text.rfind("</item>");
+    if (close == std::string::npos) {
+        return text;
+    }
+    // Indented like the item's first child, on lines of their own before </item>.
+    std::string indent = "            ";
+    if (const auto firstLine = text.find('\n'); firstLine != std::string::npos) {
+        const auto start = firstLine + 1;
+        auto stop = start;
+        while (stop < text.size() && isBlank(text[stop])) {
+            ++stop;
+        }
+        if (stop < close) {
+            indent = text.substr(start, stop - start);
+        }
+    }
+    auto lineStart = close;
+    while (lineStart > 0 && isBlank(text[lineStart - 1])) {
+        --lineStart;
+    }
+    const bool ownLine = lineStart > 0 && text[lineStart - 1] == '\n';
+    const auto lines = controlLines(controls, indent);
+    text.insert(ownLine ? lineStart : close, ownLine ? lines : "\n" + lines);
+    return text;
+}
+
+std::string withEnclosureURL(std::string_view item, std::string_view from, std::string_view to) {
+    std::string text(item);
+    const auto enclosure = elementSpan(text, "enclosure");
+    if (!enclosure) {
+        return text;
+    }
+    for (const char quote : {'"', '\''}) {
+        const auto wanted = "url=" + std::string(1, quote) + escaped(from, true) + quote;
+        const auto at = text.find(wanted, enclosure->first);
+        if (at != std::string::npos && at < enclosure->second) {
+            text.replace(at, wanted.size(), "url=\"" + escaped(to, true) + "\"");
+            return text;
+        }
+    }
+    return text;
+}
+
+std::string replaceItem(std::string_view document, ItemRange range, std::string_view item) {
+    std::string out(document.substr(0, range.begin));
+    out.append(item);
+    out.append(document.substr(range.end));
     return out;
 }
 

@@ -1,9 +1,13 @@
 #pragma once
 
+#include "core/records/FeedControls.h"
+
 #include <ctime>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace veltra {
 
@@ -16,6 +20,7 @@ struct AppcastRelease {
     std::string length{};
     std::string minimumSystemVersion{};
     std::string releaseNotesURL{};
+    FeedControls controls{};
 };
 
 // The text of appcast.xml documents: what Veltra writes and where it goes. Pure functions; the
@@ -40,6 +45,28 @@ std::optional<std::size_t> insertionAnchor(std::string_view document);
 // The document with the item placed at the anchor on lines of its own, or nothing without an
 // anchor.
 std::optional<std::string> insertItem(std::string_view document, std::string_view item);
+
+// Where each item the parser lists sits in the document: [begin, end) byte offsets of its
+// <item> element, in document order. Empty when the document is not well-formed.
+struct ItemRange {
+    std::size_t begin = 0;
+    std::size_t end = 0;
+};
+std::vector<ItemRange> itemRanges(std::string_view document);
+
+// The document without the items `drop` chooses (by index, in document order), each with the
+// blank rest of its lines; the rest byte for byte.
+std::string removeItems(std::string_view document, const std::function<bool(std::size_t)>& drop);
+
+// The item's text with its controls replaced by `controls` (other elements kept as written).
+std::string withControls(std::string_view item, const FeedControls& controls);
+
+// The item's text with its enclosure's url attribute `from` replaced by `to`; unchanged text when
+// the enclosure names another address.
+std::string withEnclosureURL(std::string_view item, std::string_view from, std::string_view to);
+
+// The document with the item at `range` replaced by `item`.
+std::string replaceItem(std::string_view document, ItemRange range, std::string_view item);
 
 // A feed without items. Without a site URL the channel holds only its title.
 std::string stubFeed(std::string_view appName, std::string_view siteURL);

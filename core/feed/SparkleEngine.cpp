@@ -226,6 +226,26 @@ void SparkleEngine::updateFeed(const std::filesystem::path& appcastPath,
                      release.shortVersion, release.build));
 }
 
+std::vector<SparkleFeedItem> SparkleEngine::keepNewest(const std::filesystem::path& appcastPath,
+                                                       int keep) const {
+    const auto document = readFile(appcastPath);
+    const auto items = SparkleFeedParser::parse(document);
+    if (!items || keep < 1 || items->size() <= static_cast<std::size_t>(keep)) {
+        return {};
+    }
+    const auto limit = static_cast<std::size_t>(keep);
+    const auto kept =
+        appcast::removeItems(document, [limit](std::size_t index) { return index >= limit; });
+    const auto after = SparkleFeedParser::parse(kept);
+    if (!after || after->size() != limit) {
+        throw VeltraError(domain, feedCode,
+                          "The update feed could not be trimmed to " + std::to_string(keep) +
+                              " releases; it was left as it was.");
+    }
+    writeFileAtomically(appcastPath, kept);
+    return {items->begin() + keep, items->end()};
+}
+
 void SparkleEngine::createStubFeed(const std::filesystem::path& appcastPath,
                                    const std::string& appName, const std::string& siteURL) const {
     std::error_code error;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "AppcastDocument.h"
+#include "SparkleFeedItem.h"
 #include "SparklePrivateKey.h"
 #include "core/process/ProcessRunner.h"
 #include "core/support/StopToken.h"
@@ -76,6 +77,11 @@ public:
     // checking that the new text reads back with the release's values. The build number is
     // checked before the file is read.
     void updateFeed(const std::filesystem::path& appcastPath, const AppcastRelease& release) const;
+
+    // Leaves the first `keep` items (Veltra puts the newest first) and rewrites the feed
+    // atomically when any go; the items that left, in document order.
+    std::vector<SparkleFeedItem> keepNewest(const std::filesystem::path& appcastPath,
+                                            int keep) const;
 
     // Writes an empty feed; refuses to replace an existing file.
     void createStubFeed(const std::filesystem::path& appcastPath, const std::string& appName,

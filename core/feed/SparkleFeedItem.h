@@ -1,5 +1,7 @@
 #pragma once
 
+#include "core/records/FeedControls.h"
+
 #include <cstddef>
 #include <functional>
 #include <string>
@@ -20,6 +22,17 @@ struct SparkleFeedItem {
     std::string enclosureLength{};
     std::string edSignature{};
     std::string rawDescription{};
+    FeedControls controls{};
+    // What the item itself says, before the reading rules fill its gaps (the title standing in
+    // for versions, "14.0" for the minimum system): empty where the item says nothing.
+    struct Stated {
+        std::string title{};
+        std::string shortVersion{};
+        std::string version{};
+        std::string minimumSystemVersion{};
+        std::string phasedRolloutInterval{};
+        bool operator==(const Stated&) const = default;
+    } stated{};
 
     bool operator==(const SparkleFeedItem&) const = default;
 };

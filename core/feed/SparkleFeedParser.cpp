@@ -3,6 +3,8 @@
 #include "core/support/ExpatDocument.h"
 #include "core/support/XMLEncoding.h"
 
+#include <string>
+
 namespace veltra {
 
 namespace {
@@ -111,11 +113,20 @@ void SparkleFeedParser::startElement(const char* name, const char** attributes) 
         insideItem_ = true;
         fields_.clear();
         enclosure_.clear();
+        critical_.reset();
     }
     if (!insideItem_) {
         return;
     }
     element_ = element;
+    if (element == "sparkle:criticalUpdate") {
+        critical_.emplace();
+        for (auto attribute = attributes; attribute[0] != nullptr; attribute += 2) {
+            if (std::string_view(attribute[0]) == "sparkle:version") {
+                critical_ = trimFeedText(attribute[1]);
+            }
+        }
+    }
     if (element == enclosureName) {
         enclosure_.clear();
         for (auto attribute = attributes; attribute[0] != nullptr; attribute += 2) {
@@ -152,18 +163,31 @@ void SparkleFeedParser::finishItem() {
         return !first.empty() ? first : !second.empty() ? second : third;
     };
     SparkleFeedItem item;
-    item.title = field("title");
-    item.shortVersion =
+    item.stated.title = field("title");
+    item.stated.shortVersion =
         firstNonEmpty(field("sparkle:shortVersionString"),
-                      trimFeedText(textOf(enclosure_, "sparkle:shortVersionString")), item.title);
-    item.version =
-        firstNonEmpty(field("sparkle:version"), trimFeedText(textOf(enclosure_, "sparkle:version")),
-                      item.shortVersion);
+                      trimFeedText(textOf(enclosure_, "sparkle:shortVersionString")), "");
+    item.stated.version = firstNonEmpty(field("sparkle:version"),
+                                        trimFeedText(textOf(enclosure_, "sparkle:version")), "");
+    item.stated.minimumSystemVersion = field("sparkle:minimumSystemVersion");
+    item.stated.phasedRolloutInterval = field("sparkle:phasedRolloutInterval");
+    item.controls.channel = field("sparkle:channel");
+    item.controls.critical = critical_.has_value();
+    item.controls.criticalBelow = critical_.value_or("");
+    item.controls.minimumAutoupdateVersion = field("sparkle:minimumAutoupdateVersion");
+    if (const auto& interval = item.stated.phasedRolloutInterval;
+        !interval.empty() && interval.find_first_not_of("0123456789") == std::string::npos &&
+        interval.size() < 18) {
+        item.controls.phasedRolloutSeconds = std::stoll(interval);
+    }
+    item.title = item.stated.title;
+    item.shortVersion = firstNonEmpty(item.stated.shortVersion, item.title, "");
+    item.version = firstNonEmpty(item.stated.version, item.shortVersion, "");
     if (item.title.empty()) {
         item.title = item.shortVersion;
     }
     item.pubDate = field("pubDate");
-    item.minimumSystemVersion = field("sparkle:minimumSystemVersion");
+    item.minimumSystemVersion = item.stated.minimumSystemVersion;
     if (item.minimumSystemVersion.empty()) {
         item.minimumSystemVersion = defaultMinimumSystemVersion;
     }

@@ -48,6 +48,8 @@ private:
     std::vector<SparkleFeedItem> items_;
     std::map<std::string, std::string, std::less<>> fields_;
     std::map<std::string, std::string, std::less<>> enclosure_;
+    // <sparkle:criticalUpdate> seen in the item (also inside <sparkle:tags>), and its version.
+    std::optional<std::string> critical_;
     std::string element_;
     bool insideItem_ = false;
     bool hasRSS_ = false;

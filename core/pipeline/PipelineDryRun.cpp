@@ -107,10 +107,15 @@ void PipelineManager::dryRunSummary(RunState& run, double elapsed) {
                     run.appName, elapsed));
     if (run.delivery) {
         const auto addresses = ReleasePublishingPlan::publicAddresses(run.request.profile);
-        log("  Download: " + run.delivery->downloadURL(run.appName + ".dmg"));
+        log("  Download: " +
+            run.delivery->downloadURL(percentEncoded(run.dmg.filename().string())) +
+            " (and the download page's " + run.appName + ".dmg)");
         log("  Feed:     " + addresses.publicAppcastURL);
+        log("  Offered:  " + (run.feedControls.isDefault() ? std::string("to everyone")
+                                                           : run.feedControls.summary()));
         if (!run.delivery->releaseNotesURLPattern.empty()) {
-            log("  Notes:    " + run.delivery->releaseNotesURL(run.appName));
+            log("  Notes:    " +
+                run.delivery->releaseNotesURL(percentEncoded(run.dmg.stem().string())));
         }
         log("  Website:  " +
             ReleasePublishingPlan::resolveRepository(run.request.profile)

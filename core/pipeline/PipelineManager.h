@@ -59,6 +59,8 @@ struct ReleaseRequest {
     // the feed and the deploy go to a temporary clone of the website repository that is never
     // pushed, GitHub is only described, and no release is recorded.
     bool dryRun = false;
+    // The feed item's channel, critical flag, phased rollout and automatic-update floor.
+    FeedControls feedControls{};
     // Continue the profile's last failed or cancelled release from the first step that did not
     // finish, reusing what the finished ones made once it is checked unchanged.
     bool resume = false;

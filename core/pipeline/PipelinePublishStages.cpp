@@ -1,11 +1,14 @@
 #include "PipelineRunState.h"
+#include "SparkleAutoResolver.h"
 #include "SparkleKeys.h"
 #include "core/feed/MinimumSystemVersion.h"
 #include "core/feed/ReleaseFeedValidator.h"
+#include "core/feed/SparkleFeedParser.h"
 #include "core/process/ProcessRunner.h"
 #include "core/publishing/GitCommand.h"
 #include "core/publishing/ReleasePublishingPlan.h"
 #include "core/support/FileUtilities.h"
+#include "core/support/Text.h"
 #include "core/support/Uuid.h"
 #include "core/support/VeltraError.h"
 
@@ -61,8 +64,8 @@ void PipelineManager::sparkleStage(RunState& run) {
     AppcastRelease release;
     release.shortVersion = run.info.version;
     release.build = run.info.build;
-    // The website keeps one stable file name, which its download button links.
-    release.downloadURL = run.delivery->downloadURL(run.appName + ".dmg");
+    // Each item its own file: a Mac offered an older item must get the bytes it signs.
+    release.downloadURL = run.delivery->downloadURL(percentEncoded(run.dmg.filename().string()));
     release.signature = signed_.signature;
     release.length = signed_.length;
     const auto minimum = MinimumSystemVersion::choose(run.info.minimumOSVersion,
@@ -71,9 +74,22 @@ void PipelineManager::sparkleStage(RunState& run) {
         log("Warning: " + *minimum.warning, true);
     }
     release.minimumSystemVersion = minimum.version;
-    release.releaseNotesURL = run.delivery->releaseNotesURL(run.appName);
+    release.releaseNotesURL =
+        run.delivery->releaseNotesURL(percentEncoded(run.dmg.stem().string()));
+    release.controls = run.feedControls;
     // Written to a temporary file and renamed: a cancelled run never leaves half a feed.
     engine.updateFeed(run.delivery->appcastPath, release);
+    if (const auto keep = profile.sparkle.keepReleases) {
+        const auto dropped = engine.keepNewest(run.delivery->appcastPath, *keep);
+        run.droppedSiteFiles = WebDeployer::filesOnlyNamedBy(
+            *run.delivery, profile.webDeploy, run.appName, dropped,
+            SparkleFeedParser::parse(readFile(run.delivery->appcastPath))
+                .value_or(std::vector<SparkleFeedItem>{}));
+        for (const auto& item : dropped) {
+            log("Info: Feed keeps " + std::to_string(*keep) + " releases; build " + item.version +
+                " (" + item.shortVersion + ") leaves it");
+        }
+    }
     run.artifacts.sparkleSignature = signed_.signature;
     log("Success: Sparkle appcast.xml updated for v" + run.info.version);
     updateStep(StepID::sparkle, StepStatus::succeeded,
@@ -103,7 +119,7 @@ void PipelineManager::deployStage(RunState& run) {
     ReleaseFeedValidator::verifyWrittenFeed(
         readFile(run.delivery->appcastPath),
         ExpectedFeedItem{run.info.version, run.info.build,
-                         run.delivery->downloadURL(run.appName + ".dmg"),
+                         run.delivery->downloadURL(percentEncoded(run.dmg.filename().string())),
                          *run.artifacts.sparkleSignature, std::to_string(run.artifacts.dmgSize)});
     WebDeployRelease release;
     release.dmgPath = run.dmg;
@@ -114,6 +130,11 @@ void PipelineManager::deployStage(RunState& run) {
     release.iconPNG = run.iconPNG;
     release.signature = *run.artifacts.sparkleSignature;
     release.size = run.artifacts.dmgSize;
+    release.fileStem = run.dmg.stem().string();
+    // The key the built app checks updates with.
+    release.publicKey = SparkleAutoResolver::fromApp(run.app).publicKey.value_or(
+        run.embedded.publicKey.value_or(""));
+    release.removedFiles = run.droppedSiteFiles;
     auto& deployer = run.engines.webDeployer;
     auto config = profile.webDeploy;
     // The preflight checked, before building, that the commit carries only this release; the

@@ -113,6 +113,7 @@ void PipelineManager::keepForResume(RunState& run) {
         record.wasNotarized = run.artifacts.wasNotarized;
         record.finalChecks = run.artifacts.finalChecks;
         record.sparkleSignature = run.artifacts.sparkleSignature;
+        record.feedControls = run.feedControls;
         record.save(run.outputDirectory);
         log("Kept this run in " + folder.string() + "; 'veltra release " +
             run.request.profile.name + " --resume' continues it.");

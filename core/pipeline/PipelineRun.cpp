@@ -1,5 +1,6 @@
 #include "PipelineRunState.h"
 #include "ProfileUpdatesSetup.h"
+#include "ReleaseLock.h"
 #include "ReleaseRunRecord.h"
 #include "core/feed/ReleaseFeedValidator.h"
 #include "core/process/ProcessRunner.h"
@@ -37,28 +38,7 @@ void PipelineManager::execute(const ReleaseRequest& request, StopToken stop) {
     std::function<void()> finish;
     std::optional<FileLock> releaseLock;
     try {
-        // One release of a profile at a time, in any process: a second would take the same next
-        // build, write the same files and break the first one's resume state.
-        const auto lockPath = (releaseLockFolder.empty() ? homeDirectory() / ".veltra" / "locks"
-                                                         : releaseLockFolder) /
-                              (profile.id.string() + ".lock");
-        releaseLock = FileLock::tryLock(lockPath);
-        if (!releaseLock) {
-            const auto holder = std::string(trimWhitespace(FileLock::holder(lockPath)));
-            throw VeltraError("Veltra", errorCode::conflict,
-                              run.appName + " is already being released (" +
-                                  (holder.empty() ? std::string("by another process") : holder) +
-                                  ").");
-        }
-        {
-            const auto now = std::time(nullptr);
-            std::tm local{};
-            ::localtime_r(&now, &local);
-            char started[16] = {};
-            std::strftime(started, sizeof started, "%H:%M:%S", &local);
-            releaseLock->describeHolder("process " + std::to_string(::getpid()) + ", started " +
-                                        started);
-        }
+        releaseLock = ReleaseLock::acquire(releaseLockFolder, profile, run.appName);
         // The app's name names every release file; a profile from an older version may hold one
         // that would write outside the folders it belongs in.
         if (const auto problem = fileNameProblem(run.appName)) {
@@ -102,6 +82,7 @@ void PipelineManager::execute(const ReleaseRequest& request, StopToken stop) {
                 }
                 run.version = run.resumed->version;
                 run.build = run.resumed->build;
+                run.feedControls = run.resumed->feedControls;
             }
             log("Releasing " + run.appName + " (Build " + std::to_string(*run.build) + ")");
             log("Source: " + run.project->string());
@@ -179,8 +160,10 @@ void PipelineManager::execute(const ReleaseRequest& request, StopToken stop) {
         manifest.sparkleSignature = run.artifacts.sparkleSignature;
         manifest.releaseNotes = run.notes;
         if (run.delivery && !run.delivery->releaseNotesURLPattern.empty()) {
-            manifest.notesURL = run.delivery->releaseNotesURL(run.appName);
+            manifest.notesURL =
+                run.delivery->releaseNotesURL(percentEncoded(run.dmg.stem().string()));
         }
+        manifest.feedControls = run.feedControls;
         manifest.websitePublication = run.artifacts.websitePublication;
         manifest.monitoringReleaseID = run.runID;
         manifest.wasNotarized = run.artifacts.wasNotarized;

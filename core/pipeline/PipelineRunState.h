@@ -76,7 +76,8 @@ struct RunEngines {
 
 // One run's facts, shared by its stages on the worker thread.
 struct PipelineManager::RunState {
-    RunState(const ReleaseRequest& r, StopToken s) : request(r), stop(std::move(s)) {}
+    RunState(const ReleaseRequest& r, StopToken s)
+        : request(r), stop(std::move(s)), feedControls(r.feedControls) {}
     const ReleaseRequest& request;
     StopToken stop;
     RunEngines engines;
@@ -109,6 +110,10 @@ struct PipelineManager::RunState {
     std::filesystem::path dmg;
     DeploymentArtifacts artifacts;
     std::optional<std::string> iconPNG;
+    // The request's, or the stopped run's when resuming.
+    FeedControls feedControls;
+    // Site files whose items the feed's retention dropped: the deploy removes them.
+    std::vector<std::string> droppedSiteFiles;
     std::optional<double> uploadSeconds;
     // Resuming: the stopped run's record. Either way: the steps finished so far, and the
     // notarization submission once the tool names it.

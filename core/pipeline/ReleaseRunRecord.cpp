@@ -48,7 +48,8 @@ Json ReleaseRunRecord::toJson() const {
             {"notarySubmissionID", optionalText(notarySubmissionID)},
             {"wasNotarized", wasNotarized},
             {"finalChecks", finalChecks},
-            {"sparkleSignature", optionalText(sparkleSignature)}};
+            {"sparkleSignature", optionalText(sparkleSignature)},
+            {"feedControls", feedControls.toJson()}};
 }
 
 ReleaseRunRecord ReleaseRunRecord::fromJson(const Json& json) {
@@ -84,6 +85,9 @@ ReleaseRunRecord ReleaseRunRecord::fromJson(const Json& json) {
         }
     }
     record.sparkleSignature = reader.optionalString("sparkleSignature");
+    if (const Json* controls = reader.find("feedControls"); controls != nullptr) {
+        record.feedControls = FeedControls::fromJson(*controls, "feedControls");
+    }
     return record;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/records/FeedControls.h"
 #include "core/records/PipelineStep.h"
 #include "core/support/JsonReader.h"
 #include "core/support/Uuid.h"
@@ -32,6 +33,7 @@ struct ReleaseRunRecord {
     bool wasNotarized = false;
     std::vector<std::string> finalChecks;
     std::optional<std::string> sparkleSignature;
+    FeedControls feedControls;
 
     bool completed(StepID step) const;
     bool completed(const std::string& step) const;

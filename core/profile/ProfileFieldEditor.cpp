@@ -69,6 +69,7 @@ std::vector<Field> makeFields() {
         {"sparkle.downloadURLPattern", Kind::string, {}},
         {"sparkle.minimumSystemVersion", Kind::optionalString, {}},
         {"sparkle.signUpdatePath", Kind::optionalString, {}},
+        {"sparkle.keepReleases", Kind::optionalNumber, {}},
         {"githubRelease.enabled", Kind::boolean, {}},
         {"githubRelease.repoOwnerAndName", Kind::string, {}},
         {"githubRelease.createDraft", Kind::boolean, {}},
@@ -283,6 +284,11 @@ std::optional<std::string> ProfileFieldEditor::valueProblem(std::string_view pat
         if (!text.ends_with(".icns") ||
             !std::filesystem::is_regular_file(expandTilde(std::string(text)), error)) {
             problem = "it must name an existing .icns file";
+        }
+    } else if (path == "sparkle.keepReleases" && !text.empty()) {
+        const auto value = parseNumber(text);
+        if (!value || *value != std::trunc(*value) || *value < 1 || *value > 100000) {
+            problem = "it must be a whole number of releases, 1 or more (empty keeps all)";
         }
     } else if (path == "sparkle.minimumSystemVersion" && !text.empty()) {
         if (!isDottedVersion(text)) {

@@ -100,16 +100,28 @@ Json toJson(const SparkleConfig& sparkle) {
     if (sparkle.signUpdatePath) {
         json["signUpdatePath"] = *sparkle.signUpdatePath;
     }
+    if (sparkle.keepReleases) {
+        json["keepReleases"] = *sparkle.keepReleases;
+    }
     return json;
 }
 
 SparkleConfig sparkleFrom(const JsonReader& reader) {
-    return {reader.string("appcastPath"),
-            reader.string("privateKeyPath"),
-            reader.string("releaseNotesURLPattern"),
-            reader.string("downloadURLPattern"),
-            reader.optionalString("minimumSystemVersion"),
-            reader.optionalString("signUpdatePath")};
+    SparkleConfig sparkle{reader.string("appcastPath"),
+                          reader.string("privateKeyPath"),
+                          reader.string("releaseNotesURLPattern"),
+                          reader.string("downloadURLPattern"),
+                          reader.optionalString("minimumSystemVersion"),
+                          reader.optionalString("signUpdatePath"),
+                          std::nullopt};
+    if (const Json* keep = reader.find("keepReleases"); keep != nullptr && !keep->is_null()) {
+        const auto count = reader.integer("keepReleases");
+        if (count < 1 || count > 100000) {
+            throw JsonDecodingError(reader.pathOf("keepReleases"), "expected a count from 1");
+        }
+        sparkle.keepReleases = static_cast<int>(count);
+    }
+    return sparkle;
 }
 
 Json toJson(const GitHubReleaseConfig& github) {

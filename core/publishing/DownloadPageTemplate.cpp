@@ -1,5 +1,7 @@
 #include "DownloadPageTemplate.h"
 
+#include "core/support/Text.h"
+
 #include <regex>
 
 namespace veltra {
@@ -39,23 +41,6 @@ std::string DownloadPageTemplate::escapeHTML(std::string_view text) {
             break;
         default:
             out += c;
-        }
-    }
-    return out;
-}
-
-std::string DownloadPageTemplate::percentEncoded(std::string_view text) {
-    static constexpr char hex[] = "0123456789ABCDEF";
-    std::string out;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if ((byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z') ||
-            (byte >= '0' && byte <= '9') || c == '-' || c == '_' || c == '.' || c == '~') {
-            out += c;
-        } else {
-            out += '%';
-            out += hex[byte >> 4];
-            out += hex[byte & 0xF];
         }
     }
     return out;

@@ -24,8 +24,6 @@ public:
                                        const std::string& stamp);
     // `text` safe inside HTML text and attribute values.
     static std::string escapeHTML(std::string_view text);
-    // `text` as a URL path segment.
-    static std::string percentEncoded(std::string_view text);
 };
 
 } // namespace veltra

@@ -2,6 +2,8 @@
 
 #include "DownloadPageTemplate.h"
 #include "GitCommand.h"
+#include "core/feed/AppcastDocument.h"
+#include "core/feed/FeedItemCheck.h"
 #include "core/feed/SparkleFeedParser.h"
 #include "core/support/FileCopy.h"
 #include "core/support/FileUtilities.h"
@@ -11,6 +13,8 @@
 #include "core/support/Text.h"
 #include "core/support/VeltraError.h"
 
+#include <algorithm>
+#include <fstream>
 #include <mutex>
 #include <tuple>
 
@@ -35,10 +39,15 @@ std::string WebDeployer::branch(const WebDeployConfig& config) {
 }
 
 std::vector<std::string> WebDeployer::releasePaths(const WebDeployConfig& config,
-                                                   const std::string& appName, bool withFeed) {
+                                                   const std::string& appName, bool withFeed,
+                                                   const std::string& fileStem) {
     const auto downloads = ReleasePublishingPlan::downloadsFolder(config);
     std::vector<std::string> paths{downloads + "/" + appName + ".dmg",
                                    downloads + "/" + appName + ".md", downloads + "/icon.png"};
+    if (!fileStem.empty() && fileStem != appName) {
+        paths.push_back(downloads + "/" + fileStem + ".dmg");
+        paths.push_back(downloads + "/" + fileStem + ".md");
+    }
     if (!config.indexHtmlRelativePath.empty()) {
         paths.push_back(config.indexHtmlRelativePath);
     }
@@ -46,6 +55,49 @@ std::vector<std::string> WebDeployer::releasePaths(const WebDeployConfig& config
         paths.push_back(downloads + "/appcast.xml");
     }
     return paths;
+}
+
+std::optional<std::string> WebDeployer::siteFileOf(const ResolvedDeliveryConfig& delivery,
+                                                   const WebDeployConfig& config,
+                                                   std::string_view url) {
+    url = url.substr(0, url.find_first_of("?#"));
+    const auto& base = delivery.downloadBaseURL;
+    if (base.empty() || !url.starts_with(base)) {
+        return std::nullopt;
+    }
+    const auto name = percentDecoded(url.substr(base.size()));
+    if (!name || fileNameProblem(*name)) {
+        return std::nullopt;
+    }
+    return ReleasePublishingPlan::downloadsFolder(config) + "/" + *name;
+}
+
+std::vector<std::string> WebDeployer::filesOnlyNamedBy(const ResolvedDeliveryConfig& delivery,
+                                                       const WebDeployConfig& config,
+                                                       const std::string& appName,
+                                                       const std::vector<SparkleFeedItem>& dropped,
+                                                       const std::vector<SparkleFeedItem>& kept) {
+    const auto downloads = ReleasePublishingPlan::downloadsFolder(config);
+    std::vector<std::string> keep{downloads + "/" + appName + ".dmg",
+                                  downloads + "/" + appName + ".md"};
+    for (const auto& item : kept) {
+        for (const auto* url : {&item.enclosureURL, &item.releaseNotesURL}) {
+            if (auto file = siteFileOf(delivery, config, *url)) {
+                keep.push_back(std::move(*file));
+            }
+        }
+    }
+    std::vector<std::string> files;
+    for (const auto& item : dropped) {
+        for (const auto* url : {&item.enclosureURL, &item.releaseNotesURL}) {
+            auto file = siteFileOf(delivery, config, *url);
+            if (file && std::find(keep.begin(), keep.end(), *file) == keep.end() &&
+                std::find(files.begin(), files.end(), *file) == files.end()) {
+                files.push_back(std::move(*file));
+            }
+        }
+    }
+    return files;
 }
 
 std::string WebDeployer::commitSubject(const std::string& appName, const std::string& version,
@@ -88,56 +140,130 @@ std::optional<std::string> WebDeployer::containmentProblem(const std::filesystem
     return std::nullopt;
 }
 
+std::filesystem::path WebDeployer::checkedRepository(const WebDeployConfig& config,
+                                                     const ResolvedDeliveryConfig& delivery,
+                                                     const std::string& appName,
+                                                     const LogHandler& say, StopToken stop) const {
+    checkFileName(appName);
+    const auto repository = delivery.websiteRepoPath.empty() ? expandTilde(config.websiteRepoPath)
+                                                             : delivery.websiteRepoPath;
+    if (const auto problem = containmentProblem(repository, config, appName)) {
+        throw VeltraError("Veltra", errorCode::invalidSetup, *problem);
+    }
+    if (const auto problem = gitBranchNameError(branch(config))) {
+        throw VeltraError("Veltra", errorCode::invalidSetup, "The publishing branch " + *problem);
+    }
+    std::error_code error;
+    if (std::filesystem::exists(repository, error)) {
+        return repository;
+    }
+    const auto remote = config.websiteRepoRemoteURL.value_or("");
+    if (remote.empty()) {
+        throw VeltraError("Veltra", errorCode::notFound,
+                          "Website repo not found at " + repository.string() +
+                              " and no remote URL provided.");
+    }
+    say("Website repo not found \xE2\x80\x93 attempting to clone from " + remote + "...");
+    const auto cloned =
+        GitCommand::run(homeDirectory(), {"clone", "--", remote, repository.string()}, stop,
+                        GitCommand::defaultTimeout);
+    if (cloned.exitCode != 0) {
+        throw VeltraError("Veltra", errorCode::notFound,
+                          "Website repo not found at " + repository.string() +
+                              " and cloning failed.");
+    }
+    say("Success: Cloned website repo successfully.");
+    return repository;
+}
+
+std::vector<std::string> WebDeployer::keepOlderDownloads(const std::filesystem::path& repository,
+                                                         const WebDeployConfig& config,
+                                                         const ResolvedDeliveryConfig& delivery,
+                                                         const WebDeployRelease& release,
+                                                         const LogHandler& say) const {
+    const auto downloadsPath = ReleasePublishingPlan::downloadsFolder(config);
+    const auto stablePath = downloadsPath + "/" + release.appName + ".dmg";
+    const auto feedPath = repository / downloadsPath / "appcast.xml";
+    std::error_code error;
+    if (release.fileStem.empty() || !std::filesystem::is_regular_file(feedPath, error)) {
+        return {};
+    }
+    auto document = readFile(feedPath);
+    const auto items = SparkleFeedParser::parse(document);
+    const auto ranges = appcast::itemRanges(document);
+    if (!items || ranges.size() != items->size()) {
+        return {};
+    }
+    const bool haveStable = std::filesystem::is_regular_file(repository / stablePath, error);
+    const auto stableSize =
+        haveStable ? std::filesystem::file_size(repository / stablePath, error) : std::uintmax_t{0};
+    std::vector<std::string> added;
+    // Back to front, so the ranges still ahead stay where they are.
+    for (std::size_t index = items->size(); index-- > 0;) {
+        const auto& item = (*items)[index];
+        if (siteFileOf(delivery, config, item.enclosureURL) != stablePath) {
+            continue;
+        }
+        bool carries = haveStable && item.enclosureLength == std::to_string(stableSize);
+        if (carries) {
+            Ed25519StreamVerifier verifier(release.publicKey, item.edSignature);
+            std::ifstream in(repository / stablePath, std::ios::binary);
+            std::vector<char> buffer(1 << 16);
+            while (in.read(buffer.data(), static_cast<std::streamsize>(buffer.size())) ||
+                   in.gcount() > 0) {
+                verifier.update(
+                    std::string_view(buffer.data(), static_cast<std::size_t>(in.gcount())));
+            }
+            carries = verifier.finish();
+        }
+        if (!carries) {
+            say("Warning: The feed's item for build " + item.version + " offers " +
+                item.enclosureURL +
+                ", which no file on the site carries (it was replaced by a "
+                "later release): Macs offered it fail the update. Stop offering it with "
+                "'veltra website withdraw " +
+                release.appName + " --build " + item.version + "'.");
+            continue;
+        }
+        auto name = release.appName + "-" + item.shortVersion;
+        if (fileNameProblem(name + ".dmg") ||
+            std::filesystem::exists(repository / downloadsPath / (name + ".dmg"), error)) {
+            name = release.appName + "-" + item.version;
+        }
+        if (fileNameProblem(name + ".dmg")) {
+            continue;
+        }
+        fileStep([&] {
+            copyItem(repository / stablePath, repository / downloadsPath / (name + ".dmg"));
+        });
+        const auto url = delivery.downloadURL(percentEncoded(name + ".dmg"));
+        const auto itemText = std::string_view(document).substr(
+            ranges[index].begin, ranges[index].end - ranges[index].begin);
+        document = appcast::replaceItem(
+            document, ranges[index], appcast::withEnclosureURL(itemText, item.enclosureURL, url));
+        added.push_back(downloadsPath + "/" + name + ".dmg");
+        say("Success: Gave build " + item.version + " its own download, " + downloadsPath + "/" +
+            name + ".dmg, before the stable file is replaced");
+    }
+    if (!added.empty()) {
+        writeFileAtomically(feedPath, document);
+    }
+    return added;
+}
+
 WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
                                        const ResolvedDeliveryConfig& delivery,
                                        const WebDeployRelease& release, const LogHandler& log,
                                        StopToken stop) const {
-    const auto say = [&log](const std::string& line) {
+    const LogHandler say = [&log](const std::string& line) {
         if (log) {
             // git repeats remote addresses as configured, tokens included.
             log(redactURLCredentials(line));
         }
     };
-    checkFileName(release.appName);
-    const auto repository = delivery.websiteRepoPath.empty() ? expandTilde(config.websiteRepoPath)
-                                                             : delivery.websiteRepoPath;
-    if (const auto problem = containmentProblem(repository, config, release.appName)) {
-        throw VeltraError("Veltra", errorCode::invalidSetup, *problem);
-    }
+    const auto repository = checkedRepository(config, delivery, release.appName, say, stop);
     const auto publishingBranch = branch(config);
-    if (const auto problem = gitBranchNameError(publishingBranch)) {
-        throw VeltraError("Veltra", errorCode::invalidSetup, "The publishing branch " + *problem);
-    }
-    const auto git = [&](std::vector<std::string> arguments,
-                         std::function<void(std::string_view)> onLine = {}) {
-        return GitCommand::run(repository, std::move(arguments), stop, GitCommand::defaultTimeout,
-                               std::move(onLine));
-    };
-
-    // 1. The repository, cloned when it is missing and a remote is known.
-    std::error_code error;
-    if (!std::filesystem::exists(repository, error)) {
-        const auto remote = config.websiteRepoRemoteURL.value_or("");
-        if (remote.empty()) {
-            throw VeltraError("Veltra", errorCode::notFound,
-                              "Website repo not found at " + repository.string() +
-                                  " and no remote URL provided.");
-        }
-        say("Website repo not found \xE2\x80\x93 attempting to clone from " + remote + "...");
-        const auto cloned = ProcessRunner::run(
-            ProcessRequest{.command = "git",
-                           .arguments = {"clone", "--", remote, repository.string()},
-                           .currentDirectory = homeDirectory(),
-                           .environment = {{"GIT_TERMINAL_PROMPT", "0"}},
-                           .timeout = GitCommand::defaultTimeout},
-            stop);
-        if (cloned.exitCode != 0) {
-            throw VeltraError("Veltra", errorCode::notFound,
-                              "Website repo not found at " + repository.string() +
-                                  " and cloning failed.");
-        }
-        say("Success: Cloned website repo successfully.");
-    }
+    const auto paths = releasePaths(config, release.appName, true, release.fileStem);
 
     // Before any file is written: what the commit and push would carry besides the release.
     // The feed is this release's own (the Sparkle step or 'appcast add' wrote it).
@@ -147,35 +273,42 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
             status.blocker
                 ? status.blocker
                 : repositoryInspector.releaseBlocker(
-                      repository, publishingBranch, releasePaths(config, release.appName, false),
+                      repository, publishingBranch,
+                      releasePaths(config, release.appName, false, release.fileStem),
                       commitSubject(release.appName, release.version, release.build), stop);
         if (blocker) {
             throw VeltraError("Veltra", errorCode::conflict, *blocker);
         }
     }
 
-    // 2. The release files.
     say("Deploying " + release.appName + " release to website repo: " + repository.string());
     const auto downloadsPath = ReleasePublishingPlan::downloadsFolder(config);
     const auto downloads = repository / downloadsPath;
-    const auto dmgName = release.appName + ".dmg";
-    const auto notesName = release.appName + ".md";
+    const auto kept = keepOlderDownloads(repository, config, delivery, release, say);
+    const auto stem = release.fileStem.empty() ? release.appName : release.fileStem;
+    const auto dmgName = stem + ".dmg";
+    const auto stableName = release.appName + ".dmg";
     fileStep([&] {
         std::filesystem::create_directories(downloads);
-        if (std::filesystem::exists(std::filesystem::symlink_status(downloads / dmgName))) {
-            std::filesystem::remove(downloads / dmgName);
+        for (const auto& name : {dmgName, stableName}) {
+            if (std::filesystem::exists(std::filesystem::symlink_status(downloads / name))) {
+                std::filesystem::remove(downloads / name);
+            }
+            // A clone where the volume offers one (APFS): the image is the largest file here.
+            copyItem(release.dmgPath, downloads / name);
         }
-        // A clone where the volume offers one (APFS): the image is the largest file here.
-        copyItem(release.dmgPath, downloads / dmgName);
     });
     say("Success: Copied " + release.dmgPath.filename().string() + " to " + downloadsPath + "/" +
-        dmgName);
-    writeFileAtomically(downloads / notesName, release.notes);
-    say("Success: Wrote release notes to " + downloadsPath + "/" + notesName);
+        dmgName + (dmgName == stableName ? "" : " and " + stableName));
+    for (const auto& name : {stem + ".md", release.appName + ".md"}) {
+        writeFileAtomically(downloads / name, release.notes);
+    }
+    say("Success: Wrote release notes to " + downloadsPath + "/" + stem + ".md");
     if (release.iconPNG) {
         writeFileAtomically(downloads / "icon.png", *release.iconPNG);
         say("Success: Exported app icon to " + downloadsPath + "/icon.png");
     }
+    std::error_code error;
     const auto pagePath = repository / config.indexHtmlRelativePath;
     const bool hasPage =
         !config.indexHtmlRelativePath.empty() && std::filesystem::is_regular_file(pagePath, error);
@@ -193,112 +326,169 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
             say("Success: Updated download cache-buster links in " + config.indexHtmlRelativePath);
         }
     }
+    auto committed = paths;
+    committed.insert(committed.end(), kept.begin(), kept.end());
+    for (const auto& removed : release.removedFiles) {
+        if (std::find(paths.begin(), paths.end(), removed) == paths.end() &&
+            resolvesInside(repository / removed, downloads)) {
+            fileStep([&] { std::filesystem::remove(repository / removed); });
+            committed.push_back(removed);
+            say("Success: Removed " + removed + " (its item left the feed)");
+        }
+    }
 
     WebsitePublication publication;
     publication.state = WebsitePublicationState::pending;
     publication.feedURL = delivery.publicAppcastURL;
-    publication.downloadURL = delivery.downloadURL(dmgName);
+    publication.downloadURL = delivery.downloadURL(percentEncoded(dmgName));
     publication.expectedSignature = release.signature;
     publication.expectedSize = release.size;
-
-    if (config.gitCommitAndPush) {
-        // 3. Commit exactly the release files (those there; an unchanged one commits nothing).
-        // A run that checked before building checks again now: the repository had time to change.
-        if (!checkRepositoryFirst) {
-            const auto status = repositoryInspector.inspect(repository, publishingBranch, stop);
-            if (status.blocker) {
-                throw VeltraError("Veltra", errorCode::conflict, *status.blocker);
-            }
-        }
-        std::vector<std::string> paths;
-        for (auto& path : releasePaths(config, release.appName, true)) {
-            if (std::filesystem::is_regular_file(repository / path, error)) {
-                paths.push_back(std::move(path));
-            }
-        }
-        std::vector<std::string> add{"add", "--"};
-        add.insert(add.end(), paths.begin(), paths.end());
-        if (const auto added = git(add); added.exitCode != 0) {
-            throw GitCommand::failure("Could not stage release files", added);
-        }
-        std::vector<std::string> commit{
-            "commit", "--only", "-m",
-            commitSubject(release.appName, release.version, release.build), "--"};
-        commit.insert(commit.end(), paths.begin(), paths.end());
-        const auto identity = GitCommand::identityFallback(repository, stop);
-        commit.insert(commit.begin(), identity.begin(), identity.end());
-        // With untracked files about, git words an empty commit "nothing added to commit".
-        if (const auto committed = git(commit);
-            committed.exitCode != 0 && !contains(combinedOutput(committed), "nothing to commit") &&
-            !contains(combinedOutput(committed), "nothing added to commit")) {
-            throw GitCommand::failure("Could not commit release files", committed);
-        }
-
-        if (commitOnly) {
-            say("Committed the release files; not pushed (dry run).");
-            return publication;
-        }
-
-        // 4. Push on top of what origin has.
-        bool hasOrigin = false;
-        forEachTrimmedLine(git({"remote"}).output, [&hasOrigin](std::string_view line) {
-            hasOrigin = hasOrigin || line == "origin";
-        });
-        if (!hasOrigin) {
-            throw VeltraError("Veltra", errorCode::notFound,
-                              "Release files were committed locally, but the website repository "
-                              "has no origin remote. Configure a remote to publish the appcast "
-                              "and DMG.");
-        }
-        say("Deploying to remote repository (origin/" + publishingBranch + ")...");
-        if (git({"fetch", "--end-of-options", "origin", publishingBranch}).exitCode == 0 &&
-            git({"rebase", "--end-of-options", "origin/" + publishingBranch}).exitCode != 0) {
-            // Leave the repository as it was; the push below reports the conflict.
-            git({"rebase", "--abort"});
-        }
-        const auto pushed = git({"push", "--end-of-options", "origin", publishingBranch},
-                                [&](std::string_view line) {
-                                    if (const auto text = trimWhitespace(line); !text.empty()) {
-                                        say("   " + std::string(text));
-                                    }
-                                });
-        if (pushed.exitCode != 0) {
-            throw GitCommand::failure("Could not publish release to origin/" + publishingBranch,
-                                      pushed);
-        }
-        say("Success: Release pushed to origin/" + publishingBranch +
-            "; waiting for the live appcast...");
+    if (!config.gitCommitAndPush) {
         publication.pushedAt = Date::now();
+        say("Release uploaded; publication unconfirmed until the live feed and download match.");
+        return publication;
+    }
+    // A run that checked before building checks again now: the repository had time to change.
+    if (!checkRepositoryFirst) {
+        const auto status = repositoryInspector.inspect(repository, publishingBranch, stop);
+        if (status.blocker) {
+            throw VeltraError("Veltra", errorCode::conflict, *status.blocker);
+        }
+    }
+    commitAndPush(repository, config, committed,
+                  commitSubject(release.appName, release.version, release.build), publication, say,
+                  stop);
+    if (!commitOnly) {
+        say("Release uploaded; publication unconfirmed until the live feed and download match.");
+    }
+    return publication;
+}
 
-        // 5. The hosting service's deploy hook, when one is set.
-        const auto hook = std::string(trimWhitespace(config.deployHookURL.value_or("")));
-        if (!hook.empty() && !HttpClient::isSecureOrLocalAddress(hook)) {
-            // The address itself is a secret: anyone who has it can rebuild the site.
-            say("Warning: Deploy webhook not called: its address must start with https:// "
-                "(http:// only for this machine).");
-        } else if (!hook.empty()) {
-            say("Triggering deploy webhook...");
-            try {
-                HttpRequest request;
-                request.method = HttpRequest::Method::post;
-                request.url = hook;
-                request.timeout = 10;
-                const auto answer = session.send(request, stop);
-                if (answer.status >= 200 && answer.status <= 299) {
-                    say("Success: Deploy webhook acknowledged (HTTP " +
-                        std::to_string(answer.status) + ").");
-                } else {
-                    say("Info: Deploy webhook dispatched.");
-                }
-            } catch (const HttpError&) {
+WebsitePublication WebDeployer::publishFeedChange(const WebDeployConfig& config,
+                                                  const ResolvedDeliveryConfig& delivery,
+                                                  const WebFeedChange& change,
+                                                  const LogHandler& log, StopToken stop) const {
+    const LogHandler say = [&log](const std::string& line) {
+        if (log) {
+            log(redactURLCredentials(line));
+        }
+    };
+    const auto repository = delivery.websiteRepoPath;
+    const auto downloadsPath = ReleasePublishingPlan::downloadsFolder(config);
+    std::vector<std::string> paths{downloadsPath + "/appcast.xml"};
+    for (const auto& removed : change.removedFiles) {
+        if (resolvesInside(repository / removed, repository / downloadsPath)) {
+            fileStep([&] { std::filesystem::remove(repository / removed); });
+            paths.push_back(removed);
+            say("Success: Removed " + removed);
+        }
+    }
+    WebsitePublication publication;
+    publication.state = WebsitePublicationState::pending;
+    publication.feedURL = delivery.publicAppcastURL;
+    if (!config.gitCommitAndPush) {
+        publication.pushedAt = Date::now();
+        return publication;
+    }
+    commitAndPush(repository, config, paths, change.commitSubject, publication, say, stop);
+    return publication;
+}
+
+void WebDeployer::commitAndPush(const std::filesystem::path& repository,
+                                const WebDeployConfig& config, std::vector<std::string> paths,
+                                const std::string& subject, WebsitePublication& publication,
+                                const LogHandler& say, StopToken stop) const {
+    const auto publishingBranch = branch(config);
+    const auto git = [&](std::vector<std::string> arguments,
+                         std::function<void(std::string_view)> onLine = {}) {
+        return GitCommand::run(repository, std::move(arguments), stop, GitCommand::defaultTimeout,
+                               std::move(onLine));
+    };
+    // Exactly these files: those there, and those gone that git knew (an unchanged one commits
+    // nothing).
+    std::vector<std::string> listed{"ls-files", "-z", "--"};
+    listed.insert(listed.end(), paths.begin(), paths.end());
+    const auto known = git(listed).output;
+    std::error_code error;
+    std::erase_if(paths, [&](const std::string& path) {
+        return !std::filesystem::is_regular_file(repository / path, error) &&
+               !contains(known, path + '\0');
+    });
+    std::vector<std::string> add{"add", "--all", "--"};
+    add.insert(add.end(), paths.begin(), paths.end());
+    if (const auto added = git(add); added.exitCode != 0) {
+        throw GitCommand::failure("Could not stage release files", added);
+    }
+    std::vector<std::string> commit{"commit", "--only", "-m", subject, "--"};
+    commit.insert(commit.end(), paths.begin(), paths.end());
+    const auto identity = GitCommand::identityFallback(repository, stop);
+    commit.insert(commit.begin(), identity.begin(), identity.end());
+    // With untracked files about, git words an empty commit "nothing added to commit".
+    if (const auto committed = git(commit);
+        committed.exitCode != 0 && !contains(combinedOutput(committed), "nothing to commit") &&
+        !contains(combinedOutput(committed), "nothing added to commit")) {
+        throw GitCommand::failure("Could not commit release files", committed);
+    }
+    if (commitOnly) {
+        say("Committed the release files; not pushed (dry run).");
+        return;
+    }
+
+    // Push on top of what origin has.
+    bool hasOrigin = false;
+    forEachTrimmedLine(git({"remote"}).output, [&hasOrigin](std::string_view line) {
+        hasOrigin = hasOrigin || line == "origin";
+    });
+    if (!hasOrigin) {
+        throw VeltraError("Veltra", errorCode::notFound,
+                          "Release files were committed locally, but the website repository "
+                          "has no origin remote. Configure a remote to publish the appcast "
+                          "and DMG.");
+    }
+    say("Deploying to remote repository (origin/" + publishingBranch + ")...");
+    if (git({"fetch", "--end-of-options", "origin", publishingBranch}).exitCode == 0 &&
+        git({"rebase", "--end-of-options", "origin/" + publishingBranch}).exitCode != 0) {
+        // Leave the repository as it was; the push below reports the conflict.
+        git({"rebase", "--abort"});
+    }
+    const auto pushed =
+        git({"push", "--end-of-options", "origin", publishingBranch}, [&](std::string_view line) {
+            if (const auto text = trimWhitespace(line); !text.empty()) {
+                say("   " + std::string(text));
+            }
+        });
+    if (pushed.exitCode != 0) {
+        throw GitCommand::failure("Could not publish release to origin/" + publishingBranch,
+                                  pushed);
+    }
+    say("Success: Release pushed to origin/" + publishingBranch +
+        "; waiting for the live appcast...");
+    publication.pushedAt = Date::now();
+
+    // The hosting service's deploy hook, when one is set.
+    const auto hook = std::string(trimWhitespace(config.deployHookURL.value_or("")));
+    if (!hook.empty() && !HttpClient::isSecureOrLocalAddress(hook)) {
+        // The address itself is a secret: anyone who has it can rebuild the site.
+        say("Warning: Deploy webhook not called: its address must start with https:// "
+            "(http:// only for this machine).");
+    } else if (!hook.empty()) {
+        say("Triggering deploy webhook...");
+        try {
+            HttpRequest request;
+            request.method = HttpRequest::Method::post;
+            request.url = hook;
+            request.timeout = 10;
+            const auto answer = session.send(request, stop);
+            if (answer.status >= 200 && answer.status <= 299) {
+                say("Success: Deploy webhook acknowledged (HTTP " + std::to_string(answer.status) +
+                    ").");
+            } else {
                 say("Info: Deploy webhook dispatched.");
             }
+        } catch (const HttpError&) {
+            say("Info: Deploy webhook dispatched.");
         }
-    } else {
-        publication.pushedAt = Date::now();
     }
-    say("Release uploaded; publication unconfirmed until the live feed and download match.");
-    return publication;
 }
 
 bool WebDeployer::verifyLiveSite(const WebsitePublication& publication, const std::string& version,
@@ -355,6 +545,9 @@ std::optional<std::string> WebDeployer::liveSiteProblem(const WebsitePublication
             }
         }
 
+        if (!publicKey.empty()) {
+            return itemProblem(*item, publicKey, stop);
+        }
         HttpRequest head;
         head.method = HttpRequest::Method::head;
         head.url = publication.downloadURL;
@@ -392,6 +585,55 @@ std::optional<std::string> WebDeployer::liveSiteProblem(const WebsitePublication
     } catch (const std::exception& error) {
         // The network's own words: "Couldn't connect to server", a timeout, a name not found.
         return std::string("it could not be reached: ") + error.what();
+    }
+}
+
+std::optional<std::string> WebDeployer::itemProblem(const SparkleFeedItem& item,
+                                                    const std::string& key, StopToken stop) const {
+    const auto ok = [](long status) { return status >= 200 && status <= 299; };
+    try {
+        Ed25519StreamVerifier verifier(key, item.edSignature);
+        if (!verifier.problem().empty()) {
+            return "build " + item.version + " cannot be checked: " + verifier.problem();
+        }
+        std::uint64_t counted = 0;
+        HttpRequest get;
+        get.url = item.enclosureURL;
+        get.timeout = 600;
+        get.headers = {"Cache-Control: no-cache", "Pragma: no-cache"};
+        get.onBody = [&](std::string_view chunk) {
+            counted += chunk.size();
+            verifier.update(chunk);
+        };
+        const auto body = session.send(get, stop);
+        if (!ok(body.status)) {
+            return fmt::format("the download of build {} at {} answered HTTP {}", item.version,
+                               item.enclosureURL, body.status);
+        }
+        if (std::to_string(counted) != item.enclosureLength) {
+            return fmt::format("the download of build {} at {} is {} bytes, not {}", item.version,
+                               item.enclosureURL, counted, item.enclosureLength);
+        }
+        if (!verifier.finish()) {
+            return fmt::format("the download of build {} at {} does not carry the feed's "
+                               "signature under the app's public key (other bytes)",
+                               item.version, item.enclosureURL);
+        }
+        if (!item.releaseNotesURL.empty()) {
+            HttpRequest notes;
+            notes.method = HttpRequest::Method::head;
+            notes.url = item.releaseNotesURL;
+            notes.timeout = 30;
+            if (const auto answer = session.send(notes, stop); !ok(answer.status)) {
+                return fmt::format("the notes of build {} at {} answered HTTP {}", item.version,
+                                   item.releaseNotesURL, answer.status);
+            }
+        }
+        return std::nullopt;
+    } catch (const CancellationError&) {
+        throw;
+    } catch (const std::exception& error) {
+        return "build " + item.version + "'s files could not be reached: " + error.what();
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include "ReleasePublishingPlan.h"
 #include "WebsiteRepositoryInspector.h"
+#include "core/feed/SparkleFeedItem.h"
 #include "core/process/ProcessRunner.h"
 #include "core/records/WebDeployConfig.h"
 #include "core/records/WebsitePublication.h"
@@ -27,6 +28,23 @@ struct WebDeployRelease {
     // What the feed says of the image, for the live check.
     std::string signature;
     std::int64_t size = 0;
+    // The release's own file names on the site, "<app>-<version>" (".dmg", ".md"), which its
+    // feed item names; "<app>.dmg" and "<app>.md" stay the download page's stable files.
+    // Empty: only the stable files (a release that predates per-release downloads).
+    std::string fileStem;
+    // The app's public EdDSA key (base64). With it, feed items an older Veltra pointed at the
+    // stable file get a copy of their own before it is replaced.
+    std::string publicKey;
+    // Site files (relative to the repository) whose items the feed dropped: removed in the
+    // release's commit.
+    std::vector<std::string> removedFiles;
+};
+
+// A change of the feed alone, already written to the website repository: a promote or a
+// withdraw. The commit carries the feed and `removedFiles`, which are deleted first.
+struct WebFeedChange {
+    std::string commitSubject;
+    std::vector<std::string> removedFiles;
 };
 
 // Puts a finished release on the developer's download website, a git repository on disk:
@@ -45,6 +63,37 @@ public:
     WebsitePublication deploy(const WebDeployConfig& config, const ResolvedDeliveryConfig& delivery,
                               const WebDeployRelease& release, const LogHandler& log = {},
                               StopToken stop = {}) const;
+
+    // Commits and pushes a feed change the way a release is (same checks); the publication to
+    // watch names the feed only.
+    WebsitePublication publishFeedChange(const WebDeployConfig& config,
+                                         const ResolvedDeliveryConfig& delivery,
+                                         const WebFeedChange& change, const LogHandler& log = {},
+                                         StopToken stop = {}) const;
+
+    // The site file (relative to the repository: "<downloads>/<name>") a feed address names
+    // when it is an address of the downloads folder, else nothing.
+    static std::optional<std::string> siteFileOf(const ResolvedDeliveryConfig& delivery,
+                                                 const WebDeployConfig& config,
+                                                 std::string_view url);
+
+    // The site files only `dropped` items name (their images and notes), never the stable
+    // "<app>.dmg"/"<app>.md" nor a file a `kept` item names.
+    static std::vector<std::string> filesOnlyNamedBy(const ResolvedDeliveryConfig& delivery,
+                                                     const WebDeployConfig& config,
+                                                     const std::string& appName,
+                                                     const std::vector<SparkleFeedItem>& dropped,
+                                                     const std::vector<SparkleFeedItem>& kept);
+
+    // Why a Mac offered `item` could not install it from the live site, or nothing when it can:
+    // the download streamed (flat memory) must have the item's length and carry its EdDSA
+    // signature under `publicKey`, and the notes link (when there is one) must answer.
+    std::optional<std::string> itemProblem(const SparkleFeedItem& item,
+                                           const std::string& publicKey, StopToken stop = {}) const;
+
+    // The app's public EdDSA key (base64): with it, the live check downloads the image and
+    // checks its signature, not only its length.
+    std::string publicKey;
 
     // Whether the live site serves the release: a feed item with this version, build, download
     // address, signature and size, and a download of exactly that size. Never throws for
@@ -73,11 +122,33 @@ public:
     bool checkRepositoryFirst = true;
     // The files a release of `appName` commits, relative to the website repository: the image,
     // the notes, the icon, the download page when one is set, and with `withFeed` the feed.
+    // With a `fileStem`, the release's own image and notes too.
     static std::vector<std::string> releasePaths(const WebDeployConfig& config,
-                                                 const std::string& appName, bool withFeed);
+                                                 const std::string& appName, bool withFeed,
+                                                 const std::string& fileStem = {});
     // The subject of a release's commit in the website repository.
     static std::string commitSubject(const std::string& appName, const std::string& version,
                                      const std::string& build);
+
+private:
+    // The repository a deploy writes to, cloned when missing and a remote is known.
+    std::filesystem::path checkedRepository(const WebDeployConfig& config,
+                                            const ResolvedDeliveryConfig& delivery,
+                                            const std::string& appName, const LogHandler& say,
+                                            StopToken stop) const;
+    // Gives each feed item that names the stable file, and whose signature that file carries,
+    // a copy of its own and its address rewritten; names items no file serves. The new files.
+    std::vector<std::string> keepOlderDownloads(const std::filesystem::path& repository,
+                                                const WebDeployConfig& config,
+                                                const ResolvedDeliveryConfig& delivery,
+                                                const WebDeployRelease& release,
+                                                const LogHandler& say) const;
+    // Commits exactly `paths` (deleted ones as deletions), pushes on top of origin and calls
+    // the deploy hook; fills in `publication.pushedAt`.
+    void commitAndPush(const std::filesystem::path& repository, const WebDeployConfig& config,
+                       std::vector<std::string> paths, const std::string& subject,
+                       WebsitePublication& publication, const LogHandler& say,
+                       StopToken stop) const;
 };
 
 } // namespace veltra

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "FeedControls.h"
 #include "WebsitePublication.h"
 #include "core/support/Date.h"
 #include "core/support/JsonReader.h"
@@ -30,6 +31,11 @@ struct ReleaseManifest {
     // (Notarized Developer ID)"); absent where they did not run.
     std::optional<std::vector<std::string>> finalChecks;
     std::optional<bool> githubPublicationSucceeded;
+    // What the feed item says beyond the download (channel, critical, rollout); changed by a
+    // promote.
+    FeedControls feedControls;
+    // Set once a withdraw took the item out of the feed.
+    std::optional<Date> withdrawnAt;
 
     bool operator==(const ReleaseManifest&) const = default;
 

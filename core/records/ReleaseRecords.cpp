@@ -44,6 +44,12 @@ Json ReleaseManifest::toJson() const {
     if (finalChecks) {
         json["finalChecks"] = *finalChecks;
     }
+    if (!feedControls.isDefault()) {
+        json["feedControls"] = feedControls.toJson();
+    }
+    if (withdrawnAt) {
+        json["withdrawnAt"] = withdrawnAt->secondsSinceReferenceDate;
+    }
     return json;
 }
 
@@ -67,6 +73,13 @@ ReleaseManifest ReleaseManifest::fromJson(const Json& json, const std::string& p
     manifest.monitoringReleaseID = reader.optionalString("monitoringReleaseID");
     manifest.wasNotarized = reader.optionalBoolean("wasNotarized");
     manifest.githubPublicationSucceeded = reader.optionalBoolean("githubPublicationSucceeded");
+    if (const Json* controls = reader.find("feedControls");
+        controls != nullptr && !controls->is_null()) {
+        manifest.feedControls = FeedControls::fromJson(*controls, reader.pathOf("feedControls"));
+    }
+    if (reader.find("withdrawnAt") != nullptr) {
+        manifest.withdrawnAt = reader.date("withdrawnAt");
+    }
     if (const Json* checks = reader.find("finalChecks"); checks != nullptr && !checks->is_null()) {
         if (!checks->is_array()) {
             throw JsonDecodingError(reader.pathOf("finalChecks"), "expected an array");

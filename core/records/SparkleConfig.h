@@ -16,6 +16,9 @@ struct SparkleConfig {
     // The sign_update to use; otherwise the one of the project's resolved Sparkle package, or
     // Veltra's own signer.
     std::optional<std::string> signUpdatePath;
+    // How many items the feed keeps; older ones leave it (and their files the site) when a
+    // release or withdraw goes out. Unset: every item stays.
+    std::optional<int> keepReleases;
 
     bool operator==(const SparkleConfig&) const = default;
 };

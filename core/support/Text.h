@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,6 +18,12 @@ inline bool contains(std::string_view text, std::string_view part) noexcept {
 
 // ASCII letters lowered, other bytes kept: how tool output is matched without regard to case.
 std::string asciiLowercase(std::string_view text);
+
+// `text` as one segment of a URL's path: bytes other than letters, digits and -._~ as %XX
+// (spaces, '#', '?', '/', non-ASCII).
+std::string percentEncoded(std::string_view text);
+// `text` with each %XX as its byte; nothing when a '%' is not followed by two hex digits.
+std::optional<std::string> percentDecoded(std::string_view text);
 
 // A command line a POSIX shell reads back as exactly these words, for a user to read or paste:
 // words of letters, digits and _./:=@%+,- as they are, any other in single quotes.

@@ -168,17 +168,20 @@ TEST_F(ProfileCommandTest, ReleasesListNewestFirstWithWebsiteWording) {
     older.buildNumber = "10";
     older.wasNotarized.reset();
     older.websitePublication.reset();
+    older.feedControls.channel = "beta";
+    older.feedControls.phasedRolloutSeconds = 86400;
     profile.recentReleases = std::vector{newer, older};
     testing::writeFile(file, dumpJson(profilesToJson({profile})));
 
     const auto result = veltra({"releases", "Foo"});
     ASSERT_EQ(result.exitCode, 0) << result.errorOutput;
     EXPECT_EQ(result.output,
-              "VERSION      BUILD    DATE                      SIZE  NOTARIZED  WEBSITE\n"
-              "1.1.0        11       2026-11-06T21:20:00Z   12.5 MB  yes        Live appcast.xml "
-              "and DMG verified\n"
-              "1.0.0        10       2026-11-06T21:20:00Z   12.5 MB  unknown    Website "
-              "publication was not confirmed\n");
+              "VERSION      BUILD    DATE                      SIZE  NOTARIZED  OFFERED         "
+              "          WEBSITE\n"
+              "1.1.0        11       2026-11-06T21:20:00Z   12.5 MB  yes        everyone        "
+              "          Live appcast.xml and DMG verified\n"
+              "1.0.0        10       2026-11-06T21:20:00Z   12.5 MB  unknown    channel beta, "
+              "phased rollout 1d  Website publication was not confirmed\n");
     // JSON output shows dates as ISO 8601; the file keeps its seconds.
     const auto json = Json::parse(veltra({"releases", "Foo", "--json"}).output);
     EXPECT_EQ(json[0]["releaseDate"], "2026-11-06T21:20:00Z");

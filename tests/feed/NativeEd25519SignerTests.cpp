@@ -1,6 +1,8 @@
-// The native signer against one-shot Ed25519 from OpenSSL, for both of Sparkle's key files.
+// The native signer against one-shot Ed25519 from OpenSSL, for both of Sparkle's key files, and
+// the streaming verifier against the same signatures (a wrong key, byte or signature fails).
 
 #include "TestSupport.h"
+#include "core/feed/FeedItemCheck.h"
 #include "core/feed/NativeEd25519Signer.h"
 #include "core/support/Base64.h"
 #include "core/support/StopToken.h"
@@ -190,6 +192,48 @@ TEST(NativeEd25519Signer, StopsWhenAskedAndReportsUnreadableFiles) {
         EXPECT_EQ(std::string(error.what()), "Could not read " + (dir / "absent.dmg").string() +
                                                  " to sign it: No such file or directory");
     }
+}
+
+TEST(Ed25519StreamVerifier, AcceptsExactlyTheSignedBytesInAnyPieces) {
+    std::mt19937_64 random(20261125);
+    for (const std::size_t size : {0U, 1U, 200U, 70000U}) {
+        SCOPED_TRACE(size);
+        std::array<std::uint8_t, 32> seed{};
+        for (auto& byte : seed) {
+            byte = static_cast<std::uint8_t>(random());
+        }
+        Bytes message(size);
+        for (auto& byte : message) {
+            byte = static_cast<std::uint8_t>(random());
+        }
+        const auto key = base64::encode(SparklePrivateKey::fromSeed(seed).publicKey);
+        const auto signature = base64::encode(oneShotSignature(seed, message));
+        const auto verify = [&](const std::string& publicKey, const std::string& signed_,
+                                const Bytes& bytes, std::size_t piece) {
+            Ed25519StreamVerifier verifier(publicKey, signed_);
+            for (std::size_t at = 0; at < bytes.size(); at += piece) {
+                verifier.update(std::span(bytes).subspan(at, std::min(piece, bytes.size() - at)));
+            }
+            return verifier.finish();
+        };
+        EXPECT_TRUE(verify(key, signature, message, 1));
+        EXPECT_TRUE(verify(key, signature, message, 4096));
+        if (size > 0) {
+            auto changed = message;
+            changed[size / 2] ^= 1;
+            EXPECT_FALSE(verify(key, signature, changed, 4096)) << "same length, other bytes";
+        }
+        auto otherSeed = seed;
+        otherSeed[0] ^= 1;
+        EXPECT_FALSE(verify(base64::encode(SparklePrivateKey::fromSeed(otherSeed).publicKey),
+                            signature, message, 4096));
+        auto bent = oneShotSignature(seed, message);
+        bent[40] ^= 1;
+        EXPECT_FALSE(verify(key, base64::encode(bent), message, 4096));
+    }
+    Ed25519StreamVerifier shortKey("AAAA", base64::encode(Bytes(64)));
+    EXPECT_EQ(shortKey.problem(), "the public key is not 32 bytes of base64");
+    EXPECT_FALSE(shortKey.finish());
 }
 
 } // namespace

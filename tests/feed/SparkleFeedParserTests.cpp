@@ -1,8 +1,11 @@
+#include "core/feed/AppcastDocument.h"
+#include "core/feed/FeedItemCheck.h"
 #include "core/feed/SparkleFeedParser.h"
 #include "core/support/FileUtilities.h"
 
 #include <chrono>
 #include <fstream>
+#include <functional>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -39,11 +42,13 @@ TEST(SparkleFeedParser, RealFeedsParseToTheirExpectedItems) {
         ASSERT_EQ(items->size(), expected["items"].size());
         for (std::size_t index = 0; index < items->size(); ++index) {
             const auto& want = expected["items"][index];
+            // The fixtures name the reading rules' fields; what the item states and its
+            // controls are checked below.
             const SparkleFeedItem wanted{
-                want["title"],         want["shortVersion"],         want["version"],
-                want["pubDate"],       want["minimumSystemVersion"], want["releaseNotesURL"],
-                want["enclosureURL"],  want["enclosureLength"],      want["edSignature"],
-                want["rawDescription"]};
+                want["title"],          want["shortVersion"],         want["version"],
+                want["pubDate"],        want["minimumSystemVersion"], want["releaseNotesURL"],
+                want["enclosureURL"],   want["enclosureLength"],      want["edSignature"],
+                want["rawDescription"], (*items)[index].controls,     (*items)[index].stated};
             EXPECT_EQ((*items)[index], wanted) << "item " << index;
         }
         ++checked;
@@ -86,6 +91,113 @@ TEST(SparkleFeedParser, FallbacksForMissingFields) {
     // The element wins over the enclosure attribute; attributes are taken as they stand.
     EXPECT_EQ(items[2].version, "10");
     EXPECT_EQ(items[2].enclosureURL, " a ");
+    // What the items state themselves, for tools that show the feed as it is.
+    EXPECT_EQ(items[0].stated.version, "");
+    EXPECT_EQ(items[0].stated.minimumSystemVersion, "");
+    EXPECT_EQ(items[1].stated.title, "");
+    EXPECT_EQ(items[2].stated.version, "10");
+}
+
+TEST(SparkleFeedParser, ControlsWrittenAreReadBackAndEditedInPlace) {
+    AppcastRelease release{"2.0", "20", "https://a.io/App-2.0.dmg", std::string(86, 'A') + "==",
+                           "5",   "",   "https://a.io/App-2.0.md"};
+    release.controls = {"beta", true, "15", 86400, "12"};
+    auto document = *appcast::insertItem(appcast::stubFeed("App", "https://a.io"),
+                                         appcast::itemText(release, "today"));
+    auto older = release;
+    older.build = "10";
+    older.controls = {};
+    // A hand-written neighbour: its critical marker the old way, inside <sparkle:tags>.
+    document = *appcast::insertItem(
+        document, "<item><title>0.9</title><sparkle:version>9</sparkle:version><sparkle:tags>"
+                  "<sparkle:criticalUpdate/></sparkle:tags></item>\n");
+    document = *appcast::insertItem(document, appcast::itemText(older, "before"));
+    // Document order: 10, 9, 20.
+    auto items = parseValid(document);
+    ASSERT_EQ(items.size(), 3u);
+    EXPECT_EQ(items[2].controls, release.controls);
+    EXPECT_TRUE(items[0].controls.isDefault());
+    EXPECT_TRUE(items[1].controls.critical);
+    EXPECT_EQ(items[2].controls.summary(),
+              "channel beta, critical below 15, phased rollout 1d, automatic from 12");
+
+    const auto ranges = appcast::itemRanges(document);
+    ASSERT_EQ(ranges.size(), 3u);
+    const auto text = [&](std::size_t index) {
+        return std::string_view(document).substr(ranges[index].begin,
+                                                 ranges[index].end - ranges[index].begin);
+    };
+    // Promote build 20 to everyone: only its channel goes, the rest stays as written.
+    auto everyone = release.controls;
+    everyone.channel.clear();
+    const auto promoted =
+        appcast::replaceItem(document, ranges[2], appcast::withControls(text(2), everyone));
+    items = parseValid(promoted);
+    EXPECT_EQ(items[2].controls, everyone);
+    EXPECT_EQ(items[2].edSignature, release.signature);
+    EXPECT_EQ(promoted.find("<sparkle:channel>"), std::string::npos);
+    // Clearing the old-style marker drops the emptied <sparkle:tags> too.
+    const auto calm = appcast::withControls(text(1), {});
+    EXPECT_EQ(calm.find("sparkle:tags"), std::string::npos) << calm;
+    // Another address for one enclosure; a different old address changes nothing.
+    const auto moved = appcast::withEnclosureURL(text(0), older.downloadURL, "https://a.io/x y");
+    EXPECT_NE(moved.find("url=\"https://a.io/x y\""), std::string::npos);
+    EXPECT_EQ(appcast::withEnclosureURL(text(0), "https://other", "z"), text(0));
+    // Dropping the middle item leaves the others byte for byte.
+    const auto without = appcast::removeItems(document, [](std::size_t at) { return at == 1; });
+    items = parseValid(without);
+    ASSERT_EQ(items.size(), 2u);
+    EXPECT_EQ(without.find("0.9"), std::string::npos);
+    EXPECT_NE(without.find(std::string(text(0))), std::string::npos);
+    EXPECT_NE(without.find(std::string(text(2))), std::string::npos);
+}
+
+TEST(FeedItemCheck, NamesWhatKeepsAnItemFromInstalling) {
+    const auto signature = std::string(86, 'A') + "==";
+    SparkleFeedItem good;
+    good.stated.version = "1.39.5";
+    good.enclosureURL = "https://a.io/App.dmg";
+    good.enclosureLength = "5000";
+    good.edSignature = signature;
+    EXPECT_TRUE(feedItemProblems(good).empty());
+    const struct {
+        std::function<void(SparkleFeedItem&)> change;
+        const char* problem;
+    } cases[] = {
+        {[](auto& item) { item.stated.version = "abc"; }, "its build 'abc' is not a number"},
+        {[](auto& item) { item.stated.version.clear(); }, "it names no build (sparkle:version)"},
+        {[](auto& item) { item.enclosureLength = "-3"; }, "its length '-3' is not a byte count"},
+        {[](auto& item) { item.edSignature = "AAAA"; },
+         "its signature 'AAAA' is not 64 bytes of base64"},
+        {[](auto& item) { item.edSignature.clear(); }, "it has no EdDSA signature"},
+        {[](auto& item) { item.enclosureURL = "file:///etc/passwd"; },
+         "its download 'file:///etc/passwd' is not an http(s) address"},
+        {[](auto& item) { item.stated.phasedRolloutInterval = "soon"; },
+         "its phased rollout interval 'soon' is not a number of seconds"},
+    };
+    for (const auto& row : cases) {
+        auto item = good;
+        row.change(item);
+        EXPECT_EQ(feedItemProblems(item), std::vector<std::string>{row.problem});
+    }
+}
+
+TEST(FeedControls, DurationsAndNamesAsTheyEnter) {
+    EXPECT_EQ(feedControls::parseDuration("3600"), 3600);
+    EXPECT_EQ(feedControls::parseDuration("90m"), 5400);
+    EXPECT_EQ(feedControls::parseDuration("2d"), 172800);
+    EXPECT_EQ(feedControls::parseDuration("1w"), 604800);
+    for (const auto* bad : {"", "d", "0", "-5", "5x", "1.5h", "99999999999999999w"}) {
+        EXPECT_EQ(feedControls::parseDuration(bad), std::nullopt) << bad;
+    }
+    EXPECT_EQ(feedControls::durationText(5400), "90m");
+    EXPECT_EQ(feedControls::channelProblem("beta-2"), std::nullopt);
+    EXPECT_NE(feedControls::channelProblem("be ta"), std::nullopt);
+    EXPECT_NE(feedControls::channelProblem("</sparkle:channel>"), std::nullopt);
+    EXPECT_EQ(feedControls::buildProblem("1.2.0"), std::nullopt);
+    for (const auto* bad : {"", "1..2", ".1", "1.", "v1", "--x"}) {
+        EXPECT_NE(feedControls::buildProblem(bad), std::nullopt) << bad;
+    }
 }
 
 TEST(SparkleFeedParser, SplitTextAndCDATAAreJoinedBeforeTrimming) {

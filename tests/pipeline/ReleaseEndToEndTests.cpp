@@ -132,8 +132,11 @@ TEST_F(ReleaseRun, EveryStepFromProjectToALiveRelease) {
     EXPECT_EQ(manifest->buildNumber, "7");
     ASSERT_TRUE(manifest->sparkleSignature);
     ASSERT_TRUE(manifest->websitePublication);
+    // The item names the release's own file; the stable one is the download page's.
     EXPECT_EQ(manifest->websitePublication->downloadURL,
-              sandbox.siteURL() + "downloads/Sample.dmg");
+              sandbox.siteURL() + "downloads/Sample-1.0.dmg");
+    EXPECT_EQ(readFile(sandbox.served() / "downloads" / "Sample-1.0.dmg"),
+              readFile(*manifest->dmgURL));
     EXPECT_EQ(manifest->websitePublication->feedURL, sandbox.siteURL() + "downloads/appcast.xml");
     // The served site has what was pushed: the very image, and a feed offering it.
     EXPECT_EQ(readFile(sandbox.served() / "downloads" / "Sample.dmg"), readFile(*manifest->dmgURL));
@@ -142,11 +145,12 @@ TEST_F(ReleaseRun, EveryStepFromProjectToALiveRelease) {
         std::string::npos);
     EXPECT_TRUE(fs::is_regular_file(sandbox.served() / "downloads" / "icon.png"));
     // The feed's notes link names the notes file the website got.
-    EXPECT_EQ(manifest->notesURL, sandbox.siteURL() + "downloads/Sample.md");
+    EXPECT_EQ(manifest->notesURL, sandbox.siteURL() + "downloads/Sample-1.0.md");
     EXPECT_NE(readFile(sandbox.served() / "downloads" / "appcast.xml")
                   .find("<sparkle:releaseNotesLink>" + sandbox.siteURL() +
-                        "downloads/Sample.md</sparkle:releaseNotesLink>"),
+                        "downloads/Sample-1.0.md</sparkle:releaseNotesLink>"),
               std::string::npos);
+    EXPECT_TRUE(fs::is_regular_file(sandbox.served() / "downloads" / "Sample-1.0.md"));
     EXPECT_TRUE(fs::is_regular_file(sandbox.served() / "downloads" / "Sample.md"));
     EXPECT_TRUE(std::any_of(pipeline.logs().begin(), pipeline.logs().end(), [](const auto& e) {
         return e.text.find("uploaded in") != std::string::npos;
@@ -318,7 +322,9 @@ TEST_F(ReleaseRun, ADryRunChangesNothingAndSaysWhatItWouldPublish) {
     EXPECT_TRUE(runsOf("gh").empty());
     EXPECT_EQ(step("notarize").message, "Not submitted (dry run)");
     EXPECT_EQ(step("deploy").message, "Committed in a temporary clone; not pushed");
-    EXPECT_TRUE(logged("  Download: " + sandbox.siteURL() + "downloads/Sample.dmg"));
+    EXPECT_TRUE(logged("  Download: " + sandbox.siteURL() +
+                       "downloads/Sample-1.0.dmg (and the download page's Sample.dmg)"));
+    EXPECT_TRUE(logged("  Offered:  to everyone"));
     EXPECT_TRUE(logged("  Feed:     " + sandbox.siteURL() + "downloads/appcast.xml"));
     EXPECT_TRUE(logged("  Notarize: yes, with keychain profile 'AC_PASSWORD'"));
     // The dry run's image and notes are in a temporary folder of its own, which it names.

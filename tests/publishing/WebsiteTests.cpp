@@ -86,8 +86,8 @@ protected:
     }
 
     WebDeployRelease release() const {
-        return {dmg,     "Acme", "1.2.3", "42", "# What's New\n", std::string("\x89PNG icon"),
-                "SIG==", 5000};
+        return {dmg,  "Acme", "1.2.3", "42", "# What's New\n", std::string("\x89PNG icon"), "SIG==",
+                5000, {},     {},      {}};
     }
 
     WebsitePublication deploy() {

@@ -1,0 +1,73 @@
+#pragma once
+
+#include "OpenStore.h"
+#include "core/records/FeedControls.h"
+
+#include <memory>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+namespace veltra::cli {
+
+// The feed controls as a command takes them (release, appcast add).
+struct FeedControlArguments {
+    std::string channel;
+    bool critical = false;
+    std::string criticalBelow;
+    std::string phasedRollout;
+    std::string minimumAutoupdate;
+
+    void addTo(CLI::App& command) {
+        command.add_option("--channel", channel,
+                           "Offer the release only to apps that follow this channel (beta)");
+        command.add_flag("--critical", critical, "Mark the release critical: installed at once");
+        command
+            .add_option("--critical-below", criticalBelow,
+                        "Critical only for builds below this one (implies --critical)")
+            ->type_name("BUILD");
+        command
+            .add_option("--phased-rollout", phasedRollout,
+                        "Roll the release out in groups this far apart (1d, 36h, 3600)")
+            ->type_name("DURATION");
+        command
+            .add_option("--minimum-autoupdate", minimumAutoupdate,
+                        "Builds below this one are asked before updating, not updated "
+                        "silently")
+            ->type_name("BUILD");
+    }
+
+    // Checked where it enters: a name or build the feed could not carry is refused.
+    FeedControls controls() const {
+        FeedControls controls;
+        if (!channel.empty()) {
+            if (const auto problem = feedControls::channelProblem(channel)) {
+                throw failure("--channel '" + channel + "' cannot be used: " + *problem + ".");
+            }
+            controls.channel = channel;
+        }
+        for (const auto& [option, value] :
+             {std::pair{"--critical-below", &criticalBelow},
+              std::pair{"--minimum-autoupdate", &minimumAutoupdate}}) {
+            if (!value->empty()) {
+                if (const auto problem = feedControls::buildProblem(*value)) {
+                    throw failure(std::string(option) + " '" + *value +
+                                  "' cannot be used: " + *problem + ".");
+                }
+            }
+        }
+        controls.critical = critical || !criticalBelow.empty();
+        controls.criticalBelow = criticalBelow;
+        controls.minimumAutoupdateVersion = minimumAutoupdate;
+        if (!phasedRollout.empty()) {
+            controls.phasedRolloutSeconds = feedControls::parseDuration(phasedRollout);
+            if (!controls.phasedRolloutSeconds) {
+                throw failure("--phased-rollout '" + phasedRollout +
+                              "' is not a duration such as 1d, 36h, 90m or 3600 (seconds).");
+            }
+        }
+        return controls;
+    }
+};
+
+} // namespace veltra::cli
