@@ -66,11 +66,12 @@ DemoSandbox::DemoSandbox(const fs::path& root, const fs::path& sample, const Log
     const auto hook = origin() / "hooks" / "post-receive";
     writeFileAtomically(hook,
                         "#!/bin/sh\n"
-                        "# Publishes what is pushed to main, as a hosting service does.\n"
+                        "# Publishes what is pushed to main, as a hosting service does: files\n"
+                        "# the push removed go from the site too.\n"
                         "served=$(git config veltra.servedFolder) || exit 0\n"
                         "while read old new ref; do\n"
                         "  if [ \"$ref\" = refs/heads/main ]; then\n"
-                        "    git --work-tree=\"$served\" checkout -f main -- . >/dev/null 2>&1\n"
+                        "    git --work-tree=\"$served\" read-tree -u --reset main >/dev/null 2>&1\n"
                         "  fi\n"
                         "done\n"
                         "exit 0\n");

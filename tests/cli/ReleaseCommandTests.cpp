@@ -1,13 +1,18 @@
+#include "GitFixture.h"
 #include "TestSupport.h"
 #include "VeltraRun.h"
 #include "core/demo/DemoSandbox.h"
 #include "core/dmg/HFSPlusVolume.h"
 #include "core/dmg/UDIFImage.h"
+#include "core/feed/SparkleFeedParser.h"
+#include "core/publishing/WebDeployer.h"
 #include "core/profile/ProjectProfile.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/JsonReader.h"
+#include "core/support/Text.h"
 
 #include <map>
+#include <set>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -283,6 +288,120 @@ TEST(ReleaseCommandWait, FollowsTheLiveSiteUntilItServesTheRelease) {
     EXPECT_NE(bad.errorOutput.find("'soon' is not a duration such as 10m, 90s or 1h"),
               std::string::npos)
         << bad.errorOutput;
+}
+
+// Over releases that mix the feed's controls, a promote, a withdraw and retention, every item
+// the live feed offers stays installable: its own download with its length and signature, its
+// own notes; and a feed an older layout wrote (items naming the stable file) migrates.
+TEST(FeedLifecycle, EveryOfferedItemStaysInstallable) {
+    testing::TempDir dir;
+    DemoSandbox sandbox(dir / "sandbox", fs::path(VELTRA_SOURCE_DIR) / "share/demo/Sample");
+    const auto profiles = dir / "profiles.json";
+    auto profile = sandbox.profile();
+    profile.sparkle.keepReleases = 4;
+    testing::writeFile(profiles, dumpJson(profilesToJson({profile})));
+    fs::create_directories(dir / "tmp");
+    const std::map<std::string, std::string> environment{
+        {"VELTRA_PROFILES", profiles.string()},
+        {"HOME", dir.path().string()},
+        {"TMPDIR", (dir / "tmp").string()},
+        {"PATH", std::string(VELTRA_TOOLS_DIR) + ":" + std::getenv("PATH")}};
+    const auto veltra = [&](std::vector<std::string> arguments) {
+        auto result = testing::runVeltra(std::move(arguments), environment);
+        EXPECT_EQ(result.exitCode, 0) << result.output << result.errorOutput;
+        return result;
+    };
+    const auto served = sandbox.served() / "downloads";
+    const auto liveItems = [&] {
+        return SparkleFeedParser::parse(readFile(served / "appcast.xml")).value();
+    };
+    // What a Mac offered any item would get, checked over HTTP against the app's key.
+    const auto everyItemInstalls = [&](const std::vector<std::string>& builds) {
+        const auto items = liveItems();
+        std::vector<std::string> listed;
+        for (const auto& item : items) {
+            listed.push_back(item.version);
+            EXPECT_EQ(WebDeployer().itemProblem(item, sandbox.publicKey()), std::nullopt);
+            const auto notes = WebDeployer::siteFileOf(
+                ReleasePublishingPlan::publicAddresses(profile), profile.webDeploy,
+                item.releaseNotesURL);
+            ASSERT_TRUE(notes) << item.releaseNotesURL;
+            EXPECT_NE(readFile(sandbox.served() / *notes).find(item.shortVersion),
+                      std::string::npos);
+        }
+        EXPECT_EQ(listed, builds);
+        // The download page's stable file is the newest release's image.
+        const auto newest = WebDeployer::siteFileOf(ReleasePublishingPlan::publicAddresses(profile),
+                                                    profile.webDeploy, items.front().enclosureURL);
+        EXPECT_EQ(readFile(served / "Sample.dmg"), readFile(sandbox.served() / *newest));
+        // Nothing left behind in the website repository, nothing unpushed.
+        EXPECT_EQ(testing::git(sandbox.website(), {"status", "--porcelain"}), "");
+        EXPECT_EQ(testing::git(sandbox.website(), {"rev-list", "origin/main..main"}), "");
+    };
+
+    veltra({"release", "Sample", "--build", "2", "--version", "1.0"});
+    everyItemInstalls({"2"});
+    // The layout an older Veltra wrote: the item names the stable file, and only that exists.
+    {
+        const auto feed = sandbox.website() / "downloads" / "appcast.xml";
+        auto text = readFile(feed);
+        const auto own = sandbox.siteURL() + "downloads/Sample-1.0.dmg";
+        text.replace(text.find(own), own.size(), sandbox.siteURL() + "downloads/Sample.dmg");
+        writeFileAtomically(feed, text);
+        fs::remove(sandbox.website() / "downloads" / "Sample-1.0.dmg");
+        testing::git(sandbox.website(), {"commit", "--quiet", "-am", "Older layout"});
+        testing::git(sandbox.website(), {"push", "--quiet", "origin", "main"});
+    }
+    const auto beta = veltra({"release", "Sample", "--build", "3", "--version", "1.1",
+                              "--channel", "beta"});
+    EXPECT_NE(beta.output.find("Gave build 2 its own download"), std::string::npos) << beta.output;
+    everyItemInstalls({"3", "2"});
+    EXPECT_EQ(liveItems()[0].controls.channel, "beta");
+
+    veltra({"release", "Sample", "--build", "4", "--version", "1.2", "--critical"});
+    veltra({"release", "Sample", "--build", "5", "--version", "1.3", "--phased-rollout", "1d",
+            "--minimum-autoupdate", "3"});
+    everyItemInstalls({"5", "4", "3", "2"});
+    EXPECT_TRUE(liveItems()[1].controls.critical);
+    EXPECT_EQ(liveItems()[0].controls.phasedRolloutSeconds, 86400);
+    EXPECT_EQ(liveItems()[0].controls.minimumAutoupdateVersion, "3");
+
+    const auto promoted = veltra({"website", "promote", "Sample", "--build", "3", "--no-wait"});
+    EXPECT_NE(promoted.output.find("Build 3 (1.1) is offered to everyone now"), std::string::npos)
+        << promoted.output;
+    EXPECT_EQ(liveItems()[2].controls.channel, "");
+    // Retention (4): build 2 leaves the feed, and its own image and notes the site.
+    veltra({"release", "Sample", "--build", "6", "--version", "1.4"});
+    everyItemInstalls({"6", "5", "4", "3"});
+    EXPECT_FALSE(fs::exists(served / "Sample-1.0.dmg"));
+    EXPECT_FALSE(fs::exists(served / "Sample-1.0.md"));
+
+    veltra({"website", "withdraw", "Sample", "--build", "6", "--delete-files", "--no-wait"});
+    EXPECT_FALSE(fs::exists(served / "Sample-1.4.dmg"));
+    // The stable file stays for the download page even when its release is withdrawn.
+    EXPECT_TRUE(fs::exists(served / "Sample.dmg"));
+    const auto releases = veltra({"releases", "Sample"});
+    EXPECT_NE(releases.output.find("withdrawn"), std::string::npos) << releases.output;
+    EXPECT_NE(releases.output.find("phased rollout 1d"), std::string::npos) << releases.output;
+
+    veltra({"release", "Sample", "--build", "7", "--version", "1.5"});
+    everyItemInstalls({"7", "5", "4", "3"});
+    const auto checked = veltra({"website", "check", "Sample", "--all"});
+    EXPECT_NE(checked.output.find("Every checked item of Sample's live feed installs."),
+              std::string::npos)
+        << checked.output;
+
+    // Same length, other bytes: the check downloads and verifies, so it is caught.
+    const auto older = served / "Sample-1.2.dmg";
+    auto bytes = readFile(older);
+    bytes[bytes.size() / 2] = static_cast<char>(bytes[bytes.size() / 2] ^ 1);
+    writeFileAtomically(older, bytes);
+    const auto tampered = testing::runVeltra({"website", "check", "Sample", "--all"}, environment);
+    EXPECT_EQ(tampered.exitCode, 1);
+    EXPECT_NE(tampered.output.find("Broken: build 4 (1.2): the download of build 4"),
+              std::string::npos)
+        << tampered.output;
+    EXPECT_NE(tampered.output.find("veltra website withdraw Sample --build 4"), std::string::npos);
 }
 
 } // namespace
