@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/feed/SparkleFeedItem.h"
 #include "core/process/ProcessRunner.h"
 #include "core/profile/ProjectProfile.h"
 #include "core/support/JsonReader.h"
@@ -56,6 +57,8 @@ public:
     DoctorFinding disk(const ProjectProfile* profile) const;
 
 private:
+    DoctorFinding liveDownloads(const ProjectProfile& profile,
+                                const std::vector<SparkleFeedItem>& items, StopToken stop) const;
     std::vector<DoctorFinding>
     limited(const std::string& name,
             const std::function<std::vector<DoctorFinding>(StopToken)>& check,

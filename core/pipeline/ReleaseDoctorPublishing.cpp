@@ -7,6 +7,7 @@
 #include "core/feed/PublishedFeedReader.h"
 #include "core/feed/SparkleFeedParser.h"
 #include "core/feed/SparklePrivateKey.h"
+#include "core/support/HttpClient.h"
 #include "core/publishing/GitCommand.h"
 #include "core/publishing/ReleasePublishingPlan.h"
 #include "core/publishing/WebDeployer.h"
@@ -125,6 +126,54 @@ std::vector<DoctorFinding> ReleaseDoctor::sparkle(const ProjectProfile& profile)
     return found;
 }
 
+// Every item's download answers with the item's length (HEAD, so nothing is downloaded): an item
+// whose file went or was replaced fails every Mac it is offered to.
+DoctorFinding ReleaseDoctor::liveDownloads(const ProjectProfile& profile,
+                                           const std::vector<SparkleFeedItem>& items,
+                                           StopToken stop) const {
+    HttpClient client;
+    std::vector<std::string> broken;
+    std::string withdraw;
+    for (const auto& item : items) {
+        std::string why;
+        try {
+            HttpRequest head;
+            head.method = HttpRequest::Method::head;
+            head.url = item.enclosureURL;
+            head.timeout = std::chrono::duration<double>(timeLimit).count();
+            head.headers = {"Cache-Control: no-cache"};
+            const auto answer = client.send(head, stop);
+            if (answer.status < 200 || answer.status > 299) {
+                why = "HTTP " + std::to_string(answer.status);
+            } else if (answer.contentLength &&
+                       std::to_string(*answer.contentLength) != item.enclosureLength) {
+                why = std::to_string(*answer.contentLength) + " bytes, not " + item.enclosureLength;
+            }
+        } catch (const CancellationError&) {
+            throw;
+        } catch (const std::exception& error) {
+            why = error.what();
+        }
+        if (!why.empty()) {
+            broken.push_back("build " + item.version + " (" + why + ")");
+            withdraw += (withdraw.empty() ? "" : "; ") + std::string("veltra website withdraw ") +
+                        shellCommandLine({profile.name}) + " --build " + item.version;
+        }
+    }
+    if (broken.empty()) {
+        return finding("Live downloads", Verdict::ok,
+                       fmt::format("All {} item(s) of the feed answer with their length",
+                                   items.size()));
+    }
+    std::string list;
+    for (const auto& entry : broken) {
+        list += (list.empty() ? "" : ", ") + entry;
+    }
+    return finding("Live downloads", Verdict::problem,
+                   "Items no Mac can install: " + list,
+                   "Stop offering them: " + withdraw + ".");
+}
+
 std::vector<DoctorFinding> ReleaseDoctor::website(const ProjectProfile& profile,
                                                   StopToken stop) const {
     std::vector<DoctorFinding> found;
@@ -187,6 +236,7 @@ std::vector<DoctorFinding> ReleaseDoctor::website(const ProjectProfile& profile,
                             url + " reads" +
                                 (liveBuild ? ", newest build " + std::to_string(*liveBuild)
                                            : std::string(", no release yet"))));
+                found.push_back(liveDownloads(profile, *items, stop));
             }
         } catch (const CancellationError&) {
             throw;

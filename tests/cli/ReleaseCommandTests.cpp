@@ -402,6 +402,12 @@ TEST(FeedLifecycle, EveryOfferedItemStaysInstallable) {
               std::string::npos)
         << tampered.output;
     EXPECT_NE(tampered.output.find("veltra website withdraw Sample --build 4"), std::string::npos);
+    // The doctor asks each item's download for its length and names the ones gone.
+    fs::remove(served / "Sample-1.1.dmg");
+    const auto doctor = testing::runVeltra({"doctor", "Sample"}, environment);
+    EXPECT_NE(doctor.output.find("Items no Mac can install: build 3 (HTTP 404)"), std::string::npos)
+        << doctor.output;
+    EXPECT_NE(doctor.output.find("veltra website withdraw Sample --build 3"), std::string::npos);
 }
 
 } // namespace

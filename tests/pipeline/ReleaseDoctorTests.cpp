@@ -266,7 +266,8 @@ TEST_F(DoctorWithSandbox, TheProjectIsAProject) {
 
 TEST_F(DoctorWithSandbox, WebsiteOriginLiveFeedAndNextBuild) {
     auto found = doctor.website(profile);
-    EXPECT_EQ(verdicts(found), "Website:ok Website origin:ok Live feed:ok Next build:ok ");
+    EXPECT_EQ(verdicts(found),
+              "Website:ok Website origin:ok Live feed:ok Live downloads:ok Next build:ok ");
     EXPECT_EQ(find(found, "Live feed")->found,
               sandbox.siteURL() + "downloads/appcast.xml reads, no release yet");
     EXPECT_EQ(find(found, "Next build")->found,
