@@ -4,13 +4,15 @@
 
 #include <QWidget>
 
+class QLabel;
 class QPushButton;
 class QTreeWidget;
 
 namespace veltra::studio {
 
 // The selected profile's recorded releases, newest first, with the website state of each and
-// a live-site check for one that is pending or needs attention.
+// what the feed offers it to; a live-site check for one that is pending or needs attention, and
+// a promote or withdraw of one the feed offers.
 class HistoryView final : public QWidget {
     Q_OBJECT
 public:
@@ -23,10 +25,17 @@ public:
 
 private:
     const ReleaseManifest* selectedRelease() const;
+    void updateActions();
+    // Promotes (`withdraw` false) or withdraws the selected release in the background.
+    void changeFeed(bool withdraw, const std::string& channel, bool deleteFiles);
 
     StudioModel& model_;
     QTreeWidget* rows_;
     QPushButton* check_;
+    QPushButton* promote_;
+    QPushButton* withdraw_;
+    QLabel* status_;
+    bool changing_ = false;
 };
 
 } // namespace veltra::studio

@@ -112,6 +112,11 @@ std::optional<std::string> StudioModel::startRelease() {
     if (!chosen.notes.empty()) {
         request.notes = chosen.notes;
     }
+    const auto controls = feedControls::fromTyped(chosen.offer);
+    if (!controls) {
+        return controls.error();
+    }
+    request.feedControls = *controls;
     runningRequest_ = request;
     record("release_started", TelemetryEvents::releaseStarted(request));
     pipeline_->run(std::move(request));

@@ -56,6 +56,8 @@ public:
         std::string version;
         std::string build;
         std::string notes;
+        // Who the feed offers the release to, and how.
+        feedControls::Typed offer;
     };
     ReleaseChoices& choices(const Uuid& profileID) { return choices_[profileID.string()]; }
 

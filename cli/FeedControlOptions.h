@@ -11,13 +11,7 @@
 namespace veltra::cli {
 
 // The feed controls as a command takes them (release, appcast add).
-struct FeedControlArguments {
-    std::string channel;
-    bool critical = false;
-    std::string criticalBelow;
-    std::string phasedRollout;
-    std::string minimumAutoupdate;
-
+struct FeedControlArguments : feedControls::Typed {
     void addTo(CLI::App& command) {
         command.add_option("--channel", channel,
                            "Offer the release only to apps that follow this channel (beta)");
@@ -39,34 +33,11 @@ struct FeedControlArguments {
 
     // Checked where it enters: a name or build the feed could not carry is refused.
     FeedControls controls() const {
-        FeedControls controls;
-        if (!channel.empty()) {
-            if (const auto problem = feedControls::channelProblem(channel)) {
-                throw failure("--channel '" + channel + "' cannot be used: " + *problem + ".");
-            }
-            controls.channel = channel;
+        auto controls = feedControls::fromTyped(*this);
+        if (!controls) {
+            throw failure(controls.error());
         }
-        for (const auto& [option, value] :
-             {std::pair{"--critical-below", &criticalBelow},
-              std::pair{"--minimum-autoupdate", &minimumAutoupdate}}) {
-            if (!value->empty()) {
-                if (const auto problem = feedControls::buildProblem(*value)) {
-                    throw failure(std::string(option) + " '" + *value +
-                                  "' cannot be used: " + *problem + ".");
-                }
-            }
-        }
-        controls.critical = critical || !criticalBelow.empty();
-        controls.criticalBelow = criticalBelow;
-        controls.minimumAutoupdateVersion = minimumAutoupdate;
-        if (!phasedRollout.empty()) {
-            controls.phasedRolloutSeconds = feedControls::parseDuration(phasedRollout);
-            if (!controls.phasedRolloutSeconds) {
-                throw failure("--phased-rollout '" + phasedRollout +
-                              "' is not a duration such as 1d, 36h, 90m or 3600 (seconds).");
-            }
-        }
-        return controls;
+        return *controls;
     }
 };
 

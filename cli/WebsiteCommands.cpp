@@ -350,21 +350,9 @@ void addFeedChange(CLI::App& group, CliContext& context, bool promote) {
         const auto outcome =
             promote ? changes.promote(chosen, *build, *channel, std::ref(print), context.stop)
                     : changes.withdraw(chosen, *build, *deleteFiles, std::ref(print), context.stop);
-        // The release's record says what the feed offers now.
-        if (chosen.recentReleases) {
-            for (auto& manifest : *chosen.recentReleases) {
-                if (promote && manifest.buildNumber == *build) {
-                    manifest.feedControls.channel = *channel;
-                }
-                if (!promote &&
-                    std::find(outcome.removedBuilds.begin(), outcome.removedBuilds.end(),
-                              manifest.buildNumber) != outcome.removedBuilds.end()) {
-                    manifest.withdrawnAt = Date::now();
-                }
-            }
-            store.store().update(chosen);
-            store.save();
-        }
+        outcome.record(chosen);
+        store.store().update(chosen);
+        store.save();
         print("Success: " + outcome.summary + "; pushed.");
         if (!follow) {
             print("Check the live feed with 'veltra website check " +

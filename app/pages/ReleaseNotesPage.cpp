@@ -78,6 +78,7 @@ public:
             }
             showPreview();
         });
+        content()->addWidget(offerBox());
         status_ = statusLabel();
         content()->addWidget(status_);
     }
@@ -85,12 +86,58 @@ public:
     void reload() override {
         WizardPage::reload();
         if (const auto* selected = profile()) {
-            editor_->setPlainText(qs(model_.choices(selected->id).notes));
+            const auto& chosen = model_.choices(selected->id);
+            editor_->setPlainText(qs(chosen.notes));
+            channel_->setText(qs(chosen.offer.channel));
+            critical_->setChecked(chosen.offer.critical);
+            criticalBelow_->setText(qs(chosen.offer.criticalBelow));
+            rollout_->setText(qs(chosen.offer.phasedRollout));
+            automaticFrom_->setText(qs(chosen.offer.minimumAutoupdate));
             showPreview();
         }
     }
 
 private:
+    // The feed's controls for this release; checked when the release starts.
+    QGroupBox* offerBox() {
+        auto* box = new QGroupBox(QStringLiteral("Offered to"));
+        auto* form = new QFormLayout(box);
+        const auto line = [this, form](const char* name, const QString& label,
+                                       const QString& placeholder,
+                                       std::string feedControls::Typed::*field) {
+            auto* edit = new QLineEdit;
+            edit->setObjectName(QString::fromLatin1(name));
+            edit->setPlaceholderText(placeholder);
+            connect(edit, &QLineEdit::textEdited, this, [this, field](const QString& text) {
+                if (const auto* selected = profile()) {
+                    model_.choices(selected->id).offer.*field = str(text.trimmed());
+                }
+            });
+            form->addRow(label, edit);
+            return edit;
+        };
+        channel_ = line("offerChannel", QStringLiteral("Channel"),
+                        QStringLiteral("everyone (or a channel such as beta)"),
+                        &feedControls::Typed::channel);
+        critical_ = new QCheckBox(QStringLiteral("Critical update: installed without asking"));
+        critical_->setObjectName(QStringLiteral("offerCritical"));
+        connect(critical_, &QCheckBox::toggled, this, [this](bool on) {
+            if (const auto* selected = profile()) {
+                model_.choices(selected->id).offer.critical = on;
+            }
+        });
+        form->addRow(QString(), critical_);
+        criticalBelow_ = line("offerCriticalBelow", QStringLiteral("Critical below build"),
+                              QStringLiteral("every build"), &feedControls::Typed::criticalBelow);
+        rollout_ = line("offerPhasedRollout", QStringLiteral("Phased rollout"),
+                        QStringLiteral("all at once (or 1d between groups)"),
+                        &feedControls::Typed::phasedRollout);
+        automaticFrom_ =
+            line("offerMinimumAutoupdate", QStringLiteral("Automatic from build"),
+                 QStringLiteral("every build"), &feedControls::Typed::minimumAutoupdate);
+        return box;
+    }
+
     void showPreview() {
         auto text = editor_->toPlainText();
         if (text.trimmed().isEmpty()) {
@@ -125,6 +172,11 @@ private:
     QPlainTextEdit* editor_;
     QTextBrowser* preview_;
     QLabel* status_;
+    QLineEdit* channel_ = nullptr;
+    QCheckBox* critical_ = nullptr;
+    QLineEdit* criticalBelow_ = nullptr;
+    QLineEdit* rollout_ = nullptr;
+    QLineEdit* automaticFrom_ = nullptr;
 };
 
 } // namespace

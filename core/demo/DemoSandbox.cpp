@@ -64,17 +64,17 @@ DemoSandbox::DemoSandbox(const fs::path& root, const fs::path& sample, const Log
     git(origin(), {"config", "--end-of-options", "veltra.servedFolder", served().string()},
         "Could not configure the website's origin");
     const auto hook = origin() / "hooks" / "post-receive";
-    writeFileAtomically(hook,
-                        "#!/bin/sh\n"
-                        "# Publishes what is pushed to main, as a hosting service does: files\n"
-                        "# the push removed go from the site too.\n"
-                        "served=$(git config veltra.servedFolder) || exit 0\n"
-                        "while read old new ref; do\n"
-                        "  if [ \"$ref\" = refs/heads/main ]; then\n"
-                        "    git --work-tree=\"$served\" read-tree -u --reset main >/dev/null 2>&1\n"
-                        "  fi\n"
-                        "done\n"
-                        "exit 0\n");
+    writeFileAtomically(
+        hook, "#!/bin/sh\n"
+              "# Publishes what is pushed to main, as a hosting service does: files\n"
+              "# the push removed go from the site too.\n"
+              "served=$(git config veltra.servedFolder) || exit 0\n"
+              "while read old new ref; do\n"
+              "  if [ \"$ref\" = refs/heads/main ]; then\n"
+              "    git --work-tree=\"$served\" read-tree -u --reset main >/dev/null 2>&1\n"
+              "  fi\n"
+              "done\n"
+              "exit 0\n");
     fs::permissions(hook, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
                               fs::perms::others_read | fs::perms::others_exec);
 

@@ -12,6 +12,21 @@
 
 namespace veltra {
 
+void FeedChangeOutcome::record(ProjectProfile& profile) const {
+    if (!profile.recentReleases) {
+        return;
+    }
+    for (auto& manifest : *profile.recentReleases) {
+        if (channel && manifest.buildNumber == build) {
+            manifest.feedControls.channel = *channel;
+        }
+        if (std::find(removedBuilds.begin(), removedBuilds.end(), manifest.buildNumber) !=
+            removedBuilds.end()) {
+            manifest.withdrawnAt = Date::now();
+        }
+    }
+}
+
 FeedChangeOutcome FeedChanges::promote(const ProjectProfile& profile, const std::string& build,
                                        const std::string& channel, const LogHandler& log,
                                        StopToken stop) const {
@@ -81,6 +96,7 @@ FeedChangeOutcome FeedChanges::change(Kind kind, const ProjectProfile& profile,
     const auto index = static_cast<std::size_t>(found - items->begin());
 
     FeedChangeOutcome outcome;
+    outcome.build = build;
     std::string updated;
     std::vector<SparkleFeedItem> dropped;
     std::vector<SparkleFeedItem> kept;
@@ -98,6 +114,7 @@ FeedChangeOutcome FeedChanges::change(Kind kind, const ProjectProfile& profile,
             document, range,
             appcast::withControls(
                 std::string_view(document).substr(range.begin, range.end - range.begin), controls));
+        outcome.channel = channel;
         outcome.summary = "Build " + build + " (" + found->shortVersion + ") is offered to " +
                           (channel.empty() ? "everyone" : "channel " + channel) + " now";
     } else {

@@ -14,11 +14,17 @@ namespace veltra {
 
 // What a promote or withdraw did, for the user and the release's record.
 struct FeedChangeOutcome {
+    std::string build;
+    // A promote's channel ("" for everyone); none for a withdraw.
+    std::optional<std::string> channel;
     std::string summary;
     WebsitePublication publication;
     // Builds that left the feed (the withdrawn one and those retention dropped).
     std::vector<std::string> removedBuilds;
     std::vector<std::string> removedFiles;
+
+    // The profile's release records say what the feed offers now.
+    void record(ProjectProfile& profile) const;
 };
 
 // Changes what the published feed offers without a new release: moves an item to everyone or

@@ -3,6 +3,7 @@
 #include "PipelineLogStream.h"
 #include "WebsitePublicationWatcher.h"
 #include "core/profile/ProjectProfile.h"
+#include "core/records/FeedControls.h"
 #include "core/records/PipelineStep.h"
 #include "core/records/ReleaseLogEntry.h"
 #include "core/records/ReleaseManifest.h"

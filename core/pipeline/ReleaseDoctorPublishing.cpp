@@ -7,7 +7,6 @@
 #include "core/feed/PublishedFeedReader.h"
 #include "core/feed/SparkleFeedParser.h"
 #include "core/feed/SparklePrivateKey.h"
-#include "core/support/HttpClient.h"
 #include "core/publishing/GitCommand.h"
 #include "core/publishing/ReleasePublishingPlan.h"
 #include "core/publishing/WebDeployer.h"
@@ -17,6 +16,7 @@
 #include "core/signing/NotarizationEngine.h"
 #include "core/support/Base64.h"
 #include "core/support/FileUtilities.h"
+#include "core/support/HttpClient.h"
 #include "core/support/Text.h"
 #include "core/support/VeltraError.h"
 #include "core/xcode/SparkleProjectSetup.h"
@@ -161,16 +161,15 @@ DoctorFinding ReleaseDoctor::liveDownloads(const ProjectProfile& profile,
         }
     }
     if (broken.empty()) {
-        return finding("Live downloads", Verdict::ok,
-                       fmt::format("All {} item(s) of the feed answer with their length",
-                                   items.size()));
+        return finding(
+            "Live downloads", Verdict::ok,
+            fmt::format("All {} item(s) of the feed answer with their length", items.size()));
     }
     std::string list;
     for (const auto& entry : broken) {
         list += (list.empty() ? "" : ", ") + entry;
     }
-    return finding("Live downloads", Verdict::problem,
-                   "Items no Mac can install: " + list,
+    return finding("Live downloads", Verdict::problem, "Items no Mac can install: " + list,
                    "Stop offering them: " + withdraw + ".");
 }
 

@@ -73,6 +73,40 @@ FeedControls FeedControls::fromJson(const Json& json, const std::string& path) {
 
 namespace feedControls {
 
+std::expected<FeedControls, std::string> fromTyped(const Typed& typed) {
+    const auto refused = [](std::string_view option, const std::string& value,
+                            const std::string& why) {
+        return std::unexpected(fmt::format("--{} '{}' cannot be used: {}.", option, value, why));
+    };
+    FeedControls controls;
+    if (!typed.channel.empty()) {
+        if (const auto problem = channelProblem(typed.channel)) {
+            return refused("channel", typed.channel, *problem);
+        }
+        controls.channel = typed.channel;
+    }
+    for (const auto& [option, value] :
+         {std::pair{"critical-below", &typed.criticalBelow},
+          std::pair{"minimum-autoupdate", &typed.minimumAutoupdate}}) {
+        if (!value->empty()) {
+            if (const auto problem = buildProblem(*value)) {
+                return refused(option, *value, *problem);
+            }
+        }
+    }
+    controls.critical = typed.critical || !typed.criticalBelow.empty();
+    controls.criticalBelow = typed.criticalBelow;
+    controls.minimumAutoupdateVersion = typed.minimumAutoupdate;
+    if (!typed.phasedRollout.empty()) {
+        controls.phasedRolloutSeconds = parseDuration(typed.phasedRollout);
+        if (!controls.phasedRolloutSeconds) {
+            return refused("phased-rollout", typed.phasedRollout,
+                           "it is not a duration such as 1d, 36h, 90m or 3600 (seconds)");
+        }
+    }
+    return controls;
+}
+
 std::optional<std::string> channelProblem(std::string_view name) {
     if (name.empty() || name.size() > 64) {
         return "a channel name has 1 to 64 characters";

@@ -3,6 +3,7 @@
 #include "core/support/JsonReader.h"
 
 #include <cstdint>
+#include <expected>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -37,6 +38,17 @@ struct FeedControls {
 };
 
 namespace feedControls {
+
+// The controls as a person types them (command-line options, the Studio's release sheet).
+struct Typed {
+    std::string channel{};
+    bool critical = false;
+    std::string criticalBelow{};
+    std::string phasedRollout{};
+    std::string minimumAutoupdate{};
+};
+// The controls, or why not, naming the option ("--channel 'be ta' cannot be used: …").
+std::expected<FeedControls, std::string> fromTyped(const Typed& typed);
 
 // Why `name` cannot name a channel (letters, digits, '.', '_' and '-', at most 64 bytes).
 std::optional<std::string> channelProblem(std::string_view name);

@@ -5,8 +5,8 @@
 #include "core/dmg/HFSPlusVolume.h"
 #include "core/dmg/UDIFImage.h"
 #include "core/feed/SparkleFeedParser.h"
-#include "core/publishing/WebDeployer.h"
 #include "core/profile/ProjectProfile.h"
+#include "core/publishing/WebDeployer.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/JsonReader.h"
 #include "core/support/Text.h"
@@ -322,9 +322,9 @@ TEST(FeedLifecycle, EveryOfferedItemStaysInstallable) {
         for (const auto& item : items) {
             listed.push_back(item.version);
             EXPECT_EQ(WebDeployer().itemProblem(item, sandbox.publicKey()), std::nullopt);
-            const auto notes = WebDeployer::siteFileOf(
-                ReleasePublishingPlan::publicAddresses(profile), profile.webDeploy,
-                item.releaseNotesURL);
+            const auto notes =
+                WebDeployer::siteFileOf(ReleasePublishingPlan::publicAddresses(profile),
+                                        profile.webDeploy, item.releaseNotesURL);
             ASSERT_TRUE(notes) << item.releaseNotesURL;
             EXPECT_NE(readFile(sandbox.served() / *notes).find(item.shortVersion),
                       std::string::npos);
@@ -352,8 +352,8 @@ TEST(FeedLifecycle, EveryOfferedItemStaysInstallable) {
         testing::git(sandbox.website(), {"commit", "--quiet", "-am", "Older layout"});
         testing::git(sandbox.website(), {"push", "--quiet", "origin", "main"});
     }
-    const auto beta = veltra({"release", "Sample", "--build", "3", "--version", "1.1",
-                              "--channel", "beta"});
+    const auto beta =
+        veltra({"release", "Sample", "--build", "3", "--version", "1.1", "--channel", "beta"});
     EXPECT_NE(beta.output.find("Gave build 2 its own download"), std::string::npos) << beta.output;
     everyItemInstalls({"3", "2"});
     EXPECT_EQ(liveItems()[0].controls.channel, "beta");

@@ -24,6 +24,7 @@
 #include <QDialog>
 #include <QDir>
 #include <QGroupBox>
+#include <QInputDialog>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
@@ -130,6 +131,16 @@ TEST_F(StudioWindow, AReleaseStartedFromTheOverviewGoesLiveWithTheRunViewFollowi
         }
     });
 
+    // Who the feed offers it to is chosen beside the notes, and checked before anything runs.
+    window->showStep(StudioStep::releaseNotes);
+    type(find<QLineEdit>("offerChannel"), QStringLiteral("be ta"));
+    window->startRelease();
+    EXPECT_TRUE(
+        window->lastProblem().startsWith(QStringLiteral("--channel 'be ta' cannot be used")))
+        << window->lastProblem().toStdString();
+    EXPECT_FALSE(model->pipeline().isRunning());
+    type(find<QLineEdit>("offerChannel"), QStringLiteral("beta"));
+
     window->showStep(StudioStep::fullOverview);
     find<QPushButton>("startRelease")->click();
     EXPECT_EQ(window->findChild<QTabWidget*>(QStringLiteral("tabs"))->currentWidget(),
@@ -157,7 +168,7 @@ TEST_F(StudioWindow, AReleaseStartedFromTheOverviewGoesLiveWithTheRunViewFollowi
     auto* history = window->historyView()->rows();
     ASSERT_TRUE(waitFor([&] {
         return history->topLevelItemCount() == 1 &&
-               history->topLevelItem(0)->text(5) ==
+               history->topLevelItem(0)->text(6) ==
                    QStringLiteral("Live appcast.xml and DMG verified");
     }));
     EXPECT_EQ(history->topLevelItem(0)->text(0), QStringLiteral("1.0"));
@@ -173,15 +184,30 @@ TEST_F(StudioWindow, AReleaseStartedFromTheOverviewGoesLiveWithTheRunViewFollowi
     publication.state = WebsitePublicationState::needsAttention;
     model->store().update(profile);
     window->showTab(MainWindow::Tab::history);
-    ASSERT_EQ(history->topLevelItem(0)->text(5).toStdString(), websiteStatusText(publication));
+    ASSERT_EQ(history->topLevelItem(0)->text(6).toStdString(), websiteStatusText(publication));
     auto* check = find<QPushButton>("historyCheckWebsite");
     history->setCurrentItem(history->topLevelItem(0));
     ASSERT_TRUE(check->isEnabled());
     check->click();
     ASSERT_TRUE(waitFor([&] {
-        return history->topLevelItem(0)->text(5) ==
+        return history->topLevelItem(0)->text(6) ==
                QStringLiteral("Live appcast.xml and DMG verified");
     }));
+
+    // The beta goes to everyone from the history: the feed changes, and so does the row.
+    EXPECT_EQ(history->topLevelItem(0)->text(5), QStringLiteral("channel beta"));
+    QTimer::singleShot(0, [] {
+        auto* dialog = qobject_cast<QInputDialog*>(QApplication::activeModalWidget());
+        ASSERT_NE(dialog, nullptr);
+        dialog->setTextValue(QString());
+        dialog->accept();
+    });
+    find<QPushButton>("historyPromote")->click();
+    ASSERT_TRUE(waitFor([&] {
+        return history->topLevelItem(0)->text(5) == QStringLiteral("Everyone");
+    })) << find<QLabel>("historyStatus")->text().toStdString();
+    EXPECT_EQ(readFile(sandbox.served() / "downloads" / "appcast.xml").find("sparkle:channel"),
+              std::string::npos);
 }
 
 TEST_F(StudioWindow, AFailedReleaseShowsItsErrorLinesInTheErrorStyle) {
