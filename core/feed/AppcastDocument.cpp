@@ -2,6 +2,7 @@
 
 #include "core/support/ExpatDocument.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <vector>
 
@@ -83,6 +84,9 @@ struct ItemSearch : ExpatContext {
     std::vector<ItemRange> ranges{};
     int depth = 0;
     std::size_t begin = 0;
+    // Where the outermost item's start tag ends: an empty-element <item/> ends there too (expat
+    // reports its end as a zero-length event).
+    std::size_t startTagEnd = 0;
 
     std::size_t eventStart() const {
         return static_cast<std::size_t>(XML_GetCurrentByteIndex(parser));
@@ -96,13 +100,14 @@ extern "C" void itemStart(void* user, const XML_Char* name, const XML_Char**) {
     auto& search = expatContext<ItemSearch>(user);
     if (std::string_view(name) == "item" && search.depth++ == 0) {
         search.begin = search.eventStart();
+        search.startTagEnd = search.eventEnd();
     }
 }
 
 extern "C" void itemEnd(void* user, const XML_Char* name) {
     auto& search = expatContext<ItemSearch>(user);
     if (std::string_view(name) == "item" && search.depth > 0 && --search.depth == 0) {
-        search.ranges.push_back({search.begin, search.eventEnd()});
+        search.ranges.push_back({search.begin, std::max(search.eventEnd(), search.startTagEnd)});
     }
 }
 

@@ -150,6 +150,10 @@ TEST(SparkleFeedParser, ControlsWrittenAreReadBackAndEditedInPlace) {
     EXPECT_EQ(without.find("0.9"), std::string::npos);
     EXPECT_NE(without.find(std::string(text(0))), std::string::npos);
     EXPECT_NE(without.find(std::string(text(2))), std::string::npos);
+    // An empty <item/> is an item too, and goes whole.
+    const auto empty = feedWith("<item/><item><title>1</title></item>");
+    EXPECT_EQ(
+        parseValid(appcast::removeItems(empty, [](std::size_t at) { return at == 0; })).size(), 1u);
 }
 
 TEST(FeedItemCheck, NamesWhatKeepsAnItemFromInstalling) {

@@ -1,5 +1,7 @@
 #include "TestSupport.h"
 #include "core/publishing/ReleasePublishingPlan.h"
+#include "core/publishing/WebDeployer.h"
+#include "core/support/Text.h"
 #include "core/support/VeltraError.h"
 
 #include <gtest/gtest.h>
@@ -133,6 +135,26 @@ TEST_F(DeliveryPlan, FeedLivesInTheDownloadsFolderOfTheRepository) {
     EXPECT_EQ(plan->websiteRepoPath, dir / "site");
     EXPECT_EQ(plan->appcastPath, dir / "site" / "files" / "appcast.xml");
     EXPECT_EQ(plan->publicAppcastURL, "https://acme.test/files/appcast.xml");
+}
+
+// A release's file names go into feed addresses percent-encoded, and a feed's addresses lead
+// back to files of the downloads folder only.
+TEST_F(DeliveryPlan, SiteFilesAndTheirAddresses) {
+    profile.webDeploy.siteURL = "https://apps.example.org/my";
+    const auto addresses = ReleasePublishingPlan::publicAddresses(profile);
+    const auto url = addresses.downloadURL(percentEncoded("My App #1?-1.0 \xC3\xA9.dmg"));
+    EXPECT_EQ(url, "https://apps.example.org/my/downloads/My%20App%20%231%3F-1.0%20%C3%A9.dmg");
+    EXPECT_EQ(WebDeployer::siteFileOf(addresses, profile.webDeploy, url),
+              "downloads/My App #1?-1.0 \xC3\xA9.dmg");
+    EXPECT_EQ(WebDeployer::siteFileOf(addresses, profile.webDeploy, url + "?v=3"),
+              "downloads/My App #1?-1.0 \xC3\xA9.dmg");
+    for (const auto* outside :
+         {"https://apps.example.org/my/downloads/..%2F..%2Fetc", "https://other.org/a.dmg",
+          "https://apps.example.org/my/downloads/a/b.dmg",
+          "https://apps.example.org/my/downloads/%zz"}) {
+        EXPECT_EQ(WebDeployer::siteFileOf(addresses, profile.webDeploy, outside), std::nullopt)
+            << outside;
+    }
 }
 
 } // namespace
