@@ -4,6 +4,7 @@
 #include "JsonOutput.h"
 #include "Terminal.h"
 #include "core/pipeline/TelemetryEvents.h"
+#include "core/support/Text.h"
 
 #include <chrono>
 #include <cmath>
@@ -302,7 +303,9 @@ void showRelease(CliContext& context, OpenStore& store, PipelineManager& pipelin
     relay.inner = view;
     relay.finished = [&](const PipelineManager& finishedRun) {
         const auto& manifest = finishedRun.completedManifest();
-        if (watcher == nullptr || !manifest || !manifest->websitePublication) {
+        // A stop that came while the run finished ends the following before it starts.
+        if (watcher == nullptr || !manifest || !manifest->websitePublication ||
+            context.stop.stop_requested()) {
             loop.quit();
             return;
         }
@@ -416,6 +419,16 @@ void showRelease(CliContext& context, OpenStore& store, PipelineManager& pipelin
                           {"message", pipeline.errorMessage().value_or("")},
                           {"step", pipeline.failedStepID().value_or("preflight")}});
         }
+    }
+    if (pipeline.completedManifest() && context.stop.stop_requested()) {
+        // Stopped after the push: the release is out and recorded; only the following ended.
+        const auto& done = *pipeline.completedManifest();
+        (json ? context.err : context.out)
+            << "Stopped following the live site. " << done.appName << ' ' << done.version
+            << " (build " << done.buildNumber
+            << ") is published and recorded; check the site with 'veltra website check "
+            << shellCommandLine({request.profile.name}) << "'.\n";
+        return;
     }
     if (pipeline.isCancelled() || context.stop.stop_requested()) {
         throw CancellationError();

@@ -13,10 +13,13 @@
 
 namespace {
 
-// Ctrl-C and termination become a stop request, which kills the running tool; a second Ctrl-C
-// leaves at once. Signals are blocked before any thread starts so only this waiter takes them.
+// Ctrl-C, termination and a closed terminal become one stop request, which kills the running
+// tool and lets the command clean up and keep what a resume needs. A second one only says so:
+// leaving in the middle of that would lose the state; a third leaves at once. Signals are
+// blocked before any thread starts so only this waiter takes them.
 veltra::JThread watchSignals(veltra::StopSource& stop, const sigset_t& signals) {
     return veltra::JThread([&stop, signals](const veltra::StopToken& done) {
+        int repeated = 0;
         while (!done.stop_requested()) {
             int signal = 0;
             if (sigwait(&signals, &signal) != 0) {
@@ -30,7 +33,14 @@ veltra::JThread watchSignals(veltra::StopSource& stop, const sigset_t& signals) 
                 continue;
             }
             if (stop.stop_requested()) {
-                _exit(veltra::cli::exitCancelled);
+                if (++repeated >= 2) {
+                    _exit(veltra::cli::exitCancelled);
+                }
+                static constexpr char note[] =
+                    "\nVeltra is stopping and keeping the release's state; stop once more to "
+                    "leave at once.\n";
+                [[maybe_unused]] const auto written = ::write(STDERR_FILENO, note, sizeof note - 1);
+                continue;
             }
             stop.request_stop();
         }

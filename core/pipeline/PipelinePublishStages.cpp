@@ -177,7 +177,13 @@ void PipelineManager::publishToGitHub(RunState& run) {
             [this](const std::string& line) { log(line); }, run.stop);
         run.artifacts.githubPublicationSucceeded = true;
     } catch (const CancellationError&) {
-        throw;
+        if (!run.artifacts.websitePublication) {
+            throw;
+        }
+        // The website is pushed: the release is out, and a stop ends only this extra.
+        log("GitHub publication stopped (cancelled); publish it with 'veltra github release'.",
+            true);
+        run.artifacts.githubPublicationSucceeded = false;
     } catch (const std::exception& error) {
         log(std::string("GitHub publication failed: ") + error.what(), true);
         run.artifacts.githubPublicationSucceeded = false;

@@ -78,7 +78,8 @@ void PipelineManager::runPostScript(RunState& run, const ReleaseManifest& manife
                 true);
         }
     } catch (const CancellationError&) {
-        throw;
+        // The release is published: a stop ends the script, never the release.
+        log("   Warning: Post-release script stopped (cancelled)", true);
     } catch (const std::exception& error) {
         log(std::string("   Warning: Post-release script could not run: ") + error.what(), true);
     }

@@ -410,5 +410,49 @@ TEST(FeedLifecycle, EveryOfferedItemStaysInstallable) {
     EXPECT_NE(doctor.output.find("veltra website withdraw Sample --build 3"), std::string::npos);
 }
 
+// A stop takes one orderly path, whenever it comes: before the push the run is kept for
+// --resume (exit 130, "cancelled", the full log); after the push the release is out and recorded
+// and only the live wait ends (exit 0).
+TEST(ReleaseCommandStop, BeforeThePushItResumesAfterItTheReleaseStands) {
+    testing::TempDir dir;
+    DemoSandbox sandbox(dir / "sandbox", fs::path(VELTRA_SOURCE_DIR) / "share/demo/Sample");
+    const auto profiles = dir / "profiles.json";
+    testing::writeFile(profiles, dumpJson(profilesToJson({sandbox.profile()})));
+    fs::create_directories(dir / "tmp");
+    std::map<std::string, std::string> environment{
+        {"VELTRA_PROFILES", profiles.string()},
+        {"HOME", dir.path().string()},
+        {"TMPDIR", (dir / "tmp").string()},
+        {"VELTRA_FAKE_ARCHIVE_DELAY", "5"},
+        {"PATH", std::string(VELTRA_TOOLS_DIR) + ":" + std::getenv("PATH")}};
+
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        SCOPED_TRACE(signal);
+        const auto stopped = testing::runVeltraStoppedAt(
+            {"release", "Sample", "--build", "5", "--no-wait"}, environment, "Compiling", signal);
+        EXPECT_EQ(stopped.exitCode, 130) << stopped.output;
+        EXPECT_NE(stopped.output.find("cancelled"), std::string::npos) << stopped.output;
+        EXPECT_NE(stopped.output.find("Full log: "), std::string::npos) << stopped.output;
+        EXPECT_TRUE(fs::exists(sandbox.releases() / ".veltra-run")) << stopped.output;
+    }
+    environment.erase("VELTRA_FAKE_ARCHIVE_DELAY");
+    const auto resumed = testing::runVeltra({"release", "Sample", "--resume"}, environment);
+    ASSERT_EQ(resumed.exitCode, 0) << resumed.output << resumed.errorOutput;
+    EXPECT_NE(resumed.output.find("(Build 5)"), std::string::npos) << resumed.output;
+
+    // The hook no longer publishes: the live wait would run to its limit.
+    testing::git(sandbox.origin(), {"config", "--unset", "veltra.servedFolder"});
+    const auto waiting =
+        testing::runVeltraStoppedAt({"release", "Sample", "--build", "6", "--wait", "10m"},
+                                    environment, "waiting for the live appcast", SIGINT);
+    EXPECT_EQ(waiting.exitCode, 0) << waiting.output;
+    EXPECT_NE(waiting.output.find("is published and recorded; check the site with 'veltra website "
+                                  "check Sample'"),
+              std::string::npos)
+        << waiting.output;
+    const auto stored = nlohmann::json::parse(readFile(profiles));
+    EXPECT_EQ(stored[0]["recentReleases"][0]["buildNumber"], "6");
+}
+
 } // namespace
 } // namespace veltra
