@@ -2,7 +2,9 @@
 #include "OpenStore.h"
 #include "PipelineViews.h"
 #include "core/demo/DemoSandbox.h"
+#include "core/support/EventLoop.h"
 #include "core/support/ResourceLocator.h"
+#include "core/support/Text.h"
 
 #include <cstdlib>
 #include <memory>
@@ -41,9 +43,30 @@ void addDemoCommand(CLI::App& app, CliContext& context) {
     auto* command = app.add_subcommand(
         "demo", "Release a sample app to a website served on this machine, start to finish");
     auto keep = std::make_shared<std::string>();
-    command->add_option("--keep", *keep,
-                        "Build the sandbox in this new or empty folder and keep it afterwards");
-    command->callback([&context, keep] {
+    auto serve = std::make_shared<std::string>();
+    auto* keepOption = command->add_option(
+        "--keep", *keep, "Build the sandbox in this new or empty folder and keep it afterwards");
+    command
+        ->add_option("--serve", *serve,
+                     "Serve a kept sandbox's site again, on its address, until stopped")
+        ->excludes(keepOption)
+        ->type_name("DIR");
+    command->callback([&context, keep, serve] {
+        if (!serve->empty()) {
+            const auto root = fs::absolute(expandTilde(standardizePath(*serve)));
+            const auto server = DemoSandbox::serveAgain(root);
+            context.out << "Serving " << (root / "live-site").string() << " at " << server->url()
+                        << "; stop with Ctrl-C. Release from the sandbox meanwhile with "
+                        << (root / "veltra").string() << " release Sample\n"
+                        << std::flush;
+            EventLoop loop;
+            StopCallback stopped(context.stop, [&loop] { loop.post([&loop] { loop.quit(); }); });
+            if (!context.stop.stop_requested()) {
+                loop.run();
+            }
+            return;
+        }
+
         const auto sample = ResourceLocator::locate(ResourceLocator::Resource::demo);
         if (!sample || !fs::is_directory(*sample / "Sample")) {
             throw failure("The demo's sample project is not installed beside veltra "
@@ -54,7 +77,8 @@ void addDemoCommand(CLI::App& app, CliContext& context) {
             context.out << line << '\n' << std::flush;
             printed.push_back(line);
         };
-        if (const auto tools = DemoSandbox::useStandInsUnlessXcode()) {
+        const auto tools = DemoSandbox::useStandInsUnlessXcode();
+        if (tools) {
             say("Demo: this machine has no Xcode, so Apple's tools are Veltra's stand-ins from " +
                 tools->string() +
                 ": they print what the real tools print and write real files; nothing is "
@@ -111,11 +135,20 @@ void addDemoCommand(CLI::App& app, CliContext& context) {
                                                      : std::string())
                     << ")\n";
         context.out << "  Profiles: " << sandbox.profilesFile().string() << '\n';
-        context.out << (scratch ? "The sandbox is removed now and the web server stopped; "
-                                  "'veltra demo --keep DIR' keeps the sandbox to look inside.\n"
-                                : "The sandbox stays in " + root.string() +
-                                      "; the web server stopped with the demo.\n")
-                    << std::flush;
+        if (scratch) {
+            context.out << "The sandbox is removed now and the web server stopped; 'veltra demo "
+                           "--keep DIR' keeps the sandbox to look inside and release again.\n";
+        } else {
+            const auto launcher =
+                DemoSandbox::writeLauncher(root, ResourceLocator::executablePath(), tools);
+            context.out << "The sandbox stays in " << root.string()
+                        << "; the web server stopped with the demo.\n"
+                        << "  Serve its site again: veltra demo --serve "
+                        << shellCommandLine({root.string()}) << '\n'
+                        << "  Then release it again: " << shellCommandLine({launcher.string()})
+                        << " release Sample\n";
+        }
+        context.out << std::flush;
     });
 }
 

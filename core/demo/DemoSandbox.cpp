@@ -6,6 +6,7 @@
 #include "core/support/FileCopy.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/ResourceLocator.h"
+#include "core/support/Text.h"
 #include "core/support/VeltraError.h"
 
 namespace veltra {
@@ -122,6 +123,52 @@ std::optional<std::filesystem::path> DemoSandbox::useStandInsUnlessXcode() {
     // The stand-in hdiutil writes no real image; Veltra's own writer does.
     ::setenv("VELTRA_DMG_ENGINE", "native", 0);
     return tools;
+}
+
+fs::path DemoSandbox::writeLauncher(const fs::path& root, const fs::path& program,
+                                    const std::optional<fs::path>& tools) {
+    const auto script = root / "veltra";
+    std::string text = "#!/bin/sh\n"
+                       "# Veltra for this demo sandbox: its own profile file";
+    text += tools ? std::string(" and the stand-ins for Apple's tools it was made with.\n")
+                  : std::string(".\n");
+    text += "# Serve its site first ('veltra demo --serve " + root.string() +
+            "'), then for example: " + script.string() + " release Sample\n";
+    text += "here=$(cd \"$(dirname \"$0\")\" && pwd)\n";
+    text += "VELTRA_PROFILES=\"$here/profiles.json\"\nexport VELTRA_PROFILES\n";
+    if (tools) {
+        text += "VELTRA_TOOL_PATH=" + shellCommandLine({tools->string()}) +
+                "\nVELTRA_DMG_ENGINE=native\nexport VELTRA_TOOL_PATH VELTRA_DMG_ENGINE\n";
+    }
+    text += "exec " + shellCommandLine({program.string()}) + " \"$@\"\n";
+    writeFileAtomically(script, text);
+    fs::permissions(script, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                                fs::perms::others_read | fs::perms::others_exec);
+    return script;
+}
+
+std::unique_ptr<StaticSiteServer> DemoSandbox::serveAgain(const fs::path& root) {
+    const auto profiles = root / "profiles.json";
+    std::error_code error;
+    if (!fs::is_regular_file(profiles, error) || !fs::is_directory(root / "live-site", error)) {
+        throw VeltraError("Veltra", errorCode::notFound,
+                          root.string() + " is not a kept demo sandbox (no profiles.json and "
+                                          "live-site). Make one with 'veltra demo --keep DIR'.");
+    }
+    std::uint16_t port = 0;
+    for (const auto& profile : profilesFromJson(Json::parse(readFile(profiles)))) {
+        const auto& site = profile.webDeploy.siteURL;
+        constexpr std::string_view local = "http://127.0.0.1:";
+        if (site.starts_with(local)) {
+            port = static_cast<std::uint16_t>(
+                std::stoul(site.substr(local.size(), site.find('/', local.size()) - local.size())));
+        }
+    }
+    if (port == 0) {
+        throw VeltraError("Veltra", errorCode::notFound,
+                          "The sandbox's profile names no address on this machine to serve.");
+    }
+    return std::make_unique<StaticSiteServer>(root / "live-site", port);
 }
 
 } // namespace veltra

@@ -42,6 +42,16 @@ public:
     // neither.
     static std::optional<std::filesystem::path> useStandInsUnlessXcode();
 
+    // Leaves `root` releasable as it stands: "<root>/veltra" runs `veltra` (the program at
+    // `program`) with the sandbox's profile file and, when `tools` is given, the stand-ins the
+    // sandbox was made with. Returns the script's path.
+    static std::filesystem::path writeLauncher(const std::filesystem::path& root,
+                                               const std::filesystem::path& program,
+                                               const std::optional<std::filesystem::path>& tools);
+    // Serves a kept sandbox's published site again, on the address its profile names (the feed
+    // address the app reads). Throws VeltraError when `root` is no sandbox or the port is taken.
+    static std::unique_ptr<StaticSiteServer> serveAgain(const std::filesystem::path& root);
+
 private:
     std::filesystem::path root_;
     std::unique_ptr<StaticSiteServer> server_;

@@ -58,6 +58,8 @@ std::string errorText(const ProcessResult& result) {
 
 // Removes the build's work files however the build ends.
 struct WorkFiles {
+    // Holds the staging folder and the intermediate image; never a mounted volume.
+    std::filesystem::path root;
     std::filesystem::path staging;
     std::filesystem::path intermediate;
     std::filesystem::path mountPoint;
@@ -68,8 +70,9 @@ struct WorkFiles {
     WorkFiles& operator=(const WorkFiles&) = delete;
     ~WorkFiles() {
         std::error_code ignored;
-        std::filesystem::remove_all(staging, ignored);
-        std::filesystem::remove(intermediate, ignored);
+        if (!root.empty()) {
+            std::filesystem::remove_all(root, ignored);
+        }
         if (defaultBackground) {
             std::filesystem::remove(*defaultBackground, ignored);
         }
@@ -117,9 +120,12 @@ void DMGBuilder::build(const DMGBuildOptions& options, const LogHandler& log,
     const auto temporary =
         temporaryDirectory.empty() ? std::filesystem::temp_directory_path() : temporaryDirectory;
     WorkFiles work;
-    work.staging = temporary / ("veltra_dmg_" + Uuid::random().string());
-    work.intermediate = temporary / ("temp_" + Uuid::random().string() + ".dmg");
-    work.mountPoint = temporary / ("veltra_volume_" + Uuid::random().string());
+    // Named after this process, so a later run removes them if this one is killed.
+    fileStep([&] { std::filesystem::create_directories(temporary); });
+    work.root = makeOwnedTemporaryFolder(temporary, "veltra_dmg_");
+    work.staging = work.root / "staging";
+    work.intermediate = work.root / "temp.dmg";
+    work.mountPoint = makeOwnedTemporaryFolder(temporary, "veltra_volume_");
 
     fileStep([&] {
         if (std::filesystem::exists(std::filesystem::symlink_status(options.outputDMGPath))) {

@@ -4,6 +4,7 @@
 #include "core/publishing/GitCommand.h"
 #include "core/publishing/GitHubReleaseEngine.h"
 #include "core/publishing/ReleasePublishingPlan.h"
+#include "core/support/FileUtilities.h"
 #include "core/support/Text.h"
 #include "core/support/Uuid.h"
 #include "core/support/VeltraError.h"
@@ -22,13 +23,8 @@ namespace veltra {
 DryRun::DryRun(const std::filesystem::path& temporaryBase, Log log)
     : base_(temporaryBase.empty() ? std::filesystem::temp_directory_path() : temporaryBase),
       log_(std::move(log)) {
-    auto pattern = (base_ / "veltra-dryrun-files-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) {
-        throw VeltraError("POSIX", errno,
-                          "Could not create a folder for the dry run's files in " + pattern + ".");
-    }
-    files_ = pattern;
-    log_("Dry run: the image and notes go to " + pattern);
+    files_ = makeOwnedTemporaryFolder(base_, "veltra-dryrun-files-");
+    log_("Dry run: the image and notes go to " + files_.string());
 }
 
 DryRun::~DryRun() {

@@ -38,7 +38,9 @@ void PipelineManager::dmgStage(RunState& run) {
     // Built in a work folder beside it under its own name (codesign names a signed image after
     // its file), and moved into place only once built: a failed or cancelled build leaves the
     // image already there as it was.
-    const auto work = run.filesDirectory / (".veltra-image-" + Uuid::random().string());
+    std::filesystem::create_directories(run.filesDirectory);
+    removeAbandonedTemporaryFolders(run.filesDirectory, ".veltra-image-");
+    const auto work = makeOwnedTemporaryFolder(run.filesDirectory, ".veltra-image-");
     struct RemoveWork {
         std::filesystem::path folder;
         ~RemoveWork() {

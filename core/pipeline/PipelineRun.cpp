@@ -39,6 +39,16 @@ void PipelineManager::execute(const ReleaseRequest& request, StopToken stop) {
     std::optional<FileLock> releaseLock;
     try {
         releaseLock = ReleaseLock::acquire(releaseLockFolder, profile, run.appName);
+        // What killed runs left in the temporary folders (their process is gone) goes first.
+        for (const auto& folder : {std::filesystem::temp_directory_path(), temporaryDirectory}) {
+            if (folder.empty()) {
+                continue;
+            }
+            for (const auto* prefix : {"veltra_build_", "veltra_dmg_", "veltra-dryrun-files-"}) {
+                removeAbandonedTemporaryFolders(folder, prefix);
+            }
+            removeAbandonedTemporaryFolders(folder, "veltra_volume_", true);
+        }
         // The app's name names every release file; a profile from an older version may hold one
         // that would write outside the folders it belongs in.
         if (const auto problem = fileNameProblem(run.appName)) {

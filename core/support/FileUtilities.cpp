@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -136,6 +137,48 @@ void writeSecretFile(const std::filesystem::path& path, std::string_view content
         throw fileError(error, error == EEXIST ? "Will not replace" : "Could not write", path);
     }
     syncDirectory(path.parent_path());
+}
+
+std::filesystem::path makeOwnedTemporaryFolder(const std::filesystem::path& parent,
+                                               std::string_view prefix) {
+    auto pattern =
+        (parent / (std::string(prefix) + std::to_string(::getpid()) + "-XXXXXX")).string();
+    if (::mkdtemp(pattern.data()) == nullptr) {
+        throw fileError(errno, "Could not create a temporary folder", pattern);
+    }
+    return pattern;
+}
+
+std::size_t removeAbandonedTemporaryFolders(const std::filesystem::path& parent,
+                                            std::string_view prefix, bool onlyEmpty) {
+    std::error_code error;
+    std::size_t removed = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(parent, error)) {
+        const auto name = entry.path().filename().string();
+        if (!name.starts_with(prefix)) {
+            continue;
+        }
+        // "<pid>-XXXXXX" after the prefix, nothing else.
+        const auto rest = std::string_view(name).substr(prefix.size());
+        const auto dash = rest.find('-');
+        if (dash == 0 || dash == std::string_view::npos || dash > 9 || rest.size() != dash + 7 ||
+            rest.substr(0, dash).find_first_not_of("0123456789") != std::string_view::npos) {
+            continue;
+        }
+        const auto pid = static_cast<pid_t>(std::stol(std::string(rest.substr(0, dash))));
+        struct stat info {};
+        if (::lstat(entry.path().c_str(), &info) != 0 || !S_ISDIR(info.st_mode) ||
+            info.st_uid != ::getuid() || pid == ::getpid() ||
+            (::kill(pid, 0) == 0 || errno != ESRCH)) {
+            continue;
+        }
+        std::error_code ignored;
+        if (onlyEmpty ? std::filesystem::remove(entry.path(), ignored)
+                      : std::filesystem::remove_all(entry.path(), ignored) > 0) {
+            ++removed;
+        }
+    }
+    return removed;
 }
 
 PrivateTemporaryFolder::PrivateTemporaryFolder(const std::string& prefix) {

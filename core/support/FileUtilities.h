@@ -27,6 +27,17 @@ void createPrivateDirectories(const std::filesystem::path& path);
 // Name prefix of the temporary files writeFileAtomically leaves behind only when killed.
 std::string atomicWriteTemporaryPrefix(const std::filesystem::path& path);
 
+// A new folder of mode 0700 in `parent` named "<prefix><pid>-XXXXXX": the owning process is in
+// the name, so a later run can tell a stopped run's folder from a running one's. Throws
+// VeltraError ("POSIX") when it cannot be made.
+std::filesystem::path makeOwnedTemporaryFolder(const std::filesystem::path& parent,
+                                               std::string_view prefix);
+// Removes what makeOwnedTemporaryFolder made in `parent` with `prefix` for processes that are
+// gone (this user's only; never a living process's). With `onlyEmpty`, only empty folders (a
+// mount point may still hold a volume). Returns how many went.
+std::size_t removeAbandonedTemporaryFolders(const std::filesystem::path& parent,
+                                            std::string_view prefix, bool onlyEmpty = false);
+
 // A new folder of mode 0700 in the temporary folder ("<prefix>-XXXXXX", a name mkdtemp picks),
 // removed with all it holds when this goes. Throws VeltraError ("POSIX") when it cannot be made.
 class PrivateTemporaryFolder {

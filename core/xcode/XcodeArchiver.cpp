@@ -437,8 +437,7 @@ fs::path XcodeArchiver::archiveAndExport(const XcodeProjectInfo& project, const 
     }
     log("   Success: " + configuration + " Info.plist paths verified");
 
-    const auto buildFolder =
-        fs::temp_directory_path() / ("veltra_build_" + Uuid::random().string());
+    const auto buildFolder = makeOwnedTemporaryFolder(fs::temp_directory_path(), "veltra_build_");
     const auto archivePath = buildFolder / (scheme + ".xcarchive");
     const auto exportFolder = buildFolder / "ExportedApp";
     fs::create_directories(buildFolder);

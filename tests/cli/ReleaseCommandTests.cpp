@@ -215,6 +215,36 @@ TEST(DemoCommand, ReleasesTheSampleUntilTheLocalSiteServesIt) {
     EXPECT_NE(again.errorOutput.find("is not empty. Choose a new or empty folder."),
               std::string::npos)
         << again.errorOutput;
+
+    // The kept sandbox lives on: its site served again on its address, one command releases.
+    EXPECT_NE(run.output.find("  Serve its site again: veltra demo --serve " + sandbox.string()),
+              std::string::npos)
+        << run.output;
+    EXPECT_NE(run.output.find("  Then release it again: " + (sandbox / "veltra").string() +
+                              " release Sample"),
+              std::string::npos);
+    {
+        const auto server = DemoSandbox::serveAgain(sandbox);
+        ProcessRequest release;
+        release.command = (sandbox / "veltra").string();
+        release.arguments = {"release", "Sample", "--build", "3"};
+        release.environment = {{"HOME", dir.path().string()}, {"TMPDIR", (dir / "tmp").string()}};
+        const auto second = ProcessRunner::run(release);
+        ASSERT_EQ(second.exitCode, 0) << second.output << second.errorOutput;
+        EXPECT_EQ(
+            SparkleFeedParser::parse(readFile(sandbox / "live-site" / "downloads" / "appcast.xml"))
+                ->front()
+                .version,
+            "3");
+    }
+    // The command serves until stopped; the address is the profile's.
+    const auto serving = testing::runVeltraStoppedAt({"demo", "--serve", sandbox.string()},
+                                                     environment, "stop with Ctrl-C", SIGINT);
+    EXPECT_EQ(serving.exitCode, 0) << serving.output;
+    EXPECT_NE(
+        serving.output.find(nlohmann::json(profiles[0]["webDeploy"]["siteURL"]).get<std::string>()),
+        std::string::npos)
+        << serving.output;
 }
 
 } // namespace

@@ -20,6 +20,7 @@
 #include <mutex>
 #include <sys/stat.h>
 #include <thread>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -139,8 +140,10 @@ TEST_F(DMGBuilderRun, DefaultArtworkImageHoldsWhatAUserSees) {
     EXPECT_EQ(Lines(create.begin() + 3, create.end() - 2),
               (Lines{"-volname", "Acme 1.2.3", "-fs", "HFS+", "-fsargs", "-c c=64,a=16,e=16",
                      "-format", "UDRW"}));
-    EXPECT_TRUE(create[11].starts_with((work / "temp_").string()));
-    EXPECT_TRUE(create[11].ends_with(".dmg"));
+    // Work folders carry this process's id: a later run removes them if this one is killed.
+    const auto owned = (work / ("veltra_dmg_" + std::to_string(::getpid()) + "-")).string();
+    EXPECT_TRUE(create[2].starts_with(owned)) << create[2];
+    EXPECT_EQ(create[11], (fs::path(create[2]).parent_path() / "temp.dmg").string());
     EXPECT_EQ(create[12], "-quiet");
     const auto& intermediate = create[11];
     const auto& attach = hdiutil[1];

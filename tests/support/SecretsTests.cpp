@@ -13,6 +13,8 @@
 #include "core/support/VeltraError.h"
 
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -215,6 +217,43 @@ TEST(SecretsFromTheEnvironment, AreTakenOutOfIt) {
     EXPECT_EQ(takeSecretFromEnvironment("VELTRA_TEST_SECRET"), "pw");
     EXPECT_EQ(std::getenv("VELTRA_TEST_SECRET"), nullptr);
     EXPECT_EQ(takeSecretFromEnvironment("VELTRA_TEST_SECRET"), std::nullopt);
+}
+
+// A killed run's work folders are found by the process id in their names: those of processes
+// that are gone are removed, a living process's never, and a mount point only when empty.
+TEST(OwnedTemporaryFolders, AreRemovedOnlyOnceTheirProcessIsGone) {
+    testing::TempDir dir;
+    const auto mine = makeOwnedTemporaryFolder(dir.path(), "veltra_dmg_");
+    EXPECT_EQ(std::filesystem::status(mine).permissions() & std::filesystem::perms::all,
+              std::filesystem::perms::owner_all);
+    // A process that has exited: its id is free (until reused, when its folder simply stays).
+    const auto gone = [] {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::_exit(0);
+        }
+        ::waitpid(child, nullptr, 0);
+        return std::to_string(child);
+    }();
+    const auto dead = dir / ("veltra_dmg_" + gone + "-abcdef");
+    std::filesystem::create_directories(dead / "staging");
+    testing::writeFile(dead / "temp.dmg", "x");
+    const auto deadMount = dir / ("veltra_volume_" + gone + "-abcdef");
+    std::filesystem::create_directories(deadMount / "Sample.app");
+    const auto living = dir / "veltra_dmg_1-abcdef"; // init lives
+    std::filesystem::create_directories(living);
+    const auto other = dir / ("veltra_dmg_" + gone + "-abcdef-more");
+    std::filesystem::create_directories(other);
+
+    EXPECT_EQ(removeAbandonedTemporaryFolders(dir.path(), "veltra_dmg_"), 1u);
+    EXPECT_FALSE(std::filesystem::exists(dead));
+    for (const auto& kept : {mine, living, other}) {
+        EXPECT_TRUE(std::filesystem::exists(kept)) << kept;
+    }
+    EXPECT_EQ(removeAbandonedTemporaryFolders(dir.path(), "veltra_volume_", true), 0u);
+    EXPECT_TRUE(std::filesystem::exists(deadMount / "Sample.app"));
+    std::filesystem::remove(deadMount / "Sample.app");
+    EXPECT_EQ(removeAbandonedTemporaryFolders(dir.path(), "veltra_volume_", true), 1u);
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <thread>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -243,7 +244,9 @@ TEST_F(XcodeArchiverRun, ReSignsEveryItemWithItsEntitlementsLessGetTaskAllow) {
     const auto buildFolder = app.parent_path().parent_path();
     EXPECT_EQ(app, buildFolder / "ExportedApp" / "Acme.app");
     EXPECT_TRUE(buildFolder.filename().string().starts_with("veltra_build_"));
-    EXPECT_EQ(buildFolder.filename().string().size(), std::string("veltra_build_").size() + 36);
+    EXPECT_TRUE(buildFolder.filename().string().starts_with("veltra_build_" +
+                                                            std::to_string(::getpid()) + "-"));
+    EXPECT_EQ(fs::status(buildFolder).permissions() & fs::perms::all, fs::perms::owner_all);
     EXPECT_TRUE(fs::is_symlink(app / "Contents/Frameworks/Helper.framework/Versions/Current"));
 
     const auto archives = runsOf("xcodebuild");
