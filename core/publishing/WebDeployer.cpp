@@ -5,6 +5,7 @@
 #include "core/feed/AppcastDocument.h"
 #include "core/feed/FeedItemCheck.h"
 #include "core/feed/SparkleFeedParser.h"
+#include "core/process/TransientRetry.h"
 #include "core/support/FileCopy.h"
 #include "core/support/FileUtilities.h"
 #include "core/support/GitRefName.h"
@@ -17,6 +18,7 @@
 #include <fstream>
 #include <mutex>
 #include <tuple>
+#include <unistd.h>
 
 #include <fmt/format.h>
 
@@ -138,6 +140,40 @@ std::optional<std::string> WebDeployer::containmentProblem(const std::filesystem
         }
     }
     return std::nullopt;
+}
+
+FileLock WebDeployer::lockRepository(const std::filesystem::path& repository,
+                                     const std::string& holder, const LogHandler& say,
+                                     StopToken stop) const {
+    std::error_code error;
+    auto canonical = std::filesystem::weakly_canonical(repository, error).string();
+    const auto folder = lockFolder.empty() ? homeDirectory() / ".veltra" / "locks" : lockFolder;
+    createPrivateDirectories(folder);
+    const auto path =
+        folder / fmt::format("website-{:016x}.lock", std::hash<std::string>{}(canonical));
+    const auto deadline = std::chrono::steady_clock::now() + repositoryLockWait;
+    bool told = false;
+    for (;;) {
+        if (auto lock = FileLock::tryLock(path)) {
+            lock->describeHolder(holder);
+            return std::move(*lock);
+        }
+        const auto other = std::string(trimWhitespace(FileLock::holder(path)));
+        const auto who = other.empty() ? std::string("another release") : other;
+        if (std::chrono::steady_clock::now() >= deadline) {
+            throw VeltraError("Veltra", errorCode::conflict,
+                              "The website repository " + repository.string() + " is in use by " +
+                                  who + ". Try again once it has finished publishing.");
+        }
+        if (!told) {
+            say("Waiting for " + who + " to finish with the website repository " +
+                repository.string() + "...");
+            told = true;
+        }
+        if (!waitUnlessStopped(std::chrono::milliseconds(200), stop)) {
+            throw CancellationError();
+        }
+    }
 }
 
 std::filesystem::path WebDeployer::checkedRepository(const WebDeployConfig& config,
@@ -262,6 +298,11 @@ WebsitePublication WebDeployer::deploy(const WebDeployConfig& config,
         }
     };
     const auto repository = checkedRepository(config, delivery, release.appName, say, stop);
+    // One deploy per repository at a time, whichever app it is for: git's index is shared.
+    const auto lock = lockRepository(repository,
+                                     "the release of " + release.appName + " " + release.version +
+                                         " (process " + std::to_string(::getpid()) + ")",
+                                     say, stop);
     const auto publishingBranch = branch(config);
     const auto paths = releasePaths(config, release.appName, true, release.fileStem);
 
@@ -374,6 +415,9 @@ WebsitePublication WebDeployer::publishFeedChange(const WebDeployConfig& config,
         }
     };
     const auto repository = delivery.websiteRepoPath;
+    const auto lock = lockRepository(
+        repository, "'" + change.commitSubject + "' (process " + std::to_string(::getpid()) + ")",
+        say, stop);
     const auto downloadsPath = ReleasePublishingPlan::downloadsFolder(config);
     std::vector<std::string> paths{downloadsPath + "/appcast.xml"};
     for (const auto& removed : change.removedFiles) {
@@ -392,6 +436,43 @@ WebsitePublication WebDeployer::publishFeedChange(const WebDeployConfig& config,
     }
     commitAndPush(repository, config, paths, change.commitSubject, publication, say, stop);
     return publication;
+}
+
+void WebDeployer::leaveAsOriginHasIt(const std::filesystem::path& repository,
+                                     const std::string& tracking,
+                                     const std::vector<std::string>& paths,
+                                     const std::string& subject, StopToken stop) const {
+    const auto git = [&](std::vector<std::string> arguments) {
+        return GitCommand::run(repository, std::move(arguments), stop);
+    };
+    // Only this release's own commit is taken back, never anyone else's.
+    const auto head = git({"log", "-1", "--format=%s"});
+    if (head.exitCode != 0 || trimWhitespace(head.output) != subject ||
+        git({"merge-base", "--is-ancestor", "--end-of-options", "HEAD~1", tracking}).exitCode !=
+            0) {
+        return;
+    }
+    // The release's files step aside while the branch becomes origin's, then come back as
+    // changes: nothing of either side is lost.
+    const auto held = repository / ".git" / "veltra-held";
+    std::error_code error;
+    std::filesystem::remove_all(held, error);
+    std::vector<std::string> moved;
+    for (const auto& path : paths) {
+        if (std::filesystem::is_regular_file(repository / path, error)) {
+            std::filesystem::create_directories((held / path).parent_path(), error);
+            std::filesystem::rename(repository / path, held / path, error);
+            if (!error) {
+                moved.push_back(path);
+            }
+        }
+    }
+    git({"reset", "--hard", "--quiet", tracking});
+    for (const auto& path : moved) {
+        std::filesystem::create_directories((repository / path).parent_path(), error);
+        std::filesystem::rename(held / path, repository / path, error);
+    }
+    std::filesystem::remove_all(held, error);
 }
 
 void WebDeployer::commitAndPush(const std::filesystem::path& repository,
@@ -446,17 +527,49 @@ void WebDeployer::commitAndPush(const std::filesystem::path& repository,
                           "and DMG.");
     }
     say("Deploying to remote repository (origin/" + publishingBranch + ")...");
-    if (git({"fetch", "--end-of-options", "origin", publishingBranch}).exitCode == 0 &&
-        git({"rebase", "--end-of-options", "origin/" + publishingBranch}).exitCode != 0) {
-        // Leave the repository as it was; the push below reports the conflict.
-        git({"rebase", "--abort"});
-    }
-    const auto pushed =
-        git({"push", "--end-of-options", "origin", publishingBranch}, [&](std::string_view line) {
-            if (const auto text = trimWhitespace(line); !text.empty()) {
-                say("   " + std::string(text));
+    const auto tracking = "origin/" + publishingBranch;
+    const auto showLine = [&](std::string_view line) {
+        if (const auto text = trimWhitespace(line); !text.empty()) {
+            say("   " + std::string(text));
+        }
+    };
+    // On top of what origin has; when origin moves meanwhile (an edit on the hosting service),
+    // once more on top of that.
+    ProcessResult pushed;
+    bool conflict = false;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (git({"fetch", "--end-of-options", "origin", publishingBranch}).exitCode == 0 &&
+            git({"rebase", "--end-of-options", tracking}).exitCode != 0) {
+            // A rebase that stopped on the release's own files conflicts with origin; one that
+            // could not start (the developer's staged work) leaves the push to say what is wrong.
+            std::error_code missing;
+            conflict = std::filesystem::exists(repository / ".git" / "rebase-merge", missing) ||
+                       std::filesystem::exists(repository / ".git" / "rebase-apply", missing);
+            git({"rebase", "--abort"});
+            if (conflict) {
+                break;
             }
-        });
+        }
+        pushed = git({"push", "--end-of-options", "origin", publishingBranch}, showLine);
+        const auto said = combinedOutput(pushed);
+        if (pushed.exitCode == 0 ||
+            !(contains(said, "[rejected]") || contains(said, "non-fast-forward") ||
+              contains(said, "fetch first"))) {
+            break;
+        }
+    }
+    if (conflict) {
+        leaveAsOriginHasIt(repository, tracking, paths, subject, stop);
+        throw VeltraError(
+            "Veltra", errorCode::conflict,
+            "origin/" + publishingBranch +
+                " changed files this release writes, so the release cannot be replayed on it. "
+                "The website repository " +
+                repository.string() +
+                " is left as origin has it, with this release's files as "
+                "uncommitted changes: keep what each should hold, then "
+                "finish with 'veltra release NAME --resume'.");
+    }
     if (pushed.exitCode != 0) {
         throw GitCommand::failure("Could not publish release to origin/" + publishingBranch,
                                   pushed);

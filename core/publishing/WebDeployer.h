@@ -6,10 +6,12 @@
 #include "core/process/ProcessRunner.h"
 #include "core/records/WebDeployConfig.h"
 #include "core/records/WebsitePublication.h"
+#include "core/support/FileLock.h"
 #include "core/support/HttpClient.h"
 #include "core/support/LogHandler.h"
 #include "core/support/StopToken.h"
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
@@ -57,6 +59,11 @@ public:
     HttpClient session;
     // Commit the release and stop there: no origin check, push or hook (a dry run).
     bool commitOnly = false;
+    // Where the website repositories' locks live (~/.veltra/locks when empty): one publishes at
+    // a time, whichever profile it is for.
+    std::filesystem::path lockFolder{};
+    // How long a deploy waits for another one to finish with the same repository.
+    std::chrono::milliseconds repositoryLockWait{std::chrono::minutes(10)};
 
     // Throws VeltraError: 404 for a missing repository, the inspector's blocker, git's exit
     // status with the shared git failure text, the file system's errors. The hook never fails.
@@ -130,6 +137,11 @@ public:
     static std::string commitSubject(const std::string& appName, const std::string& version,
                                      const std::string& build);
 
+    // Holds the repository's lock, waiting at most `repositoryLockWait` for its holder (saying
+    // so); VeltraError (conflict) naming the holder when it does not let go.
+    FileLock lockRepository(const std::filesystem::path& repository, const std::string& holder,
+                            const LogHandler& say, StopToken stop) const;
+
 private:
     // The repository a deploy writes to, cloned when missing and a remote is known.
     std::filesystem::path checkedRepository(const WebDeployConfig& config,
@@ -143,6 +155,11 @@ private:
                                                 const ResolvedDeliveryConfig& delivery,
                                                 const WebDeployRelease& release,
                                                 const LogHandler& say) const;
+    // After a push origin refused for conflicting changes: the branch as origin has it, with the
+    // release's files back as uncommitted changes. Only when the top commit is the release's.
+    void leaveAsOriginHasIt(const std::filesystem::path& repository, const std::string& tracking,
+                            const std::vector<std::string>& paths, const std::string& subject,
+                            StopToken stop) const;
     // Commits exactly `paths` (deleted ones as deletions), pushes on top of origin and calls
     // the deploy hook; fills in `publication.pushedAt`.
     void commitAndPush(const std::filesystem::path& repository, const WebDeployConfig& config,

@@ -360,6 +360,59 @@ TEST_F(Website, PushLandsOnTopOfWorkPushedInBetween) {
               "Success: Release pushed to origin/main; waiting for the live appcast...");
 }
 
+// origin moved with changes to the release's own files: no replay, no commit left behind; the
+// repository is origin's, with the release's files as changes to finish by hand.
+TEST_F(Website, AConflictingChangeOnOriginLeavesTheRepositoryAsOriginHasIt) {
+    writeFeed("SIG==");
+    const auto other = repo.dir / "other";
+    git(repo.dir.path(), {"clone", "--quiet", repo.origin.string(), other.string()});
+    testing::writeFile(other / "downloads" / "Acme.md", "Edited on the hosting service");
+    git(other, {"add", "downloads/Acme.md"});
+    git(other, {"commit", "--quiet", "-m", "Notes edit"});
+    git(other, {"push", "--quiet", "origin", "main"});
+
+    try {
+        deploy();
+        FAIL() << "the deploy went through";
+    } catch (const VeltraError& error) {
+        EXPECT_NE(std::string(error.what()).find("is left as origin has it"), std::string::npos)
+            << error.what();
+    }
+    EXPECT_EQ(git(repo.site, {"log", "-1", "--format=%s"}), "Notes edit\n");
+    EXPECT_EQ(git(repo.site, {"rev-list", "origin/main..main"}), "");
+    EXPECT_EQ(readFile(repo.site / "downloads" / "Acme.md"), "# What's New\n");
+    EXPECT_EQ(readFile(repo.site / "downloads" / "Acme.dmg"), std::string(5000, 'd'));
+    EXPECT_EQ(originLog(), "Notes edit\nUpdate index.html\n");
+}
+
+// Two profiles publishing to one repository take turns; one that does not let go is named.
+TEST_F(Website, OneDeployPerRepositoryAtATime) {
+    writeFeed("SIG==");
+    WebDeployer other;
+    other.lockFolder = repo.dir / "locks";
+    const auto held =
+        other.lockRepository(repo.site, "the release of Other 2.0 (process 1)", {}, {});
+    WebDeployer deployer;
+    deployer.lockFolder = repo.dir / "locks";
+    deployer.repositoryLockWait = std::chrono::milliseconds(300);
+    Lines said;
+    try {
+        deployer.deploy(config, delivery(), release(),
+                        [&said](const std::string& line) { said.push_back(line); });
+        FAIL() << "deployed while another held the repository";
+    } catch (const VeltraError& error) {
+        EXPECT_EQ(std::string(error.what()),
+                  "The website repository " + repo.site.string() +
+                      " is in use by the release of Other 2.0 (process 1). Try again once it has "
+                      "finished publishing.");
+    }
+    ASSERT_FALSE(said.empty());
+    EXPECT_EQ(said.front(), "Waiting for the release of Other 2.0 (process 1) to finish with the "
+                            "website repository " +
+                                repo.site.string() + "...");
+    EXPECT_EQ(originLog(), "Update index.html\n");
+}
+
 TEST_F(Website, GitFailuresKeepGitsWordsAndRecogniseCredentials) {
     writeFeed("SIG==");
     testing::writeScript(repo.origin / "hooks" / "pre-receive",
