@@ -93,6 +93,21 @@ void PipelineManager::execute(const ReleaseRequest& request, StopToken stop) {
                 run.version = run.resumed->version;
                 run.build = run.resumed->build;
                 run.feedControls = run.resumed->feedControls;
+            } else if (!request.dryRun) {
+                if (const auto stopped = ReleaseRunRecord::load(run.outputDirectory);
+                    stopped && stopped->profileID == profile.id) {
+                    // The stopped run never published (its record goes once it has): its
+                    // build is free again, so builds are not used up by stopped runs.
+                    const bool reuse = !request.build && stopped->version == run.version &&
+                                       run.build && stopped->build < *run.build;
+                    if (reuse) {
+                        run.build = stopped->build;
+                    }
+                    log("Info: Discarding the stopped release of v" + stopped->version +
+                        " (build " + std::to_string(stopped->build) + ")" +
+                        (reuse ? "; this release takes its build" : std::string()) +
+                        ". 'veltra release --resume' continues a stopped release instead.");
+                }
             }
             log("Releasing " + run.appName + " (Build " + std::to_string(*run.build) + ")");
             log("Source: " + run.project->string());

@@ -456,6 +456,23 @@ TEST(ReleaseCommandStop, BeforeThePushItResumesAfterItTheReleaseStands) {
         {"VELTRA_FAKE_ARCHIVE_DELAY", "5"},
         {"PATH", std::string(VELTRA_TOOLS_DIR) + ":" + std::getenv("PATH")}};
 
+    // A stopped run's build is not used up: the next release of the version takes it.
+    const auto first = testing::runVeltraStoppedAt({"release", "Sample", "--no-wait"}, environment,
+                                                   "Compiling", SIGINT);
+    ASSERT_EQ(first.exitCode, 130) << first.output;
+    const auto at = first.output.find("(Build ") + 7;
+    const auto taken = first.output.substr(at, first.output.find(')', at) - at);
+    environment.erase("VELTRA_FAKE_ARCHIVE_DELAY");
+    const auto next = testing::runVeltra({"release", "Sample", "--no-wait"}, environment);
+    ASSERT_EQ(next.exitCode, 0) << next.output << next.errorOutput;
+    EXPECT_NE(next.output.find("Releasing Sample (Build " + taken + ")"), std::string::npos)
+        << next.output;
+    EXPECT_NE(next.output.find("Info: Discarding the stopped release of v1.0 (build " + taken +
+                               "); this release takes its build."),
+              std::string::npos)
+        << next.output;
+    environment["VELTRA_FAKE_ARCHIVE_DELAY"] = "5";
+
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         SCOPED_TRACE(signal);
         const auto stopped = testing::runVeltraStoppedAt(
