@@ -647,9 +647,15 @@ std::optional<std::string> WebDeployer::liveSiteProblem(const WebsitePublication
         if (item == nullptr) {
             return "the feed at " + feed.url + " has no item for build " + build;
         }
+        // A release recorded before each item had its own download names the stable file;
+        // its item now names the copy it was given, which carries the same signature.
+        const auto downloadURL = item->edSignature == publication.expectedSignature &&
+                                         item->enclosureLength == size
+                                     ? item->enclosureURL
+                                     : publication.downloadURL;
         for (const auto& [what, found, wanted] :
              {std::tuple{"version", item->shortVersion, version},
-              std::tuple{"download address", item->enclosureURL, publication.downloadURL},
+              std::tuple{"download address", item->enclosureURL, downloadURL},
               std::tuple{"signature", item->edSignature, publication.expectedSignature},
               std::tuple{"length", item->enclosureLength, size}}) {
             if (found != wanted) {
@@ -663,7 +669,7 @@ std::optional<std::string> WebDeployer::liveSiteProblem(const WebsitePublication
         }
         HttpRequest head;
         head.method = HttpRequest::Method::head;
-        head.url = publication.downloadURL;
+        head.url = downloadURL;
         head.timeout = 10;
         head.headers = {"Cache-Control: no-cache", "Pragma: no-cache"};
         const auto headAnswer = session.send(head, stop);
@@ -683,7 +689,7 @@ std::optional<std::string> WebDeployer::liveSiteProblem(const WebsitePublication
         // No usable length: stream the whole file and count it, in constant memory.
         std::uint64_t counted = 0;
         HttpRequest get;
-        get.url = publication.downloadURL;
+        get.url = downloadURL;
         get.timeout = 600;
         get.headers = {"Cache-Control: no-cache", "Pragma: no-cache"};
         get.range = std::pair{std::uint64_t{0}, std::optional<std::uint64_t>{}};
