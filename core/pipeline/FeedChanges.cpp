@@ -56,7 +56,8 @@ FeedChangeOutcome FeedChanges::change(Kind kind, const ProjectProfile& profile,
                           "No website repository holds " + appName +
                               "'s feed. Set webDeploy.websiteRepoPath first.");
     }
-    const WebDeployer deployer;
+    WebDeployer deployer;
+    deployer.lockFolder = lockFolder;
     const auto branch = WebDeployer::branch(profile.webDeploy);
     const auto feedPath =
         ReleasePublishingPlan::downloadsFolder(profile.webDeploy) + "/appcast.xml";

@@ -136,6 +136,7 @@ void PipelineManager::deployStage(RunState& run) {
         run.embedded.publicKey.value_or(""));
     release.removedFiles = run.droppedSiteFiles;
     auto& deployer = run.engines.webDeployer;
+    deployer.lockFolder = releaseLockFolder;
     auto config = profile.webDeploy;
     // The preflight checked, before building, that the commit carries only this release; the
     // feed and files this run wrote since are its own.

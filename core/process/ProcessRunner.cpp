@@ -3,6 +3,7 @@
 #include "ProcessExecutionError.h"
 #include "ProcessIO.h"
 #include "ThreadSafeBuffer.h"
+#include "core/support/Secrets.h"
 #include "core/support/Text.h"
 #include "core/support/Utf8.h"
 #include "core/support/VeltraError.h"
@@ -430,13 +431,20 @@ ProcessResult ProcessRunner::run(const ProcessRequest& request, StopToken stop) 
     }
     std::vector<std::string> words{request.command};
     words.insert(words.end(), request.arguments.begin(), request.arguments.end());
-    trace("$ " + shellCommandLine(words));
+    // Addresses in arguments and output may carry a token (git repeats its remote's).
+    trace("$ " + redactURLCredentials(shellCommandLine(words)));
     const auto result = runUntraced(request, std::move(stop));
+    if (request.secretOutput) {
+        trace("  | (" + std::to_string(result.output.size()) + " bytes of secret output hidden)");
+    }
     for (const auto* stream : {&result.output, &result.errorOutput}) {
+        if (request.secretOutput && stream == &result.output) {
+            continue;
+        }
         std::size_t begin = 0;
         while (begin < stream->size()) {
             const auto end = std::min(stream->find('\n', begin), stream->size());
-            trace("  | " + stream->substr(begin, end - begin));
+            trace("  | " + redactURLCredentials(stream->substr(begin, end - begin)));
             begin = end + 1;
         }
     }

@@ -47,6 +47,9 @@ struct ProcessRequest {
     // UTF-8 replaced. A last line without a break comes when the tool has ended (not when it was
     // stopped). Lines of one run come one at a time, never concurrently.
     std::function<void(std::string_view)> onLine{};
+    // What the tool prints is a secret (a key or password read out of a keychain): a trace
+    // (--verbose) says only how much it printed.
+    bool secretOutput = false;
 };
 
 // Cuts a stream of chunks into whole lines for ProcessRequest::onLine.

@@ -649,10 +649,10 @@ std::optional<std::string> WebDeployer::liveSiteProblem(const WebsitePublication
         }
         // A release recorded before each item had its own download names the stable file;
         // its item now names the copy it was given, which carries the same signature.
-        const auto downloadURL = item->edSignature == publication.expectedSignature &&
-                                         item->enclosureLength == size
-                                     ? item->enclosureURL
-                                     : publication.downloadURL;
+        const auto downloadURL =
+            item->edSignature == publication.expectedSignature && item->enclosureLength == size
+                ? item->enclosureURL
+                : publication.downloadURL;
         for (const auto& [what, found, wanted] :
              {std::tuple{"version", item->shortVersion, version},
               std::tuple{"download address", item->enclosureURL, downloadURL},

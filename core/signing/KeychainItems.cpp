@@ -27,7 +27,10 @@ bool KeychainItems::available() {
 std::optional<std::string> KeychainItems::find(const std::string& service,
                                                const std::string& account, StopToken stop) {
     auto result = ProcessRunner::run(
-        "security", {"find-generic-password", "-s", service, "-a", account, "-w"}, stop);
+        ProcessRequest{.command = "security",
+                       .arguments = {"find-generic-password", "-s", service, "-a", account, "-w"},
+                       .secretOutput = true},
+        stop);
     if (result.exitCode == itemNotFound) {
         return std::nullopt;
     }
