@@ -145,7 +145,9 @@ std::string controlLines(const FeedControls& controls, std::string_view indent) 
 // one), or nothing.
 std::optional<std::pair<std::size_t, std::size_t>> elementSpan(std::string_view text,
                                                                std::string_view name) {
-    const auto open = "<" + std::string(name);
+    // Built up piece by piece: g++ 12 at -O3 misreads "<" + std::string(name) (-Wrestrict).
+    std::string open(1, '<');
+    open.append(name);
     std::size_t begin = text.find(open);
     while (begin != std::string_view::npos) {
         const char after = begin + open.size() < text.size() ? text[begin + open.size()] : '\0';
@@ -164,7 +166,9 @@ std::optional<std::pair<std::size_t, std::size_t>> elementSpan(std::string_view 
     }
     std::size_t end = tagEnd + 1;
     if (text[tagEnd - 1] != '/') {
-        const auto close = text.find("</" + std::string(name) + ">", end);
+        std::string closing("</");
+        closing.append(name).push_back('>');
+        const auto close = text.find(closing, end);
         if (close == std::string_view::npos) {
             return std::nullopt;
         }

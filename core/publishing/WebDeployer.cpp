@@ -80,8 +80,11 @@ std::vector<std::string> WebDeployer::filesOnlyNamedBy(const ResolvedDeliveryCon
                                                        const std::vector<SparkleFeedItem>& dropped,
                                                        const std::vector<SparkleFeedItem>& kept) {
     const auto downloads = ReleasePublishingPlan::downloadsFolder(config);
+    // The site's own files stay whatever an item names: the stable download and notes, the
+    // feed itself, the icon.
     std::vector<std::string> keep{downloads + "/" + appName + ".dmg",
-                                  downloads + "/" + appName + ".md"};
+                                  downloads + "/" + appName + ".md", downloads + "/appcast.xml",
+                                  downloads + "/icon.png"};
     for (const auto& item : kept) {
         for (const auto* url : {&item.enclosureURL, &item.releaseNotesURL}) {
             if (auto file = siteFileOf(delivery, config, *url)) {

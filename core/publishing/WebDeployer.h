@@ -85,7 +85,7 @@ public:
                                                  std::string_view url);
 
     // The site files only `dropped` items name (their images and notes), never the stable
-    // "<app>.dmg"/"<app>.md" nor a file a `kept` item names.
+    // "<app>.dmg"/"<app>.md", the feed, the icon, nor a file a `kept` item names.
     static std::vector<std::string> filesOnlyNamedBy(const ResolvedDeliveryConfig& delivery,
                                                      const WebDeployConfig& config,
                                                      const std::string& appName,

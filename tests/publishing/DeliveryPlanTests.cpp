@@ -148,6 +148,16 @@ TEST_F(DeliveryPlan, SiteFilesAndTheirAddresses) {
               "downloads/My App #1?-1.0 \xC3\xA9.dmg");
     EXPECT_EQ(WebDeployer::siteFileOf(addresses, profile.webDeploy, url + "?v=3"),
               "downloads/My App #1?-1.0 \xC3\xA9.dmg");
+    // Retention and withdraw remove only what items alone name, never the site's own files.
+    SparkleFeedItem hostile;
+    hostile.enclosureURL = "https://apps.example.org/my/downloads/appcast.xml";
+    hostile.releaseNotesURL = "https://apps.example.org/my/downloads/icon.png";
+    SparkleFeedItem old;
+    old.enclosureURL = "https://apps.example.org/my/downloads/Acme-0.9.dmg";
+    old.releaseNotesURL = "https://apps.example.org/my/downloads/Acme.md";
+    EXPECT_EQ(
+        WebDeployer::filesOnlyNamedBy(addresses, profile.webDeploy, "Acme", {hostile, old}, {}),
+        std::vector<std::string>{"downloads/Acme-0.9.dmg"});
     for (const auto* outside :
          {"https://apps.example.org/my/downloads/..%2F..%2Fetc", "https://other.org/a.dmg",
           "https://apps.example.org/my/downloads/a/b.dmg",
