@@ -156,8 +156,20 @@ TEST(AppcastCommand, StubAddVerifyAndCheckBuild) {
                                            "c2ln",
                                            "--length",
                                            "9"};
-    EXPECT_EQ(veltra(second).exitCode, 0);
-    EXPECT_EQ(SparkleFeedParser::parse(readFile(feed))->front().version, "43");
+    // With the feed's controls, refused where the feed could not carry them.
+    auto badChannel = second;
+    badChannel.insert(badChannel.end(), {"--channel", "be ta"});
+    const auto refused = veltra(badChannel);
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_NE(refused.errorOutput.find("--channel 'be ta' cannot be used"), std::string::npos)
+        << refused.errorOutput;
+    auto controls = second;
+    controls.insert(controls.end(), {"--channel", "beta", "--critical-below", "40",
+                                     "--phased-rollout", "2d", "--minimum-autoupdate", "41"});
+    EXPECT_EQ(veltra(controls).exitCode, 0);
+    const auto controlled = SparkleFeedParser::parse(readFile(feed))->front();
+    EXPECT_EQ(controlled.version, "43");
+    EXPECT_EQ(controlled.controls, (FeedControls{"beta", true, "40", 172800, "41"}));
     second.resize(second.size() - 2);
     const auto missingLength = veltra(second);
     EXPECT_EQ(missingLength.exitCode, 2);

@@ -396,7 +396,9 @@ TEST(FeedLifecycle, EveryOfferedItemStaysInstallable) {
     EXPECT_EQ(liveItems()[0].controls.phasedRolloutSeconds, 86400);
     EXPECT_EQ(liveItems()[0].controls.minimumAutoupdateVersion, "3");
 
-    const auto promoted = veltra({"website", "promote", "Sample", "--build", "3", "--no-wait"});
+    const auto promoted = veltra({"website", "promote", "Sample", "--build", "3", "--wait", "2m"});
+    EXPECT_NE(promoted.output.find("Success: The live feed shows the change."), std::string::npos)
+        << promoted.output;
     EXPECT_NE(promoted.output.find("Build 3 (1.1) is offered to everyone now"), std::string::npos)
         << promoted.output;
     EXPECT_EQ(liveItems()[2].controls.channel, "");
@@ -432,6 +434,15 @@ TEST(FeedLifecycle, EveryOfferedItemStaysInstallable) {
               std::string::npos)
         << tampered.output;
     EXPECT_NE(tampered.output.find("veltra website withdraw Sample --build 4"), std::string::npos);
+    // Without --all the newest release is checked the same way: its length alone is not enough.
+    const auto newest = served / "Sample-1.5.dmg";
+    bytes = readFile(newest);
+    bytes[bytes.size() / 3] = static_cast<char>(bytes[bytes.size() / 3] ^ 1);
+    writeFileAtomically(newest, bytes);
+    const auto single = testing::runVeltra({"website", "check", "Sample"}, environment);
+    EXPECT_EQ(single.exitCode, 1);
+    EXPECT_NE(single.output.find("does not carry the feed's signature"), std::string::npos)
+        << single.output;
     // The doctor asks each item's download for its length and names the ones gone.
     fs::remove(served / "Sample-1.1.dmg");
     const auto doctor = testing::runVeltra({"doctor", "Sample"}, environment);
