@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include <CLI/CLI.hpp>
@@ -12,8 +13,10 @@ namespace veltra::cli {
 
 // A build number given on the command line; throws "Invalid release build number." otherwise.
 std::int64_t releaseBuildArgument(const std::string& text);
-// --wait's "10m", "90s", "1h" or plain seconds, at most a day; CLI::ValidationError otherwise.
-std::chrono::seconds waitDurationArgument(const std::string& text);
+// How long a command follows the live site: --wait's "10m", "90s", "1h" or plain seconds (at
+// most a day; CLI::ValidationError otherwise), else ten minutes for a person at a terminal when
+// `byDefault`, else not at all.
+std::optional<std::chrono::seconds> followDuration(const std::string& wait, bool byDefault);
 
 // Each command group adds its sub-commands to the app. A callback reports failure by throwing;
 // the command line turns that into "Error: " + message and a non-zero exit status.

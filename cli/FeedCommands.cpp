@@ -17,6 +17,7 @@
 #include <array>
 #include <memory>
 #include <optional>
+#include <unistd.h>
 #include <vector>
 
 #include <fmt/format.h>
@@ -301,8 +302,12 @@ void addCommitted(CLI::App& group, CliContext& context) {
 
 } // namespace
 
-// "10m", "90s", "1h" or plain seconds.
-std::chrono::seconds waitDurationArgument(const std::string& text) {
+std::optional<std::chrono::seconds> followDuration(const std::string& text, bool byDefault) {
+    if (text.empty()) {
+        return byDefault && ::isatty(STDOUT_FILENO) == 1
+                   ? std::optional<std::chrono::seconds>(std::chrono::minutes(10))
+                   : std::nullopt;
+    }
     std::size_t used = 0;
     long long amount = -1;
     try {

@@ -87,12 +87,7 @@ void addReleaseCommand(CLI::App& app, CliContext& context) {
         }
         request.resume = *resume;
         // A person at a terminal waits to see the release live; a script asks for it.
-        std::optional<std::chrono::seconds> follow;
-        if (!wait->empty()) {
-            follow = waitDurationArgument(*wait);
-        } else if (!*noWait && !*json && !request.dryRun && ::isatty(STDOUT_FILENO) == 1) {
-            follow = std::chrono::minutes(10);
-        }
+        const auto follow = followDuration(*wait, !*noWait && !*json && !request.dryRun);
         PipelineManager pipeline(store.loop(), store.notifications());
         std::optional<WebsitePublicationWatcher> watcher;
         if (follow) {

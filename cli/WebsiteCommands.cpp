@@ -337,12 +337,7 @@ void addFeedChange(CLI::App& group, CliContext& context, bool promote) {
                 throw failure("--channel '" + *channel + "' cannot be used: " + *problem + ".");
             }
         }
-        std::optional<std::chrono::seconds> follow;
-        if (!wait->empty()) {
-            follow = waitDurationArgument(*wait);
-        } else if (!*noWait && ::isatty(STDOUT_FILENO) == 1) {
-            follow = std::chrono::minutes(10);
-        }
+        const auto follow = followDuration(*wait, !*noWait);
         OpenStore store(context);
         auto chosen = store.find(*profile);
         LinePrinter print(context.out);
